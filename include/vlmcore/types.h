@@ -1,0 +1,57 @@
+/// \file
+/// Fixed-width number names and the small value types that several subsystems share.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace Velmor {
+
+using u8 = std::uint8_t;
+using u16 = std::uint16_t;
+using u32 = std::uint32_t;
+using u64 = std::uint64_t;
+using i8 = std::int8_t;
+using i16 = std::int16_t;
+using i32 = std::int32_t;
+using i64 = std::int64_t;
+using f32 = float;
+using f64 = double;
+
+static_assert(sizeof(f32) == 4 && sizeof(f64) == 8, "floats are IEEE single and double");
+static_assert(sizeof(void*) == 8, "VlmCore is built for 64-bit systems");
+
+/// Two values side by side.
+template <class A, class B>
+struct TPair {
+    A first;
+    B second;
+
+    friend constexpr bool operator==(TPair const&, TPair const&) = default;
+};
+
+namespace Math {
+
+/// A half-open range: `lower` belongs to it, `upper` does not.
+template <class T>
+struct TRange {
+    T lower;
+    T upper;
+
+    /// True when `lower <= value < upper`.
+    [[nodiscard]] constexpr bool Contains(T value) const { return lower <= value && value < upper; }
+
+    friend constexpr bool operator==(TRange const&, TRange const&) = default;
+};
+
+/// A point or vector of two components.
+template <class T>
+struct TTuple2 {
+    T x;
+    T y;
+
+    friend constexpr bool operator==(TTuple2 const&, TTuple2 const&) = default;
+};
+
+} // namespace Math
+} // namespace Velmor
