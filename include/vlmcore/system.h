@@ -3,6 +3,7 @@
 #pragma once
 
 #include <vlmcore/export.h>
+#include <vlmcore/impl/Core_Vector.h>
 #include <vlmcore/strings.h>
 #include <vlmcore/types.h>
 
@@ -23,6 +24,18 @@ VLM_API void GetCPUInfo(SCPUInfo& info);
 [[nodiscard]] VLM_API double GetTimeMs();
 [[nodiscard]] VLM_API u64 GetMaxPhysicalMemory();
 [[nodiscard]] VLM_API u64 GetMaxVirtualMemory();
+
+/// The standard streams of the process.
+namespace EConsole {
+enum Type : u32 { Output, Error };
+} // namespace EConsole
+
+/// Appends the command line, UTF-8, the program's name first: whole also where `main` gets it in a narrower code page.
+/// Throws CBadAllocation.
+VLM_API void GetArguments(TVector<CMutableString, 1>& arguments);
+
+/// True when the stream goes to a terminal, where a person sees progress and colours; false for files and pipes.
+[[nodiscard]] VLM_API bool IsTerminal(EConsole::Type stream);
 
 } // namespace System
 
