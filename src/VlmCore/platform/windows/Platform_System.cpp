@@ -1,0 +1,74 @@
+#include "platform/Platform_System.h"
+
+#ifndef WIN32_LEAN_AND_MEAN
+#  define WIN32_LEAN_AND_MEAN
+#endif
+#include <windows.h>
+
+#include <intrin.h>
+#if !defined(_MSC_VER)
+#  include <cpuid.h>
+#endif
+
+namespace Velmor::Platform {
+
+// Processor
+
+u32 GetProcessorCount()
+{
+    SYSTEM_INFO info;
+    ::GetSystemInfo(&info);
+    return info.dwNumberOfProcessors;
+}
+
+bool HasProcessorFeature(EProcessorFeature::Type feature)
+{
+    return ::IsProcessorFeaturePresent(feature) != FALSE;
+}
+
+SProcessorRegisters IdentifyProcessor(u32 leaf, u32 subleaf)
+{
+    SProcessorRegisters registers{};
+#if defined(_MSC_VER)
+    int raw[4];
+    __cpuidex(raw, static_cast<int>(leaf), static_cast<int>(subleaf));
+    registers = {static_cast<u32>(raw[0]), static_cast<u32>(raw[1]), static_cast<u32>(raw[2]),
+                 static_cast<u32>(raw[3])};
+#else
+    __cpuid_count(leaf, subleaf, registers.eax, registers.ebx, registers.ecx, registers.edx);
+#endif
+    return registers;
+}
+
+// Memory
+
+SMemoryFigures GetMemoryFigures()
+{
+    MEMORYSTATUSEX status{};
+    status.dwLength = sizeof(status);
+    if (!::GlobalMemoryStatusEx(&status))
+        return {};
+    return {status.ullTotalPhys, status.ullTotalPageFile};
+}
+
+// Clock
+
+u64 GetPerformanceCounter()
+{
+    LARGE_INTEGER counter;
+    ::QueryPerformanceCounter(&counter);
+    return static_cast<u64>(counter.QuadPart);
+}
+
+u64 GetPerformanceFrequency()
+{
+    // Asked once: the answer is fixed at the start of the system.
+    static u64 const frequency = [] {
+        LARGE_INTEGER answer;
+        ::QueryPerformanceFrequency(&answer);
+        return static_cast<u64>(answer.QuadPart);
+    }();
+    return frequency;
+}
+
+} // namespace Velmor::Platform
