@@ -24,6 +24,9 @@ class CString;
 class CMutableString;
 class CStringElement;
 class CGenericStringIterator;
+namespace Impl {
+class CFormatter;
+}
 
 /// Encoding of a text. Any value but 0 and 1 is treated as UTF32.
 namespace EStringEncoding {
@@ -78,8 +81,36 @@ public:
     [[nodiscard]] u32 GetHash(u64 start, u64 end) const;
     [[nodiscard]] u64 GetDistance(CString const& other) const;
 
+    // ---- Numbers: rendering (Core_StringNumberRender.cpp) ----------------------------------------------------------
+    //
+    // Each renderer writes the number's text and a terminator to `out` in the target encoding and returns the bytes
+    // written, the terminator not counted. `outSize` is in bytes; a text that does not fit with its terminator is
+    // refused: nothing written, 0 returned. So is a null `out`. `out` needs no alignment. Nothing here allocates.
+
+    /// Decimal digits, "-" in front of a negative value, never a "+". At most 20 characters and the terminator.
+    static u64 FromInteger(i64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
+    /// Decimal digits. At most 20 characters and the terminator.
+    static u64 FromUnsignedInteger(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
+    /// "0x" and upper-case digits without leading zeros; "0x0" for 0. At most 18 characters and the terminator.
+    static u64 FromHex(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
+    /// Whole part, a point, and 1 to 7 digits of fraction, cut where less than 1e-6 is left; "Inf", "-Inf", "NaN".
+    /// Values between -1 and 0 lose their sign ("-0.5" gives "0.5"; kept: hosts depend on it), and a whole part outside
+    /// 64 bits prints as the smallest integer. At most 28 characters and the terminator.
+    static u64 FromFloat(f32 value, char* out, u64 outSize, EStringEncoding::Type encoding);
+    /// The same with 1 to 17 digits of fraction, cut where less than 1e-15 is left. At most 38 characters.
+    static u64 FromDouble(f64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
+
+    // ---- Numbers: parsing (Core_StringNumberParse.cpp) --------------------------------------------------------------
+    //
+    // Reads from the start of the text to the first character that does not belong, and gives what was read up to
+    // there: 0 for null, empty and foreign text. No blanks, no "+", no exponent. Overflow wraps. Never throws.
+
+    /// As ToUnsignedInteger, negated when the text begins with "-".
     [[nodiscard]] i64 ToInteger(EBinaryEncoding::Type order) const;
+    /// Decimal digits; behind an "x" ("0x1F", "x1f") hexadecimal digits in the given order. Any "-" in front of the
+    /// first digit other than 0 is skipped.
     [[nodiscard]] u64 ToUnsignedInteger(EBinaryEncoding::Type order) const;
+    /// Digits with one "." or ","; a "-" in the whole part is skipped, in first place it negates the result.
     [[nodiscard]] f64 ToDouble() const;
 
     [[nodiscard]] CGenericStringIterator GetIterator(u64 index = 0) const;
@@ -149,11 +180,14 @@ public:
 protected:
     void Assign(void const* data, EStringEncoding::Type encoding) override;
     void Convert(void const* data, EStringEncoding::Type from, EStringEncoding::Type to);
+    /// Hold the rendering of a number in the encoding. Throw CBadAllocation, the text then stays. (Core_StringNumber*.)
     void AssignInt64(i64 value, EStringEncoding::Type encoding);
     void AssignUInt64(u64 value, EStringEncoding::Type encoding);
     void AssignDouble(f64 value, EStringEncoding::Type encoding);
 
 private:
+    friend class Impl::CFormatter; // hands over finished buffers (format.h)
+
     u64 m_length = 0;
     u64 m_allocatedSize = 0;
 };

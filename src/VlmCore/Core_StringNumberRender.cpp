@@ -1,0 +1,185 @@
+#include "Core_NumberText.h"
+
+#include <vlmcore/strings.h>
+
+#include <cmath>
+
+namespace Velmor {
+namespace NumberText {
+namespace {
+
+/// What the digit rule needs to know of a floating-point type.
+template <class Float>
+struct SFraction;
+template <>
+struct SFraction<f32> {
+    using TScaled = u32;
+    static constexpr f32 Threshold = 1e-6f;
+    static constexpr u32 MostDigits = 7;
+};
+template <>
+struct SFraction<f64> {
+    using TScaled = u64;
+    static constexpr f64 Threshold = 1e-15;
+    static constexpr u32 MostDigits = 17;
+};
+
+u32 CopyText(char const* text, u32 count, char* out)
+{
+    std::memcpy(out, text, count);
+    return count;
+}
+
+/// The whole part as an integer, the way the processor converts it: what does not fit is the smallest integer.
+template <class Float>
+i64 ToWhole(Float value)
+{
+    constexpr Float limit = static_cast<Float>(9223372036854775808.0);
+    return value >= -limit && value < limit ? static_cast<i64>(value) : -0x7FFF'FFFF'FFFF'FFFF - 1;
+}
+
+/// One digit after the other until what they stand for is within the threshold of the fraction. The arithmetic is the
+/// promise: each step rounds in the type's own precision, in this order.
+template <class Float>
+u32 WriteFraction(Float fraction, char* out)
+{
+    using SRule = SFraction<Float>;
+    if (fraction <= SRule::Threshold) {
+        *out = '0';
+        return 1;
+    }
+    Float scaled = fraction;
+    Float power = 1;
+    Float sum = 0;
+    u32 count = 0;
+    do {
+        scaled *= 10;
+        power *= 10;
+        u32 const digit = static_cast<u32>(static_cast<typename SRule::TScaled>(scaled) % 10);
+        out[count++] = static_cast<char>('0' + digit);
+        sum += static_cast<Float>(digit) / power;
+    } while (count < SRule::MostDigits && fraction - sum > SRule::Threshold);
+    return count;
+}
+
+template <class Float>
+u32 WriteFloating(Float value, char* out)
+{
+    if (std::isnan(value))
+        return CopyText("NaN", 3, out);
+    if (std::isinf(value))
+        return value < 0 ? CopyText("-Inf", 4, out) : CopyText("Inf", 3, out);
+    i64 const whole = ToWhole(value);
+    u32 count = CountInteger(whole);
+    WriteInteger(whole, out + count);
+    out[count++] = '.';
+    return count + WriteFraction(std::fabs(value - std::trunc(value)), out + count);
+}
+
+} // namespace
+
+u32 WriteFloat(f32 value, char* out)
+{
+    return WriteFloating(value, out);
+}
+
+u32 WriteDouble(f64 value, char* out)
+{
+    return WriteFloating(value, out);
+}
+
+} // namespace NumberText
+
+namespace {
+
+using namespace NumberText;
+
+/// True when `count` characters and a terminator fit.
+bool Fits(u64 count, char const* out, u64 outSize, EStringEncoding::Type encoding)
+{
+    return out != nullptr && (count + 1) * GetUnitWidth(encoding) <= outSize;
+}
+
+/// Writes ASCII characters and the terminator, which must fit; returns the bytes in front of the terminator.
+u64 WriteText(char const* ascii, u64 count, char* out, EStringEncoding::Type encoding)
+{
+    u64 const width = GetUnitWidth(encoding);
+    if (width == 1)
+        std::memcpy(out, ascii, count);
+    else if (width == 2)
+        Widen<char16_t>(ascii, count, out);
+    else
+        Widen<char32_t>(ascii, count, out);
+    std::memset(out + count * width, 0, width);
+    return count * width;
+}
+
+/// Renders what `write(value, end)` writes in `count` characters; UTF-8 directly in place.
+template <class Value>
+u64 Render(Value value, u32 count, void (*write)(Value, char*), char* out, u64 outSize, EStringEncoding::Type encoding)
+{
+    if (!Fits(count, out, outSize, encoding))
+        return 0;
+    if (encoding == EStringEncoding::UTF8) {
+        write(value, out + count);
+        out[count] = '\0';
+        return count;
+    }
+    char ascii[IntegerCapacity];
+    write(value, ascii + count);
+    return WriteText(ascii, count, out, encoding);
+}
+
+} // namespace
+
+u64 IString::FromInteger(i64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
+{
+    return Render(value, CountInteger(value), WriteInteger, out, outSize, encoding);
+}
+
+u64 IString::FromUnsignedInteger(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
+{
+    return Render(value, CountDigits(value), WriteDigits, out, outSize, encoding);
+}
+
+u64 IString::FromHex(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
+{
+    return Render(value, CountHex(value), WriteHex, out, outSize, encoding);
+}
+
+u64 IString::FromFloat(f32 value, char* out, u64 outSize, EStringEncoding::Type encoding)
+{
+    char ascii[FloatCapacity];
+    u32 const count = WriteFloat(value, ascii);
+    return Fits(count, out, outSize, encoding) ? WriteText(ascii, count, out, encoding) : 0;
+}
+
+u64 IString::FromDouble(f64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
+{
+    char ascii[DoubleCapacity];
+    u32 const count = WriteDouble(value, ascii);
+    return Fits(count, out, outSize, encoding) ? WriteText(ascii, count, out, encoding) : 0;
+}
+
+void CMutableString::AssignInt64(i64 value, EStringEncoding::Type encoding)
+{
+    char text[IntegerCapacity + 1];
+    FromInteger(value, text, sizeof(text), EStringEncoding::UTF8);
+    Convert(text, EStringEncoding::UTF8, encoding);
+}
+
+void CMutableString::AssignUInt64(u64 value, EStringEncoding::Type encoding)
+{
+    char text[IntegerCapacity + 1];
+    FromUnsignedInteger(value, text, sizeof(text), EStringEncoding::UTF8);
+    Convert(text, EStringEncoding::UTF8, encoding);
+}
+
+void CMutableString::AssignDouble(f64 value, EStringEncoding::Type encoding)
+{
+    char text[DoubleCapacity + 1];
+    FromDouble(value, text, sizeof(text), EStringEncoding::UTF8);
+    Convert(text, EStringEncoding::UTF8, encoding);
+}
+
+} // namespace Velmor
