@@ -1,4 +1,4 @@
-#include "Core_LogText.h"
+#include "Core_Log.h"
 #include "Core_Printf.h"
 
 #include <vlmcore/exceptions.h>
@@ -19,16 +19,9 @@ constexpr u64 MessageSize = 2048;
 
 ILogger* g_logger = nullptr;
 
-[[nodiscard]] ILogger& GetLogger()
-{
-    if (g_logger == nullptr)
-        throw CException("src/VlmCore/Core_Log.cpp(78): CLogSingleton has no instance.");
-    return *g_logger;
-}
-
 void Write(EMessage::Type type, CString const& message)
 {
-    if (g_logger == nullptr)
+    if (!HasLogger())
         return;
     u64 const timestamp = GetTimestamp();
     GetLogger().Write(type, timestamp, message);
@@ -36,7 +29,7 @@ void Write(EMessage::Type type, CString const& message)
 
 void WriteFormatted(EMessage::Type type, char const* format, va_list arguments)
 {
-    if (g_logger == nullptr)
+    if (!HasLogger())
         return;
     char text[MessageSize];
     FormatStrict(text, sizeof text, format, arguments);
@@ -44,6 +37,18 @@ void WriteFormatted(EMessage::Type type, char const* format, va_list arguments)
 }
 
 } // namespace
+
+bool HasLogger()
+{
+    return g_logger != nullptr;
+}
+
+ILogger& GetLogger()
+{
+    if (!HasLogger())
+        throw CException("src/VlmCore/Core_Log.cpp(78): CLogSingleton has no instance.");
+    return *g_logger;
+}
 
 u64 GetTimestamp()
 {
@@ -58,7 +63,7 @@ void Initialize(ILogger* logger)
 
 ILogger* Release()
 {
-    if (g_logger == nullptr)
+    if (!HasLogger())
         return nullptr;
     Info("Log end.");
     ILogger* const logger = g_logger;

@@ -1,5 +1,5 @@
 /// \file
-/// The fixed texts that the loggers share.
+/// What the log front end shares with its reports and loggers.
 #pragma once
 
 #include <vlmcore/logging.h>
@@ -21,5 +21,10 @@ inline constexpr char const* const& JsonTrailer = Texts[5];
 
 /// System::GetTimeMs as whole milliseconds: what every message and memory event carries.
 [[nodiscard]] u64 GetTimestamp();
+
+[[nodiscard]] bool HasLogger();
+
+/// The installed logger; without one it throws CException. Callers ask HasLogger first: the exception is a guard.
+[[nodiscard]] ILogger& GetLogger();
 
 } // namespace Velmor::Log

@@ -1,0 +1,187 @@
+#include "Core_LogLine.h"
+
+#include <vlmcore/debug.h>
+#include <vlmcore/logging.h>
+#include <vlmcore/memory.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace Velmor {
+
+namespace {
+
+/// How often an idle writer looks again at once, and then after giving way to other threads, before it sleeps.
+constexpr u32 SpinAttempts = 64;
+constexpr u32 RescheduleAttempts = 8;
+
+/// Opens the file of a logger; null when it cannot be had. General memory, so that a logger that outlives the heap at
+/// process exit can still write out its lines.
+[[nodiscard]] TResourcePtr<IFile> OpenLogFile(CString const& path)
+{
+    try {
+        auto const mode = EFileOpen::Read | EFileOpen::Write | EFileOpen::CreateAlways;
+        return TResourcePtr<IFile>(Memory::New<CNativeFile>(EHeap::General, path, mode));
+    }
+    catch (CFileException const&) {
+        return nullptr;
+    }
+}
+
+/// Copies `count` bytes of a line from `offset` on. What lies behind the line's end reads as zero.
+void CopyPadded(u8* target, u8 const* line, u64 lineSize, u64 offset, u64 count)
+{
+    u64 const present = std::min(count, lineSize - offset);
+    std::memcpy(target, line + offset, present);
+    std::memset(target + present, 0, count - present);
+}
+
+void ReportLoss(u64 lost)
+{
+    if (lost > 0)
+        Debug::Print("File logger: the file did not take %llu bytes.\n", static_cast<unsigned long long>(lost));
+}
+
+} // namespace
+
+// ---- the logger ----
+
+CFileLogger::CFileLogger(CString const& path, u64 bufferSize) : CFileLogger(OpenLogFile(path), bufferSize) {}
+
+CFileLogger::CFileLogger(TResourcePtr<IFile> const& file, u64 bufferSize) : m_file(file), m_bufferSize(bufferSize)
+{
+    // The documented layout. The lock is one word, the counts and the index are plain numbers to everybody but threads.
+    static_assert(sizeof(CFileLogger) == 80 && sizeof(SBuffer) == 16 && sizeof(CSpinLock) == 4);
+    if (bufferSize != 0)
+        StartWriter();
+}
+
+CFileLogger::~CFileLogger()
+{
+    if (m_writer != nullptr) {
+        m_writer->Join();
+        // What came in after the thread's last look.
+        while (m_writer->Drain())
+            continue;
+        Memory::Delete(m_writer);
+        for (SBuffer& buffer : m_buffers)
+            Memory::FreeQuietly(buffer.data);
+    }
+}
+
+void CFileLogger::StartWriter()
+{
+    try {
+        for (SBuffer& buffer : m_buffers) {
+            buffer.data = static_cast<u8*>(Memory::Malloc(m_bufferSize, EHeap::General));
+            if (buffer.data == nullptr)
+                throw CBadAllocation();
+        }
+        m_writer = Memory::New<CLogWriter>(EHeap::General, *this);
+        m_writer->RunLooped();
+    }
+    catch (...) {
+        Memory::Delete(m_writer);
+        for (SBuffer& buffer : m_buffers)
+            Memory::FreeQuietly(buffer.data);
+        throw;
+    }
+}
+
+void CFileLogger::Write(Log::EMessage::Type type, u64 timestamp, CString const& message)
+{
+    CLogLine const line(type, timestamp, message);
+    if (m_bufferSize != 0) {
+        WriteBuffered(line.GetData(), line.GetSizeByte());
+        return;
+    }
+    if (!m_file)
+        return;
+    m_lock.Acquire();
+    u64 const lost = WriteToFile(line.GetData(), line.GetSizeByte());
+    m_lock.Release();
+    ReportLoss(lost);
+}
+
+void CFileLogger::WriteBuffered(u8 const* line, u64 lineSize)
+{
+    u64 copied = 0;
+    m_lock.Acquire();
+    for (;;) {
+        SBuffer& buffer = m_buffers[m_index.load(std::memory_order_relaxed)];
+        u64 const used = buffer.used.load(std::memory_order_relaxed);
+        // Kept: the size of the whole line, not of what is left of it, so a line that goes on in the next buffer is
+        // followed by padding.
+        u64 const count = std::min(m_bufferSize - used, lineSize);
+        CopyPadded(buffer.data + used, line, lineSize, copied, count);
+        buffer.used.store(used + count, std::memory_order_relaxed);
+        copied += count;
+        if (copied >= lineSize)
+            break;
+        m_lock.Release();
+        Thread::Reschedule();
+        m_lock.Acquire();
+    }
+    m_lock.Release();
+}
+
+/// Offers the bytes until the file has taken all of them, takes none, or throws. Returns how many are lost.
+u64 CFileLogger::WriteToFile(u8 const* data, u64 size) noexcept
+{
+    u64 written = 0;
+    try {
+        while (written < size) {
+            u64 const taken = m_file->Write(data + written, size - written);
+            if (taken == 0)
+                break;
+            written += std::min(taken, size - written);
+        }
+    }
+    catch (...) {
+        // Whatever a file throws, the lines behind these bytes still have their chance.
+    }
+    return size - written;
+}
+
+// ---- its writer ----
+
+CLogWriter::CLogWriter(CFileLogger& owner) : m_owner(&owner) {}
+CLogWriter::~CLogWriter() = default;
+
+void CLogWriter::Execute()
+{
+    for (u32 attempt = 0; attempt < SpinAttempts + RescheduleAttempts; ++attempt) {
+        if (Drain())
+            return;
+        if (attempt < SpinAttempts)
+            Thread::Spin();
+        else
+            Thread::Reschedule();
+    }
+    Thread::Sleep(1);
+}
+
+bool CLogWriter::Drain()
+{
+    CFileLogger& owner = *m_owner;
+    // Without the lock: only this thread changes the index, and a count that is about to grow is found next time.
+    i32 const index = owner.m_index.load(std::memory_order_relaxed);
+    CFileLogger::SBuffer& buffer = owner.m_buffers[index];
+    if (buffer.used.load(std::memory_order_relaxed) == 0)
+        return false;
+
+    owner.m_lock.Acquire();
+    owner.m_index.store((index - 1) & 1, std::memory_order_relaxed);
+    u64 const used = buffer.used.load(std::memory_order_relaxed);
+    u64 lost = 0;
+    if (owner.m_file)
+        lost = owner.WriteToFile(buffer.data, used);
+    else if (used < owner.m_bufferSize)
+        buffer.data[used] = 0;
+    buffer.used.store(0, std::memory_order_relaxed);
+    owner.m_lock.Release();
+    ReportLoss(lost);
+    return true;
+}
+
+} // namespace Velmor

@@ -1,0 +1,52 @@
+#include "../Platform_EventLog.h"
+
+#include <syslog.h>
+
+namespace Velmor::Platform {
+
+// Event sources
+
+namespace {
+
+/// syslog keeps one connection per process, so every open source is the same.
+int g_source;
+
+} // namespace
+
+void* OpenEventSource(char const* source)
+{
+    ::openlog(source, LOG_PID, LOG_USER);
+    return &g_source;
+}
+
+// The connection may be the host's as well: it stays.
+void CloseEventSource(void*) {}
+
+// Events
+
+namespace {
+
+[[nodiscard]] int GetPriority(EEventType type)
+{
+    switch (type) {
+    case EEventType::Error:
+        return LOG_ERR;
+    case EEventType::Warning:
+        return LOG_WARNING;
+    case EEventType::Information:
+        break;
+    }
+    return LOG_INFO;
+}
+
+} // namespace
+
+bool WriteEvent(void* handle, EEventType type, u32, char const* text)
+{
+    if (handle == nullptr)
+        return false;
+    ::syslog(GetPriority(type), "%s", text);
+    return true;
+}
+
+} // namespace Velmor::Platform
