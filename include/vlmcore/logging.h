@@ -29,6 +29,7 @@
 
 namespace Velmor {
 
+class CLogWriter;
 class ILogger;
 
 namespace Log {
