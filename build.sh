@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# shellcheck disable=SC1090
 # The front door: installs what is missing, then calls CMake presets. `./build.sh` alone prints the commands.
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -85,6 +86,7 @@ configure_and_build() {
     cmake --preset "$preset" "$@" >"build-$preset.log" 2>&1 || { cat "build-$preset.log"; exit 1; }
     rm -f "build-$preset.log"
     say "$preset: build"
+    # shellcheck disable=SC2086
     cmake --build --preset "$preset" ${targets:+--target $targets}
 }
 

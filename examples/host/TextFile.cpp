@@ -1,0 +1,167 @@
+#include "TextFile.h"
+
+#include <cstring>
+
+using namespace Velmor;
+
+namespace {
+
+// A block of the memory manager that holds a whole file and room for the widest terminator.
+class CFileContent {
+public:
+    explicit CFileContent(CString const& path)
+    {
+        CNativeFile file(path, EFileOpen::Read);
+        u64 const expected = file.GetSizeByte();
+        m_bytes.Resize(expected + sizeof(char32_t));
+        while (m_size < expected) {
+            u64 const got = file.Read(m_bytes.GetData() + m_size, expected - m_size);
+            if (got == 0)
+                break; // the file shrank meanwhile: what was read is what there is
+            m_size += got;
+        }
+        std::memset(m_bytes.GetData() + m_size, 0, sizeof(char32_t));
+    }
+
+    [[nodiscard]] u8* GetData() { return m_bytes.GetData(); }
+    [[nodiscard]] u64 GetSize() const { return m_size; }
+
+private:
+    TVector<u8, 8> m_bytes;
+    u64 m_size = 0;
+};
+
+struct SEncoding {
+    char const* name;
+    EStringEncoding::Type type;
+    u64 unitSize;
+    bool isBigEndian;
+    u64 markSize;
+    u8 mark[4];
+};
+
+// The longer marks first: the mark of UTF-32LE begins with that of UTF-16LE.
+constexpr SEncoding Encodings[] = {
+    {"UTF-32LE", EStringEncoding::UTF32, 4, false, 4, {0xFF, 0xFE, 0x00, 0x00}},
+    {"UTF-32BE", EStringEncoding::UTF32, 4, true, 4, {0x00, 0x00, 0xFE, 0xFF}},
+    {"UTF-8", EStringEncoding::UTF8, 1, false, 3, {0xEF, 0xBB, 0xBF}},
+    {"UTF-16LE", EStringEncoding::UTF16, 2, false, 2, {0xFF, 0xFE}},
+    {"UTF-16BE", EStringEncoding::UTF16, 2, true, 2, {0xFE, 0xFF}},
+};
+constexpr SEncoding Unmarked = {"UTF-8", EStringEncoding::UTF8, 1, false, 0, {}};
+
+SEncoding const& DetectEncoding(u8 const* data, u64 size)
+{
+    for (SEncoding const& encoding : Encodings) {
+        if (size >= encoding.markSize && std::memcmp(data, encoding.mark, encoding.markSize) == 0)
+            return encoding;
+    }
+    return Unmarked;
+}
+
+void SwapBytes(u8* data, u64 size, u64 unitSize)
+{
+    for (u64 offset = 0; offset + unitSize <= size; offset += unitSize) {
+        for (u64 low = 0, high = unitSize - 1; low < high; ++low, --high)
+            std::swap(data[offset + low], data[offset + high]);
+    }
+}
+
+// Length of the well-formed UTF-8 character at `text`, 0 when there is none. A zero byte is no text.
+u64 MeasureUTF8Character(u8 const* text, u64 size)
+{
+    u8 const lead = text[0];
+    u64 const length = lead < 0x80 ? 1 : lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 0;
+    if (lead == 0 || length == 0 || length > size)
+        return 0;
+    for (u64 index = 1; index < length; ++index) {
+        if ((text[index] & 0xC0) != 0x80)
+            return 0;
+    }
+    bool const isOverlong = (lead == 0xE0 && text[1] < 0xA0) || (lead == 0xF0 && text[1] < 0x90);
+    bool const isSurrogate = lead == 0xED && text[1] >= 0xA0;
+    bool const isTooLarge = lead == 0xF4 && text[1] >= 0x90;
+    return isOverlong || isSurrogate || isTooLarge ? 0 : length;
+}
+
+u64 MeasureUTF16Character(u8 const* text, u64 size)
+{
+    auto const getUnit = [text](u64 offset) { return static_cast<u32>(text[offset] | text[offset + 1] << 8); };
+    if (size < 2 || getUnit(0) == 0)
+        return 0;
+    if ((getUnit(0) & 0xF800) != 0xD800)
+        return 2;
+    bool const isPair = getUnit(0) < 0xDC00 && size >= 4 && (getUnit(2) & 0xFC00) == 0xDC00;
+    return isPair ? 4 : 0;
+}
+
+u64 MeasureUTF32Character(u8 const* text, u64 size)
+{
+    u32 unit = 0;
+    if (size < sizeof unit)
+        return 0;
+    std::memcpy(&unit, text, sizeof unit);
+    return unit != 0 && unit <= 0x10FFFF && (unit & 0xFFFFF800) != 0xD800 ? 4 : 0;
+}
+
+// Offset of the first byte that belongs to no character, or `size` for well-formed text. The library itself never
+// rejects text; a program that is handed any file has to.
+u64 FindMalformed(u8 const* text, u64 size, EStringEncoding::Type encoding)
+{
+    auto const measure = encoding == EStringEncoding::UTF8    ? &MeasureUTF8Character
+                         : encoding == EStringEncoding::UTF16 ? &MeasureUTF16Character
+                                                              : &MeasureUTF32Character;
+    u64 offset = 0;
+    while (offset < size) {
+        u64 const length = measure(text + offset, size - offset);
+        if (length == 0)
+            break;
+        offset += length;
+    }
+    return offset;
+}
+
+void MeasureText(SFileReport& report, CString const& text)
+{
+    report.lines = text.Count("\n", 0);
+    report.codePoints = text.GetLength();
+    // Converted for real, not only measured: this is what a host would store or send.
+    CMutableString const converted[3] = {text.ToUTF8(), text.ToUTF16(), text.ToUTF32()};
+    constexpr u64 TerminatorSize[3] = {1, 2, 4};
+    for (u64 index = 0; index < 3; ++index)
+        report.sizeAs[index] = converted[index].GetAllocatedSize() - TerminatorSize[index];
+}
+
+} // namespace
+
+void MeasureFile(SFileReport& report)
+{
+    try {
+        CFileContent content(report.path);
+        u8* const data = content.GetData();
+        report.bytes = content.GetSize();
+        report.crc32 = ~GetCRC32(data, content.GetSize(), 0xFFFFFFFF);
+        report.fnv64 = GetFNV64(data, content.GetSize(), 0, 0xCBF29CE484222325);
+
+        SEncoding const& encoding = DetectEncoding(data, content.GetSize());
+        report.encoding = encoding.name;
+        report.hasMark = encoding.markSize != 0;
+        u8* const text = data + encoding.markSize;
+        u64 const size = content.GetSize() - encoding.markSize;
+        if (encoding.isBigEndian)
+            SwapBytes(text, size, encoding.unitSize);
+
+        u64 const malformed = FindMalformed(text, size, encoding.type);
+        if (malformed != size)
+            Format(report.error, "Not a text file: no %1 character at byte %2.", encoding.name,
+                   encoding.markSize + malformed);
+        else
+            MeasureText(report, CString(text, encoding.type));
+    }
+    catch (CException const& exception) {
+        report.error = exception.GetText();
+    }
+    catch (std::bad_alloc const&) {
+        report.error = CString("Out of memory.");
+    }
+}

@@ -1,0 +1,78 @@
+// vlmhost: an indexer for text files, and a model of how a program hosts VlmCore.
+//
+// The order is the point: memory first, then the log, then the work, then the same backwards; every object of the
+// library is gone before the heap is.
+
+#include "Index.h"
+#include "Options.h"
+#include "Report.h"
+
+#include <cstdio>
+
+using namespace Velmor;
+
+namespace {
+
+namespace EExitCode {
+enum Type : int { Complete = 0, Incomplete = 1, WrongUse = 2, Fault = 3 };
+} // namespace EExitCode
+
+int Run(SOptions const& options)
+{
+    // The log's own text goes through a buffer; a writer thread takes it to the file.
+    constexpr u64 LogBufferSize = 64 * 1024;
+    CFileLogger logger(options.logPath, LogBufferSize);
+    Log::Initialize(&logger);
+    TVector<SFileReport, 1> const reports = BuildIndex(options);
+    static_cast<void>(Log::Release()); // the logger is ours and ends with this function
+
+    options.json ? PrintJSON(reports) : PrintTable(reports);
+    return IsComplete(reports) ? EExitCode::Complete : EExitCode::Incomplete;
+}
+
+int RunGuarded()
+{
+    try {
+        SOptions const options = ReadOptions();
+        if (!options.help)
+            return Run(options);
+        std::fputs(static_cast<char const*>(GetUsage().GetData()), stdout);
+        return EExitCode::Complete;
+    }
+    catch (CException const& exception) {
+        std::fprintf(stderr, "vlmhost: %s\n", static_cast<char const*>(exception.GetText().GetData()));
+        return EExitCode::WrongUse;
+    }
+    catch (std::bad_alloc const& exception) {
+        std::fprintf(stderr, "vlmhost: %s\n", exception.what());
+        return EExitCode::Fault;
+    }
+}
+
+// Blocks that the heap has handed out and not got back, once the chunks that only wait for reuse are returned.
+u64 CountLiveBlocks()
+{
+    Memory::Purge();
+    Memory::SStatistics statistics{};
+    Memory::GetStatistics(statistics);
+    return statistics.liveCount;
+}
+
+} // namespace
+
+int main()
+{
+    Memory::Initialize(EHeapFlag::Report, 0);
+    u64 const liveAtStart = CountLiveBlocks();
+    int exitCode = RunGuarded();
+    u64 const leaked = CountLiveBlocks() - liveAtStart;
+    Memory::Deinitialize();
+
+    if (leaked == 0)
+        std::fputs("No memory leaks.\n", stderr);
+    else {
+        std::fprintf(stderr, "%llu memory leak(s).\n", static_cast<unsigned long long>(leaked));
+        exitCode = EExitCode::Fault;
+    }
+    return exitCode;
+}

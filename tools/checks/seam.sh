@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# No system header and no platform conditional outside src/VlmCore/platform; every room has its pair.
+set -u
+failed=0
+report() { echo "$1"; failed=1; }
+
+while IFS= read -r line; do report "platform conditional outside the seam: $line"; done < <(
+    git grep -nE '^\s*#\s*(if|ifdef|ifndef|elif).*\b(_WIN32|_WIN64|__linux__|__unix__|__MINGW32__)\b' -- \
+        src include ':!src/VlmCore/platform/**' ':!include/vlmcore/export.h')
+while IFS= read -r line; do report "system header outside the seam: $line"; done < <(
+    git grep -nE '^\s*#\s*include\s*<(windows|winsock2|shellapi|shlobj|dbghelp|process|io|unistd|dlfcn|fcntl|pthread|signal|execinfo|syslog|sched|sys/[a-z]+|linux/[a-z]+)\.h>' -- \
+        src include ':!src/VlmCore/platform/**')
+for file in src/VlmCore/platform/windows/Windows_*.cpp; do
+    name=$(basename "$file" .cpp)
+    [[ -e src/VlmCore/platform/posix/Posix_${name#Windows_}.cpp ]] || report "no posix room for $file"
+done
+for file in src/VlmCore/platform/posix/Posix_*.cpp; do
+    name=$(basename "$file" .cpp)
+    [[ -e src/VlmCore/platform/windows/Windows_${name#Posix_}.cpp ]] || report "no windows room for $file"
+done
+exit $failed
