@@ -117,6 +117,10 @@ private:
         u32 bytesLeft;
     };
 
+    [[nodiscard]] SChunk* FindBestFit(u32 size) const;
+    [[nodiscard]] u64 GetChunkSize(u32 size) const;
+    SChunk* AddChunk(u32 size);
+
     SChunk* m_chunks;
     u32 m_chunkCount;
     u32 m_blockSize;
