@@ -1,0 +1,344 @@
+#include <Core_XMLTokenizer.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace Velmor {
+
+using XMLText::SRange;
+
+namespace {
+
+namespace EState {
+enum Type : u32 {
+    Text = 0,
+    Markup = 1,
+    Instruction = 2,
+    Comment = 3,
+    CData = 4,
+    ElementName = 5,
+    EndTagName = 6,
+    BehindEndTagName = 7,
+    BetweenAttributes = 8,
+    AttributeName = 9,
+    BeforeValue = 10,
+    Value = 11,
+    BehindSelfClosing = 12,
+    Malformed = 13,
+};
+} // namespace EState
+
+constexpr u32 MostPatterns = 5;
+
+// A delimiter: a space matches any white space, "*" any name character, which is left to the next state.
+struct SPattern {
+    char const* text;
+    u32 length;
+    u32 next;
+};
+
+struct SPatterns {
+    u32 count;
+    SPattern patterns[MostPatterns];
+};
+
+constexpr SPatterns StateTable[] = {
+    {4, {{"<?", 2, EState::Instruction}, {"<!", 2, EState::Markup}, {"<*", 2, EState::ElementName}, {"</", 2, EState::EndTagName}}},
+    {3, {{"--", 2, EState::Comment}, {"[CDATA[", 7, EState::CData}, {">", 1, EState::Text}}},
+    {1, {{"?>", 2, EState::Text}}},
+    {1, {{"-->", 3, EState::Text}}},
+    {1, {{"]]>", 3, EState::Text}}},
+    {3, {{" ", 1, EState::BetweenAttributes}, {"/>", 2, EState::BehindSelfClosing}, {">", 1, EState::Text}}},
+    {2, {{" ", 1, EState::BehindEndTagName}, {">", 1, EState::Text}}},
+    {1, {{">", 1, EState::Text}}},
+    {3, {{"*", 1, EState::AttributeName}, {"/>", 2, EState::BehindSelfClosing}, {">", 1, EState::Text}}},
+    {3, {{" ", 1, EState::BeforeValue}, {"=", 1, EState::BeforeValue}, {">", 1, EState::Malformed}}},
+    {3, {{"\"", 1, EState::Value}, {"'", 1, EState::Value}, {">", 1, EState::Malformed}}},
+    {3, {{"\"", 1, EState::BetweenAttributes}, {"'", 1, EState::BetweenAttributes}, {">", 1, EState::Malformed}}},
+};
+
+bool Matches(char pattern, u32 codePoint)
+{
+    if (pattern == ' ')
+        return XMLText::IsWhitespace(codePoint);
+    if (pattern == '*')
+        return XMLText::IsNameCharacter(codePoint);
+    return codePoint == static_cast<u8>(pattern);
+}
+
+} // namespace
+
+CXMLTokenizer::CXMLTokenizer(CXMLStream& stream, void* buffer, u32 size)
+    : m_stream(stream), m_buffer(static_cast<u8*>(buffer)), m_size(size)
+{
+    stream.m_buffer = m_buffer;
+    stream.m_mark = 0;
+    stream.m_committed = 0;
+}
+
+CXMLTokenizer::EOutcome CXMLTokenizer::Run()
+{
+    Scan();
+    if (m_stream.m_committed != m_stream.m_mark) {
+        // An attribute is cut off: it comes again from its name.
+        m_stream.m_state = EState::AttributeName;
+        return EOutcome::Consumed;
+    }
+    return m_stream.m_committed != 0 ? EOutcome::Consumed : FinishWithoutDelimiter();
+}
+
+void CXMLTokenizer::Scan()
+{
+    u32 matched[MostPatterns] = {};
+    u64 offset = 0;
+    while (offset < m_size && m_stream.m_state != EState::Malformed) {
+        u64 const stride = XMLText::GetStride(m_buffer[offset]);
+        if (offset + stride > m_size)
+            break;
+        if (m_stream.m_state == EState::BehindSelfClosing) {
+            offset += stride;
+            Transition(static_cast<u32>(offset), static_cast<u32>(offset), EState::Text);
+            continue;
+        }
+        u32 const codePoint = XMLText::Decode(m_buffer + offset);
+        SPatterns const& state = StateTable[m_stream.m_state];
+        SPattern const* winner = nullptr;
+        for (u32 i = 0; i < state.count && winner == nullptr; ++i) {
+            SPattern const& pattern = state.patterns[i];
+            matched[i] = Matches(pattern.text[matched[i]], codePoint) ? matched[i] + 1 : 0;
+            if (matched[i] == pattern.length)
+                winner = &pattern;
+        }
+        if (winner == nullptr) {
+            offset += stride;
+            continue;
+        }
+        u32 const begin = static_cast<u32>(offset + 1) - winner->length;
+        u32 end = static_cast<u32>(offset + 1);
+        if (winner->text[winner->length - 1] == '*')
+            --end;
+        else
+            offset += stride;
+        Transition(begin, end, winner->next);
+        std::fill(std::begin(matched), std::end(matched), 0);
+    }
+    m_pendingBegin = static_cast<u32>(offset) - *std::max_element(std::begin(matched), std::end(matched));
+}
+
+void CXMLTokenizer::Transition(u32 begin, u32 end, u32 next)
+{
+    u32 const state = m_stream.m_state;
+    Report(begin, next);
+    if (next == EState::BehindSelfClosing && m_stream.OnText)
+        m_stream.OnText(nullptr);
+    if (state == EState::AttributeName) {
+        m_stream.m_nameBegin = m_stream.m_mark;
+        m_stream.m_nameEnd = begin;
+    }
+    if (state == EState::Text)
+        m_stream.m_insideLongReference = false;
+    m_stream.m_mark = end;
+    if (state != EState::AttributeName && state != EState::BeforeValue)
+        m_stream.m_committed = end;
+    m_stream.m_state = next;
+    if (next == EState::Malformed)
+        throw CException("src/VlmCore/Core_XMLStream.cpp(631): XML parser error (malformed XML).");
+}
+
+/// Reports the token that the delimiter at `begin` ends.
+void CXMLTokenizer::Report(u32 begin, u32 next)
+{
+    SRange const token{m_stream.m_mark, begin};
+    auto const report = [&](TDelegate<void(CString)> const& callback) {
+        if (callback) {
+            m_stream.m_stackTop = ExtractTrimmed(token, 0);
+            callback(View(0));
+        }
+    };
+    auto const reportPointer = [&](TDelegate<void(CString const*)> const& callback) {
+        if (callback) {
+            m_stream.m_stackTop = ExtractTrimmed(token, 0);
+            CString const text = View(0);
+            callback(&text);
+        }
+    };
+    switch (m_stream.m_state) {
+    case EState::Text:
+        if (m_stream.OnText)
+            ReportText(token);
+        break;
+    case EState::Markup:
+        if (next == EState::Text)
+            report(m_stream.OnDeclaration);
+        break;
+    case EState::Instruction:
+        report(m_stream.OnProcessingInstruction);
+        break;
+    case EState::Comment:
+        report(m_stream.OnComment);
+        break;
+    case EState::CData:
+        reportPointer(m_stream.OnText);
+        break;
+    case EState::ElementName:
+        report(m_stream.OnElementBegin);
+        break;
+    case EState::EndTagName:
+        reportPointer(m_stream.OnElementEnd);
+        break;
+    case EState::Value:
+        if (m_stream.OnAttribute)
+            ReportAttribute(begin);
+        break;
+    case EState::BehindSelfClosing:
+        if (m_stream.OnElementEnd)
+            m_stream.OnElementEnd(nullptr);
+        break;
+    default:
+        break;
+    }
+}
+
+void CXMLTokenizer::ReportText(SRange token)
+{
+    m_stream.m_stackTop = ExtractDecoded(token, 0);
+    if (m_stream.m_stackTop == 1) {
+        m_stream.OnText(nullptr);
+        return;
+    }
+    CString const text = View(0);
+    m_stream.OnText(&text);
+}
+
+void CXMLTokenizer::ReportAttribute(u32 end)
+{
+    // Name and value move to the front together: until the value closed, the name was unread input.
+    m_stream.m_valueOffset = ExtractTrimmed({m_stream.m_nameBegin, m_stream.m_nameEnd}, 0);
+    m_stream.m_stackTop = ExtractDecoded({m_stream.m_mark, end}, m_stream.m_valueOffset);
+    m_stream.OnAttribute({View(0), View(m_stream.m_valueOffset)});
+}
+
+/// Copies a token, trimmed, to `target` and terminates it; returns the offset behind the terminator.
+u32 CXMLTokenizer::ExtractTrimmed(SRange token, u32 target)
+{
+    token = XMLText::Trim(m_buffer, token);
+    CheckRoom(token, target);
+    u32 const size = token.end - token.begin;
+    std::memmove(m_buffer + target, m_buffer + token.begin, size);
+    m_buffer[target + size] = 0;
+    return target + size + 1;
+}
+
+/// The same, with the entity references replaced.
+u32 CXMLTokenizer::ExtractDecoded(SRange token, u32 target)
+{
+    token = XMLText::Trim(m_buffer, token);
+    CheckRoom(token, target);
+    bool outside = false;
+    bool& inside = m_stream.m_state == EState::Text ? m_stream.m_insideLongReference : outside;
+    u32 const end = XMLText::DecodeReferences(m_buffer, token, target, false, inside).end;
+    m_buffer[end] = 0;
+    return end + 1;
+}
+
+/// The last guard of the host's unread bytes: a token that is trimmed and moved to the front always has room there.
+void CXMLTokenizer::CheckRoom(SRange token, u32 target) const
+{
+    if (u64{target} + (token.end - token.begin) > token.end)
+        throw CException("src/VlmCore/Core_XMLStream.cpp(188): Stack collides with unread buffer data. XML Data "
+                         "corruption imminent.");
+}
+
+/// No delimiter in the whole buffer: the token is reported in part where its state allows it.
+CXMLTokenizer::EOutcome CXMLTokenizer::FinishWithoutDelimiter()
+{
+    auto const deliverText = [&](CString text) { m_stream.OnText(&text); };
+    switch (m_stream.m_state) {
+    case EState::Text:
+        if (m_stream.OnText)
+            ReportPartialText();
+        else
+            m_stream.m_committed = m_pendingBegin;
+        return EOutcome::Consumed;
+    case EState::CData:
+        if (m_stream.OnText)
+            DeliverPartial(m_pendingBegin, m_pendingBegin, deliverText);
+        else
+            m_stream.m_committed = m_pendingBegin;
+        return EOutcome::Consumed;
+    case EState::Instruction:
+    case EState::Comment: {
+        TDelegate<void(CString)> const& callback =
+            m_stream.m_state == EState::Comment ? m_stream.OnComment : m_stream.OnProcessingInstruction;
+        if (callback)
+            DeliverPartial(m_pendingBegin, m_pendingBegin, [&](CString text) { callback(text); });
+        else
+            m_stream.m_committed = m_pendingBegin;
+        return EOutcome::Consumed;
+    }
+    default:
+        return EOutcome::BufferTooSmall;
+    }
+}
+
+void CXMLTokenizer::ReportPartialText()
+{
+    XMLText::SDecoded const decoded =
+        XMLText::DecodeReferences(m_buffer, {0, m_pendingBegin}, 0, true, m_stream.m_insideLongReference);
+    if (decoded.end == 0 && decoded.consumed != 0) {
+        m_stream.m_committed = decoded.consumed;
+        m_stream.OnText(nullptr);
+        return;
+    }
+    DeliverPartial(decoded.end, decoded.consumed, [&](CString text) { m_stream.OnText(&text); });
+}
+
+/// Delivers the `textEnd` bytes at the front, the outcome of `consumed` bytes of input. Where there is a byte of
+/// consumed input behind them it takes the terminator; otherwise the end of the text is delivered from the scratch, so
+/// that neither unread input nor what lies behind the buffer is written to.
+template <class Deliver>
+void CXMLTokenizer::DeliverPartial(u32 textEnd, u32 consumed, Deliver const& deliver)
+{
+    m_stream.m_committed = consumed;
+    if (consumed == 0)
+        return;
+    if (textEnd < consumed) {
+        m_buffer[textEnd] = 0;
+        deliver(View(0));
+        return;
+    }
+    u32 constexpr room = CXMLStream::ScratchSize - 1;
+    u32 cut = textEnd > room ? textEnd - room : 0;
+    // Not inside a character: its bytes behind the first are 10xxxxxx, three at most.
+    for (u32 i = 0; i < 3 && cut != 0 && (m_buffer[cut] & 0xC0) == 0x80; ++i)
+        ++cut;
+    std::memcpy(m_stream.m_scratch, m_buffer + cut, textEnd - cut);
+    m_stream.m_scratch[textEnd - cut] = 0;
+    if (cut != 0) {
+        m_buffer[cut] = 0;
+        deliver(View(0));
+    }
+    deliver(CString(m_stream.m_scratch));
+}
+
+void CXMLTokenizer::ThrowBufferTooSmall(CXMLStream const& stream)
+{
+    throw CException("src/VlmCore/Core_XMLStream.cpp(496): XML Read buffer is too small. Data of state 0x%x is not "
+                     "splittable.",
+                     stream.GetState());
+}
+
+unsigned int CXMLStream::ProcessData(void* buffer, unsigned int size)
+{
+    if (CXMLTokenizer(*this, buffer, size).Run() == CXMLTokenizer::EOutcome::BufferTooSmall)
+        CXMLTokenizer::ThrowBufferTooSmall(*this);
+    return m_committed;
+}
+
+void CXMLStream::Reset()
+{
+    m_state = EState::Text;
+    m_insideLongReference = false;
+}
+
+} // namespace Velmor
