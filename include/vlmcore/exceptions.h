@@ -45,7 +45,7 @@ public:
 
 protected:
     /// Takes the message as it stands.
-    CException(CString const& text, i64 kind);
+    CException(i64 kind, CString const& text);
 
     void SetKind(i64 kind) { m_kind = kind; }
 

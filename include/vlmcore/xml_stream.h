@@ -38,9 +38,9 @@ struct SXMLReadStatistics {
 ///
 /// Set the callbacks, then call ProcessData with UTF-8 text. An empty callback is skipped, and tokens that nobody asked
 /// for are neither copied nor decoded. The strings are views of text inside the buffer (or, for the end of a partial
-/// text, inside the stream), zero terminated, and valid during the callback only. A callback may exchange callbacks, but
-/// must not call ProcessData of its own stream. When a callback throws, the exception leaves ProcessData; go on with a
-/// new document after Reset only.
+/// text, inside the stream), zero terminated, and valid during the callback only. A callback may exchange callbacks,
+/// but must not call ProcessData of its own stream. When a callback throws, the exception leaves ProcessData; go on
+/// with a new document after Reset only.
 ///
 /// States and what ends them, tried in this order; a space stands for white space (space, tab, carriage return, line
 /// feed), "*" for a name character, which stays to be read in the next state:
@@ -90,8 +90,8 @@ public:
     [[nodiscard]] u32 GetState() const { return m_state; }
 
 private:
-    u32 m_stackTop = 0;     // where the next token string goes
-    u32 m_valueOffset = 0;  // where an attribute's value goes, behind its name
+    u32 m_stackTop = 0;    // where the next token string goes
+    u32 m_valueOffset = 0; // where an attribute's value goes, behind its name
     u32 m_state = 0;
     u8* m_buffer = nullptr; // of the current call
     u32 m_mark = 0;         // where the pending token begins

@@ -20,7 +20,7 @@ CException::CException(char const* format, ...) : m_kind(PlainKind)
     m_text = CString(text);
 }
 
-CException::CException(CString const& text, i64 kind) : m_text(text), m_kind(kind) {}
+CException::CException(i64 kind, CString const& text) : m_text(text), m_kind(kind) {}
 
 CException::CException(CException const& other) = default;
 CException& CException::operator=(CException const& other) = default;
@@ -37,7 +37,7 @@ CString CException::GetText() const
 }
 
 CFileException::CFileException(CString const& text, EFileError::Type error)
-    : CException(text, FileKind), m_fileError(error)
+    : CException(FileKind, text), m_fileError(error)
 {
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace Velmor {
 
@@ -43,7 +44,11 @@ struct SPatterns {
 };
 
 constexpr SPatterns StateTable[] = {
-    {4, {{"<?", 2, EState::Instruction}, {"<!", 2, EState::Markup}, {"<*", 2, EState::ElementName}, {"</", 2, EState::EndTagName}}},
+    {4,
+     {{"<?", 2, EState::Instruction},
+      {"<!", 2, EState::Markup},
+      {"<*", 2, EState::ElementName},
+      {"</", 2, EState::EndTagName}}},
     {3, {{"--", 2, EState::Comment}, {"[CDATA[", 7, EState::CData}, {">", 1, EState::Text}}},
     {1, {{"?>", 2, EState::Text}}},
     {1, {{"-->", 3, EState::Text}}},
@@ -90,6 +95,7 @@ CXMLTokenizer::EOutcome CXMLTokenizer::Run()
 void CXMLTokenizer::Scan()
 {
     u32 matched[MostPatterns] = {};
+    u64 matchedFrom[MostPatterns] = {};
     u64 offset = 0;
     while (offset < m_size && m_stream.m_state != EState::Malformed) {
         u64 const stride = XMLText::GetStride(m_buffer[offset]);
@@ -105,6 +111,8 @@ void CXMLTokenizer::Scan()
         SPattern const* winner = nullptr;
         for (u32 i = 0; i < state.count && winner == nullptr; ++i) {
             SPattern const& pattern = state.patterns[i];
+            if (matched[i] == 0)
+                matchedFrom[i] = offset;
             matched[i] = Matches(pattern.text[matched[i]], codePoint) ? matched[i] + 1 : 0;
             if (matched[i] == pattern.length)
                 winner = &pattern;
@@ -122,7 +130,10 @@ void CXMLTokenizer::Scan()
         Transition(begin, end, winner->next);
         std::fill(std::begin(matched), std::end(matched), 0);
     }
-    m_pendingBegin = static_cast<u32>(offset) - *std::max_element(std::begin(matched), std::end(matched));
+    for (u32 i = 0; i < MostPatterns; ++i)
+        if (matched[i] != 0)
+            offset = std::min(offset, matchedFrom[i]);
+    m_pendingBegin = static_cast<u32>(offset);
 }
 
 void CXMLTokenizer::Transition(u32 begin, u32 end, u32 next)

@@ -1,6 +1,5 @@
 #include <Core_XMLText.h>
 
-#include <vlmcore/impl/Core_Encoding.h>
 #include <vlmcore/strings.h>
 #include <vlmcore/xml_stream.h>
 
@@ -10,8 +9,8 @@
 
 namespace Velmor {
 
-u32 const CXMLStream::NameLowChar[16] = {0x3A,   0x41,   0x5F,   0x61,   0xC0,   0xD8,   0xF8,   0x370,
-                                         0x37F,  0x200C, 0x2070, 0x2C00, 0x3001, 0xF900, 0xFDF0, 0x10000};
+u32 const CXMLStream::NameLowChar[16] = {0x3A,  0x41,   0x5F,   0x61,   0xC0,   0xD8,   0xF8,   0x370,
+                                         0x37F, 0x200C, 0x2070, 0x2C00, 0x3001, 0xF900, 0xFDF0, 0x10000};
 u32 const CXMLStream::NameHiChar[16] = {0x3A,   0x5A,   0x5F,   0x7A,   0xD6,   0xF6,   0x2FF,  0x37D,
                                         0x1FFF, 0x200D, 0x218F, 0x2FEF, 0xD7FF, 0xFDCF, 0xFFFD, 0xEFFFF};
 
@@ -47,6 +46,26 @@ u32 ReadNumber(u8 const* digits, u64 size)
     return static_cast<u32>(CString(text).ToUnsignedInteger(EBinaryEncoding::BigEndian));
 }
 
+/// The library's own UTF-8: no bits above bit 15 up to 0x3FFFF, a constant first byte from 0x40000 on.
+u32 WriteCodePoint(u8* buffer, u32 target, u32 codePoint)
+{
+    if (codePoint < 0x80) {
+        buffer[target++] = static_cast<u8>(codePoint);
+        return target;
+    }
+    if (codePoint < 0x800) {
+        buffer[target++] = static_cast<u8>(0xC0 | codePoint >> 6);
+    }
+    else {
+        if (codePoint >= 0x40000)
+            buffer[target++] = 0xE0;
+        buffer[target++] = static_cast<u8>(0xE0 | (codePoint >> 12 & (codePoint < 0x40000 ? 0x0F : 0xFF)));
+        buffer[target++] = static_cast<u8>(0x80 | (codePoint >> 6 & 0x3F));
+    }
+    buffer[target++] = static_cast<u8>(0x80 | (codePoint & 0x3F));
+    return target;
+}
+
 /// Writes what the reference of that name stands for; nothing for an unknown one. Returns the offset behind it.
 u32 WriteEntity(u8* buffer, u32 target, u8 const* name, u64 size)
 {
@@ -54,7 +73,7 @@ u32 WriteEntity(u8* buffer, u32 target, u8 const* name, u64 size)
         u32 const codePoint = ReadNumber(name + 1, size - 1);
         if (codePoint == 0)
             return target;
-        return static_cast<u32>(Encodings::SUTF8::Write(codePoint, buffer + target) - buffer);
+        return WriteCodePoint(buffer, target, codePoint);
     }
     for (SEntity const& entity : Entities)
         if (size == entity.length && std::memcmp(name, entity.name, size) == 0) {

@@ -51,7 +51,8 @@ struct SDecoded {
 
 /// Copies a text to `target`, which is not behind its own begin, and replaces its entity references. A partial text is
 /// taken up to an "&" whose reference more text may complete. `insideLongReference` says that the text begins inside a
-/// reference whose name is already too long, which is dropped up to its semicolon, and is set when a partial text ends so.
+/// reference whose name is already too long, which is dropped up to its semicolon, and is set when a partial text ends
+/// so.
 SDecoded DecodeReferences(u8* buffer, SRange text, u32 target, bool partial, bool& insideLongReference);
 
 } // namespace Velmor::XMLText
