@@ -1,5 +1,7 @@
 /// \file
 /// Threads and the thread pool. (Locks: impl/Core_Lock.h.)
+///
+/// Derive from IThread for a thread with a life of its own; give jobs to a CThreadPool for everything short.
 #pragma once
 
 #include <vlmcore/export.h>
@@ -14,57 +16,110 @@ namespace Velmor {
 
 namespace Thread {
 
-/// Id of the calling thread; never all ones.
-[[nodiscard]] VLM_API unsigned int GetId();
-/// Waits at least `ms` milliseconds; alertable on Windows.
+// (GetId: impl/Core_Lock.h)
+
+/// Sleeps `ms` milliseconds at least; 0 only yields. Alertable on Windows: ends early after a procedure call that was
+/// queued for this thread. How much longer it sleeps is the system's business.
 VLM_API void Sleep(unsigned int ms);
+
 /// Marks the inside of a busy-wait loop; does nothing.
 VLM_API void Spin();
-/// Gives the rest of the time slice to another thread.
+
+/// Gives the rest of the time slice to another thread that is ready; returns at once when there is none.
 VLM_API void Reschedule();
 
 } // namespace Thread
 
-/// Base of every thread of the library. Derive, implement Execute, Run or RunLooped, and Join before destruction.
+/// Base of every thread of the library: starts a system thread, names it for debuggers, runs a body once or again and
+/// again, and waits for its end.
+///
+/// Derive, implement Execute, and Join in the derived class's destructor at the latest: when this class's destructor
+/// runs, the body is gone already.
+///
+///     class CTicker : public IThread {
+///     public:
+///         ~CTicker() override { Join(); }
+///     private:
+///         void Execute() override { Tick(); Thread::Sleep(10); }
+///     };
+///     CTicker ticker;
+///     ticker.RunLooped(); // Tick every 10 ms ...
+///     ticker.Join();      // ... until now
+///
+/// | state            | Run, RunLooped          | Join                              | SetName, SetPriority,
+/// SetStackSize |
+/// |------------------|-------------------------|-----------------------------------|------------------------------------|
+/// | idle             | starts                  | returns at once                   | for the next start | | running |
+/// Join first, then starts | waits for the end of this pass    | for the next start; the name of a  | | | | | thread
+/// just started may be read    | | body has ended   | as running              | does not wait, makes it idle      | for
+/// the next start                 | | in its own body  | throws CException       | throws CException                 |
+/// for the next start                 |
+///
+/// Threads: Run, RunLooped, Join, SetPaused, IsRunning and GetThreadId may be called from any thread at any time. When
+/// several start at once, one thread after the other runs, each ended by the next start.
 class VLM_API IThread {
 public:
-    /// Priority value that stands for the normal priority.
+    /// Priority value that stands for the normal priority, as 0 does.
     static constexpr i32 NormalPriority = -256;
+    /// What GetThreadId gives without a thread.
+    static constexpr u32 NoThreadId = ~u32{0};
 
+    /// Idle; stop flag set, normal priority, default stack, not paused, no name.
     IThread();
     IThread(IThread const&) = delete;
     IThread& operator=(IThread const&) = delete;
-    /// Does not join.
+    /// Does not join: a thread still running is an error of the caller.
     virtual ~IThread();
 
-    /// Joins, then starts Execute on a new system thread: once when the stop flag is set, else until Join.
+protected:
+    /// The body of the thread; called once or, with the stop flag clear, again and again. An exception ends the thread
+    /// and is reported with Debug::Print.
+    virtual void Execute() = 0;
+
+public:
+    /// Joins, then starts a new system thread. With the stop flag set, as it is at first and as Join leaves it, the
+    /// body runs once, else until Join. Throws CBadAllocation, or CException when the system has no thread to give; the
+    /// object is then idle.
     void Run();
-    /// Joins, clears the stop flag and runs: Execute runs again and again until Join.
+
+    /// Joins, clears the stop flag and starts: the body runs again and again until Join. Throws as Run does.
     void RunLooped();
-    /// Sets the stop flag and waits until the thread has ended. From any thread, any number of times.
+
+    /// Sets the stop flag and waits until the body, which runs once at least, has come to its end, however early the
+    /// call comes. A pause ends. Any number of calls from any threads: all of them wait. Throws CException when a body
+    /// tries to join its own thread; the stop flag is then set.
     void Join();
 
-    /// Name shown to debuggers; a view that must stay valid until the thread runs. Empty: the class name.
+    /// Name shown to debuggers, a view that must stay valid until the thread runs. Empty: the class's name. Linux shows
+    /// the first 15 bytes.
     void SetName(CString const& name);
-    /// System priority of the next Run; NormalPriority for normal.
+
+    /// Priority of the next start as the system counts it: -15, -2 to 2, 15; a hint. On Linux each step moves the nice
+    /// value by 5, and raising it needs a privilege.
     void SetPriority(i32 priority);
-    /// Stack bytes of the next Run; 0 for the default.
+
+    /// Stack of the next start in bytes; 0 for the system's default. The system may round up.
     void SetStackSize(u32 stackSize);
-    /// While paused the loop yields instead of calling Execute.
+
+    /// While paused the thread waits instead of calling Execute again; Join overrules it.
     void SetPaused(bool paused);
+
+    /// From a start to the end of Join, also when the body has ended by itself.
     [[nodiscard]] bool IsRunning() const;
-    /// Id of the running system thread; all ones when there is none.
+
+    /// Id of the system thread: from its first moments to the end of Join, else NoThreadId.
     [[nodiscard]] u32 GetThreadId() const;
 
 protected:
-    /// The body of the thread.
-    virtual void Execute() = 0;
-
+    /// Set: the thread ends after the present pass. The body may set it; a clear one before Run makes that start loop.
     void SetStopFlag(bool stop);
     [[nodiscard]] bool GetStopFlag() const;
 
 private:
     friend struct SThreadStart;
+
+    void Start(bool looped);
+    void Launch();
 
     std::atomic<u32> m_threadId;
     std::atomic<void*> m_handle;
@@ -76,11 +131,11 @@ private:
     u32 m_stackSize;
 };
 
-/// Something for a thread pool to do. Allocate with Memory::New.
+/// Something for a thread pool to do. Allocate with Memory::New, unless AutoDelete gives false.
 class VLM_API IThreadJob {
 public:
     virtual ~IThreadJob();
-    /// True (the default): the pool destroys and frees the job after running it.
+    /// True (the default): the pool destroys the job after running it and gives its memory to Memory::Free.
     [[nodiscard]] virtual bool AutoDelete() const;
     /// Called once, on a worker thread. Exceptions are dropped.
     virtual void Execute() = 0;

@@ -1,0 +1,187 @@
+#include "../Platform_Thread.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <cxxabi.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace Velmor::Platform {
+
+// The calling thread
+
+namespace {
+
+// The initial-exec model makes this one instruction also from a shared library; four bytes fit the loader's reserve
+// when the library is loaded late.
+[[gnu::tls_model("initial-exec")]] thread_local u32 g_threadId = 0;
+
+u32 AskThreadId()
+{
+    g_threadId = static_cast<u32>(::syscall(SYS_gettid));
+    return g_threadId;
+}
+
+constexpr i32 NicePerPriority = 5;
+constexpr i32 LowestNice = -20;
+constexpr i32 HighestNice = 19;
+
+i32 GetNice(u32 id)
+{
+    return ::getpriority(PRIO_PROCESS, id);
+}
+
+void SetOwnPriority(i32 priority)
+{
+    i32 const asked = GetNice(static_cast<u32>(::getpid())) - std::clamp(priority, -15, 15) * NicePerPriority;
+    i32 const nice = std::clamp(asked, LowestNice, HighestNice);
+    if (nice != GetNice(GetThreadId())) // a new thread starts with the nice value of its starter
+        static_cast<void>(::setpriority(PRIO_PROCESS, GetThreadId(), nice));
+}
+
+} // namespace
+
+u32 GetThreadId()
+{
+    u32 const known = g_threadId;
+    return known != 0 ? known : AskThreadId();
+}
+
+void SleepThread(u32 milliseconds, ESleep)
+{
+    if (milliseconds == 0) {
+        YieldThread();
+        return;
+    }
+    timespec left = {};
+    left.tv_sec = static_cast<time_t>(milliseconds / 1000);
+    left.tv_nsec = static_cast<long>(milliseconds % 1000) * 1'000'000;
+    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+void YieldThread()
+{
+    ::sched_yield();
+}
+
+void RelaxProcessor()
+{
+    __builtin_ia32_pause();
+}
+
+u32 const ThreadNameBytes = 15;
+
+void NameThread(char const* name)
+{
+    char cut[ThreadNameBytes + 1];
+    std::size_t length = std::min(std::strlen(name), sizeof cut - 1);
+    if (name[length] != '\0') {
+        while (length > 0 && (static_cast<unsigned char>(name[length]) & 0xC0) == 0x80)
+            --length;
+    }
+    std::memcpy(cut, name, length);
+    cut[length] = '\0';
+    static_cast<void>(::pthread_setname_np(::pthread_self(), cut));
+}
+
+i32 GetThreadPriority()
+{
+    i32 const below = GetNice(static_cast<u32>(::getpid())) - GetNice(GetThreadId());
+    return below / NicePerPriority;
+}
+
+// Other threads
+
+namespace {
+
+/// What a new thread needs before its body; the thread frees it.
+struct SStart {
+    ThreadBody body;
+    void* argument;
+    i32 priority;
+};
+
+void* RunBody(void* record)
+{
+    SStart const start = *static_cast<SStart*>(record);
+    std::free(record);
+    SetOwnPriority(start.priority);
+    start.body(start.argument);
+    return nullptr;
+}
+
+u32 ToSystemError(int error)
+{
+    constexpr u32 NotEnoughMemory = 8;
+    constexpr u32 InvalidParameter = 87;
+    constexpr u32 MaximumThreadsReached = 164;
+    switch (error) {
+    case 0:
+        return 0;
+    case EAGAIN:
+        return MaximumThreadsReached;
+    case ENOMEM:
+        return NotEnoughMemory;
+    default:
+        return InvalidParameter;
+    }
+}
+
+std::size_t RoundStack(u32 bytes)
+{
+    // The system's least size covers the thread-local storage of everything that is loaded.
+    std::size_t const least = static_cast<std::size_t>(std::max(::sysconf(_SC_THREAD_STACK_MIN), 16384L));
+    std::size_t const page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    return (std::max<std::size_t>(bytes, least) + page - 1) / page * page;
+}
+
+static_assert(sizeof(pthread_t) <= sizeof(void*));
+
+} // namespace
+
+u32 StartThread(ThreadBody body, void* argument, u32 stackBytes, i32 priority, void*& handle)
+{
+    // From the C runtime: the library's heap is not the seam's to use.
+    SStart* const record = static_cast<SStart*>(std::malloc(sizeof(SStart)));
+    if (record == nullptr)
+        return ToSystemError(ENOMEM);
+    *record = {body, argument, priority};
+    pthread_attr_t attributes;
+    ::pthread_attr_init(&attributes);
+    if (stackBytes != 0)
+        static_cast<void>(::pthread_attr_setstacksize(&attributes, RoundStack(stackBytes)));
+    pthread_t thread = 0;
+    int const error = ::pthread_create(&thread, &attributes, &RunBody, record);
+    ::pthread_attr_destroy(&attributes);
+    if (error == 0)
+        handle = reinterpret_cast<void*>(thread);
+    else
+        std::free(record);
+    return ToSystemError(error);
+}
+
+void JoinThread(void* handle)
+{
+    ::pthread_join(reinterpret_cast<pthread_t>(handle), nullptr);
+}
+
+// Types
+
+void DescribeType(char const* rawName, char* out, u64 size)
+{
+    int status = -1;
+    char* const readable = abi::__cxa_demangle(rawName, nullptr, nullptr, &status);
+    std::snprintf(out, size, "class %s", status == 0 ? readable : rawName);
+    std::free(readable);
+}
+
+} // namespace Velmor::Platform

@@ -1,0 +1,160 @@
+#include "../Platform_Thread.h"
+
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <process.h>
+
+#if !defined(_MSC_VER)
+#  include <cxxabi.h>
+#endif
+
+namespace Velmor::Platform {
+
+// The calling thread
+
+u32 GetThreadId()
+{
+    return ::GetCurrentThreadId();
+}
+
+void SleepThread(u32 milliseconds, ESleep kind)
+{
+    ::SleepEx(milliseconds, kind == ESleep::Alertable ? TRUE : FALSE);
+}
+
+void YieldThread()
+{
+    ::SwitchToThread();
+}
+
+void RelaxProcessor()
+{
+    YieldProcessor();
+}
+
+u32 const ThreadNameBytes = 4095;
+
+namespace {
+
+constexpr DWORD NameThreadException = 0x406D1388;
+
+/// Layout that debuggers expect behind the exception.
+struct SThreadName {
+    ULONG_PTR type; ///< always 0x1000; the layout is the debugger's, padded to pointers
+    char const* name;
+    DWORD threadId; ///< all ones: the thread that raises
+    DWORD flags;
+};
+
+#if defined(__clang__) || defined(_MSC_VER)
+void RaiseName(SThreadName const& record)
+{
+    __try {
+        ::RaiseException(NameThreadException, 0, sizeof record / sizeof(ULONG_PTR),
+                         reinterpret_cast<ULONG_PTR const*>(&record));
+    }
+    __except (EXCEPTION_EXECUTE_HANDLER) {
+    }
+}
+#else
+/// Without structured handlers the exception is ended by a vectored one, which sees it only after the debugger.
+LONG CALLBACK EndNameException(EXCEPTION_POINTERS* pointers)
+{
+    return pointers->ExceptionRecord->ExceptionCode == NameThreadException ? EXCEPTION_CONTINUE_EXECUTION
+                                                                           : EXCEPTION_CONTINUE_SEARCH;
+}
+
+void RaiseName(SThreadName const& record)
+{
+    void* const handler = ::AddVectoredExceptionHandler(0, &EndNameException);
+    ::RaiseException(NameThreadException, 0, sizeof record / sizeof(ULONG_PTR),
+                     reinterpret_cast<ULONG_PTR const*>(&record));
+    ::RemoveVectoredExceptionHandler(handler);
+}
+#endif
+
+/// Systems since 2016 keep a name with the thread, where debuggers that attach later find it.
+void DescribeThread(char const* name)
+{
+    using SetDescription = HRESULT(WINAPI*)(HANDLE, PCWSTR);
+    static auto const set = reinterpret_cast<SetDescription>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "SetThreadDescription")));
+    wchar_t wide[256];
+    if (set != nullptr && ::MultiByteToWideChar(CP_UTF8, 0, name, -1, wide, 256) != 0)
+        static_cast<void>(set(::GetCurrentThread(), wide));
+}
+
+} // namespace
+
+void NameThread(char const* name)
+{
+    RaiseName({0x1000, name, static_cast<DWORD>(-1), 0});
+    DescribeThread(name);
+}
+
+i32 GetThreadPriority()
+{
+    return ::GetThreadPriority(::GetCurrentThread());
+}
+
+// Other threads
+
+namespace {
+
+struct SStart {
+    ThreadBody body;
+    void* argument;
+};
+
+unsigned __stdcall RunBody(void* record)
+{
+    SStart const start = *static_cast<SStart*>(record);
+    std::free(record);
+    start.body(start.argument);
+    return 0;
+}
+
+} // namespace
+
+u32 StartThread(ThreadBody body, void* argument, u32 stackBytes, i32 priority, void*& handle)
+{
+    // From the C runtime: the library's heap is not the seam's to use.
+    SStart* const record = static_cast<SStart*>(std::malloc(sizeof(SStart)));
+    if (record == nullptr)
+        return ERROR_NOT_ENOUGH_MEMORY;
+    *record = {body, argument};
+    uintptr_t const thread = ::_beginthreadex(nullptr, stackBytes, &RunBody, record, 0, nullptr);
+    if (thread == 0) {
+        std::free(record);
+        return errno == EAGAIN ? ERROR_MAX_THRDS_REACHED
+                               : (errno == ENOMEM ? ERROR_NOT_ENOUGH_MEMORY : ERROR_INVALID_PARAMETER);
+    }
+    handle = reinterpret_cast<void*>(thread);
+    ::SetThreadPriority(handle, priority);
+    return 0;
+}
+
+void JoinThread(void* handle)
+{
+    ::WaitForSingleObject(handle, INFINITE);
+    ::CloseHandle(handle);
+}
+
+// Types
+
+void DescribeType(char const* rawName, char* out, u64 size)
+{
+#if defined(_MSC_VER)
+    std::snprintf(out, size, "%s", rawName); // this compiler writes "class Name" by itself
+#else
+    int status = -1;
+    char* const readable = abi::__cxa_demangle(rawName, nullptr, nullptr, &status);
+    std::snprintf(out, size, "class %s", status == 0 ? readable : rawName);
+    std::free(readable);
+#endif
+}
+
+} // namespace Velmor::Platform
