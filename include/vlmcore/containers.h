@@ -4,5 +4,6 @@
 #pragma once
 
 #include <vlmcore/impl/Core_Delegate.h>
+#include <vlmcore/impl/Core_Map.h>
 #include <vlmcore/impl/Core_UniquePtr.h>
 #include <vlmcore/impl/Core_Vector.h>

@@ -10,12 +10,10 @@ while IFS= read -r line; do report "platform conditional outside the seam: $line
 while IFS= read -r line; do report "system header outside the seam: $line"; done < <(
     git grep -nE '^\s*#\s*include\s*<(windows|winsock2|shellapi|shlobj|dbghelp|process|io|unistd|dlfcn|fcntl|pthread|signal|execinfo|syslog|sched|sys/[a-z]+|linux/[a-z]+)\.h>' -- \
         src include ':!src/VlmCore/platform/**')
-for file in src/VlmCore/platform/windows/Windows_*.cpp; do
-    name=$(basename "$file" .cpp)
-    [[ -e src/VlmCore/platform/posix/Posix_${name#Windows_}.cpp ]] || report "no posix room for $file"
-done
-for file in src/VlmCore/platform/posix/Posix_*.cpp; do
-    name=$(basename "$file" .cpp)
-    [[ -e src/VlmCore/platform/windows/Windows_${name#Posix_}.cpp ]] || report "no windows room for $file"
+for room in windows:posix posix:windows; do
+    for file in src/VlmCore/platform/"${room%:*}"/*.cpp; do
+        pair=src/VlmCore/platform/${room#*:}/$(basename "$file")
+        [[ -e $pair ]] || report "$file has no pair $pair"
+    done
 done
 exit $failed
