@@ -25,15 +25,6 @@ namespace Velmor {
 
 class IFile;
 
-/// What one ReadXML did.
-struct SXMLReadStatistics {
-    u64 byteCount;  ///< bytes read from the file
-    u64 callCount;  ///< calls of the tokenizer
-    u64 bufferSize; ///< bytes of the largest buffer that was needed
-    u64 leftover;   ///< bytes at the end that no token claimed: the beginning of a delimiter, reference or character
-    bool complete;  ///< the text ended between two tags, with nothing left over
-};
-
 /// Incremental XML tokenizer. One stream belongs to one thread at a time; different streams are independent.
 ///
 /// Set the callbacks, then call ProcessData with UTF-8 text. An empty callback is skipped, and tokens that nobody asked
@@ -116,7 +107,6 @@ public:
 
 private:
     friend class CXMLTokenizer;
-    friend class CXMLFeeder;
 
     static constexpr u32 ScratchSize = 64;
 
@@ -125,5 +115,48 @@ private:
     bool m_insideLongReference = false; // the text's next bytes belong to a reference whose name is too long
     char m_scratch[ScratchSize] = {};   // the end of a partial text whose buffer has no room for a terminator
 };
+
+/// What a ReadXML did.
+struct SXMLReadStatistics {
+    u64 byteCount;  ///< bytes read from the file
+    u64 callCount;  ///< passes over the buffer
+    u64 bufferSize; ///< bytes of the largest buffer that was needed
+    u64 leftover;   ///< bytes at the end that no token claimed: the begin of a tag, reference or character
+    bool complete;  ///< the file ended between two tags, with nothing left over
+};
+
+/// An error of the tokenizer while ReadXML read a file. The message is the tokenizer's, followed by " At byte N.".
+class VLM_API CXMLException : public CException {
+public:
+    /// `sentence` is taken as it stands.
+    CXMLException(char const* sentence, u64 byteOffset);
+    CXMLException(CXMLException const& other);
+    CXMLException& operator=(CXMLException const& other);
+    ~CXMLException() override;
+
+    [[nodiscard]] CXMLException* Clone() const override;
+
+    /// Offset of the ">" that made the text malformed, or of the token that did not fit; counted from the position at
+    /// which ReadXML found the file.
+    [[nodiscard]] u64 GetByteOffset() const { return m_byteOffset; }
+
+private:
+    u64 m_byteOffset;
+};
+
+/// Feeds a file, from its position to its end, through a stream: a document, so the stream is Reset first. Callbacks
+/// and their order are those of ProcessData on a buffer of that size.
+///
+/// The buffer has `bufferSize` bytes (at least 1, at most 4 GiB less one) and comes from the memory manager. It grows
+/// by doubling when an element name, end tag, attribute or declaration does not fit, up to 4 GiB; texts, comments and
+/// the like are reported in pieces instead. The time is linear in the size of the file, whatever is in it.
+///
+/// The end of the file stands for the character that "/>" swallows, so that the last element ends in any case. A file
+/// that ends inside a tag or declaration is an error, one that ends inside a text, comment, CDATA section or
+/// instruction is not: see `complete`.
+///
+/// Throws CXMLException for an error in the text, CFileException when reading fails, CBadAllocation, and what a
+/// callback throws.
+VLM_API SXMLReadStatistics ReadXML(IFile& file, CXMLStream& stream, u64 bufferSize = 64 * 1024);
 
 } // namespace Velmor

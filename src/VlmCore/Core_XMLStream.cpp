@@ -10,25 +10,6 @@ using XMLText::SRange;
 
 namespace {
 
-namespace EState {
-enum Type : u32 {
-    Text = 0,
-    Markup = 1,
-    Instruction = 2,
-    Comment = 3,
-    CData = 4,
-    ElementName = 5,
-    EndTagName = 6,
-    BehindEndTagName = 7,
-    BetweenAttributes = 8,
-    AttributeName = 9,
-    BeforeValue = 10,
-    Value = 11,
-    BehindSelfClosing = 12,
-    Malformed = 13,
-};
-} // namespace EState
-
 constexpr u32 MostPatterns = 5;
 
 // A delimiter: a space matches any white space, "*" any name character, which is left to the next state.
@@ -45,21 +26,22 @@ struct SPatterns {
 
 constexpr SPatterns StateTable[] = {
     {4,
-     {{"<?", 2, EState::Instruction},
-      {"<!", 2, EState::Markup},
-      {"<*", 2, EState::ElementName},
-      {"</", 2, EState::EndTagName}}},
-    {3, {{"--", 2, EState::Comment}, {"[CDATA[", 7, EState::CData}, {">", 1, EState::Text}}},
-    {1, {{"?>", 2, EState::Text}}},
-    {1, {{"-->", 3, EState::Text}}},
-    {1, {{"]]>", 3, EState::Text}}},
-    {3, {{" ", 1, EState::BetweenAttributes}, {"/>", 2, EState::BehindSelfClosing}, {">", 1, EState::Text}}},
-    {2, {{" ", 1, EState::BehindEndTagName}, {">", 1, EState::Text}}},
-    {1, {{">", 1, EState::Text}}},
-    {3, {{"*", 1, EState::AttributeName}, {"/>", 2, EState::BehindSelfClosing}, {">", 1, EState::Text}}},
-    {3, {{" ", 1, EState::BeforeValue}, {"=", 1, EState::BeforeValue}, {">", 1, EState::Malformed}}},
-    {3, {{"\"", 1, EState::Value}, {"'", 1, EState::Value}, {">", 1, EState::Malformed}}},
-    {3, {{"\"", 1, EState::BetweenAttributes}, {"'", 1, EState::BetweenAttributes}, {">", 1, EState::Malformed}}},
+     {{"<?", 2, EXMLState::Instruction},
+      {"<!", 2, EXMLState::Markup},
+      {"<*", 2, EXMLState::ElementName},
+      {"</", 2, EXMLState::EndTagName}}},
+    {3, {{"--", 2, EXMLState::Comment}, {"[CDATA[", 7, EXMLState::CData}, {">", 1, EXMLState::Text}}},
+    {1, {{"?>", 2, EXMLState::Text}}},
+    {1, {{"-->", 3, EXMLState::Text}}},
+    {1, {{"]]>", 3, EXMLState::Text}}},
+    {3, {{" ", 1, EXMLState::BetweenAttributes}, {"/>", 2, EXMLState::BehindSelfClosing}, {">", 1, EXMLState::Text}}},
+    {2, {{" ", 1, EXMLState::BehindEndTagName}, {">", 1, EXMLState::Text}}},
+    {1, {{">", 1, EXMLState::Text}}},
+    {3, {{"*", 1, EXMLState::AttributeName}, {"/>", 2, EXMLState::BehindSelfClosing}, {">", 1, EXMLState::Text}}},
+    {3, {{" ", 1, EXMLState::BeforeValue}, {"=", 1, EXMLState::BeforeValue}, {">", 1, EXMLState::Malformed}}},
+    {3, {{"\"", 1, EXMLState::Value}, {"'", 1, EXMLState::Value}, {">", 1, EXMLState::Malformed}}},
+    {3,
+     {{"\"", 1, EXMLState::BetweenAttributes}, {"'", 1, EXMLState::BetweenAttributes}, {">", 1, EXMLState::Malformed}}},
 };
 
 bool Matches(char pattern, u32 codePoint)
@@ -83,10 +65,13 @@ CXMLTokenizer::CXMLTokenizer(CXMLStream& stream, void* buffer, u32 size)
 
 CXMLTokenizer::EOutcome CXMLTokenizer::Run()
 {
+    bool const wasMalformed = m_stream.m_state == EXMLState::Malformed;
     Scan();
+    if (m_stream.m_state == EXMLState::Malformed && !wasMalformed)
+        return EOutcome::Malformed;
     if (m_stream.m_committed != m_stream.m_mark) {
         // An attribute is cut off: it comes again from its name.
-        m_stream.m_state = EState::AttributeName;
+        m_stream.m_state = EXMLState::AttributeName;
         return EOutcome::Consumed;
     }
     return m_stream.m_committed != 0 ? EOutcome::Consumed : FinishWithoutDelimiter();
@@ -97,13 +82,13 @@ void CXMLTokenizer::Scan()
     u32 matched[MostPatterns] = {};
     u64 matchedFrom[MostPatterns] = {};
     u64 offset = 0;
-    while (offset < m_size && m_stream.m_state != EState::Malformed) {
+    while (offset < m_size && m_stream.m_state != EXMLState::Malformed) {
         u64 const stride = XMLText::GetStride(m_buffer[offset]);
         if (offset + stride > m_size)
             break;
-        if (m_stream.m_state == EState::BehindSelfClosing) {
+        if (m_stream.m_state == EXMLState::BehindSelfClosing) {
             offset += stride;
-            Transition(static_cast<u32>(offset), static_cast<u32>(offset), EState::Text);
+            Transition(static_cast<u32>(offset), static_cast<u32>(offset), EXMLState::Text);
             continue;
         }
         u32 const codePoint = XMLText::Decode(m_buffer + offset);
@@ -140,20 +125,18 @@ void CXMLTokenizer::Transition(u32 begin, u32 end, u32 next)
 {
     u32 const state = m_stream.m_state;
     Report(begin, next);
-    if (next == EState::BehindSelfClosing && m_stream.OnText)
+    if (next == EXMLState::BehindSelfClosing && m_stream.OnText)
         m_stream.OnText(nullptr);
-    if (state == EState::AttributeName) {
+    if (state == EXMLState::AttributeName) {
         m_stream.m_nameBegin = m_stream.m_mark;
         m_stream.m_nameEnd = begin;
     }
-    if (state == EState::Text)
+    if (state == EXMLState::Text)
         m_stream.m_insideLongReference = false;
     m_stream.m_mark = end;
-    if (state != EState::AttributeName && state != EState::BeforeValue)
+    if (state != EXMLState::AttributeName && state != EXMLState::BeforeValue)
         m_stream.m_committed = end;
     m_stream.m_state = next;
-    if (next == EState::Malformed)
-        throw CException("src/VlmCore/Core_XMLStream.cpp(631): XML parser error (malformed XML).");
 }
 
 /// Reports the token that the delimiter at `begin` ends.
@@ -174,34 +157,34 @@ void CXMLTokenizer::Report(u32 begin, u32 next)
         }
     };
     switch (m_stream.m_state) {
-    case EState::Text:
+    case EXMLState::Text:
         if (m_stream.OnText)
             ReportText(token);
         break;
-    case EState::Markup:
-        if (next == EState::Text)
+    case EXMLState::Markup:
+        if (next == EXMLState::Text)
             report(m_stream.OnDeclaration);
         break;
-    case EState::Instruction:
+    case EXMLState::Instruction:
         report(m_stream.OnProcessingInstruction);
         break;
-    case EState::Comment:
+    case EXMLState::Comment:
         report(m_stream.OnComment);
         break;
-    case EState::CData:
+    case EXMLState::CData:
         reportPointer(m_stream.OnText);
         break;
-    case EState::ElementName:
+    case EXMLState::ElementName:
         report(m_stream.OnElementBegin);
         break;
-    case EState::EndTagName:
+    case EXMLState::EndTagName:
         reportPointer(m_stream.OnElementEnd);
         break;
-    case EState::Value:
+    case EXMLState::Value:
         if (m_stream.OnAttribute)
             ReportAttribute(begin);
         break;
-    case EState::BehindSelfClosing:
+    case EXMLState::BehindSelfClosing:
         if (m_stream.OnElementEnd)
             m_stream.OnElementEnd(nullptr);
         break;
@@ -246,7 +229,7 @@ u32 CXMLTokenizer::ExtractDecoded(SRange token, u32 target)
     token = XMLText::Trim(m_buffer, token);
     CheckRoom(token, target);
     bool outside = false;
-    bool& inside = m_stream.m_state == EState::Text ? m_stream.m_insideLongReference : outside;
+    bool& inside = m_stream.m_state == EXMLState::Text ? m_stream.m_insideLongReference : outside;
     u32 const end = XMLText::DecodeReferences(m_buffer, token, target, false, inside).end;
     m_buffer[end] = 0;
     return end + 1;
@@ -256,8 +239,7 @@ u32 CXMLTokenizer::ExtractDecoded(SRange token, u32 target)
 void CXMLTokenizer::CheckRoom(SRange token, u32 target) const
 {
     if (u64{target} + (token.end - token.begin) > token.end)
-        throw CException("src/VlmCore/Core_XMLStream.cpp(188): Stack collides with unread buffer data. XML Data "
-                         "corruption imminent.");
+        throw CException(XMLMessage::Collision);
 }
 
 /// No delimiter in the whole buffer: the token is reported in part where its state allows it.
@@ -265,22 +247,22 @@ CXMLTokenizer::EOutcome CXMLTokenizer::FinishWithoutDelimiter()
 {
     auto const deliverText = [&](CString text) { m_stream.OnText(&text); };
     switch (m_stream.m_state) {
-    case EState::Text:
+    case EXMLState::Text:
         if (m_stream.OnText)
             ReportPartialText();
         else
             m_stream.m_committed = m_pendingBegin;
         return EOutcome::Consumed;
-    case EState::CData:
+    case EXMLState::CData:
         if (m_stream.OnText)
             DeliverPartial(m_pendingBegin, m_pendingBegin, deliverText);
         else
             m_stream.m_committed = m_pendingBegin;
         return EOutcome::Consumed;
-    case EState::Instruction:
-    case EState::Comment: {
+    case EXMLState::Instruction:
+    case EXMLState::Comment: {
         TDelegate<void(CString)> const& callback =
-            m_stream.m_state == EState::Comment ? m_stream.OnComment : m_stream.OnProcessingInstruction;
+            m_stream.m_state == EXMLState::Comment ? m_stream.OnComment : m_stream.OnProcessingInstruction;
         if (callback)
             DeliverPartial(m_pendingBegin, m_pendingBegin, [&](CString text) { callback(text); });
         else
@@ -332,23 +314,21 @@ void CXMLTokenizer::DeliverPartial(u32 textEnd, u32 consumed, Deliver const& del
     deliver(CString(m_stream.m_scratch));
 }
 
-void CXMLTokenizer::ThrowBufferTooSmall(CXMLStream const& stream)
-{
-    throw CException("src/VlmCore/Core_XMLStream.cpp(496): XML Read buffer is too small. Data of state 0x%x is not "
-                     "splittable.",
-                     stream.GetState());
-}
-
 unsigned int CXMLStream::ProcessData(void* buffer, unsigned int size)
 {
-    if (CXMLTokenizer(*this, buffer, size).Run() == CXMLTokenizer::EOutcome::BufferTooSmall)
-        CXMLTokenizer::ThrowBufferTooSmall(*this);
-    return m_committed;
+    switch (CXMLTokenizer(*this, buffer, size).Run()) {
+    case CXMLTokenizer::EOutcome::BufferTooSmall:
+        throw CException(XMLMessage::BufferTooSmall, m_state);
+    case CXMLTokenizer::EOutcome::Malformed:
+        throw CException(XMLMessage::Malformed);
+    default:
+        return m_committed;
+    }
 }
 
 void CXMLStream::Reset()
 {
-    m_state = EState::Text;
+    m_state = EXMLState::Text;
     m_insideLongReference = false;
 }
 

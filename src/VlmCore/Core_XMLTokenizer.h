@@ -7,21 +7,54 @@
 
 namespace Velmor {
 
+/// States of the stream.
+namespace EXMLState {
+enum Type : u32 {
+    Text = 0,
+    Markup = 1,
+    Instruction = 2,
+    Comment = 3,
+    CData = 4,
+    ElementName = 5,
+    EndTagName = 6,
+    BehindEndTagName = 7,
+    BetweenAttributes = 8,
+    AttributeName = 9,
+    BeforeValue = 10,
+    Value = 11,
+    BehindSelfClosing = 12,
+    Malformed = 13,
+};
+} // namespace EXMLState
+
+/// The messages of the exceptions, and what each takes.
+namespace XMLMessage {
+inline constexpr char const* BufferTooSmall = // the state
+    "src/VlmCore/Core_XMLStream.cpp(496): XML Read buffer is too small. Data of state 0x%x is not splittable.";
+inline constexpr char const* Malformed = "src/VlmCore/Core_XMLStream.cpp(631): XML parser error (malformed XML).";
+inline constexpr char const* Collision =
+    "src/VlmCore/Core_XMLStream.cpp(188): Stack collides with unread buffer data. XML Data corruption imminent.";
+} // namespace XMLMessage
+
 class CXMLTokenizer {
 public:
-    /// Why a walk ended.
+    /// How a walk ended.
     enum class EOutcome {
-        Consumed,       ///< the stream's committed offset says how much
+        Consumed,       ///< GetConsumed says how much; 0: the attribute or the held back end needs more text
         BufferTooSmall, ///< no delimiter in the whole buffer, and the state's token cannot be split
+        Malformed,      ///< a ">" inside an attribute, just before GetMark
     };
 
     /// A tokenizer of one buffer; the stream keeps what outlives it.
     CXMLTokenizer(CXMLStream& stream, void* buffer, u32 size);
 
-    /// Walks the buffer and calls back. Throws the "malformed" exception, and what a callback throws.
-    EOutcome Run();
+    /// Walks the buffer and calls back; throws what a callback throws.
+    [[nodiscard]] EOutcome Run();
 
-    [[noreturn]] static void ThrowBufferTooSmall(CXMLStream const& stream);
+    /// Bytes consumed from the front.
+    [[nodiscard]] u32 GetConsumed() const { return m_stream.m_committed; }
+    /// Offset behind the last delimiter.
+    [[nodiscard]] u32 GetMark() const { return m_stream.m_mark; }
 
 private:
     void Scan();
