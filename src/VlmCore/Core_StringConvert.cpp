@@ -1,0 +1,91 @@
+#include "Core_TextRules.h"
+
+#include <vlmcore/strings.h>
+
+#include <cstring>
+
+namespace Velmor {
+
+using namespace Encodings;
+
+u64 const IString::UTF8SizeTable[16] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 3, 4};
+
+namespace {
+
+/// Kept: the result counts all but the last byte of the terminator, whatever its width.
+template <class Rules>
+u64 CopyWhole(void const* source, void* destination)
+{
+    u64 const size = TextRules::GetTextSize<Rules>(AsBytes(source)) + Rules::UnitSize;
+    std::memcpy(destination, source, size);
+    return size - 1;
+}
+
+/// Ends the text and gives its size.
+template <class Rules>
+u64 Terminate(u8* end, void* destination)
+{
+    Store(end, typename Rules::Unit{0});
+    return static_cast<u64>(end - static_cast<u8*>(destination));
+}
+
+template <class From, class To>
+u64 ConvertWhole(void const* source, void* destination, u64 count)
+{
+    u8* const out = static_cast<u8*>(destination);
+    return Terminate<To>(TextRules::ConvertCharacters<From, To>(AsBytes(source), count, out), destination);
+}
+
+} // namespace
+
+u64 IString::ConvertUTF8(void const* source, void* destination, u64 count, EStringEncoding::Type target)
+{
+    if (source == nullptr || destination == nullptr)
+        return 0;
+    if (target == EStringEncoding::UTF8)
+        return CopyWhole<SUTF8>(source, destination);
+    if (target == EStringEncoding::UTF16)
+        return ConvertWhole<SUTF8, SUTF16>(source, destination, count);
+    return ConvertWhole<SUTF8, SUTF32>(source, destination, count);
+}
+
+u64 IString::ConvertUTF16(void const* source, void* destination, u64 count, EStringEncoding::Type target,
+                          bool planeZeroOnly)
+{
+    if (source == nullptr || destination == nullptr)
+        return 0;
+    if (target == EStringEncoding::UTF16)
+        return CopyWhole<SUTF16>(source, destination);
+    if (target != EStringEncoding::UTF8)
+        return ConvertWhole<SUTF16, SUTF32>(source, destination, count);
+    if (!planeZeroOnly)
+        return ConvertWhole<SUTF16, SUTF8>(source, destination, count);
+    u8* const out = static_cast<u8*>(destination);
+    return Terminate<SUTF8>(TextRules::ConvertPlaneZeroUnits(AsBytes(source), count, out), destination);
+}
+
+u64 IString::ConvertUTF32(void const* source, void* destination, u64 count, EStringEncoding::Type target)
+{
+    if (source == nullptr || destination == nullptr)
+        return 0;
+    if (target == EStringEncoding::UTF32)
+        return CopyWhole<SUTF32>(source, destination);
+    if (target == EStringEncoding::UTF8)
+        return ConvertWhole<SUTF32, SUTF8>(source, destination, count);
+    return ConvertWhole<SUTF32, SUTF16>(source, destination, count);
+}
+
+void IString::CopyAs(EStringEncoding::Type target, void* destination, bool planeZeroOnly) const
+{
+    // ConvertUTF32 takes an unknown target for UTF-16; here it is UTF-32, as everywhere else.
+    EStringEncoding::Type const known = Normalize(target);
+    u64 const length = known == Normalize(m_encoding) ? 0 : GetLength();
+    if (m_encoding == EStringEncoding::UTF8)
+        ConvertUTF8(m_data, destination, length, known);
+    else if (m_encoding == EStringEncoding::UTF16)
+        ConvertUTF16(m_data, destination, length, known, planeZeroOnly);
+    else
+        ConvertUTF32(m_data, destination, length, known);
+}
+
+} // namespace Velmor
