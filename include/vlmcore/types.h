@@ -27,7 +27,8 @@ struct TPair {
     A first;
     B second;
 
-    friend constexpr bool operator==(TPair const&, TPair const&) = default;
+    // Constant wherever the members' comparisons are.
+    friend bool operator==(TPair const&, TPair const&) = default;
 };
 
 namespace Math {
