@@ -36,10 +36,10 @@ enum Type : u32 {
 /// (kept: hosts depend on it).
 namespace EFileOpen {
 enum Type : u32 {
-    Read = 1,            ///< for reading
-    Write = 2,           ///< for writing
-    OpenAlways = 4,      ///< create the file when it does not exist
-    CreateAlways = 8,    ///< create the file or empty an existing one, even when only Read is asked; wins over OpenAlways
+    Read = 1,         ///< for reading
+    Write = 2,        ///< for writing
+    OpenAlways = 4,   ///< create the file when it does not exist
+    CreateAlways = 8, ///< create the file or empty an existing one, even when only Read is asked; wins over OpenAlways
     ThrowIfMissing = 16, ///< only CResourceArchive reads it: throw instead of returning an empty handle
 };
 

@@ -2,7 +2,7 @@
 
 #include "platform/Platform_SystemError.h"
 
-#include <vlmcore/format.h>
+#include <cstdio>
 
 namespace Velmor {
 
@@ -52,11 +52,10 @@ void RaiseFileError(u32 systemError)
     char text[Platform::SystemErrorTextCapacity];
     Platform::GetSystemErrorText(systemError, text);
     EFileError::Type const kind = GetFileErrorKind(systemError);
-    if (kind != EFileError::Unknown || text[0] != '\0')
-        throw CFileException(CString(text), kind);
-    CMutableString message;
-    Format(message, "Error code %1", systemError);
-    throw CFileException(message, kind);
+    // Kinds speak for themselves; an unknown one without a text must at least say its number.
+    if (kind == EFileError::Unknown && text[0] == '\0')
+        std::snprintf(text, sizeof text, "Error code %u", static_cast<unsigned int>(systemError));
+    throw CFileException(CString(text), kind);
 }
 
 } // namespace Velmor

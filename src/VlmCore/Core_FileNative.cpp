@@ -14,15 +14,17 @@ namespace {
 void* OpenNative(Path::PathUnits const& path, EFileOpen::Type mode)
 {
     // Neither bit asks for both rights; the file then still reports neither.
-    u32 rights = (mode & (EFileOpen::Read | EFileOpen::Write)) != 0 ? 0
-                                                                    : Platform::EFileRights::Read | Platform::EFileRights::Write;
+    u32 rights = (mode & (EFileOpen::Read | EFileOpen::Write)) != 0
+                     ? 0
+                     : Platform::EFileRights::Read | Platform::EFileRights::Write;
     if ((mode & EFileOpen::Read) != 0)
         rights |= Platform::EFileRights::Read;
     if ((mode & EFileOpen::Write) != 0)
         rights |= Platform::EFileRights::Write;
-    Platform::EFileCreation const creation = (mode & EFileOpen::CreateAlways) != 0 ? Platform::EFileCreation::CreateAlways
-                                             : (mode & EFileOpen::OpenAlways) != 0 ? Platform::EFileCreation::OpenAlways
-                                                                                   : Platform::EFileCreation::OpenExisting;
+    Platform::EFileCreation const creation =
+        (mode & EFileOpen::CreateAlways) != 0 ? Platform::EFileCreation::CreateAlways
+        : (mode & EFileOpen::OpenAlways) != 0 ? Platform::EFileCreation::OpenAlways
+                                              : Platform::EFileCreation::OpenExisting;
     void* handle = Platform::InvalidFileHandle();
     RaiseFileError(Platform::OpenFileHandle(path.GetData(), rights, creation, handle));
     return handle;

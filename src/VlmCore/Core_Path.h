@@ -32,8 +32,8 @@ private:
 /// stays there. A trailing separator is kept. Windows paths that begin with two backslashes are left as they are.
 void ResolveDotParts(PathUnits& path);
 
-/// The full path that `path` means now: "~" in front becomes the documents folder (no separator is added), dot parts go,
-/// a relative path is taken from the current folder, an empty one is the root. Terminated. Throws CFileException.
+/// The full path that `path` means now: "~" in front becomes the documents folder (no separator is added), dot parts
+/// go, a relative path is taken from the current folder, an empty one is the root. Terminated. Throws CFileException.
 [[nodiscard]] PathUnits Normalize(char16_t const* path);
 [[nodiscard]] PathUnits Normalize(CString const& path);
 

@@ -17,7 +17,7 @@ namespace Velmor::Platform {
 
 static_assert(sizeof(off_t) == 8, "file positions have 64 bits");
 
-// Open files
+// ---- open files ----
 
 namespace {
 
@@ -124,7 +124,7 @@ u32 GetFileSize(FileHandle handle, u64& size)
     return ESystemError::None;
 }
 
-// Entries by path
+// ---- entries by path ----
 
 namespace {
 

@@ -15,7 +15,7 @@
 
 namespace Velmor::Platform {
 
-// Names
+// ---- names ----
 
 namespace {
 
@@ -49,7 +49,11 @@ struct SDecoded {
 SDecoded DecodeUTF8(u8 const* text, u64 count)
 {
     u8 const lead = text[0];
-    u32 const byteCount = lead < 0x80 ? 1 : lead >= 0xC2 && lead < 0xE0 ? 2 : (lead & 0xF0) == 0xE0 ? 3 : lead >= 0xF0 && lead < 0xF5 ? 4 : 0;
+    u32 const byteCount = lead < 0x80                   ? 1
+                          : lead >= 0xC2 && lead < 0xE0 ? 2
+                          : (lead & 0xF0) == 0xE0       ? 3
+                          : lead >= 0xF0 && lead < 0xF5 ? 4
+                                                        : 0;
     if (byteCount == 0 || byteCount > count)
         return {};
     u32 codePoint = byteCount == 1 ? lead : lead & (0x7Fu >> byteCount);
@@ -136,7 +140,8 @@ u64 WidenSystemText(char const* text, u64 count, char16_t* target)
         SDecoded const decoded = DecodeUTF8(bytes + index, count - index);
         u32 const codePoint = decoded.codePoint;
         u64 const next = index + decoded.byteCount;
-        if (decoded.byteCount == 0 || (IsSurrogate(codePoint) && !IsPlainSurrogate(codePoint, bytes + next, count - next))) {
+        if (decoded.byteCount == 0 ||
+            (IsSurrogate(codePoint) && !IsPlainSurrogate(codePoint, bytes + next, count - next))) {
             target[units++] = EscapeByte(byte);
             ++index;
             continue;
@@ -160,7 +165,7 @@ void AppendSystemText(char const* text, u64 count, PathUnits& target)
     target.Resize(start + WidenSystemText(text, count, target.GetData() + start));
 }
 
-// Folders of the process and the user
+// ---- folders of the process and the user ----
 
 namespace {
 
