@@ -5,6 +5,7 @@
 #pragma once
 
 #include <vlmcore/export.h>
+#include <vlmcore/impl/Core_JobRing.h>
 #include <vlmcore/impl/Core_Lock.h>
 #include <vlmcore/impl/Core_Vector.h>
 #include <vlmcore/strings.h>
@@ -135,10 +136,85 @@ private:
 class VLM_API IThreadJob {
 public:
     virtual ~IThreadJob();
-    /// True (the default): the pool destroys the job after running it and gives its memory to Memory::Free.
+    /// True (the default): after running the job the pool destroys it and gives its memory to Memory::Free. False: the
+    /// job is left to its owner. Asked after Execute; after that the pool does not touch a job that it leaves.
     [[nodiscard]] virtual bool AutoDelete() const;
     /// Called once, on a worker thread. Exceptions are dropped.
     virtual void Execute() = 0;
+};
+
+class CWorkerThread;
+
+/// Runs jobs on a fixed number of worker threads at most.
+///
+///     CThreadPool pool;
+///     for (CString const& path : paths)
+///         pool.PushJob(Memory::New<CIndexJob>(EHeap::Pool, path, results));
+///     pool.WaitForJobs();
+///
+/// - Jobs wait in a ring of 255 and are taken in the order of PushJob; who pushes more waits for room. A job that
+///   pushes to its own pool never waits: what finds no room is put by and run or queued when the job has ended.
+/// - Workers start when a job would otherwise have to wait for a busy one, and end when they found nothing to do for
+///   the idle timeout. An idle worker looks for jobs busily at first, then once a millisecond.
+/// - Jobs of one pool must not wait for one another by other means than the pool's: the one waited for may be behind.
+///
+/// Do not use for jobs that sleep or wait for devices: they occupy a worker each.
+///
+/// Threads: everything but the destructor may be called from any thread, also from jobs, except that a job cannot wait
+/// for its own pool. Errors: see PushJob.
+class VLM_API CThreadPool {
+public:
+    /// Jobs that wait at most.
+    static constexpr u64 RingCapacity = 255;
+
+    /// As many workers as the machine has processors, at most 255. Throws CBadAllocation.
+    CThreadPool();
+    /// At most `maxWorkers` workers; 0 counts as 1. Throws CBadAllocation.
+    explicit CThreadPool(unsigned char maxWorkers);
+    CThreadPool(CThreadPool const&) = delete;
+    CThreadPool& operator=(CThreadPool const&) = delete;
+    /// Waits for all jobs and ends the workers. Not on one of its own workers.
+    ~CThreadPool();
+
+    /// Queues a job and sees to it that a worker is there to run it. Waits while 255 jobs are waiting. Null is ignored.
+    /// Throws CBadAllocation or CException when no worker runs and none can be started; the job is then not queued and
+    /// stays the caller's.
+    void PushJob(IThreadJob* job);
+
+    /// Returns when no job is waiting and none running: what was pushed before the call, and by those jobs, is done,
+    /// and seen by the caller. Throws CException when called by a job of this pool, which would wait for itself.
+    void WaitForJobs() const;
+
+    /// True when no job is waiting; jobs may still be running.
+    [[nodiscard]] bool IsEmpty() const;
+
+    /// Time without a job after which a worker ends; 5 seconds at first, 0 for never.
+    void SetIdleTimeout(u64 seconds);
+
+    [[nodiscard]] unsigned char GetMaxNumWorkerThreads() const;
+
+private:
+    friend class CWorkerThread;
+
+    using CRing = Impl::TJobRing<std::atomic, IThreadJob*, RingCapacity + 1>;
+
+    void CreateWorkers();
+    void DestroyWorkers();
+    void StartFirstWorker();
+    void StartHelper();
+    void StartWorker();
+    [[nodiscard]] CWorkerThread& FindStoppedWorker() const;
+    [[nodiscard]] CWorkerThread* FindCallingWorker() const;
+    [[nodiscard]] u64 CountIdleWorkers() const;
+    [[nodiscard]] bool TryQueue(IThreadJob* job);
+    [[nodiscard]] bool TryRetire(CWorkerThread& worker);
+
+    CRing m_ring; // the jobs waiting are its distance between two indices, not one more counter
+    TVector<CWorkerThread*, 1> m_workers;
+    std::atomic<f64> m_idleTimeout; // seconds
+    std::atomic<u32> m_running;     // workers whose stop flag is clear
+    mutable CSpinLock m_lock;       // starting, retiring and the busy scan
+    u8 m_maxWorkers;
 };
 
 } // namespace Velmor

@@ -1,0 +1,329 @@
+#include "Core_ThreadPool.h"
+
+#include "platform/Platform_System.h"
+
+#include <vlmcore/exceptions.h>
+#include <vlmcore/memory.h>
+#include <vlmcore/system.h>
+#include <vlmcore/threads.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+
+namespace Velmor {
+
+namespace {
+
+constexpr f64 DefaultIdleTimeout = 5.0;
+
+u8 GetProcessorCount()
+{
+    return static_cast<u8>(std::min<u32>(Platform::GetProcessorCount(), 255));
+}
+
+} // namespace
+
+// The worker
+
+#if defined(__GNUC__)
+#  pragma GCC diagnostic push
+#  pragma GCC diagnostic ignored "-Winvalid-offsetof"
+#endif
+struct SWorkerLayout {
+    static_assert(offsetof(CWorkerThread, m_lastActive) == sizeof(IThread));
+    static_assert(offsetof(CWorkerThread, m_pool) == sizeof(IThread) + 8);
+    static_assert(offsetof(CWorkerThread, m_busy) == sizeof(IThread) + 16);
+};
+#if defined(__GNUC__)
+#  pragma GCC diagnostic pop
+#endif
+
+CWorkerThread::CWorkerThread(CThreadPool& pool) : m_lastActive(System::GetTimeMs()), m_pool(&pool)
+{
+    SetName("Threadpool worker");
+}
+
+void CWorkerThread::Restart()
+{
+    Join();
+    m_lastActive = System::GetTimeMs();
+    m_backoff.Reset();
+    RunLooped();
+}
+
+void CWorkerThread::Execute()
+{
+    IThreadJob* const job = TryTake();
+    if (job != nullptr)
+        WorkOff(job);
+    else
+        Rest();
+}
+
+/// The next job, the worker then being busy; null when there is none.
+IThreadJob* CWorkerThread::TryTake()
+{
+    if (!m_pool->m_ring.HasPublished())
+        return nullptr;
+    m_busy.store(1, std::memory_order_relaxed); // shown by the move of the read index at the latest
+    IThreadJob* job = nullptr;
+    // A null is the place of a push that failed.
+    while (m_pool->m_ring.TryTake(job)) {
+        if (job != nullptr)
+            return job;
+    }
+    m_busy.store(0, std::memory_order_release);
+    return nullptr;
+}
+
+/// Runs a job and what it put by, and is idle again.
+void CWorkerThread::WorkOff(IThreadJob* job)
+{
+    RunJob(job);
+    for (u64 next = 0; next < m_putBy.GetCount(); ++next) {
+        // The other workers get their share, the oldest stays here: a full ring must not stop this worker.
+        while (next + 1 < m_putBy.GetCount() && m_pool->TryQueue(m_putBy[next]))
+            ++next;
+        RunJob(m_putBy[next]);
+    }
+    m_putBy.Clear();
+    m_worked = true;
+    m_busy.store(0, std::memory_order_release);
+}
+
+void CWorkerThread::RunJob(IThreadJob* job) noexcept
+{
+    try {
+        job->Execute();
+    }
+    catch (...) { // a job's errors are the job's
+    }
+    try {
+        if (job->AutoDelete()) {
+            void* const memory = dynamic_cast<void*>(job);
+            job->~IThreadJob();
+            Memory::FreeQuietly(memory);
+        }
+    }
+    catch (...) { // a job that cannot say whose it is stays its owner's
+    }
+}
+
+/// A pass without a job: waits a little, the longer the more often in a row, and retires after the timeout.
+void CWorkerThread::Rest()
+{
+    f64 const now = System::GetTimeMs();
+    if (m_worked) {
+        m_worked = false;
+        m_lastActive = now;
+        m_backoff.Reset();
+    }
+    f64 const timeout = m_pool->m_idleTimeout.load(std::memory_order_relaxed);
+    if (timeout > 0 && now - m_lastActive > timeout * 1000) {
+        if (m_pool->TryRetire(*this))
+            return;
+    }
+    m_backoff.Wait();
+}
+
+// The pool
+
+CThreadPool::CThreadPool() : CThreadPool(GetProcessorCount()) {}
+
+CThreadPool::CThreadPool(unsigned char maxWorkers)
+    : m_idleTimeout(DefaultIdleTimeout), m_running(0), m_maxWorkers(maxWorkers != 0 ? maxWorkers : u8{1})
+{
+    try {
+        CreateWorkers();
+    }
+    catch (...) {
+        DestroyWorkers();
+        throw;
+    }
+}
+
+CThreadPool::~CThreadPool()
+{
+    if (!Memory::IsInitialized()) // the workers' memory went with the heap
+        return;
+    m_idleTimeout.store(0, std::memory_order_relaxed);
+    WaitForJobs();
+    // A worker may be about to retire; without the lock it stays where it is in the array.
+    m_lock.Acquire();
+    DestroyWorkers();
+}
+
+void CThreadPool::CreateWorkers()
+{
+    m_workers.Reserve(m_maxWorkers);
+    while (m_workers.GetCount() < m_maxWorkers)
+        m_workers.Append(Memory::New<CWorkerThread>(EHeap::Pool, *this));
+}
+
+void CThreadPool::DestroyWorkers()
+{
+    for (u64 index = m_workers.GetCount(); index > 0; --index) {
+        m_workers[index - 1]->Join();
+        Memory::Delete(m_workers[index - 1]);
+    }
+}
+
+void CThreadPool::PushJob(IThreadJob* job)
+{
+    if (job == nullptr)
+        return;
+    CWorkerThread* caller = nullptr;
+    CBackoff backoff;
+    u64 index = 0;
+    for (;;) {
+        if (m_running.load(std::memory_order_seq_cst) == 0)
+            StartFirstWorker();
+        if (m_ring.TryClaim(index))
+            break;
+        if (caller == nullptr)
+            caller = FindCallingWorker();
+        if (caller != nullptr) {
+            caller->PutBy(job);
+            return;
+        }
+        backoff.Wait();
+    }
+    if (m_running.load(std::memory_order_seq_cst) == 0) { // the last worker retired before it could see the claim
+        try {
+            StartFirstWorker();
+        }
+        catch (...) {
+            m_ring.Publish(index, nullptr, [&] { backoff.Wait(); });
+            throw;
+        }
+    }
+    backoff.Reset();
+    m_ring.Publish(index, job, [&] { backoff.Wait(); });
+    if (m_running.load(std::memory_order_seq_cst) < m_maxWorkers)
+        StartHelper();
+}
+
+/// Queues without waiting; false when there is no room. For workers: one is running.
+bool CThreadPool::TryQueue(IThreadJob* job)
+{
+    u64 index = 0;
+    if (!m_ring.TryClaim(index))
+        return false;
+    CBackoff backoff;
+    m_ring.Publish(index, job, [&] { backoff.Wait(); });
+    return true;
+}
+
+void CThreadPool::StartFirstWorker()
+{
+    TScopedLock lock(m_lock);
+    if (m_running.load(std::memory_order_relaxed) == 0)
+        StartWorker();
+}
+
+/// Starts one more worker when more jobs wait than workers are idle. Without it the job waits, but is not lost.
+void CThreadPool::StartHelper()
+{
+    TScopedLock lock(m_lock);
+    if (m_running.load(std::memory_order_relaxed) >= m_maxWorkers)
+        return;
+    u64 const taken = m_ring.GetTaken();
+    if (m_ring.GetReserved() - taken <= CountIdleWorkers())
+        return;
+    try {
+        StartWorker();
+    }
+    catch (...) { // the running workers will do
+    }
+}
+
+/// Under the lock.
+void CThreadPool::StartWorker()
+{
+    FindStoppedWorker().Restart();
+    m_running.fetch_add(1, std::memory_order_seq_cst);
+}
+
+/// The worker behind the running ones, if it is stopped: retiring does not keep the running ones in front.
+CWorkerThread& CThreadPool::FindStoppedWorker() const
+{
+    u64 const count = m_workers.GetCount();
+    u64 index = m_running.load(std::memory_order_relaxed);
+    while (!m_workers[index % count]->IsStopped())
+        ++index;
+    return *m_workers[index % count];
+}
+
+u64 CThreadPool::CountIdleWorkers() const
+{
+    u64 idle = 0;
+    for (CWorkerThread const* worker : m_workers)
+        idle += worker->IsStopped() || worker->IsBusy() ? 0 : 1;
+    return idle;
+}
+
+CWorkerThread* CThreadPool::FindCallingWorker() const
+{
+    u32 const threadId = Thread::GetId();
+    TScopedLock lock(m_lock);
+    for (CWorkerThread* const worker : m_workers) {
+        if (worker->GetThreadId() == threadId && !worker->IsStopped())
+            return worker;
+    }
+    return nullptr;
+}
+
+/// Called by an idle worker, which ends after this pass when the answer is true. Only tries the lock: who holds it may
+/// be waiting for this very worker to end.
+bool CThreadPool::TryRetire(CWorkerThread& worker)
+{
+    if (!m_lock.TryAcquire())
+        return false;
+    bool const leaves = Impl::TryLeave(m_ring, m_running);
+    if (leaves) {
+        worker.Stop();
+        u64 index = 0;
+        while (m_workers[index] != &worker)
+            ++index;
+        std::swap(m_workers[index], m_workers[m_workers.GetCount() - 1]);
+    }
+    m_lock.TryRelease();
+    return leaves;
+}
+
+void CThreadPool::WaitForJobs() const
+{
+    if (FindCallingWorker() != nullptr)
+        throw CException("A job cannot wait for its own thread pool.");
+    auto const isAnyBusy = [this] {
+        return std::any_of(m_workers.begin(), m_workers.end(),
+                           [](CWorkerThread const* worker) { return worker->IsBusy(); });
+    };
+    CBackoff backoff;
+    for (;;) {
+        if (m_ring.IsEmpty()) {
+            TScopedLock lock(m_lock);
+            if (Impl::IsDrained(m_ring, isAnyBusy))
+                return;
+        }
+        backoff.Wait();
+    }
+}
+
+bool CThreadPool::IsEmpty() const
+{
+    return m_ring.IsEmpty();
+}
+
+void CThreadPool::SetIdleTimeout(u64 seconds)
+{
+    m_idleTimeout.store(static_cast<f64>(seconds), std::memory_order_relaxed);
+}
+
+unsigned char CThreadPool::GetMaxNumWorkerThreads() const
+{
+    return m_maxWorkers;
+}
+
+} // namespace Velmor
