@@ -1,0 +1,373 @@
+#include <vlmcore/format.h>
+
+#include <vlmcore/impl/Core_Encoding.h>
+#include <vlmcore/memory.h>
+
+#include "Core_NumberText.h"
+
+#include <cstring>
+
+namespace Velmor::Impl {
+namespace {
+
+constexpr u64 SlotCount = 8;
+constexpr SFormatArgument EmptySlot{SFormatArgument::Signed, EStringEncoding::UTF8, {0}};
+
+/// memcpy for the few bytes that most pieces of a message have, without a call for them.
+inline u8* Append(u8* out, u8 const* from, u64 size)
+{
+    if (size > 32) {
+        std::memcpy(out, from, size);
+    }
+    else if (size >= 16) {
+        std::memcpy(out, from, 16);
+        std::memcpy(out + size - 16, from + size - 16, 16);
+    }
+    else if (size >= 8) {
+        std::memcpy(out, from, 8);
+        std::memcpy(out + size - 8, from + size - 8, 8);
+    }
+    else if (size >= 4) {
+        std::memcpy(out, from, 4);
+        std::memcpy(out + size - 4, from + size - 4, 4);
+    }
+    else if (size != 0) {
+        out[0] = from[0];
+        out[size / 2] = from[size / 2];
+        out[size - 1] = from[size - 1];
+    }
+    return out + size;
+}
+
+/// Memory that a conversion needs while a message is built.
+class CScratch {
+public:
+    explicit CScratch(u64 size) : m_block(Memory::Malloc(size, EHeap::Pool))
+    {
+        if (m_block == nullptr)
+            throw CBadAllocation();
+    }
+    CScratch(CScratch const&) = delete;
+    CScratch& operator=(CScratch const&) = delete;
+    ~CScratch() { Memory::FreeQuietly(m_block); }
+
+    [[nodiscard]] u8* Get() const { return static_cast<u8*>(m_block); }
+    [[nodiscard]] void* Detach() { return std::exchange(m_block, nullptr); }
+
+private:
+    void* m_block;
+};
+
+/// Units that a template's literal text may take over as they stand: neither a terminator nor a "%", and written by the
+/// encoder as they were read.
+[[nodiscard]] inline bool IsPlain(u8 unit)
+{
+    return unit < 0x80 && unit != '%' && unit != 0;
+}
+[[nodiscard]] inline bool IsPlain(u16 unit)
+{
+    return unit != '%' && unit != 0 && unit != 0xFFFF && !Encodings::SUTF16::OpensPair(unit);
+}
+[[nodiscard]] inline bool IsPlain(u32 unit)
+{
+    return unit != '%' && unit != 0;
+}
+
+/// One call of Format or FormatTo, for the template's encoding: first Measure, then Write.
+template <class Rules>
+class TMessage {
+public:
+    using Unit = typename Rules::Unit;
+
+    TMessage(CString const& text, SFormatArgument const* arguments, u64 count)
+        : m_text(static_cast<u8 const*>(text.GetData())), m_arguments(arguments), m_count(count)
+    {
+        static constexpr Unit nothing = 0;
+        if (m_text == nullptr)
+            m_text = reinterpret_cast<u8 const*>(&nothing);
+    }
+
+    /// Bytes of the message without a terminator. Renders every argument that the template names.
+    [[nodiscard]] u64 Measure()
+    {
+        u64 size = 0;
+        Walk([&](u8 const*, u64 literalSize) { Add(size, literalSize); },
+             [&](u32 codePoint) { Add(size, Rules::GetWrittenSize(codePoint)); },
+             [&](u64 slot, bool hex) { Add(size, Resolve(slot, hex).size); });
+        return size;
+    }
+
+    /// Writes the measured message, which must fit with its terminator.
+    void Write(u8* out)
+    {
+        Walk([&](u8 const* literal, u64 size) { out = Append(out, literal, size); },
+             [&](u32 codePoint) { out = Rules::Write(codePoint, out); },
+             [&](u64 slot, bool hex) { out = WriteSlot(m_renderings[slot][hex], slot, out); });
+        Encodings::Store(out, Unit{0});
+    }
+
+    /// Writes what fits into `room` bytes, never a part of a character, and the terminator behind it. Returns the bytes
+    /// in front of the terminator.
+    u64 WriteCut(u8* const start, u64 room)
+    {
+        u8* out = start;
+        bool full = false;
+        auto const append = [&](u8 const* piece, u64 size) {
+            if (full)
+                return;
+            u64 const left = room - static_cast<u64>(out - start);
+            full = size > left;
+            out = Append(out, piece, full ? CutCharacters(piece, left) : size);
+        };
+        Walk(
+            append,
+            [&](u32 codePoint) {
+                full = full || Rules::GetWrittenSize(codePoint) > room - static_cast<u64>(out - start);
+                if (!full)
+                    out = Rules::Write(codePoint, out);
+            },
+            [&](u64 slot, bool hex) {
+                SRendering& rendering = m_renderings[slot][hex];
+                if (full || rendering.text != nullptr)
+                    append(rendering.text, rendering.size);
+                else if (rendering.size + Rules::UnitSize <= room - static_cast<u64>(out - start))
+                    out = WriteSlot(rendering, slot, out);
+                else
+                    AppendConverted(rendering, slot, append);
+            });
+        Encodings::Store(out, Unit{0});
+        return static_cast<u64>(out - start);
+    }
+
+private:
+    /// A slot in one of its two forms. `text` is null for a string of another encoding that was not converted yet.
+    struct SRendering {
+        u8 const* text;
+        u64 size;
+    };
+
+    static void Add(u64& sum, u64 size)
+    {
+        // Keeps room for the terminator; no real message comes near.
+        if (size > ~u64{0} - Rules::UnitSize - sum)
+            throw CBadAllocation();
+        sum += size;
+    }
+
+    /// Takes the template apart: literal(units, bytes) for text that is copied, character(code point) for a character
+    /// that the encoder writes, slot(index, hex) for a placeholder.
+    template <class Literal, class Character, class Slot>
+    void Walk(Literal&& literal, Character&& character, Slot&& slot)
+    {
+        u8 const* position = m_text;
+        for (;;) {
+            u8 const* const run = position;
+            while (IsPlain(Encodings::Load<Unit>(position)))
+                position += Rules::UnitSize;
+            if (position != run)
+                literal(run, static_cast<u64>(position - run));
+            if (Encodings::IsEnd<Rules>(position))
+                return;
+            Encodings::SCharacter read = Rules::Read(position);
+            if (read.codePoint != '%') {
+                // What decodes to 0 without being the terminator has no written form of its own: it stays as it is.
+                if (read.codePoint == 0)
+                    literal(position, read.size);
+                else
+                    character(read.codePoint);
+                position += read.size;
+                continue;
+            }
+            position += read.size;
+            read = Rules::Read(position);
+            bool const hex = read.codePoint == 'x';
+            if (hex) {
+                position += read.size;
+                read = Rules::Read(position);
+            }
+            if (Encodings::IsEnd<Rules>(position))
+                return;
+            position += read.size;
+            if (read.codePoint == '%')
+                character('%');
+            else if (read.codePoint - '1' < SlotCount)
+                slot(read.codePoint - '1', hex);
+        }
+    }
+
+    /// The slot's rendering, made when it is first asked for.
+    SRendering const& Resolve(u64 slot, bool hex)
+    {
+        u32 const bit = 1u << (slot * 2 + hex);
+        SRendering& rendering = m_renderings[slot][hex];
+        if ((m_known & bit) == 0) {
+            rendering = Render(slot, hex);
+            m_known |= bit;
+        }
+        return rendering;
+    }
+
+    SRendering Render(u64 slot, bool hex)
+    {
+        SFormatArgument const& argument = slot < m_count ? m_arguments[slot] : EmptySlot;
+        switch (argument.kind) {
+        case SFormatArgument::Signed:
+            if (!hex) {
+                i64 const value = static_cast<i64>(argument.number);
+                return RenderNumber(slot, hex, value, NumberText::CountInteger(value), NumberText::WriteInteger);
+            }
+            return RenderHex(slot, argument.number);
+        case SFormatArgument::Unsigned:
+            if (!hex)
+                return RenderNumber(slot, hex, argument.number, NumberText::CountDigits(argument.number),
+                                    NumberText::WriteDigits);
+            return RenderHex(slot, argument.number);
+        default:
+            return WithText(argument, [&](IString const& text) {
+                return hex ? RenderHex(slot, text.GetHash()) : RenderText(text);
+            });
+        }
+    }
+
+    SRendering RenderHex(u64 slot, u64 value)
+    {
+        return RenderNumber(slot, true, value, NumberText::CountHex(value), NumberText::WriteHex);
+    }
+
+    template <class Value>
+    SRendering RenderNumber(u64 slot, bool hex, Value value, u32 count, void (&write)(Value, char*))
+    {
+        u8* const out = m_numbers[slot][hex];
+        if constexpr (Rules::UnitSize == 1) {
+            write(value, reinterpret_cast<char*>(out) + count);
+        }
+        else {
+            char ascii[NumberText::IntegerCapacity];
+            write(value, ascii + count);
+            NumberText::Widen<Unit>(ascii, count, out);
+        }
+        return {out, count * Rules::UnitSize};
+    }
+
+    static SRendering RenderText(IString const& text)
+    {
+        // Asked first: a null string may report the size of what it held before.
+        if (text.IsEmpty())
+            return {Nothing, 0};
+        bool const own = Encodings::Normalize(text.GetEncoding()) == Rules::Encoding;
+        u64 const size = own ? text.GetAllocatedSize() : text.GetAllocatedSizeAs(Rules::Encoding);
+        return {own ? static_cast<u8 const*>(text.GetData()) : nullptr, size - Rules::UnitSize};
+    }
+
+    template <class Action>
+    static auto WithText(SFormatArgument const& argument, Action&& action)
+    {
+        if (argument.kind == SFormatArgument::String)
+            return action(*static_cast<IString const*>(argument.text));
+        return action(CString(argument.text, argument.encoding));
+    }
+
+    void ConvertSlot(u64 slot, u8* out) const
+    {
+        WithText(m_arguments[slot], [out](IString const& text) { text.CopyAs(Rules::Encoding, out, false); });
+    }
+
+    /// Writes a rendering where it fits, together with a terminator that the next piece overwrites. A text of another
+    /// encoding is converted in place, and copied from there when it is named again.
+    u8* WriteSlot(SRendering& rendering, u64 slot, u8* out) const
+    {
+        if (rendering.text != nullptr)
+            return Append(out, rendering.text, rendering.size);
+        ConvertSlot(slot, out);
+        rendering.text = out;
+        return out + rendering.size;
+    }
+
+    /// A text of another encoding that has to be cut is converted aside first.
+    template <class AppendPiece>
+    void AppendConverted(SRendering const& rendering, u64 slot, AppendPiece&& append) const
+    {
+        CScratch const scratch(rendering.size + Rules::UnitSize);
+        ConvertSlot(slot, scratch.Get());
+        append(scratch.Get(), rendering.size);
+    }
+
+    /// Bytes of the whole characters at the start of a piece that end within `room`, which is less than the piece has.
+    static u64 CutCharacters(u8 const* piece, u64 room)
+    {
+        u64 size = 0;
+        for (u64 next; (next = size + Rules::GetSize(piece + size)) <= room;)
+            size = next;
+        return size;
+    }
+
+    static constexpr u8 Nothing[1] = {0};
+
+    u8 const* m_text;
+    SFormatArgument const* m_arguments;
+    u64 m_count;
+    u32 m_known = 0;                       ///< bit 2 * slot + form: the entry of m_renderings is set
+    SRendering m_renderings[SlotCount][2]; ///< plain, hexadecimal; not initialised, see m_known
+    u8 m_numbers[SlotCount][2][NumberText::IntegerCapacity * Rules::UnitSize];
+};
+
+/// True when every byte is ASCII.
+bool IsASCII(u8 const* text, u64 size)
+{
+    constexpr u64 upperBits = 0x8080'8080'8080'8080;
+    u64 seen = 0;
+    u64 position = 0;
+    for (; position + 8 <= size; position += 8)
+        seen |= Encodings::Load<u64>(text + position);
+    for (; position < size; ++position)
+        seen |= text[position];
+    return (seen & upperBits) == 0;
+}
+
+} // namespace
+
+/// Puts a finished message into its string.
+class CFormatter {
+public:
+    template <class Rules>
+    static void Format(CMutableString& result, CString const& text, SFormatArgument const* arguments, u64 count)
+    {
+        TMessage<Rules> message(text, arguments, count);
+        u64 const size = message.Measure();
+        EStringEncoding::Type const encoding = text.GetEncoding();
+        CScratch buffer(size + Rules::UnitSize);
+        message.Write(buffer.Get());
+        u64 const length =
+            Rules::UnitSize == 1 && IsASCII(buffer.Get(), size) ? size : CString(buffer.Get(), encoding).GetLength();
+        // The old text goes last: the template or an argument may be part of it.
+        Memory::Free(const_cast<void*>(std::exchange(result.m_data, buffer.Detach())));
+        result.m_encoding = encoding;
+        result.m_length = length;
+        result.m_allocatedSize = size + Rules::UnitSize;
+    }
+};
+
+void FormatArguments(CMutableString& result, CString const& text, SFormatArgument const* arguments, u64 count)
+{
+    Encodings::Dispatch(text.GetEncoding(),
+                        [&](auto rules) { CFormatter::Format<decltype(rules)>(result, text, arguments, count); });
+}
+
+SFormatResult FormatArgumentsTo(void* buffer, u64 bufferSize, CString const& text, SFormatArgument const* arguments,
+                                u64 count)
+{
+    return Encodings::Dispatch(text.GetEncoding(), [&](auto rules) -> SFormatResult {
+        using Rules = decltype(rules);
+        TMessage<Rules> message(text, arguments, count);
+        u64 const needed = message.Measure();
+        if (buffer == nullptr || bufferSize < Rules::UnitSize)
+            return {0, needed};
+        u64 const room = bufferSize - Rules::UnitSize;
+        if (needed > room)
+            return {message.WriteCut(static_cast<u8*>(buffer), room), needed};
+        message.Write(static_cast<u8*>(buffer));
+        return {needed, needed};
+    });
+}
+
+} // namespace Velmor::Impl
