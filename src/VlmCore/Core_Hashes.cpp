@@ -1,23 +1,7 @@
 #include <vlmcore/hashes.h>
 
-#include <array>
-
 namespace Velmor {
 namespace {
-
-constexpr std::array<u32, 256> MakeTable()
-{
-    std::array<u32, 256> table{};
-    for (u32 i = 0; i < 256; ++i) {
-        u32 value = i;
-        for (int bit = 0; bit < 8; ++bit)
-            value = (value & 1) != 0 ? (value >> 1) ^ 0xEDB88320u : value >> 1;
-        table[i] = value;
-    }
-    return table;
-}
-
-constexpr std::array<u32, 256> Table = MakeTable();
 
 /// `factor` multiplied by `base` `exponent` times, in as many steps as the exponent has bits.
 template <class Word>
@@ -41,14 +25,6 @@ Word HashFNV(void const* data, u64 size, u64 zeroBytes, Word hash)
 }
 
 } // namespace
-
-unsigned int GetCRC32(void const* data, u64 size, unsigned int crc)
-{
-    u8 const* const bytes = static_cast<u8 const*>(data);
-    for (u64 i = 0; i < size; ++i)
-        crc = Table[(crc ^ bytes[i]) & 0xFF] ^ (crc >> 8);
-    return crc;
-}
 
 unsigned int GetFNV32(void const* data, u64 size, u64 zeroBytes, unsigned int hash)
 {

@@ -34,6 +34,11 @@ struct SMemoryFigures {
 /// The identification instruction for a leaf and a subleaf. A leaf that the processor lacks gives what it gives.
 [[nodiscard]] SProcessorRegisters IdentifyProcessor(u32 leaf, u32 subleaf);
 
+/// Which register files the system saves for its threads, as the extended control register 0 has it: bits 1 and 2 for
+/// SSE and AVX, bits 5 to 7 for AVX-512; 0 where the system does not say. A vector instruction is usable only when the
+/// processor and these bits have it.
+[[nodiscard]] u64 GetEnabledRegisterState();
+
 /// Zeros when the system does not tell.
 [[nodiscard]] SMemoryFigures GetMemoryFigures();
 

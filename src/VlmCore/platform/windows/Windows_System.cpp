@@ -40,6 +40,21 @@ SProcessorRegisters IdentifyProcessor(u32 leaf, u32 subleaf)
     return registers;
 }
 
+u64 GetEnabledRegisterState()
+{
+    constexpr u32 ReadableBit = 1u << 27;
+    if ((IdentifyProcessor(1, 0).ecx & ReadableBit) == 0)
+        return 0;
+#if defined(_MSC_VER)
+    return _xgetbv(0);
+#else
+    u32 low;
+    u32 high;
+    __asm__("xgetbv" : "=a"(low), "=d"(high) : "c"(0));
+    return u64{high} << 32 | low;
+#endif
+}
+
 // Memory
 
 SMemoryFigures GetMemoryFigures()
