@@ -260,10 +260,9 @@ VLM_WIDE_CARRYLESS u32 ComputeWide(u8 const* data, u64 size, u32 crc)
         d = FoldWide(d, Fold2048, Load512(data + 192));
     }
     d = FoldWide(a, Fold1536, FoldWide(b, Fold1024, FoldWide(c, Fold512, d)));
-    // (The zeroing form of the extraction: the plain one upsets a compiler's warnings.)
-    return FinishFour(_mm512_castsi512_si128(d), _mm512_maskz_extracti32x4_epi32(0xF, d, 1),
-                      _mm512_maskz_extracti32x4_epi32(0xF, d, 2), _mm512_maskz_extracti32x4_epi32(0xF, d, 3), data,
-                      size);
+    alignas(64) u8 blocks[64];
+    _mm512_store_si512(blocks, d);
+    return FinishFour(Load128(blocks), Load128(blocks + 16), Load128(blocks + 32), Load128(blocks + 48), data, size);
 }
 
 // ---- Choice ---------------------------------------------------------------------------------------------------------

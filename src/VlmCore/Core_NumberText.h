@@ -16,12 +16,6 @@ constexpr u32 HexCapacity = 18;
 constexpr u32 FloatCapacity = 20 + 1 + 7;
 constexpr u32 DoubleCapacity = 20 + 1 + 17;
 
-/// Bytes of a code unit of the encoding.
-constexpr u64 GetUnitWidth(EStringEncoding::Type encoding)
-{
-    return encoding == EStringEncoding::UTF8 ? 1 : encoding == EStringEncoding::UTF16 ? 2 : 4;
-}
-
 constexpr u64 PowersOfTen[20] = {1,
                                  10,
                                  100,

@@ -1,75 +1,36 @@
+#include <vlmcore/impl/Core_Encoding.h>
 #include <vlmcore/strings.h>
-
-#include "Core_NumberText.h"
-
-#include <type_traits>
 
 namespace Velmor {
 namespace {
 
 /// Reads code points one by one. The terminator reads as 0, and so does a character that decodes to 0; both end a
-/// number.
-template <class Unit>
+/// number, and nothing is read behind them.
+template <class Rules>
 class TReader {
 public:
-    explicit TReader(void const* text) : m_next(static_cast<Unit const*>(text)) {}
+    explicit TReader(void const* text) : m_next(static_cast<u8 const*>(text)) {}
 
-    /// The code point at the position; steps behind it. Must not be called again after a 0.
     u32 Read()
     {
-        u32 const unit = *m_next;
-        if constexpr (sizeof(Unit) == 1)
-            return unit < 0x80 ? (++m_next, unit) : ReadLong(unit);
-        else if constexpr (sizeof(Unit) == 2)
-            return (unit & 0xF800) != 0xD800 ? (++m_next, unit) : ReadPair(unit);
-        else
-            return ++m_next, unit;
+        Encodings::SCharacter const character = Rules::Read(m_next);
+        m_next += character.size;
+        return character.codePoint;
     }
 
 private:
-    /// A character of several bytes. One that the terminator cuts short reads as if zeros followed.
-    u32 ReadLong(u32 lead)
-    {
-        if ((lead & 0xC0) == 0x80)
-            return 0;
-        u32 const more = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
-        u32 codePoint = lead & (more == 1 ? 0x1F : 0x0F);
-        ++m_next;
-        for (u32 i = 0; i < more; ++i) {
-            u32 const unit = *m_next;
-            if (unit != 0)
-                ++m_next;
-            codePoint = (codePoint << 6) | (unit & 0x3F);
-        }
-        return codePoint;
-    }
-
-    u32 ReadPair(u32 high)
-    {
-        u32 const low = *++m_next;
-        if (low != 0)
-            ++m_next;
-        return ((high & 0x7FF) << 9) | (low & 0x3FF);
-    }
-
-    Unit const* m_next;
+    u8 const* m_next;
 };
 
-/// Calls `read` with a reader for the text's encoding; 0 for null text.
+/// Calls `read` with a reader for the text's encoding; null text reads as empty.
 template <class Read>
-auto WithReader(IString const& text, Read read) -> std::invoke_result_t<Read, TReader<u8>>
+auto WithReader(IString const& text, Read read)
 {
     void const* const data = text.GetData();
-    if (data == nullptr)
-        return 0;
-    switch (text.GetEncoding()) {
-    case EStringEncoding::UTF8:
-        return read(TReader<u8>(data));
-    case EStringEncoding::UTF16:
-        return read(TReader<char16_t>(data));
-    default:
-        return read(TReader<char32_t>(data));
-    }
+    return Encodings::Dispatch(text.GetEncoding(), [&](auto rules) {
+        static constexpr typename decltype(rules)::Unit nothing = 0;
+        return read(TReader<decltype(rules)>(data != nullptr ? data : &nothing));
+    });
 }
 
 /// What a code point stands for as a digit; 16 or more when it is none.
@@ -81,8 +42,8 @@ constexpr u32 GetHexDigit(u32 codePoint)
     return letter < 6 ? letter + 10 : 16;
 }
 
-template <class Unit>
-u64 ReadHex(TReader<Unit> reader, u64 value, EBinaryEncoding::Type order)
+template <class Rules>
+u64 ReadHex(TReader<Rules> reader, u64 value, EBinaryEncoding::Type order)
 {
     for (u32 i = 0;; ++i) {
         u32 const digit = GetHexDigit(reader.Read());
@@ -96,8 +57,8 @@ u64 ReadHex(TReader<Unit> reader, u64 value, EBinaryEncoding::Type order)
     }
 }
 
-template <class Unit>
-u64 ReadUnsigned(TReader<Unit> reader, EBinaryEncoding::Type order)
+template <class Rules>
+u64 ReadUnsigned(TReader<Rules> reader, EBinaryEncoding::Type order)
 {
     u64 value = 0;
     for (;;) {
@@ -114,8 +75,8 @@ u64 ReadUnsigned(TReader<Unit> reader, EBinaryEncoding::Type order)
     }
 }
 
-template <class Unit>
-f64 ReadDouble(TReader<Unit> reader)
+template <class Rules>
+f64 ReadDouble(TReader<Rules> reader)
 {
     u64 whole = 0;
     u32 codePoint;
@@ -139,7 +100,7 @@ f64 ReadDouble(TReader<Unit> reader)
 
 bool StartsWithMinus(IString const& text)
 {
-    return WithReader(text, [](auto reader) { return u32{reader.Read() == '-'}; }) != 0;
+    return WithReader(text, [](auto reader) { return reader.Read() == '-'; });
 }
 
 } // namespace

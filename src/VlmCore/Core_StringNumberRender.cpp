@@ -97,13 +97,13 @@ using namespace NumberText;
 /// True when `count` characters and a terminator fit.
 bool Fits(u64 count, char const* out, u64 outSize, EStringEncoding::Type encoding)
 {
-    return out != nullptr && (count + 1) * GetUnitWidth(encoding) <= outSize;
+    return out != nullptr && (count + 1) * Encodings::GetUnitSize(encoding) <= outSize;
 }
 
 /// Writes ASCII characters and the terminator, which must fit; returns the bytes in front of the terminator.
 u64 WriteText(char const* ascii, u64 count, char* out, EStringEncoding::Type encoding)
 {
-    u64 const width = GetUnitWidth(encoding);
+    u64 const width = Encodings::GetUnitSize(encoding);
     if (width == 1)
         std::memcpy(out, ascii, count);
     else if (width == 2)
