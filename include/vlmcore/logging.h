@@ -22,7 +22,6 @@
 #include <vlmcore/impl/Core_Lock.h>
 #include <vlmcore/resources.h>
 #include <vlmcore/strings.h>
-#include <vlmcore/threads.h>
 #include <vlmcore/types.h>
 
 #include <atomic>
@@ -160,25 +159,6 @@ private:
     SBuffer m_buffers[2];
     u64 m_bufferSize;
     std::atomic<i32> m_index{0};
-};
-
-/// The thread that empties the buffers of a CFileLogger. Not for hosts.
-class VLM_API CLogWriter : public IThread {
-public:
-    explicit CLogWriter(CFileLogger& owner);
-    ~CLogWriter() override;
-
-protected:
-    /// Writes what the current buffer holds; with nothing to write it waits a little, at most about a millisecond.
-    void Execute() override;
-
-private:
-    friend class CFileLogger;
-
-    /// Swaps the buffers and writes out the one that was current. Returns false when there was nothing.
-    bool Drain();
-
-    CFileLogger* m_owner;
 };
 
 /// Where memory events go. Installed with Memory::InitializeLog, taken back with Memory::ReleaseLog. Called from the

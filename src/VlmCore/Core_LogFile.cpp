@@ -1,19 +1,33 @@
+#include "Core_Backoff.h"
 #include "Core_LogLine.h"
 
 #include <vlmcore/debug.h>
 #include <vlmcore/logging.h>
 #include <vlmcore/memory.h>
+#include <vlmcore/threads.h>
 
 #include <algorithm>
 #include <cstring>
 
 namespace Velmor {
 
-namespace {
+/// The thread that empties the buffers of a file logger.
+class CLogWriter : public IThread {
+public:
+    explicit CLogWriter(CFileLogger& owner) : m_owner(&owner) {}
 
-/// How often an idle writer looks again at once, and then after giving way to other threads, before it sleeps.
-constexpr u32 SpinAttempts = 64;
-constexpr u32 RescheduleAttempts = 8;
+    /// Swaps the buffers and writes out the one that was current. False when there was nothing in it.
+    bool Drain();
+
+protected:
+    void Execute() override;
+
+private:
+    CFileLogger* m_owner;
+    CBackoff m_idle;
+};
+
+namespace {
 
 /// Opens the file of a logger; null when it cannot be had. General memory, so that a logger that outlives the heap at
 /// process exit can still write out its lines.
@@ -145,20 +159,12 @@ u64 CFileLogger::WriteToFile(u8 const* data, u64 size) noexcept
 
 // ---- its writer ----
 
-CLogWriter::CLogWriter(CFileLogger& owner) : m_owner(&owner) {}
-CLogWriter::~CLogWriter() = default;
-
 void CLogWriter::Execute()
 {
-    for (u32 attempt = 0; attempt < SpinAttempts + RescheduleAttempts; ++attempt) {
-        if (Drain())
-            return;
-        if (attempt < SpinAttempts)
-            Thread::Spin();
-        else
-            Thread::Reschedule();
-    }
-    Thread::Sleep(1);
+    if (Drain())
+        m_idle.Reset();
+    else
+        m_idle.Wait();
 }
 
 bool CLogWriter::Drain()
