@@ -1,3 +1,4 @@
+#include "Core_TextBuilder.h"
 #include "Core_TextRules.h"
 
 #include <vlmcore/strings.h>
@@ -12,14 +13,6 @@ namespace {
 
 /// Wide enough for the terminator of any encoding.
 constexpr char32_t EmptyText[1] = {};
-
-[[nodiscard]] u8* AllocateText(u64 size)
-{
-    void* const buffer = Memory::Malloc(size, EHeap::Pool);
-    if (buffer == nullptr)
-        throw CBadAllocation();
-    return static_cast<u8*>(buffer);
-}
 
 } // namespace
 
@@ -238,7 +231,7 @@ void CMutableString::Convert(void const* data, EStringEncoding::Type from, EStri
     }
     CString const source(data, from);
     u64 const size = source.GetAllocatedSizeAs(to);
-    u8* const buffer = AllocateText(size);
+    u8* const buffer = TextBuilder::Allocate(size);
     source.CopyAs(to, buffer, false);
     Adopt(buffer, to, CString(buffer, to).GetLength(), size);
 }
@@ -253,7 +246,7 @@ void CMutableString::AssignUnits(void const* units, u64 count, EStringEncoding::
         while (textSize < count * unitSize && !IsEnd<decltype(rules)>(AsBytes(units) + textSize))
             textSize += unitSize;
     });
-    u8* const buffer = AllocateText(textSize + unitSize);
+    u8* const buffer = TextBuilder::Allocate(textSize + unitSize);
     if (textSize != 0)
         std::memcpy(buffer, units, textSize);
     std::memset(buffer + textSize, 0, unitSize);
@@ -369,24 +362,12 @@ CMutableString& CMutableString::operator=(TUniquePtr<CStringElement> const& chai
         return *this;
     }
     EStringEncoding::Type const target = chain->GetText().GetEncoding();
-    u64 const unitSize = GetUnitSize(target);
-    u64 total = unitSize;
-    for (CStringElement const* piece = chain.Get(); piece != nullptr; piece = piece->GetNext()) {
-        if (u64 const size = piece->GetText().GetAllocatedSizeAs(target); size != 0)
-            total += size - unitSize;
-    }
-    u8* const buffer = AllocateText(total);
-    u8* out = buffer;
-    for (CStringElement const* piece = chain.Get(); piece != nullptr; piece = piece->GetNext()) {
-        // Each piece brings a terminator, which the next one overwrites.
-        CString const text = piece->GetText();
-        if (u64 const size = text.GetAllocatedSizeAs(target); size != 0) {
-            text.CopyAs(target, out, false);
-            out += size - unitSize;
-        }
-    }
-    std::memset(out, 0, unitSize);
-    SetManagedReference(buffer, target);
+    Dispatch(target, [&](auto rules) {
+        TextBuilder::Build<decltype(rules)>(*this, target, [&](auto& out) {
+            for (CStringElement const* piece = chain.Get(); piece != nullptr; piece = piece->GetNext())
+                out.Convert(piece->GetText());
+        });
+    });
     return *this;
 }
 

@@ -1,0 +1,139 @@
+#include "Core_TextSearch.h"
+
+#include <vlmcore/strings.h>
+
+#include <cstring>
+
+namespace Velmor {
+
+using namespace Encodings;
+using namespace TextSearch;
+
+namespace {
+
+/// Calls `action` with the rules of both texts and their first units; `otherwise` when one of them is empty.
+template <class Result, class Action>
+Result WithBoth(IString const& text, IString const& other, Result otherwise, Action&& action)
+{
+    if (text.IsEmpty() || other.IsEmpty())
+        return otherwise;
+    return Dispatch(text.GetEncoding(), [&](auto rules) {
+        return Dispatch(other.GetEncoding(), [&](auto otherRules) {
+            return action(rules, AsBytes(text.GetData()), otherRules, AsBytes(other.GetData()));
+        });
+    });
+}
+
+/// True when the characters from `place` on begin with those of `other`, neither cut differently: unit by unit in one
+/// encoding, code point by code point in two.
+template <class Rules, class OtherRules>
+bool BeginsWith(u8 const* place, u8 const* other)
+{
+    if constexpr (Rules::Encoding == OtherRules::Encoding) {
+        while (!IsEnd<Rules>(other)) {
+            u64 const size = Rules::GetSize(other);
+            if (IsEnd<Rules>(place) || Rules::GetSize(place) != size || std::memcmp(place, other, size) != 0)
+                return false;
+            place += size;
+            other += size;
+        }
+        return true;
+    }
+    else {
+        return MatchAt<Rules, OtherRules>(place, other) != nullptr;
+    }
+}
+
+} // namespace
+
+u64 IString::Find(unsigned int codePoint, u64 start) const
+{
+    if (IsEmpty())
+        return NotFound;
+    return Dispatch(m_encoding, [&](auto rules) {
+        using Rules = decltype(rules);
+        SPosition const from = Seek<Rules>(AsBytes(m_data), start);
+        if (from.index != start)
+            return NotFound;
+        SMatch const match = FindCodePoint<Rules>(from, codePoint);
+        return match.end != nullptr ? match.begin.index : NotFound;
+    });
+}
+
+u64 IString::Find(CString const& text, u64 start) const
+{
+    return WithBoth(*this, text, NotFound, [start](auto rules, u8 const* self, auto needleRules, u8 const* needle) {
+        using Rules = decltype(rules);
+        SMatch const match = FindText<Rules, decltype(needleRules)>(Seek<Rules>(self, start), needle);
+        return match.end != nullptr ? match.begin.index : NotFound;
+    });
+}
+
+u64 IString::FindLast(unsigned int codePoint, u64 start) const
+{
+    if (IsEmpty())
+        return NotFound;
+    return Dispatch(m_encoding, [&](auto rules) {
+        using Rules = decltype(rules);
+        SPosition from = Seek<Rules>(AsBytes(m_data), start);
+        u64 found = NotFound;
+        while (from.index >= start) {
+            SMatch const match = FindCodePoint<Rules>(from, codePoint);
+            if (match.end == nullptr)
+                break;
+            found = match.begin.index;
+            if (IsEnd<Rules>(match.begin.place))
+                break;
+            from = {match.end, match.begin.index + 1};
+        }
+        return found;
+    });
+}
+
+u64 IString::FindLast(CString const& text, u64 start) const
+{
+    return WithBoth(*this, text, NotFound, [start](auto rules, u8 const* self, auto needleRules, u8 const* needle) {
+        using Rules = decltype(rules);
+        u64 found = NotFound;
+        for (SPosition from = Seek<Rules>(self, start); !IsEnd<Rules>(from.place); ++from.index) {
+            SMatch const match = FindText<Rules, decltype(needleRules)>(from, needle);
+            if (match.end == nullptr)
+                break;
+            found = match.begin.index;
+            from = match.begin;
+            from.place += Rules::GetSize(from.place);
+        }
+        return found;
+    });
+}
+
+u64 IString::Count(CString const& text, u64 start) const
+{
+    return WithBoth(*this, text, u64{0}, [start](auto rules, u8 const* self, auto needleRules, u8 const* needle) {
+        using Rules = decltype(rules);
+        CSimpleMatcher<decltype(needleRules)> matcher(needle);
+        u64 count = 0;
+        for (u8 const* place = Seek<Rules>(self, start).place; !IsEnd<Rules>(place);) {
+            auto const [codePoint, size] = Rules::Read(place);
+            count += matcher.Step(codePoint) ? 1 : 0;
+            place += size;
+        }
+        return count;
+    });
+}
+
+bool IString::StartsWith(CString const& text) const
+{
+    return WithBoth(*this, text, text.IsEmpty(), [](auto rules, u8 const* self, auto otherRules, u8 const* other) {
+        return BeginsWith<decltype(rules), decltype(otherRules)>(self, other);
+    });
+}
+
+bool IString::EndsWith(CString const& text) const
+{
+    u64 const length = GetLength();
+    u64 const wanted = text.GetLength();
+    return length >= wanted && GetSubstring(length - wanted) == text;
+}
+
+} // namespace Velmor
