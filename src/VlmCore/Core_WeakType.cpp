@@ -1,0 +1,244 @@
+#include <vlmcore/weak_types.h>
+
+#include <cmath>
+#include <limits>
+
+namespace Velmor {
+
+namespace {
+
+// A plain byte in the contract; relaxed so that a host which sets it late races with nobody in the language's sense.
+std::atomic<bool> g_isStrict{false};
+
+char const* GetTypeText(u32 code)
+{
+    return CWeakType::TypeName[code <= CWeakType::Invalid ? code : u32{CWeakType::Invalid}];
+}
+
+// Toward zero into 64 bits, the low 32 of them kept. What 64 bits cannot hold becomes their indefinite value, as the
+// processor's own conversion makes it, whose low half is 0.
+int TruncateToInteger(float value)
+{
+    constexpr float Limit = 9223372036854775808.0f; // 2^63
+    bool const fits = value >= -Limit && value < Limit;
+    i64 const wide = fits ? static_cast<i64>(value) : std::numeric_limits<i64>::min();
+    return static_cast<int>(static_cast<u32>(static_cast<u64>(wide)));
+}
+
+// Opens the protected number renderers of a text.
+class CNumberText : public CMutableString {
+public:
+    explicit CNumberText(i64 value) { AssignInt64(value, EStringEncoding::UTF8); }
+    explicit CNumberText(f64 value) { AssignDouble(value, EStringEncoding::UTF8); }
+};
+
+} // namespace
+
+// ---- CPinnedTypeException ----
+
+CPinnedTypeException::CPinnedTypeException(_VlmWeakTypeDataType type)
+    : CException("Type %s invalid in context.", GetTypeText(type)), m_left(type), m_right(type)
+{
+    SetKind(WeakTypeKind);
+}
+
+CPinnedTypeException::CPinnedTypeException(_VlmWeakTypeDataType left, _VlmWeakTypeDataType right)
+    : CException("Type mismatch between %s and %s.", GetTypeText(left), GetTypeText(right)), m_left(left),
+      m_right(right)
+{
+    SetKind(WeakTypeKind);
+}
+
+CPinnedTypeException::CPinnedTypeException(CPinnedTypeException const& other) = default;
+CPinnedTypeException& CPinnedTypeException::operator=(CPinnedTypeException const& other) = default;
+CPinnedTypeException::~CPinnedTypeException() = default;
+
+CPinnedTypeException* CPinnedTypeException::Clone() const
+{
+    return Memory::New<CPinnedTypeException>(EHeap::Pool, *this);
+}
+
+CString CPinnedTypeException::GetLeftTypeName() const
+{
+    return CWeakType::GetTypeName(m_left);
+}
+
+CString CPinnedTypeException::GetRightTypeName() const
+{
+    return CWeakType::GetTypeName(m_right);
+}
+
+// ---- CWeakType: life ----
+
+char const* const CWeakType::TypeName[6] = {"Reference", "Boolean", "Integer", "Float", "String", "Invalid"};
+
+CWeakType::CWeakType(CString const& value)
+{
+    u64 const size = value.IsEmpty() ? 1 : value.GetAllocatedSizeAs(EStringEncoding::UTF8);
+    auto* const text = static_cast<char*>(Memory::Malloc(size, EHeap::Pool));
+    if (text == nullptr)
+        throw CBadAllocation();
+    if (value.IsEmpty())
+        *text = 0;
+    else
+        value.CopyAs(EStringEncoding::UTF8, text, false);
+    Store(text);
+    m_type = String;
+}
+
+CWeakType::CWeakType(CWeakType const& other)
+{
+    if (other.m_type == String) {
+        CWeakType copy{CString(other.GetText())};
+        Swap(copy);
+        return;
+    }
+    std::memcpy(m_payload, other.m_payload, sizeof m_payload);
+    m_type = other.m_type;
+}
+
+CWeakType::CWeakType(CWeakType&& other) noexcept
+{
+    Swap(other);
+}
+
+CWeakType CWeakType::MakeReference(CWeakType& target)
+{
+    CWeakType reference;
+    reference.Store(&target);
+    reference.m_type = Reference;
+    return reference;
+}
+
+CWeakType& CWeakType::operator=(CWeakType const& other)
+{
+    if (this != &other) {
+        CheckNoCycle(other);
+        CWeakType copy(other);
+        Swap(copy);
+    }
+    return *this;
+}
+
+CWeakType& CWeakType::operator=(CWeakType&& other)
+{
+    if (this != &other) {
+        CheckNoCycle(other);
+        CWeakType taken(std::move(other));
+        Swap(taken);
+    }
+    return *this;
+}
+
+void CWeakType::FreeText() noexcept
+{
+    Memory::FreeQuietly(Load<char*>());
+}
+
+void CWeakType::Swap(CWeakType& other) noexcept
+{
+    std::swap(m_payload, other.m_payload);
+    std::swap(m_type, other.m_type);
+}
+
+// A chain always ends: this value must not become part of a chain that comes back to it.
+void CWeakType::CheckNoCycle(CWeakType const& other) const
+{
+    for (CWeakType const* value = &other; value->m_type == Reference;) {
+        value = value->Load<CWeakType*>();
+        if (value == this)
+            throw CException("A weak type cannot refer to itself.");
+    }
+}
+
+// ---- CWeakType: types ----
+
+CString CWeakType::GetTypeName(EType type)
+{
+    return GetTypeText(type);
+}
+
+CString CWeakType::GetTypeName(_VlmWeakTypeDataType type)
+{
+    return GetTypeText(type);
+}
+
+void CWeakType::SetStrictMode(bool isStrict)
+{
+    g_isStrict.store(isStrict, std::memory_order_relaxed);
+}
+
+bool CWeakType::IsInStrictMode()
+{
+    return g_isStrict.load(std::memory_order_relaxed);
+}
+
+void CWeakType::Trace() const
+{
+    static_cast<void>(Resolve());
+}
+
+// ---- CWeakType: conversions ----
+
+CMutableString CWeakType::AsString() const
+{
+    CWeakType const& value = Resolve();
+    switch (value.m_type) {
+    case Integer:
+        return CNumberText(i64{value.Load<int>()});
+    case Float:
+        return CNumberText(f64{value.Load<float>()});
+    case Boolean:
+        return CString(value.Load<u8>() != 0 ? "true" : "false");
+    default:
+        return CString(value.GetText()); // an Invalid value's payload is no text: a null string
+    }
+}
+
+bool CWeakType::AsBoolean() const
+{
+    CWeakType const& value = Resolve();
+    switch (value.m_type) {
+    case Float:
+        return value.Load<float>() < 0.0f || value.Load<float>() > 0.0f;
+    case Integer:
+        return value.Load<int>() != 0;
+    case String:
+        return std::strcmp(value.GetText(), "true") == 0;
+    default:
+        return value.Load<u8>() != 0;
+    }
+}
+
+int CWeakType::AsInteger() const
+{
+    CWeakType const& value = Resolve();
+    switch (value.m_type) {
+    case Float:
+        return TruncateToInteger(value.Load<float>());
+    case Boolean:
+        return value.Load<u8>() != 0 ? 1 : 0;
+    case String:
+        return static_cast<int>(
+            static_cast<u32>(static_cast<u64>(CString(value.GetText()).ToInteger(EBinaryEncoding::BigEndian))));
+    default:
+        return value.Load<int>();
+    }
+}
+
+float CWeakType::AsFloat() const
+{
+    CWeakType const& value = Resolve();
+    switch (value.m_type) {
+    case Float:
+        return value.Load<float>();
+    case Boolean:
+        return value.Load<u8>() != 0 ? 1.0f : 0.0f;
+    case String:
+        return static_cast<float>(CString(value.GetText()).ToDouble());
+    default:
+        return static_cast<float>(value.Load<int>());
+    }
+}
+
+} // namespace Velmor
