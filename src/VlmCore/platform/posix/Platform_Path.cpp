@@ -101,7 +101,7 @@ u32 EncodeUTF8(u32 codePoint, char* target)
 
 } // namespace
 
-CSystemPath::CSystemPath(char16_t const* text, EForm form)
+CSystemPath::CSystemPath(char16_t const* text)
 {
     u64 bytes = 0;
     while (*text != 0) {
@@ -110,7 +110,7 @@ CSystemPath::CSystemPath(char16_t const* text, EForm form)
         u32 count = 1;
         if (IsHighSurrogate(codePoint) && IsLowSurrogate(*text))
             codePoint = 0x10000 + ((codePoint & 0x3FF) << 10 | (*text++ & 0x3FFu));
-        if (codePoint == u'\\' && form == EForm::Path)
+        if (codePoint == u'\\')
             encoded[0] = '/';
         else if (IsEscapedByte(codePoint))
             encoded[0] = static_cast<char>(codePoint & 0xFF);

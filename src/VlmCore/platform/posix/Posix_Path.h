@@ -10,15 +10,10 @@
 
 namespace Velmor::Platform {
 
-/// A path or name as the system takes it. Lives on the stack; too long a text is refused, not cut.
+/// A path, or the name of an entry, as the system takes it. Lives on the stack; too long a text is refused, not cut.
 class CSystemPath {
 public:
-    enum class EForm {
-        Path, ///< backslashes are separators and become slashes
-        Name, ///< one entry's name: backslashes stay
-    };
-
-    explicit CSystemPath(char16_t const* text, EForm form = EForm::Path);
+    explicit CSystemPath(char16_t const* text);
 
     /// 0, or NameTooLong.
     [[nodiscard]] u32 GetError() const { return m_error; }

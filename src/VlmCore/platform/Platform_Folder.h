@@ -1,0 +1,73 @@
+/// \file
+/// Seam: folders held open, their entries, and removal that cannot be led astray.
+///
+/// A folder that is open stays the same folder whatever is renamed or swapped for a link around it: the posix room
+/// works through the descriptor; the Windows room keeps a handle that forbids renaming and deleting, and works by path.
+#pragma once
+
+#include "Platform_Path.h"
+
+#include <vlmcore/types.h>
+
+#include <utility>
+
+namespace Velmor::Platform {
+
+/// One entry of a folder.
+struct SFolderEntry {
+    /// Most units of a name, on either system.
+    static constexpr u64 LongestName = 255;
+
+    char16_t name[LongestName + 1]; ///< terminated
+    bool isFolder;                  ///< a folder, or a link that leads to one
+    bool isLink;                    ///< a link or a junction, wherever it leads
+};
+
+/// A folder held open. One thread at a time.
+class CFolder {
+public:
+    CFolder() = default;
+    CFolder(CFolder const&) = delete;
+    CFolder& operator=(CFolder const&) = delete;
+    ~CFolder();
+
+    /// Opens the folder of a full, terminated path; links on the way and at its end are followed. No folder:
+    /// NotAFolder, or PathNotFound when it is a part before the last.
+    [[nodiscard]] u32 Open(char16_t const* path);
+
+    /// Opens the entry `name` of `parent`, which must be a folder and no link: a link is refused.
+    [[nodiscard]] u32 OpenEntry(CFolder const& parent, char16_t const* name);
+
+    void Close();
+
+    /// Exchanges what the two hold.
+    void Swap(CFolder& other) noexcept
+    {
+        std::swap(m_handle, other.m_handle);
+        std::swap(m_listing, other.m_listing);
+        std::swap(m_path, other.m_path);
+    }
+
+    /// The next entry of the folder, in the system's order, never "." or "..". False at the end. `error` tells why the
+    /// very first entry could not be had; 0 otherwise: a listing that breaks off later just ends, as on Windows.
+    [[nodiscard]] bool ReadEntry(SFolderEntry& entry, u32& error);
+
+    /// What the entry `name` is. Only `isFolder` and `isLink` of `entry` are set.
+    [[nodiscard]] u32 DescribeEntry(char16_t const* name, SFolderEntry& entry) const;
+
+    /// Deletes a file entry; of a link the link itself.
+    [[nodiscard]] u32 DeleteFileEntry(char16_t const* name) const;
+
+    /// Deletes an empty folder, or a link to a folder itself.
+    [[nodiscard]] u32 DeleteFolderEntry(char16_t const* name) const;
+
+private:
+    void* m_handle = nullptr;  // null: closed
+    void* m_listing = nullptr; // null until the first entry is read
+    PathUnits m_path;          // where the room works by path; terminated
+};
+
+/// Deletes an empty folder by its full path. Of a link the link itself.
+[[nodiscard]] u32 DeleteFolderPath(char16_t const* path);
+
+} // namespace Velmor::Platform

@@ -1,0 +1,188 @@
+#include "../Platform_Folder.h"
+
+#include "../Platform_SystemError.h"
+#include "Posix_Errno.h"
+#include "Posix_Path.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Velmor::Platform {
+
+// ---- open folders ----
+
+namespace {
+
+static_assert(sizeof(dirent::d_name) <= SFolderEntry::LongestName + 1, "a byte of a name widens to one unit at most");
+
+// Descriptors are kept raised by one, so that null is none.
+int DescriptorOf(void* handle)
+{
+    return static_cast<int>(reinterpret_cast<i64>(handle)) - 1;
+}
+
+void* HandleOf(int descriptor)
+{
+    return reinterpret_cast<void*>(static_cast<i64>(descriptor) + 1);
+}
+
+int OpenFolderAt(int parent, char const* name, int linkFlag)
+{
+    int descriptor;
+    do
+        descriptor = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | linkFlag);
+    while (descriptor == -1 && errno == EINTR);
+    return descriptor;
+}
+
+} // namespace
+
+CFolder::~CFolder()
+{
+    Close();
+}
+
+u32 CFolder::Open(char16_t const* path)
+{
+    Close();
+    CSystemPath const systemPath(path);
+    if (systemPath.GetError() != 0)
+        return systemPath.GetError();
+    int const descriptor = OpenFolderAt(AT_FDCWD, systemPath.Get(), 0);
+    if (descriptor == -1) {
+        int const number = errno;
+        struct stat information;
+        bool const isLastPart = number == ENOTDIR && ::stat(systemPath.Get(), &information) == 0;
+        return isLastPart ? u32{ESystemError::NotAFolder} : SystemErrorFromErrno(number);
+    }
+    m_handle = HandleOf(descriptor);
+    return ESystemError::None;
+}
+
+u32 CFolder::OpenEntry(CFolder const& parent, char16_t const* name)
+{
+    Close();
+    CSystemPath const systemName(name);
+    if (systemName.GetError() != 0)
+        return systemName.GetError();
+    int const descriptor = OpenFolderAt(DescriptorOf(parent.m_handle), systemName.Get(), O_NOFOLLOW);
+    if (descriptor == -1)
+        return errno == ENOTDIR ? u32{ESystemError::NotAFolder} : LastSystemError();
+    m_handle = HandleOf(descriptor);
+    return ESystemError::None;
+}
+
+void CFolder::Close()
+{
+    if (m_listing != nullptr)
+        ::closedir(static_cast<DIR*>(m_listing));
+    if (m_handle != nullptr)
+        ::close(DescriptorOf(m_handle));
+    m_listing = nullptr;
+    m_handle = nullptr;
+}
+
+// ---- entries ----
+
+namespace {
+
+bool IsDots(char const* name)
+{
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+// As Windows has it: a link that leads to a folder carries the folder attribute itself.
+void SetKind(SFolderEntry& entry, int folder, char const* name, mode_t mode)
+{
+    entry.isLink = S_ISLNK(mode);
+    entry.isFolder = S_ISDIR(mode);
+    struct stat target;
+    if (entry.isLink && ::fstatat(folder, name, &target, 0) == 0)
+        entry.isFolder = S_ISDIR(target.st_mode);
+}
+
+u32 DescribeAt(int folder, char const* name, SFolderEntry& entry)
+{
+    struct stat information;
+    if (::fstatat(folder, name, &information, AT_SYMLINK_NOFOLLOW) != 0)
+        return LastSystemError();
+    SetKind(entry, folder, name, information.st_mode);
+    return ESystemError::None;
+}
+
+u32 UnlinkAt(int folder, char16_t const* name, int flags)
+{
+    CSystemPath const systemName(name);
+    if (systemName.GetError() != 0)
+        return systemName.GetError();
+    return ::unlinkat(folder, systemName.Get(), flags) == 0 ? u32{ESystemError::None} : LastSystemError();
+}
+
+} // namespace
+
+bool CFolder::ReadEntry(SFolderEntry& entry, u32& error)
+{
+    error = ESystemError::None;
+    int const folder = DescriptorOf(m_handle);
+    if (m_listing == nullptr) {
+        // The listing has a descriptor of its own, which it moves and closes.
+        int const own = OpenFolderAt(folder, ".", 0);
+        m_listing = own == -1 ? nullptr : ::fdopendir(own);
+        if (m_listing == nullptr) {
+            error = LastSystemError();
+            if (own != -1)
+                ::close(own);
+            return false;
+        }
+    }
+    while (dirent const* const found = ::readdir(static_cast<DIR*>(m_listing))) {
+        if (IsDots(found->d_name))
+            continue;
+        entry.name[WidenSystemText(found->d_name, std::strlen(found->d_name), entry.name)] = 0;
+        entry.isLink = false;
+        entry.isFolder = found->d_type == DT_DIR;
+        if (found->d_type == DT_LNK)
+            SetKind(entry, folder, found->d_name, S_IFLNK);
+        else if (found->d_type == DT_UNKNOWN)
+            (void)DescribeAt(folder, found->d_name, entry); // gone meanwhile: it is listed as the file it may have been
+        return true;
+    }
+    return false;
+}
+
+u32 CFolder::DescribeEntry(char16_t const* name, SFolderEntry& entry) const
+{
+    CSystemPath const systemName(name);
+    if (systemName.GetError() != 0)
+        return systemName.GetError();
+    return DescribeAt(DescriptorOf(m_handle), systemName.Get(), entry);
+}
+
+u32 CFolder::DeleteFileEntry(char16_t const* name) const
+{
+    return UnlinkAt(DescriptorOf(m_handle), name, 0);
+}
+
+u32 CFolder::DeleteFolderEntry(char16_t const* name) const
+{
+    SFolderEntry entry;
+    u32 const error = DescribeEntry(name, entry);
+    if (error != 0)
+        return error;
+    return UnlinkAt(DescriptorOf(m_handle), name, entry.isLink ? 0 : AT_REMOVEDIR);
+}
+
+u32 DeleteFolderPath(char16_t const* path)
+{
+    CSystemPath const systemPath(path);
+    if (systemPath.GetError() != 0)
+        return systemPath.GetError();
+    return ::rmdir(systemPath.Get()) == 0 ? u32{ESystemError::None} : LastSystemError();
+}
+
+} // namespace Velmor::Platform
