@@ -43,8 +43,9 @@ SFileReport SumUp(CReports const& reports)
 
 void PrintNumbers(SFileReport const& report)
 {
-    std::printf("  %-8s %10" PRIu64 " %8" PRIu64 " %10" PRIu64 " %10" PRIu64 " %10" PRIu64 " %10" PRIu64, report.encoding,
-                report.bytes, report.lines, report.codePoints, report.sizeAs[0], report.sizeAs[1], report.sizeAs[2]);
+    std::printf("  %-8s %10" PRIu64 " %8" PRIu64 " %10" PRIu64 " %10" PRIu64 " %10" PRIu64 " %10" PRIu64,
+                report.encoding, report.bytes, report.lines, report.codePoints, report.sizeAs[0], report.sizeAs[1],
+                report.sizeAs[2]);
 }
 
 // A text between quotes: control characters, quotes and backslashes escaped.
@@ -80,8 +81,8 @@ void PrintTable(CReports const& reports)
         width = std::max(width, report.error.IsEmpty() ? report.path.GetLength() : 0);
 
     PrintPadded(CMutableString("File"), width);
-    std::printf("  %-8s %10s %8s %10s %10s %10s %10s  %-8s %-16s\n", "Encoding", "Bytes", "Lines", "Characters", "as UTF-8",
-                "as UTF-16", "as UTF-32", "CRC-32", "FNV-1a-64");
+    std::printf("  %-8s %10s %8s %10s %10s %10s %10s  %-8s %-16s\n", "Encoding", "Bytes", "Lines", "Characters",
+                "as UTF-8", "as UTF-16", "as UTF-32", "CRC-32", "FNV-1a-64");
     for (SFileReport const& report : reports) {
         if (!report.error.IsEmpty())
             continue;
@@ -108,7 +109,8 @@ void PrintJSON(CReports const& reports)
         std::printf("%s    {\"path\": ", separator);
         PrintJSONText(report.path);
         if (report.error.IsEmpty()) {
-            std::printf(", \"encoding\": \"%s\", \"byteOrderMark\": %s, ", report.encoding, report.hasMark ? "true" : "false");
+            std::printf(", \"encoding\": \"%s\", \"byteOrderMark\": %s, ", report.encoding,
+                        report.hasMark ? "true" : "false");
             PrintJSONMeasures(report);
             std::printf(", \"crc32\": \"%08" PRIx32 "\", \"fnv1a64\": \"%016" PRIx64 "\"}", report.crc32, report.fnv64);
         }
@@ -126,5 +128,6 @@ void PrintJSON(CReports const& reports)
 
 bool IsComplete(CReports const& reports)
 {
-    return std::all_of(reports.begin(), reports.end(), [](SFileReport const& report) { return report.error.IsEmpty(); });
+    return std::all_of(reports.begin(), reports.end(),
+                       [](SFileReport const& report) { return report.error.IsEmpty(); });
 }

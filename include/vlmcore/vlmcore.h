@@ -2,6 +2,7 @@
 /// Everything at once. Programs that mind their build time include what they use.
 #pragma once
 
+#include <vlmcore/archives.h>
 #include <vlmcore/containers.h>
 #include <vlmcore/debug.h>
 #include <vlmcore/exceptions.h>
