@@ -208,13 +208,14 @@ private:
         // hexadecimal, anything else ends the number; overflow wraps.
         std::uint64_t number = 0;
         bool hexadecimal = false;
-        for (char c : name.substr(1)) {
+        for (std::size_t i = 1; i < name.size() && i + Stride(name[i]) <= name.size(); i += Stride(name[i])) {
+            char32_t const c = Decode(name.substr(i, Stride(name[i])));
             bool const digit = c >= '0' && c <= '9';
             bool const letter = (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
             if (hexadecimal && (digit || letter))
-                number = number * 16 + static_cast<std::uint64_t>(digit ? c - '0' : (c | 0x20) - 'a' + 10);
+                number = number * 16 + (digit ? c - '0' : (c | 0x20) - 'a' + 10);
             else if (!hexadecimal && digit)
-                number = number * 10 + static_cast<std::uint64_t>(c - '0');
+                number = number * 10 + (c - '0');
             else if (!hexadecimal && number == 0 && c == 'x')
                 hexadecimal = true;
             else if (hexadecimal || number != 0 || c != '-')

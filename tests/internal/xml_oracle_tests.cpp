@@ -1,0 +1,254 @@
+// The tokenizer against a plain one: every split, every buffer size, random documents and random damage.
+#include "../TestHeap.h"
+#include "xml_differential.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <random>
+
+using namespace Velmor;
+using namespace Velmor::Test;
+
+namespace {
+
+char const* const Documents[] = {
+    "<?xml version=\"1.0\" encoding='UTF-8'?>\n<!DOCTYPE a SYSTEM \"a.dtd\">\n<!-- a comment -- with -- hyphens "
+    "--->-->\n"
+    "<a x=\"1\" y = '2'  long-attribute-name=\"a value of more than thirty-two bytes, &quot;quoted&quot;\">\n"
+    "  <b/>\n  <c d='e'/> text &amp; more &#x41;&#66;&unknown; text <![CDATA[ <not> a & tag ]] ]]]>]]>\n"
+    "  <f >end</f >\n</a>\n",
+    "<r><e1/><e2 a='b'/> \xE2\x82\xAC <\xC3\xA9l\xC3\xA9ment \xC3\xA4='\xF0\x9F\x98\x80 &lt;'>\xE4\xB8\xAD\xE6\x96\x87 "
+    "text of "
+    "some length, mixed \xD0\xBF\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82</\xC3\xA9l\xC3\xA9ment></r>",
+    "<![CDATA[a]]><![CDATA[]]><!---->x<!-- - -- -><!>--><?\?><?p a=\"?\"?>y<<z>w</z><z  / ><z //></ z></>",
+    "a & b &lt; c &abcdefghijklmnopqrstuvwxyz; d &#x20AC; e &#1; f &g<h i='&amp;&'j=\"&#x41\"k='  '/>\xC3\xA9l</h>",
+};
+
+unsigned Stress()
+{
+    char const* const value = std::getenv("VLMCORE_STRESS");
+    return value != nullptr ? static_cast<unsigned>(std::max(1, std::atoi(value))) : 1;
+}
+
+void ExpectSame(std::string_view document, auto nextChunk, unsigned callbacks = AllXMLCallbacks)
+{
+    CXMLDifferential differential(callbacks);
+    if (auto difference = differential.Feed(document, nextChunk))
+        FAIL() << *difference;
+}
+
+class CRandom {
+public:
+    explicit CRandom(unsigned seed) : m_engine(seed) {}
+    std::size_t Below(std::size_t bound) { return m_engine() % bound; }
+
+private:
+    std::mt19937 m_engine;
+};
+
+/// Pieces of XML, of damage, and of characters that are cut, too long or swallow what follows them.
+std::string RandomPiece(CRandom& random)
+{
+    static std::string const pieces[] = {"<",
+                                         ">",
+                                         "/",
+                                         "</",
+                                         "/>",
+                                         "<!",
+                                         "<!--",
+                                         "-->",
+                                         "--",
+                                         "-",
+                                         "<![CDATA[",
+                                         "[CDATA[",
+                                         "]]>",
+                                         "]",
+                                         "]]",
+                                         "<?",
+                                         "?>",
+                                         "?",
+                                         "\"",
+                                         "'",
+                                         "=",
+                                         " ",
+                                         "\n",
+                                         "\t",
+                                         "  \r\n",
+                                         "a",
+                                         "name",
+                                         "b:c",
+                                         "&",
+                                         ";",
+                                         "&amp;",
+                                         "&lt;",
+                                         "&#65;",
+                                         "&#x41;",
+                                         "&#x0;",
+                                         "&nothing;",
+                                         "&averyveryverylongname;",
+                                         "<a>",
+                                         "</a>",
+                                         "<a b='c'>",
+                                         "<a b=\"c\" d='e'/>",
+                                         " b='",
+                                         "' ",
+                                         "text",
+                                         "\xC3\xA9",
+                                         "\xE2\x82\xAC",
+                                         "\xF0\x9F\x98\x80",
+                                         "\xC3",
+                                         "\xE2",
+                                         "\xE2\x82",
+                                         "\xF0",
+                                         "\xF0\x9F",
+                                         "\x80",
+                                         "\xBF",
+                                         "\xFF",
+                                         "\xC0\xBC",
+                                         "\xC0\xBE",
+                                         "\xC1\xA1",
+                                         "\xE0\x80\xBC",
+                                         "\xF0\x80\x80\xBC",
+                                         "\xE0\x81",
+                                         "\xC0\xAF",
+                                         "\xC0\xA0",
+                                         "\xC0\xA2",
+                                         std::string(1, '\0'),
+                                         "0123456789",
+                                         "a longer text without anything in it that matters to anybody",
+                                         "\xD0\xBF\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82 \xD0\xBC\xD0\xB8\xD1\x80",
+                                         "<item key=\"value\">text</item>\n    "};
+    return pieces[random.Below(std::size(pieces))];
+}
+
+} // namespace
+
+TEST(XMLOracle, EverySplitOfEveryDocument)
+{
+    for (std::string_view const document : Documents)
+        for (std::size_t first = 1; first <= document.size(); ++first)
+            ExpectSame(document, [&, call = 0]() mutable { return call++ == 0 ? first : document.size(); });
+}
+
+TEST(XMLOracle, EveryPairOfSplits)
+{
+    std::string_view const document = Documents[2];
+    for (std::size_t first = 1; first <= document.size(); ++first)
+        for (std::size_t second = 1; first + second <= document.size(); ++second)
+            ExpectSame(document, [&, call = 0]() mutable {
+                return call++ == 0 ? first : call == 2 ? second : document.size();
+            });
+}
+
+TEST(XMLOracle, EveryChunkSize)
+{
+    for (std::string_view const document : Documents)
+        for (std::size_t size = 1; size <= document.size(); ++size)
+            ExpectSame(document, [&] { return size; });
+}
+
+TEST(XMLOracle, EverySetOfCallbacks)
+{
+    for (std::string_view const document : Documents)
+        for (unsigned callbacks = 0; callbacks <= AllXMLCallbacks; ++callbacks)
+            for (std::size_t size : {std::size_t{7}, document.size()})
+                ExpectSame(document, [&] { return size; }, callbacks);
+}
+
+TEST(XMLOracle, EveryByteReplacedByEveryOther)
+{
+    std::string const original = "<a b='c'>\xC3\xA9&lt;<!--d--><e/> \xE2\x82\xAC</a>";
+    for (std::size_t i = 0; i < original.size(); ++i)
+        for (int byte = 0; byte < 256; ++byte) {
+            std::string document = original;
+            document[i] = static_cast<char>(byte);
+            ExpectSame(document, [&] { return document.size(); });
+        }
+}
+
+TEST(XMLOracle, RandomDocuments)
+{
+    CRandom random(1);
+    for (unsigned run = 0; run < 20000 * Stress(); ++run) {
+        std::string document;
+        for (std::size_t count = random.Below(40); count-- > 0;)
+            document += RandomPiece(random);
+        std::size_t const largest = 1 + random.Below(2) * random.Below(document.size() + 1);
+        unsigned const callbacks = random.Below(4) == 0 ? static_cast<unsigned>(random.Below(128)) : AllXMLCallbacks;
+        ExpectSame(document, [&] { return largest == 1 ? document.size() + 1 : 1 + random.Below(largest); }, callbacks);
+        if (HasFatalFailure())
+            FAIL() << "run " << run;
+    }
+}
+
+TEST(XMLOracle, RandomDamage)
+{
+    CRandom random(2);
+    for (unsigned run = 0; run < 10000 * Stress(); ++run) {
+        std::string document = Documents[random.Below(std::size(Documents))];
+        for (std::size_t count = 1 + random.Below(6); count-- > 0;) {
+            std::size_t const at = random.Below(document.size());
+            switch (random.Below(4)) {
+            case 0:
+                document[at] = static_cast<char>(random.Below(256));
+                break;
+            case 1:
+                document.erase(at, 1 + random.Below(4));
+                break;
+            case 2:
+                document.insert(at, RandomPiece(random));
+                break;
+            default:
+                document.insert(at, document.substr(random.Below(document.size()), random.Below(50)));
+                break;
+            }
+        }
+        std::size_t const largest = random.Below(document.size()) + 1;
+        ExpectSame(document, [&] { return 1 + random.Below(largest); });
+        if (HasFatalFailure())
+            FAIL() << "run " << run;
+    }
+}
+
+TEST(XMLOracle, RandomBytes)
+{
+    CRandom random(3);
+    for (unsigned run = 0; run < 20000 * Stress(); ++run) {
+        // Few different bytes, so that delimiters come about.
+        static constexpr char alphabet[] = "<>/!?-[]=\"' &;aCDAT\xC0\xC3\xE0\xF0\xBC\xBE\x80";
+        std::string document(random.Below(120), ' ');
+        for (char& byte : document)
+            byte =
+                random.Below(8) == 0 ? static_cast<char>(random.Below(256)) : alphabet[random.Below(sizeof alphabet)];
+        std::size_t const largest = random.Below(document.size() + 1) + 1;
+        ExpectSame(document, [&] { return 1 + random.Below(largest); });
+        if (HasFatalFailure())
+            FAIL() << "run " << run;
+    }
+}
+
+// Delimiters at every distance from the beginning of a vector, in every state that scans for them.
+TEST(XMLOracle, DelimitersAtEveryDistance)
+{
+    struct SFrame {
+        char const* before;
+        char const* after;
+    };
+    for (SFrame const& frame :
+         {SFrame{"", "<a>"}, SFrame{"<", ">"}, SFrame{"<a", " b='c'>"}, SFrame{"<a ", "b='c'>"},
+          SFrame{"<a b", "='c'>"}, SFrame{"<a b=", "'c'>"}, SFrame{"<a b='", "'>"}, SFrame{"</", ">"},
+          SFrame{"</a ", ">"}, SFrame{"<!--", "-->"}, SFrame{"<![CDATA[", "]]>"}, SFrame{"<?", "?>"}, SFrame{"<!", ">"},
+          SFrame{"<a b='", "&lt;'>"}, SFrame{"", "&lt;<a>"}})
+        for (char const* filler : {"a", " ", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xE0\xA4\x85", "-", "]",
+                                   "\x80", "\xFF", "&", "\xC3"})
+            for (std::size_t count = 0; count < 140; ++count) {
+                std::string document = frame.before;
+                for (std::size_t i = 0; i < count; ++i)
+                    document += filler;
+                document += frame.after;
+                document += "rest";
+                ExpectSame(document, [&] { return document.size(); });
+                ASSERT_FALSE(HasFatalFailure());
+            }
+}
