@@ -23,6 +23,8 @@ protected:
     void Execute() override;
 
 private:
+    [[nodiscard]] CFileLogger::SBuffer& GetCurrentBuffer() const;
+
     CFileLogger* m_owner;
     CBackoff m_idle;
 };
@@ -159,34 +161,44 @@ u64 CFileLogger::WriteToFile(u8 const* data, u64 size) noexcept
 
 // ---- its writer ----
 
+/// Swapping at every line would have the producers wait for a file write each time. So a part-filled buffer is given
+/// the time of one idle wait to fill up to the half: some microseconds, a millisecond at most.
 void CLogWriter::Execute()
 {
-    if (Drain())
+    u64 const used = GetCurrentBuffer().used.load(std::memory_order_relaxed);
+    if (used > m_owner->m_bufferSize / 2 || (used > 0 && m_idle.IsSleeping())) {
+        Drain();
         m_idle.Reset();
+    }
     else
         m_idle.Wait();
 }
 
+CFileLogger::SBuffer& CLogWriter::GetCurrentBuffer() const
+{
+    // No lock needed to look: only this thread changes the index.
+    return m_owner->m_buffers[m_owner->m_index.load(std::memory_order_relaxed)];
+}
+
+/// The lock is held for the swap only: the buffer that was current is this thread's until the next swap, which cannot
+/// come before it is empty, so producers go on during the file's write.
 bool CLogWriter::Drain()
 {
     CFileLogger& owner = *m_owner;
-    // Without the lock: only this thread changes the index, and a count that is about to grow is found next time.
-    i32 const index = owner.m_index.load(std::memory_order_relaxed);
-    CFileLogger::SBuffer& buffer = owner.m_buffers[index];
+    CFileLogger::SBuffer& buffer = GetCurrentBuffer();
     if (buffer.used.load(std::memory_order_relaxed) == 0)
         return false;
 
     owner.m_lock.Acquire();
-    owner.m_index.store((index - 1) & 1, std::memory_order_relaxed);
+    owner.m_index.store((owner.m_index.load(std::memory_order_relaxed) - 1) & 1, std::memory_order_relaxed);
     u64 const used = buffer.used.load(std::memory_order_relaxed);
-    u64 lost = 0;
+    owner.m_lock.Release();
+
     if (owner.m_file)
-        lost = owner.WriteToFile(buffer.data, used);
+        ReportLoss(owner.WriteToFile(buffer.data, used));
     else if (used < owner.m_bufferSize)
         buffer.data[used] = 0;
     buffer.used.store(0, std::memory_order_relaxed);
-    owner.m_lock.Release();
-    ReportLoss(lost);
     return true;
 }
 

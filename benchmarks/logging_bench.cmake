@@ -1,0 +1,8 @@
+find_package(spdlog QUIET)
+if(spdlog_FOUND)
+  vlmcore_benchmark(logging spdlog::spdlog)
+  target_compile_definitions(logging_bench PRIVATE VLMCORE_HAVE_SPDLOG)
+else()
+  message(STATUS "spdlog not found: the logging benchmark runs without it (Debian: libspdlog-dev)")
+  vlmcore_benchmark(logging)
+endif()
