@@ -1,16 +1,20 @@
-#include "Core_MemoryAlignment.h"
+// The life of the heap: creation, sharing between modules, purge, statistics, shutdown.
+#include "Core_BlockAllocator.h"
 #include "Core_MemoryHeap.h"
-#include "Core_MemoryLog.h"
+#include "Core_MemoryModule.h"
+#include "Core_MemoryReport.h"
 #include "platform/Platform_Memory.h"
 
 #include <vlmcore/debug.h>
 #include <vlmcore/logging.h>
 #include <vlmcore/memory.h>
+#include <vlmcore/threads.h>
 
-#include <algorithm>
-#include <cstring>
+#include <type_traits>
 
 namespace Velmor {
+
+SHeapModule g_heapModule{};
 
 CBadAllocation::~CBadAllocation() = default;
 
@@ -22,89 +26,53 @@ char const* CBadAllocation::what() const noexcept
 namespace Memory {
 namespace {
 
-CGlobalHeap* g_heap = nullptr;
+// What GetExternalHooks hands out.
+SHeapModule g_externalHooks{};
 
-// What one module hands to another.
-struct SExternalHooks {
-    CGlobalHeap* heap;
-    void* pools[4];
+void CreateHeap(SMemoryHooks const& hooks, u8 flags, u64 budget)
+{
+    g_heapModule.heap = CGlobalHeap::Create(hooks, flags, budget);
+    if (g_heapModule.heap != nullptr && g_heapModule.heap->IsReporting())
+        Debug::Print("Heap initialized, using %u bytes\n", static_cast<u32>(g_heapModule.heap->GetBytesInUse()));
+}
+
+// The host's leaks are the host's to report; what is reported here was left in this heap.
+void ReportHeap(CGlobalHeap const& heap)
+{
+    u32 const live = static_cast<u32>(heap.GetLiveCount());
+    u32 const bytes = static_cast<u32>(heap.GetBytesInUse());
+    Debug::Print("Counted a total of %u global allocations.\n", static_cast<u32>(heap.GetAllocationCount()));
+    if (heap.GetLiveCount() == 0) {
+        Debug::Print("No global memory leaks detected.\n\n");
+        return;
+    }
+    Debug::Print("\nWARNING: %u global memory leak(s) with a total size of %u bytes detected.\n\n", live, bytes);
+    RunQuietly([&] { Log::WarningF("%u global memory leak(s) with a total size of %u bytes detected.", live, bytes); });
+}
+
+template <class Pool>
+void TearDownPool(CGlobalHeap& heap, Pool*& pool)
+{
+    if (pool == nullptr)
+        return;
+    Pool* const leaving = pool;
+    leaving->TearDown(heap);
+    pool = nullptr;
+    Delete(leaving);
+}
+
+template <class Pool>
+class TPurgeJob : public IThreadJob {
+public:
+    void Execute() override
+    {
+        g_heapModule.VisitPools([](auto* pool) {
+            if constexpr (std::is_same_v<decltype(pool), Pool*>)
+                if (pool != nullptr)
+                    pool->Purge(*g_heapModule.heap);
+        });
+    }
 };
-SExternalHooks g_externalHooks{};
-
-CGlobalHeap& FetchHeap()
-{
-    if (g_heap == nullptr) [[unlikely]]
-        throw CBadAllocation();
-    return *g_heap;
-}
-
-EHeap::Type CutKind(EHeap::Type heap)
-{
-    return static_cast<EHeap::Type>(heap & 7u);
-}
-
-// Alignment that the hooks' blocks are given by hand, in passthrough mode.
-u64 GetHookAlignment(EHeap::Type kind)
-{
-    switch (kind) {
-    case EHeap::Pool4:
-        return 4;
-    case EHeap::Pool8:
-        return 8;
-    case EHeap::Pool16:
-        return 16;
-    default:
-        return 0;
-    }
-}
-
-// ---- Blocks of the hooks ----
-
-void* AllocateFromHooks(CGlobalHeap& heap, u64 size, EHeap::Type kind, u64 alignment)
-{
-    void* const raw = heap.HookAllocate(size + alignment);
-    void* const block = raw != nullptr ? MemoryAlignment::MoveForward(raw, alignment) : nullptr;
-    LogAllocate(block, size);
-    // A refused request counts all the same; kept, hosts read it as pressure on the budget.
-    if (block == nullptr) {
-        CGlobalHeap::CLock const lock(heap.GetLock());
-        heap.AddBytes(size);
-        return nullptr;
-    }
-    if (heap.Enter(block, size, kind, [&] { heap.AddBytes(size); }))
-        return block;
-    LogFree(block);
-    heap.HookRelease(raw);
-    return nullptr;
-}
-
-void* ResizeFromHooks(CGlobalHeap& heap, void* block, u64 size, u64 alignment)
-{
-    u64 oldSize = 0;
-    SAllocationRecord* const record = heap.Detach(block, [&](u64 recorded, EHeap::Type) {
-        oldSize = recorded;
-        heap.SubtractBytes(recorded);
-    });
-    if (record == nullptr)
-        return nullptr;
-    void* const raw = MemoryAlignment::MoveBack(block, alignment);
-    u64 const distance = static_cast<u64>(static_cast<u8*>(block) - static_cast<u8*>(raw));
-    void* const movedRaw = size <= CGlobalHeap::LargestSize ? heap.HookReallocate(raw, size + alignment) : nullptr;
-    if (movedRaw == nullptr) {
-        heap.Discard(record, [&] { heap.AddBytes(size); });
-        LogAllocate(nullptr, size);
-        return nullptr;
-    }
-    // The hook kept the contents at their old distance, which the new address may not have.
-    u8* const contents = static_cast<u8*>(movedRaw) + distance;
-    u64 const newDistance = alignment == 0 ? 0 : alignment - (reinterpret_cast<u64>(movedRaw) & (alignment - 1));
-    if (newDistance != distance)
-        std::memmove(static_cast<u8*>(movedRaw) + newDistance, contents, std::min(oldSize, size));
-    void* const moved = MemoryAlignment::MoveForward(movedRaw, alignment);
-    LogAllocate(moved, size);
-    heap.Attach(record, moved, size, [&] { heap.AddBytes(size); });
-    return moved;
-}
 
 } // namespace
 
@@ -118,131 +86,109 @@ void Initialize(unsigned char flags, u64 budget)
 void Initialize(void* (*mallocHook)(u64), void* (*reallocHook)(void*, u64), void (*freeHook)(void*),
                 unsigned char flags, u64 budget)
 {
+    // First, so that a heap whose pools do not fit the budget is taken down, too.
     Platform::RunAtExit(&Deinitialize);
-    if (g_heap == nullptr) {
-        SMemoryHooks const hooks{mallocHook != nullptr ? mallocHook : &Platform::AllocateMemory,
-                                 reallocHook != nullptr ? reallocHook : &Platform::ResizeMemory,
-                                 freeHook != nullptr ? freeHook : &Platform::FreeMemory};
-        g_heap = CGlobalHeap::Create(hooks, flags, budget);
-        if (g_heap != nullptr && g_heap->IsReporting())
-            Debug::Print("Heap initialized, using %u bytes\n", static_cast<u32>(g_heap->GetBytesInUse()));
-    }
+    if (g_heapModule.heap == nullptr)
+        CreateHeap({mallocHook != nullptr ? mallocHook : &Platform::AllocateMemory,
+                    reallocHook != nullptr ? reallocHook : &Platform::ResizeMemory,
+                    freeHook != nullptr ? freeHook : &Platform::FreeMemory},
+                   flags, budget);
+    if (g_heapModule.heap == nullptr || g_heapModule.heap->IsPassthrough())
+        return;
+    g_heapModule.VisitPools([&](auto*& pool) {
+        if (pool == nullptr)
+            pool = New<std::remove_pointer_t<std::remove_reference_t<decltype(pool)>>>(
+                EHeap::General, (flags & EHeapFlag::Report) != 0);
+    });
 }
 
 void InitFromExternal(void* hooks)
 {
-    SExternalHooks const* const external = static_cast<SExternalHooks const*>(hooks);
-    if (g_heap == nullptr && external != nullptr)
-        g_heap = external->heap;
-    static_cast<void>(FetchHeap());
+    SHeapModule* const external = static_cast<SHeapModule*>(hooks);
+    if (g_heapModule.heap == nullptr && external != nullptr)
+        g_heapModule.heap = external->heap;
+    if (g_heapModule.FetchHeap().IsPassthrough() || external == nullptr)
+        return;
+    external->VisitPools([](auto* theirs) {
+        g_heapModule.VisitPools([&](auto*& ours) {
+            if constexpr (std::is_same_v<decltype(theirs), std::remove_reference_t<decltype(ours)>>)
+                if (ours == nullptr)
+                    ours = theirs;
+        });
+    });
 }
 
 void* GetExternalHooks()
 {
-    g_externalHooks = SExternalHooks{};
-    g_externalHooks.heap = &FetchHeap();
+    g_externalHooks = SHeapModule{};
+    if (g_heapModule.FetchHeap().IsPassthrough())
+        g_externalHooks.heap = g_heapModule.heap;
+    else
+        g_externalHooks = g_heapModule;
     return &g_externalHooks;
 }
 
 bool IsInitialized()
 {
-    return g_heap != nullptr;
+    if (g_heapModule.heap == nullptr)
+        return false;
+    if (g_heapModule.heap->IsPassthrough())
+        return true;
+    bool isComplete = true;
+    g_heapModule.VisitPools([&](auto* pool) { isComplete = isComplete && pool != nullptr; });
+    return isComplete;
 }
 
 void Deinitialize()
 {
+    // The logger is the host's, which destroys it.
     static_cast<void>(ReleaseLog());
-    CGlobalHeap* const heap = g_heap;
+    CGlobalHeap* const heap = g_heapModule.heap;
     if (heap == nullptr)
         return;
+    if (!heap->IsPassthrough())
+        g_heapModule.VisitPools([&](auto*& pool) { TearDownPool(*heap, pool); });
     heap->ReleaseRecords();
-    g_heap = nullptr;
+    g_heapModule.heap = nullptr;
+    heap->SubtractBytes(sizeof(CGlobalHeap));
+    if (heap->IsReporting())
+        ReportHeap(*heap);
+    // The heap object itself stays allocated: another module may still look into it, and finds it empty. The free hook
+    // is told of the end with a null pointer; kept, hosts depend on that call.
+    heap->GetHooks().free(g_heapModule.heap);
 }
 
-// ---- Blocks ----
-
-void* Malloc(u64 size, EHeap::Type heap)
-{
-    if (size == 0)
-        return nullptr;
-    CGlobalHeap& global = FetchHeap();
-    if (size > CGlobalHeap::LargestSize)
-        return nullptr;
-    EHeap::Type const kind = CutKind(heap);
-    return AllocateFromHooks(global, size, kind, GetHookAlignment(kind));
-}
-
-void* Realloc(void* block, u64 size, EHeap::Type heap)
-{
-    if (block == nullptr)
-        return Malloc(size, heap);
-    if (size == 0) {
-        Free(block);
-        return nullptr;
-    }
-    CGlobalHeap& global = FetchHeap();
-    EHeap::Type kind = EHeap::General;
-    if (!global.Find(block, [&](SAllocationRecord const& record) { kind = record.GetKind(); }))
-        return nullptr;
-    LogFree(block);
-    return ResizeFromHooks(global, block, size, GetHookAlignment(kind));
-}
-
-void Free(void* block)
-{
-    if (block == nullptr)
-        return;
-    CGlobalHeap& heap = FetchHeap();
-    EHeap::Type kind = EHeap::General;
-    if (MemoryLog::IsInstalled() && GetSize(block) != 0)
-        LogFree(block);
-    if (heap.Take(block, [&](u64 recorded, EHeap::Type recordedKind) {
-            kind = recordedKind;
-            heap.SubtractBytes(recorded);
-        }))
-        heap.HookRelease(MemoryAlignment::MoveBack(block, GetHookAlignment(kind)));
-}
-
-void FreeQuietly(void* block) noexcept
-{
-    if (block == nullptr || g_heap == nullptr)
-        return;
-    try {
-        Free(block);
-    }
-    catch (...) {
-        // Only a memory logger of the host can throw here; the block is lost rather than the process.
-    }
-}
-
-u64 GetSize(void const* block)
-{
-    u64 size = 0;
-    FetchHeap().Find(block, [&](SAllocationRecord const& record) { size = record.GetSize(); });
-    return size;
-}
-
-EHeap::Type GetHeap(void* block)
-{
-    EHeap::Type kind = EHeap::General;
-    FetchHeap().Find(block, [&](SAllocationRecord const& record) { kind = record.GetKind(); });
-    return kind;
-}
+// ---- Purge and statistics ----
 
 void Purge()
 {
-    static_cast<void>(FetchHeap());
+    if (g_heapModule.FetchHeap().IsPassthrough())
+        return;
+    g_heapModule.VisitPools([](auto* pool) {
+        using Pool = std::remove_pointer_t<decltype(pool)>;
+        static_assert(sizeof(TPurgeJob<Pool>) == 8);
+        TPurgeJob<Pool>* const job = New<TPurgeJob<Pool>>(EHeap::General);
+        job->Execute();
+        Delete(job);
+    });
 }
 
 bool GetStatistics(SStatistics& statistics)
 {
-    if (g_heap == nullptr)
+    CGlobalHeap const* const heap = g_heapModule.heap;
+    if (heap == nullptr)
         return false;
     statistics = SStatistics{};
-    statistics.allocationCount = g_heap->GetAllocationCount();
-    statistics.liveCount = g_heap->GetLiveCount();
-    statistics.bytesInUse = g_heap->GetBytesInUse();
-    statistics.budget = g_heap->GetBudget();
+    statistics.allocationCount = heap->GetAllocationCount();
+    statistics.liveCount = heap->GetLiveCount();
+    statistics.bytesInUse = heap->GetBytesInUse();
+    statistics.budget = heap->GetBudget();
+    u64 index = 0;
+    g_heapModule.VisitPools([&](auto* pool) {
+        if (pool != nullptr)
+            pool->GetStatistics(statistics.pools[index]);
+        ++index;
+    });
     return true;
 }
 

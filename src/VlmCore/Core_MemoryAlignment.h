@@ -9,13 +9,19 @@
 
 namespace Velmor::MemoryAlignment {
 
+/// How far MoveForward moves: 1 to `alignment`, or 0 for alignment 0.
+[[nodiscard]] inline u64 GetDistance(void const* raw, u64 alignment)
+{
+    return alignment == 0 ? 0 : alignment - (reinterpret_cast<u64>(raw) & (alignment - 1));
+}
+
 /// \param raw        start of a block with `alignment` bytes to spare.
 /// \param alignment  a power of two up to 16; 0 leaves the block as it is.
 [[nodiscard]] inline void* MoveForward(void* raw, u64 alignment)
 {
     if (alignment == 0)
         return raw;
-    u64 const distance = alignment - (reinterpret_cast<u64>(raw) & (alignment - 1));
+    u64 const distance = GetDistance(raw, alignment);
     u8* const aligned = static_cast<u8*>(raw) + distance;
     aligned[-1] = static_cast<u8>(distance);
     return aligned;

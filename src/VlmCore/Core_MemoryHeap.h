@@ -132,7 +132,7 @@ public:
     /// Takes the block's record out, runs `count(size, kind)` under the same lock and returns true; false for an
     /// unknown block. From here on the address may be recorded anew.
     template <class Count>
-    [[nodiscard]] bool Take(void const* block, Count&& count)
+    bool Take(void const* block, Count&& count)
     {
         PrefetchBucket(block);
         CLock const lock(m_lock);
@@ -175,6 +175,21 @@ public:
         record->next = m_freeRecords;
         m_freeRecords = record;
         count();
+    }
+
+    /// Records `to` in the place of `from`; false, and nothing changed, when `from` is unknown. Runs `count` under the
+    /// same lock.
+    template <class Count>
+    [[nodiscard]] bool Move(void const* from, void const* to, u64 size, Count&& count)
+    {
+        CLock const lock(m_lock);
+        SAllocationRecord* const record = Unlink(from);
+        if (record == nullptr)
+            return false;
+        record->Set(to, size, record->GetKind());
+        Link(record);
+        count();
+        return true;
     }
 
     /// Runs `inspect(record)` under the lock; false for an unknown block.

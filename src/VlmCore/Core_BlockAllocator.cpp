@@ -1,0 +1,139 @@
+#include "Core_BlockAllocator.h"
+#include "Core_MemoryReport.h"
+
+#include <vlmcore/debug.h>
+#include <vlmcore/logging.h>
+#include <vlmcore/system.h>
+
+#include <type_traits>
+
+namespace Velmor {
+
+static_assert(sizeof(TBlockAllocator<0>) == 8 * 32 + 24);
+static_assert(sizeof(TBlockAllocator<4>) == 7 * 32 + 24);
+static_assert(std::is_standard_layout_v<TBlockAllocator<0>>, "modules of different builds share the object");
+
+// A chunk fills half of the level 1 data cache, within these bounds.
+constexpr u64 FewestBlocksPerChunk = 4;
+constexpr u64 MostBlocksPerChunk = 256;
+
+template <u32 AlignmentBits>
+TBlockAllocator<AlignmentBits>::TBlockAllocator(bool report) : m_report(report ? 1 : 0)
+{
+    System::SCPUInfo info{};
+    System::GetCPUInfo(info);
+    for (u32 index = 0; index < ClassCount; ++index) {
+        u64 const blocks = info.cacheSize[0] / 2 / GetShape(index).blockSize;
+        m_classes[index].SetBlocksPerChunk(
+            static_cast<u32>(std::clamp(blocks, FewestBlocksPerChunk, MostBlocksPerChunk)));
+    }
+}
+
+// ---- Large blocks ----
+
+template <u32 AlignmentBits>
+void* TBlockAllocator<AlignmentBits>::TakeLarge(CGlobalHeap& heap, u64 size)
+{
+    u64 const hookSize = size + Alignment;
+    void* const raw = heap.FitsBudget(hookSize) ? heap.GetHooks().malloc(hookSize) : nullptr;
+    if (raw == nullptr)
+        return nullptr;
+    {
+        CGlobalHeap::CLock const lock(heap.GetLock());
+        heap.CountHookBlocks(1, 1);
+        heap.AddBytes(hookSize);
+    }
+    return MemoryAlignment::MoveForward(raw, Alignment);
+}
+
+template <u32 AlignmentBits>
+void TBlockAllocator<AlignmentBits>::GiveBackLarge(CGlobalHeap& heap, void* block, u64 size)
+{
+    {
+        CGlobalHeap::CLock const lock(heap.GetLock());
+        heap.SubtractBytes(size + Alignment);
+    }
+    heap.HookRelease(MemoryAlignment::MoveBack(block, Alignment));
+}
+
+template <u32 AlignmentBits>
+void TBlockAllocator<AlignmentBits>::ResizeInPlace(CGlobalHeap& heap, void* block, u64 oldSize, u64 newSize)
+{
+    if (oldSize > LargestBlock) {
+        // Releasing will lower the bytes by the new size.
+        heap.SubtractBytes(oldSize - newSize);
+        return;
+    }
+    u64 const blockSize = GetShape(GetClass(oldSize)).blockSize;
+    MemoryDebug::Unpoison(block, blockSize);
+    MemoryDebug::ResizeGuard(block, oldSize, newSize, blockSize);
+    MemoryDebug::Poison(block, blockSize);
+    MemoryDebug::Unpoison(block, newSize);
+}
+
+// ---- Purge ----
+
+template <u32 AlignmentBits>
+void TBlockAllocator<AlignmentBits>::Purge(CGlobalHeap& heap)
+{
+    CPurgeScratch scratch(heap);
+    for (u32 index = 0; index < ClassCount; ++index)
+        if (!m_classes[index].Purge(heap, GetShape(index), scratch))
+            return;
+}
+
+// ---- Teardown and statistics ----
+
+template <u32 AlignmentBits>
+void TBlockAllocator<AlignmentBits>::Report()
+{
+    u32 const alignment = static_cast<u32>(Alignment);
+    u32 const live = static_cast<u32>(m_liveCount.Get());
+    Debug::Print("Block allocator (%u byte align) statistics:\n", alignment);
+    Debug::Print("This allocator counted a total of %lu allocations.\n",
+                 static_cast<unsigned long>(m_allocationCount.Get()));
+    if (m_liveCount.Get() != 0) {
+        Debug::Print("\nWARNING: %u block memory leak(s) detected.\n\n", live);
+        RunQuietly([&] { Log::WarningF("%u block<%u> memory leak(s) detected.", live, alignment); });
+    }
+    else
+        Debug::Print("No leaks detected for this allocator.\n\n");
+    u32 total = 0;
+    for (u32 index = 0; index < ClassCount; ++index) {
+        CBlockClass& blocks = m_classes[index];
+        u32 const chunkCount = blocks.GetChunkCount();
+        u32 const bytes = static_cast<u32>(chunkCount * blocks.GetChunkSize(GetShape(index)));
+        Debug::Print("%-4u byte: %u chunks (%u blocks) = %lu bytes\n", static_cast<u32>(GetShape(index).blockSize),
+                     chunkCount, chunkCount * blocks.GetBlocksPerChunk(), static_cast<unsigned long>(bytes));
+        total += bytes;
+    }
+    Debug::Print("Total of %u bytes\n\n", total);
+}
+
+template <u32 AlignmentBits>
+void TBlockAllocator<AlignmentBits>::TearDown(CGlobalHeap& heap) noexcept
+{
+    if (m_report != 0 && m_allocationCount.Get() > 0)
+        Report();
+    for (u32 index = 0; index < ClassCount; ++index)
+        m_classes[index].TearDown(heap, GetShape(index));
+}
+
+template <u32 AlignmentBits>
+void TBlockAllocator<AlignmentBits>::GetStatistics(Memory::SStatistics::SPool& pool)
+{
+    pool.alignment = Alignment;
+    pool.allocationCount = m_allocationCount.Get();
+    pool.liveCount = m_liveCount.Get();
+    pool.classCount = ClassCount;
+    for (u32 index = 0; index < ClassCount; ++index)
+        pool.classes[index] = {GetShape(index).blockSize, m_classes[index].GetBlocksPerChunk(),
+                               m_classes[index].GetChunkCount()};
+}
+
+template class TBlockAllocator<0>;
+template class TBlockAllocator<2>;
+template class TBlockAllocator<3>;
+template class TBlockAllocator<4>;
+
+} // namespace Velmor

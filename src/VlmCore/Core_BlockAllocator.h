@@ -1,0 +1,231 @@
+// The pooled heap kinds: small blocks of power-of-two classes from chunks, larger ones from the hooks.
+//
+// A block allocator keeps no pointer to its heap, since modules share both; every operation is handed the heap. Its
+// counters are changed under the heap lock together with the block's record (see CGlobalHeap), its classes under a lock
+// each. Order of locks: a class lock before the heap lock, never the other way round.
+#pragma once
+
+#include "Core_MemoryAlignment.h"
+#include "Core_MemoryDebug.h"
+#include "Core_MemoryHeap.h"
+
+#include <vlmcore/impl/Core_Lock.h>
+#include <vlmcore/memory.h>
+#include <vlmcore/types.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+
+namespace Velmor {
+
+/// Working memory of a purge, one for all classes of an allocator. Taken from the hooks, given back at the end.
+class CPurgeScratch {
+public:
+    /// A chunk and its place in the chunk table.
+    struct SChunk {
+        u8* start;
+        u64 tableIndex;
+    };
+
+    explicit CPurgeScratch(CGlobalHeap& heap) : m_heap(heap) {}
+    CPurgeScratch(CPurgeScratch const&) = delete;
+    CPurgeScratch& operator=(CPurgeScratch const&) = delete;
+    ~CPurgeScratch() { m_heap.HookRelease(m_memory); }
+
+    /// Makes room for a class of `chunkCount` chunks; false when the hooks refuse it.
+    [[nodiscard]] bool Reserve(u64 chunkCount);
+
+    /// The chunks, to be sorted by address.
+    [[nodiscard]] SChunk* GetChunks() const { return static_cast<SChunk*>(m_memory); }
+    /// Free blocks per chunk, by table index.
+    [[nodiscard]] u16* GetCounters() const
+    {
+        return static_cast<u16*>(static_cast<void*>(static_cast<SChunk*>(m_memory) + m_capacity));
+    }
+
+private:
+    CGlobalHeap& m_heap;
+    void* m_memory = nullptr;
+    u64 m_capacity = 0;
+};
+
+/// One size class. Its block size is not stored: the allocator knows it from the index.
+class CBlockClass {
+public:
+    /// Block size, and the bytes that each chunk has in front for alignment.
+    struct SShape {
+        u64 blockSize;
+        u64 alignment;
+    };
+
+    void SetBlocksPerChunk(u32 count) { m_blocksPerChunk = count; }
+
+    /// A block; null when the class cannot grow.
+    [[nodiscard]] void* Take(CGlobalHeap& heap, SShape const& shape, u64 size)
+    {
+        m_lock.Acquire();
+        SFreeBlock* const block = m_free;
+        if (block == nullptr) [[unlikely]] {
+            m_lock.Release();
+            return TakeAfterGrowth(heap, shape, size);
+        }
+        return HandOut(block, shape, size);
+    }
+
+    /// Takes a block back that was requested with `size` bytes.
+    void GiveBack(void* memory, SShape const& shape, u64 size)
+    {
+        MemoryDebug::Unpoison(memory, shape.blockSize);
+        MemoryDebug::CheckGuard(memory, size, shape.blockSize);
+        MemoryDebug::FillFree(memory, shape.blockSize);
+        SFreeBlock* const block = static_cast<SFreeBlock*>(memory);
+        MemoryDebug::Poison(memory, shape.blockSize);
+        m_lock.Acquire();
+        MemoryDebug::WriteNext(block, m_free);
+        m_free = block;
+        m_lock.Release();
+    }
+
+    /// Gives wholly free chunks back. False when there is no working memory for it; the class is whole then, too.
+    [[nodiscard]] bool Purge(CGlobalHeap& heap, SShape const& shape, CPurgeScratch& scratch);
+
+    /// Gives all chunks back, with the blocks still in use.
+    void TearDown(CGlobalHeap& heap, SShape const& shape);
+
+    [[nodiscard]] u32 GetBlocksPerChunk() const { return m_blocksPerChunk; }
+    [[nodiscard]] u32 GetChunkCount();
+    [[nodiscard]] u64 GetChunkSize(SShape const& shape) const
+    {
+        return m_blocksPerChunk * shape.blockSize + shape.alignment;
+    }
+
+private:
+    // With the lock held; releases it.
+    [[nodiscard]] void* HandOut(SFreeBlock* block, SShape const& shape, u64 size)
+    {
+        SFreeBlock* const next = MemoryDebug::ReadNext(block);
+        m_free = next;
+        m_lock.Release();
+#if !defined(VLM_ADDRESS_SANITIZER)
+        // The next one's link is what the next request will wait for.
+        __builtin_prefetch(next, 1);
+#endif
+        MemoryDebug::Unpoison(block, shape.blockSize);
+        MemoryDebug::HandOut(block, size, shape.blockSize);
+        MemoryDebug::Poison(block, shape.blockSize);
+        MemoryDebug::Unpoison(block, size);
+        return block;
+    }
+
+    [[nodiscard]] void* TakeAfterGrowth(CGlobalHeap& heap, SShape const& shape, u64 size);
+    [[nodiscard]] bool Grow(CGlobalHeap& heap, SShape const& shape);
+    void ChainBlocks(u8* start, SShape const& shape);
+    void BeginPurge();
+    [[nodiscard]] static SFreeBlock* UnlinkFreeChunks(SFreeBlock*& list, CPurgeScratch const& scratch, u64 chunkCount,
+                                                      u32 blocksPerChunk);
+    void ShrinkTable(CGlobalHeap& heap, u32 removed);
+    [[nodiscard]] u32 RemoveFreeChunks(CGlobalHeap& heap, CPurgeScratch& scratch, u64 counted);
+
+    u32 m_blocksPerChunk = 0;
+    u32 m_chunkCount = 0;
+    CSpinLock m_lock;
+    u32 m_isPurging = 0; // a purge holds the free list; under the lock
+    SFreeBlock* m_free = nullptr;
+    u8** m_chunks = nullptr;
+};
+
+static_assert(sizeof(CBlockClass) == 32);
+
+/// \tparam AlignmentBits  base-2 logarithm of the alignment; 0 for none of its own.
+template <u32 AlignmentBits>
+class TBlockAllocator {
+public:
+    static constexpr u64 Alignment = AlignmentBits == 0 ? 0 : u64{1} << AlignmentBits;
+    static constexpr u32 SmallestBits = AlignmentBits == 4 ? 4 : 3;
+    static constexpr u32 LargestBits = 10;
+    static constexpr u32 ClassCount = LargestBits - SmallestBits + 1;
+    static constexpr u64 LargestBlock = u64{1} << LargestBits;
+
+    explicit TBlockAllocator(bool report);
+    TBlockAllocator(TBlockAllocator const&) = delete;
+    TBlockAllocator& operator=(TBlockAllocator const&) = delete;
+    ~TBlockAllocator() = default;
+
+    /// A block of `size` bytes, above 0; null when there is none to be had. Counts nothing in this allocator: that goes
+    /// with the record.
+    [[nodiscard]] void* Take(CGlobalHeap& heap, u64 size)
+    {
+        if (size > LargestBlock) [[unlikely]]
+            return TakeLarge(heap, size);
+        u32 const index = GetClass(size);
+        return m_classes[index].Take(heap, GetShape(index), size);
+    }
+
+    /// Takes back a block that was recorded with `size` bytes.
+    void GiveBack(CGlobalHeap& heap, void* block, u64 size)
+    {
+        if (size > LargestBlock) [[unlikely]] {
+            GiveBackLarge(heap, block, size);
+            return;
+        }
+        u32 const index = GetClass(size);
+        m_classes[index].GiveBack(block, GetShape(index), size);
+    }
+
+    /// True when a block of `oldSize` bytes serves `newSize` bytes where it is.
+    [[nodiscard]] static bool StaysInPlace(u64 oldSize, u64 newSize)
+    {
+        if (oldSize == newSize)
+            return true;
+        if (oldSize > LargestBlock)
+            return newSize > LargestBlock && newSize < oldSize && oldSize - newSize < LargestBlock;
+        return newSize <= LargestBlock && GetClass(oldSize) == GetClass(newSize);
+    }
+
+    /// Follows a resize in place: the guard of a small block, the bytes of a large one. Under the heap lock.
+    static void ResizeInPlace(CGlobalHeap& heap, void* block, u64 oldSize, u64 newSize);
+
+    // Under the heap lock.
+    void CountAllocation()
+    {
+        m_allocationCount.Add(1);
+        m_liveCount.Add(1);
+    }
+    void CountMove() { m_allocationCount.Add(1); }
+    void CountRelease() { m_liveCount.Subtract(1); }
+
+    void Purge(CGlobalHeap& heap);
+
+    /// Prints the statistics when asked to at creation, and gives every chunk back. Never throws.
+    void TearDown(CGlobalHeap& heap) noexcept;
+
+    void GetStatistics(Memory::SStatistics::SPool& pool);
+
+private:
+    [[nodiscard]] static u32 GetClass(u64 size)
+    {
+        u32 const bits = static_cast<u32>(std::bit_width(size - 1));
+        return std::max(bits, SmallestBits) - SmallestBits;
+    }
+    [[nodiscard]] static constexpr CBlockClass::SShape GetShape(u32 index)
+    {
+        return {u64{1} << (index + SmallestBits), Alignment};
+    }
+
+    [[nodiscard]] static void* TakeLarge(CGlobalHeap& heap, u64 size);
+    static void GiveBackLarge(CGlobalHeap& heap, void* block, u64 size);
+    void Report();
+
+    CBlockClass m_classes[ClassCount];
+    CStatisticsCounter m_allocationCount;
+    CStatisticsCounter m_liveCount;
+    u8 m_report;
+};
+
+extern template class TBlockAllocator<0>;
+extern template class TBlockAllocator<2>;
+extern template class TBlockAllocator<3>;
+extern template class TBlockAllocator<4>;
+
+} // namespace Velmor

@@ -1,0 +1,248 @@
+#include "Core_BlockAllocator.h"
+
+#include <vlmcore/threads.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace Velmor {
+
+// ---- Growth ----
+
+void* CBlockClass::TakeAfterGrowth(CGlobalHeap& heap, SShape const& shape, u64 size)
+{
+    for (;;) {
+        m_lock.Acquire();
+        if (m_free != nullptr || Grow(heap, shape))
+            return HandOut(m_free, shape, size);
+        // A purge may hold free blocks: nothing is refused before they are back.
+        bool const blocksAreComing = m_isPurging != 0;
+        m_lock.Release();
+        if (!blocksAreComing)
+            return nullptr;
+        Thread::Reschedule();
+    }
+}
+
+// Nothing is counted before both the table and the chunk are there.
+bool CBlockClass::Grow(CGlobalHeap& heap, SShape const& shape)
+{
+    SMemoryHooks const& hooks = heap.GetHooks();
+    u64 const tableSize = (u64{m_chunkCount} + 1) * sizeof(u8*);
+    u64 const chunkSize = GetChunkSize(shape);
+    if (!heap.FitsBudget(tableSize) || !heap.FitsBudget(chunkSize))
+        return false;
+    void* const table = hooks.realloc(m_chunks, tableSize);
+    if (table == nullptr)
+        return false;
+    m_chunks = static_cast<u8**>(table);
+    void* const chunk = hooks.malloc(chunkSize);
+    if (chunk == nullptr) {
+        if (m_chunkCount == 0) {
+            hooks.free(m_chunks);
+            m_chunks = nullptr;
+        }
+        return false;
+    }
+
+    u8* const start = static_cast<u8*>(MemoryAlignment::MoveForward(chunk, shape.alignment));
+    m_chunks[m_chunkCount] = start;
+    ++m_chunkCount;
+    {
+        CGlobalHeap::CLock const lock(heap.GetLock());
+        heap.CountHookBlocks(2, m_chunkCount == 1 ? 2 : 1);
+        heap.AddBytes(sizeof(u8*));
+        heap.AddBytes(chunkSize);
+    }
+    ChainBlocks(start, shape);
+    return true;
+}
+
+void CBlockClass::ChainBlocks(u8* start, SShape const& shape)
+{
+    SFreeBlock* next = nullptr;
+    for (u64 index = m_blocksPerChunk; index > 0; --index) {
+        void* const memory = start + (index - 1) * shape.blockSize;
+        MemoryDebug::FillFree(memory, shape.blockSize);
+        SFreeBlock* const block = static_cast<SFreeBlock*>(memory);
+        MemoryDebug::WriteNext(block, next);
+        next = block;
+    }
+    m_free = next;
+    MemoryDebug::Poison(start, m_blocksPerChunk * shape.blockSize);
+}
+
+// ---- Purge ----
+
+bool CPurgeScratch::Reserve(u64 chunkCount)
+{
+    if (chunkCount <= m_capacity)
+        return true;
+    void* const memory = m_heap.HookReallocate(m_memory, chunkCount * (sizeof(SChunk) + sizeof(u16)));
+    if (memory == nullptr)
+        return false;
+    m_memory = memory;
+    m_capacity = chunkCount;
+    return true;
+}
+
+namespace {
+
+// The chunk that holds the block, among chunks sorted by address; the last one that does not start behind it.
+CPurgeScratch::SChunk const& FindChunk(CPurgeScratch::SChunk const* chunks, u64 count, void const* block)
+{
+    CPurgeScratch::SChunk const* first = chunks;
+    while (count > 1) {
+        u64 const half = count / 2;
+        first = first[half].start <= static_cast<u8 const*>(block) ? first + half : first;
+        count -= half;
+    }
+    return *first;
+}
+
+} // namespace
+
+// One purge at a time: two would not know of the blocks that the other holds.
+void CBlockClass::BeginPurge()
+{
+    m_lock.Acquire();
+    while (m_isPurging != 0) {
+        m_lock.Release();
+        Thread::Reschedule();
+        m_lock.Acquire();
+    }
+    m_isPurging = 1;
+}
+
+// The free list is taken away first and looked through without the lock, so that other threads can go on: they free
+// into a new list and, should it run empty, grow the class. A chunk whose blocks are all in the list that was taken
+// away cannot be in use.
+bool CBlockClass::Purge(CGlobalHeap& heap, SShape const& shape, CPurgeScratch& scratch)
+{
+    BeginPurge();
+    u64 const chunkCount = m_chunkCount;
+    if (chunkCount == 0 || !scratch.Reserve(chunkCount)) {
+        m_isPurging = 0;
+        m_lock.Release();
+        return chunkCount == 0;
+    }
+    CPurgeScratch::SChunk* const chunks = scratch.GetChunks();
+    for (u64 index = 0; index < chunkCount; ++index)
+        chunks[index] = {m_chunks[index], index};
+    SFreeBlock* list = m_free;
+    m_free = nullptr;
+    m_lock.Release();
+
+    u16* const counters = scratch.GetCounters();
+    std::memset(counters, 0, chunkCount * sizeof(u16));
+    std::sort(chunks, chunks + chunkCount, [](auto const& a, auto const& b) { return a.start < b.start; });
+    SFreeBlock* last = nullptr;
+    for (SFreeBlock* block = list; block != nullptr; block = MemoryDebug::ReadNext(block)) {
+        ++counters[FindChunk(chunks, chunkCount, block).tableIndex];
+        last = block;
+    }
+    bool const hasFreeChunks = std::find(counters, counters + chunkCount, m_blocksPerChunk) != counters + chunkCount;
+    if (hasFreeChunks)
+        last = UnlinkFreeChunks(list, scratch, chunkCount, m_blocksPerChunk);
+
+    m_lock.Acquire();
+    if (last != nullptr) {
+        MemoryDebug::WriteNext(last, m_free);
+        m_free = list;
+    }
+    u32 const removed = hasFreeChunks ? RemoveFreeChunks(heap, scratch, chunkCount) : 0;
+    m_isPurging = 0;
+    m_lock.Release();
+
+    // The chunks go back when nobody waits any more.
+    for (u32 index = 0; index < removed; ++index) {
+        u8* const chunk = chunks[index].start;
+        MemoryDebug::Unpoison(chunk, m_blocksPerChunk * shape.blockSize);
+        {
+            CGlobalHeap::CLock const lock(heap.GetLock());
+            heap.SubtractBytes(GetChunkSize(shape));
+        }
+        heap.HookRelease(MemoryAlignment::MoveBack(chunk, shape.alignment));
+    }
+    return true;
+}
+
+// Takes the blocks of wholly free chunks out of a free list; the others keep their order. The last one left, if any.
+SFreeBlock* CBlockClass::UnlinkFreeChunks(SFreeBlock*& list, CPurgeScratch const& scratch, u64 chunkCount,
+                                          u32 blocksPerChunk)
+{
+    u16 const* const counters = scratch.GetCounters();
+    SFreeBlock* last = nullptr;
+    for (SFreeBlock* block = list; block != nullptr;) {
+        SFreeBlock* const next = MemoryDebug::ReadNext(block);
+        if (counters[FindChunk(scratch.GetChunks(), chunkCount, block).tableIndex] != blocksPerChunk)
+            last = block;
+        else if (last == nullptr)
+            list = next;
+        else
+            MemoryDebug::WriteNext(last, next);
+        block = next;
+    }
+    return last;
+}
+
+// Takes the wholly free ones of the first `counted` chunks out of the table and leaves them at the front of the
+// scratch's chunks; chunks behind them have come meanwhile and stay. The last chunk moves into each gap.
+u32 CBlockClass::RemoveFreeChunks(CGlobalHeap& heap, CPurgeScratch& scratch, u64 counted)
+{
+    u16* const counters = scratch.GetCounters();
+    u32 removed = 0;
+    for (u32 index = 0; index < m_chunkCount && index < counted;) {
+        if (counters[index] != m_blocksPerChunk) {
+            ++index;
+            continue;
+        }
+        scratch.GetChunks()[removed++].start = m_chunks[index];
+        --m_chunkCount;
+        m_chunks[index] = m_chunks[m_chunkCount];
+        counters[index] = m_chunkCount < counted ? counters[m_chunkCount] : u16{0};
+    }
+    ShrinkTable(heap, removed);
+    return removed;
+}
+
+void CBlockClass::ShrinkTable(CGlobalHeap& heap, u32 removed)
+{
+    {
+        CGlobalHeap::CLock const lock(heap.GetLock());
+        heap.SubtractBytes(removed * sizeof(u8*));
+    }
+    if (m_chunkCount == 0) {
+        heap.HookRelease(m_chunks);
+        m_chunks = nullptr;
+    }
+    // A refused smaller table leaves the larger one in use.
+    else if (void* const table = heap.HookReallocate(m_chunks, m_chunkCount * sizeof(u8*)))
+        m_chunks = static_cast<u8**>(table);
+}
+
+// ---- Teardown and statistics ----
+
+void CBlockClass::TearDown(CGlobalHeap& heap, SShape const& shape)
+{
+    for (u32 index = 0; index < m_chunkCount; ++index) {
+        MemoryDebug::Unpoison(m_chunks[index], m_blocksPerChunk * shape.blockSize);
+        heap.HookRelease(MemoryAlignment::MoveBack(m_chunks[index], shape.alignment));
+    }
+    heap.HookRelease(m_chunks);
+    {
+        CGlobalHeap::CLock const lock(heap.GetLock());
+        heap.SubtractBytes(m_chunkCount * (GetChunkSize(shape) + sizeof(u8*)));
+    }
+    m_chunks = nullptr;
+    m_chunkCount = 0;
+    m_free = nullptr;
+}
+
+u32 CBlockClass::GetChunkCount()
+{
+    TScopedLock const lock(m_lock);
+    return m_chunkCount;
+}
+
+} // namespace Velmor

@@ -1,0 +1,282 @@
+// Malloc, Realloc, Free and the two queries.
+#include "Core_BlockAllocator.h"
+#include "Core_MemoryAlignment.h"
+#include "Core_MemoryHeap.h"
+#include "Core_MemoryLog.h"
+#include "Core_MemoryModule.h"
+
+#include <vlmcore/memory.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace Velmor::Memory {
+namespace {
+
+EHeap::Type CutKind(EHeap::Type heap)
+{
+    return static_cast<EHeap::Type>(heap & 7u);
+}
+
+// Without a memory logger, the usual case, an event costs a load and a branch.
+void ReportAllocation(void* block, u64 size)
+{
+    if (MemoryLog::IsInstalled()) [[unlikely]]
+        LogAllocate(block, size);
+}
+
+void ReportFree(void* block)
+{
+    if (MemoryLog::IsInstalled()) [[unlikely]]
+        LogFree(block);
+}
+
+// ---- Blocks of the hooks ----
+
+// Alignment that the hooks' blocks are given by hand, in passthrough mode.
+u64 GetHookAlignment(CGlobalHeap const& heap, EHeap::Type kind)
+{
+    if (!heap.IsPassthrough())
+        return 0;
+    switch (kind) {
+    case EHeap::Pool4:
+        return 4;
+    case EHeap::Pool8:
+        return 8;
+    case EHeap::Pool16:
+        return 16;
+    default:
+        return 0;
+    }
+}
+
+void* AllocateFromHooks(CGlobalHeap& heap, u64 size, EHeap::Type kind)
+{
+    u64 const alignment = GetHookAlignment(heap, kind);
+    u64 const hookSize = size + alignment;
+    bool const isAsked = heap.FitsBudget(hookSize);
+    void* const raw = isAsked ? heap.GetHooks().malloc(hookSize) : nullptr;
+    if (raw == nullptr) {
+        // A refused request counts its size all the same, as pressure on the budget; kept, hosts watch it.
+        ReportAllocation(nullptr, size);
+        CGlobalHeap::CLock const lock(heap.GetLock());
+        heap.CountHookBlocks(isAsked ? 1 : 0, 0);
+        heap.AddBytes(size);
+        return nullptr;
+    }
+    void* const block = MemoryAlignment::MoveForward(raw, alignment);
+    ReportAllocation(block, size);
+    bool const isEntered = heap.Enter(block, size, kind, [&] {
+        heap.CountHookBlocks(1, 1);
+        heap.AddBytes(size);
+    });
+    if (!isEntered) {
+        ReportFree(block);
+        heap.GetHooks().free(raw);
+        return nullptr;
+    }
+    return block;
+}
+
+void* ResizeFromHooks(CGlobalHeap& heap, void* block, u64 size, EHeap::Type kind)
+{
+    ReportFree(block);
+    u64 oldSize = 0;
+    SAllocationRecord* const record = heap.Detach(block, [&](u64 recordedSize, EHeap::Type) {
+        oldSize = recordedSize;
+        heap.SubtractBytes(recordedSize);
+    });
+    if (record == nullptr)
+        return nullptr;
+
+    u64 const alignment = GetHookAlignment(heap, kind);
+    void* const raw = MemoryAlignment::MoveBack(block, alignment);
+    u64 const distance = static_cast<u64>(static_cast<u8*>(block) - static_cast<u8*>(raw));
+    void* const movedRaw = heap.HookReallocate(raw, size + alignment);
+    if (movedRaw == nullptr) {
+        ReportAllocation(nullptr, size);
+        heap.Discard(record, [&] { heap.AddBytes(size); });
+        return nullptr;
+    }
+    // The hook kept the contents at their old distance from the start; the new start may need another.
+    void* const contents = static_cast<u8*>(movedRaw) + distance;
+    u64 const newDistance = MemoryAlignment::GetDistance(movedRaw, alignment);
+    if (newDistance != distance)
+        std::memmove(static_cast<u8*>(movedRaw) + newDistance, contents, std::min(oldSize, size));
+    void* const moved = MemoryAlignment::MoveForward(movedRaw, alignment);
+    ReportAllocation(moved, size);
+    heap.Attach(record, moved, size, [&] { heap.AddBytes(size); });
+    return moved;
+}
+
+// ---- Blocks of the pools ----
+
+template <class Pool>
+void* AllocateFromPool(CGlobalHeap& heap, Pool* pool, u64 size, EHeap::Type kind)
+{
+    void* const block = pool != nullptr ? pool->Take(heap, size) : nullptr;
+    if (block == nullptr)
+        return nullptr;
+    ReportAllocation(block, size);
+    if (heap.Enter(block, size, kind, [&] { pool->CountAllocation(); })) [[likely]]
+        return block;
+    ReportFree(block);
+    pool->GiveBack(heap, block, size);
+    return nullptr;
+}
+
+// To a new place; the block did not fit where it is.
+template <class Pool>
+void* MoveInPool(CGlobalHeap& heap, Pool& pool, void* block, u64 oldSize, u64 size)
+{
+    void* const moved = pool.Take(heap, size);
+    if (moved == nullptr) {
+        // Allocated, but known no more: kept, as with a refused resize of the hooks.
+        heap.Take(block, [](u64, EHeap::Type) {});
+        return nullptr;
+    }
+    ReportAllocation(moved, size);
+    std::memcpy(moved, block, std::min(oldSize, size));
+    ReportFree(block);
+    if (!heap.Move(block, moved, size, [&] { pool.CountMove(); })) {
+        pool.GiveBack(heap, moved, size);
+        return nullptr;
+    }
+    pool.GiveBack(heap, block, oldSize);
+    return moved;
+}
+
+template <class Pool>
+void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 size)
+{
+    if (pool == nullptr)
+        return nullptr;
+    u64 oldSize = 0;
+    bool isInPlace = false;
+    bool const isKnown = heap.Find(block, [&](SAllocationRecord& record) {
+        oldSize = record.GetSize();
+        isInPlace = Pool::StaysInPlace(oldSize, size);
+        if (isInPlace) {
+            Pool::ResizeInPlace(heap, block, oldSize, size);
+            record.SetSize(size);
+        }
+    });
+    if (!isKnown)
+        return nullptr;
+    return isInPlace ? block : MoveInPool(heap, *pool, block, oldSize, size);
+}
+
+void ReportKnownFree(CGlobalHeap& heap, void* block)
+{
+    if (heap.Find(block, [](SAllocationRecord const&) {}))
+        LogFree(block);
+}
+
+} // namespace
+
+void* Malloc(u64 size, EHeap::Type heap)
+{
+    if (size == 0)
+        return nullptr;
+    CGlobalHeap& global = g_heapModule.FetchHeap();
+    if (size > CGlobalHeap::LargestSize) [[unlikely]]
+        return nullptr;
+    EHeap::Type const kind = CutKind(heap);
+    auto const useHooks = [&] { return AllocateFromHooks(global, size, kind); };
+    if (global.IsPassthrough())
+        return useHooks();
+    return g_heapModule.Dispatch(
+        kind, [&](auto* pool) { return AllocateFromPool(global, pool, size, kind); }, useHooks);
+}
+
+void* Realloc(void* block, u64 size, EHeap::Type heap)
+{
+    if (block == nullptr)
+        return Malloc(size, heap);
+    if (size == 0) {
+        Free(block);
+        return nullptr;
+    }
+    CGlobalHeap& global = g_heapModule.FetchHeap();
+    EHeap::Type kind = EHeap::General;
+    if (!global.Find(block, [&](SAllocationRecord const& record) { kind = record.GetKind(); }))
+        return nullptr;
+    auto const useHooks = [&] { return ResizeFromHooks(global, block, size, kind); };
+    if (global.IsPassthrough())
+        return useHooks();
+    return g_heapModule.Dispatch(kind, [&](auto* pool) { return ResizeInPool(global, pool, block, size); }, useHooks);
+}
+
+void Free(void* block)
+{
+    if (block == nullptr)
+        return;
+    CGlobalHeap& heap = g_heapModule.FetchHeap();
+    if (MemoryLog::IsInstalled()) [[unlikely]]
+        ReportKnownFree(heap, block);
+
+    // The record goes before the block: once that is free, its address may be handed out and recorded anew.
+    bool const isPassthrough = heap.IsPassthrough();
+    u64 size = 0;
+    EHeap::Type kind = EHeap::General;
+    bool const isKnown = heap.Take(block, [&](u64 recordedSize, EHeap::Type recordedKind) {
+        size = recordedSize;
+        kind = recordedKind;
+        auto const countHookBlock = [&] {
+            heap.CountReleasedHookBlocks(1);
+            heap.SubtractBytes(recordedSize);
+        };
+        if (isPassthrough)
+            countHookBlock();
+        else
+            g_heapModule.Dispatch(
+                recordedKind,
+                [](auto* pool) {
+                    if (pool != nullptr)
+                        pool->CountRelease();
+                },
+                countHookBlock);
+    });
+    if (!isKnown)
+        return;
+
+    auto const useHooks = [&] { heap.GetHooks().free(MemoryAlignment::MoveBack(block, GetHookAlignment(heap, kind))); };
+    if (isPassthrough)
+        useHooks();
+    else
+        g_heapModule.Dispatch(
+            kind,
+            [&](auto* pool) {
+                if (pool != nullptr)
+                    pool->GiveBack(heap, block, size);
+            },
+            useHooks);
+}
+
+void FreeQuietly(void* block) noexcept
+{
+    if (block == nullptr || g_heapModule.heap == nullptr)
+        return;
+    try {
+        Free(block);
+    }
+    catch (...) {
+        // Only a memory logger of the host can throw here; the block is lost rather than the process.
+    }
+}
+
+u64 GetSize(void const* block)
+{
+    u64 size = 0;
+    g_heapModule.FetchHeap().Find(block, [&](SAllocationRecord const& record) { size = record.GetSize(); });
+    return size;
+}
+
+EHeap::Type GetHeap(void* block)
+{
+    EHeap::Type kind = EHeap::General;
+    g_heapModule.FetchHeap().Find(block, [&](SAllocationRecord const& record) { kind = record.GetKind(); });
+    return kind;
+}
+
+} // namespace Velmor::Memory
