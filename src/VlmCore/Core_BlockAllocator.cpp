@@ -34,6 +34,8 @@ TBlockAllocator<AlignmentBits>::TBlockAllocator(bool report) : m_report(report ?
 template <u32 AlignmentBits>
 void* TBlockAllocator<AlignmentBits>::TakeLarge(CGlobalHeap& heap, u64 size)
 {
+    if (size > CGlobalHeap::LargestSize)
+        return nullptr;
     u64 const hookSize = size + Alignment;
     void* const raw = heap.FitsBudget(hookSize) ? heap.GetHooks().malloc(hookSize) : nullptr;
     if (raw == nullptr)

@@ -92,10 +92,11 @@ void* ResizeFromHooks(CGlobalHeap& heap, void* block, u64 size, EHeap::Type kind
     u64 const alignment = GetHookAlignment(heap, kind);
     void* const raw = MemoryAlignment::MoveBack(block, alignment);
     u64 const distance = static_cast<u64>(static_cast<u8*>(block) - static_cast<u8*>(raw));
-    void* const movedRaw = heap.HookReallocate(raw, size + alignment);
+    bool const isRecordable = size <= CGlobalHeap::LargestSize;
+    void* const movedRaw = isRecordable ? heap.HookReallocate(raw, size + alignment) : nullptr;
     if (movedRaw == nullptr) {
         ReportAllocation(nullptr, size);
-        heap.Discard(record, [&] { heap.AddBytes(size); });
+        heap.Discard(record, [&] { heap.AddBytes(isRecordable ? size : 0); });
         return nullptr;
     }
     // The hook kept the contents at their old distance from the start; the new start may need another.

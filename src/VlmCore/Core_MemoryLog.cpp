@@ -5,6 +5,8 @@
 
 namespace Velmor {
 
+IMemoryLogger::~IMemoryLogger() = default;
+
 std::atomic<IMemoryLogger*> MemoryLog::g_logger{nullptr};
 
 namespace Memory {

@@ -69,6 +69,8 @@ public:
             return nullptr;
         }
         void* const moved = Allocate(size);
+        if (moved == nullptr)
+            return nullptr;
         std::memcpy(moved, block, oldSize < size ? oldSize : size);
         Release(block);
         return moved;
