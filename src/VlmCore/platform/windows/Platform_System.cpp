@@ -5,8 +5,9 @@
 #endif
 #include <windows.h>
 
-#include <intrin.h>
-#if !defined(_MSC_VER)
+#if defined(_MSC_VER)
+#  include <intrin.h>
+#else
 #  include <cpuid.h>
 #endif
 
