@@ -115,7 +115,8 @@ u64 IString::Count(CString const& text, u64 start) const
         u64 count = 0;
         for (u8 const* place = Seek<Rules>(self, start).place; !IsEnd<Rules>(place);) {
             auto const [codePoint, size] = Rules::Read(place);
-            count += matcher.Step(codePoint) ? 1 : 0;
+            if (matcher.Step(codePoint))
+                ++count;
             place += size;
         }
         return count;
