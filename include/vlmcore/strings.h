@@ -216,7 +216,7 @@ public:
     [[nodiscard]] bool EndsWith(CString const& text) const;
 
     /// Hash of the first GetLength() bytes and one unit more (kept: stored hashes depend on it), 0 for an empty text.
-    /// It depends on the encoding, and is not the hash of the range form.
+    /// It depends on the encoding, and need not be the hash of the range form.
     [[nodiscard]] u32 GetHash() const;
     /// Hash of the code points from `start` up to `end`; 0 for an empty text.
     [[nodiscard]] u32 GetHash(u64 start, u64 end) const;

@@ -1,0 +1,52 @@
+// Reaches the protected members of the string classes, and prints texts in failure messages.
+#pragma once
+
+#include <vlmcore/strings.h>
+
+#include <ostream>
+
+namespace Velmor {
+
+// GoogleTest finds these by the argument's namespace.
+inline void PrintTo(IString const& text, std::ostream* out)
+{
+    if (text.GetData() == nullptr) {
+        *out << "(null)";
+        return;
+    }
+    *out << "UTF-" << 8 * Encodings::GetUnitSize(text.GetEncoding()) << " {" << std::hex;
+    for (u32 const codePoint : text.GetCodePoints())
+        *out << ' ' << codePoint;
+    *out << std::dec << " }";
+}
+inline void PrintTo(CString const& text, std::ostream* out)
+{
+    PrintTo(static_cast<IString const&>(text), out);
+}
+inline void PrintTo(CMutableString const& text, std::ostream* out)
+{
+    PrintTo(static_cast<IString const&>(text), out);
+}
+
+namespace Test {
+
+class CConverters : public IString {
+public:
+    using IString::ConvertUTF16;
+    using IString::ConvertUTF32;
+    using IString::ConvertUTF8;
+};
+
+class CTestString : public CMutableString {
+public:
+    using CMutableString::Assign;
+    using CMutableString::CMutableString;
+    using CMutableString::Convert;
+    using CMutableString::operator=;
+};
+
+constexpr EStringEncoding::Type AllEncodings[] = {EStringEncoding::UTF8, EStringEncoding::UTF16,
+                                                  EStringEncoding::UTF32};
+
+} // namespace Test
+} // namespace Velmor
