@@ -83,7 +83,7 @@ void* GetLibrary(CString const& name)
 void FreeLibrary(void* module)
 {
     if (module != nullptr)
-        Platform::FreeModule(module);
+        Platform::UnloadModule(module);
 }
 
 void* GetLibraryFunctionPtr(void* module, CString const& name)

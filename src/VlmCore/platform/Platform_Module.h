@@ -23,7 +23,7 @@ using ModuleErrorText = char[SystemErrorTextCapacity];
 [[nodiscard]] void* FindModule(char16_t const* name);
 
 /// Gives one hold back; `module` is not null.
-void FreeModule(void* module);
+void UnloadModule(void* module);
 
 /// The address of an exported function; null, and `errorText` written, without one or for a null module.
 [[nodiscard]] void* FindModuleFunction(void* module, char const* name, ModuleErrorText& errorText);

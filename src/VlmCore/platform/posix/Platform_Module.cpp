@@ -54,7 +54,7 @@ void* FindModule(char16_t const* name)
     return module;
 }
 
-void FreeModule(void* module)
+void UnloadModule(void* module)
 {
     ::dlclose(module);
 }

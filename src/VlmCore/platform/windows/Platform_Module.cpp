@@ -28,7 +28,7 @@ void* FindModule(char16_t const* name)
     return ::GetModuleHandleW(AsWide(name));
 }
 
-void FreeModule(void* module)
+void UnloadModule(void* module)
 {
     ::FreeLibrary(static_cast<HMODULE>(module));
 }
