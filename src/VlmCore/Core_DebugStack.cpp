@@ -5,6 +5,7 @@
 
 #include <vlmcore/debug.h>
 
+#include <atomic>
 #include <cstring>
 
 namespace Velmor::Debug {
@@ -18,6 +19,13 @@ CRecursiveSpinLock& GetSymbolLock()
 }
 
 namespace {
+
+/// Keeps a capturing function on the stack it captures: what it calls is not the last thing it does, so that the call
+/// cannot become a jump.
+void StayOnStack()
+{
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+}
 
 /// Resolves one address; the caller holds the symbol lock and has prepared the symbols.
 void Describe(void* address, SCallstackLine& frame)
@@ -38,7 +46,9 @@ void LoadSymbols()
 
 unsigned char Backtrace(void** addresses, unsigned int* hash)
 {
-    return static_cast<unsigned char>(Platform::CaptureStack(addresses, hash));
+    u32 const count = Platform::CaptureStack(addresses, hash);
+    StayOnStack();
+    return static_cast<unsigned char>(count);
 }
 
 unsigned char UnwindCallStack(SCallstackLine* frames, unsigned int* hash)

@@ -2,6 +2,8 @@
 // without that call back, frames of changing size, many depths, from the main thread and from others.
 #include "platform/Platform_Stack.h"
 
+#include "support/SystemTraits.h"
+
 #include <gtest/gtest.h>
 
 #include <vlmcore/types.h>
@@ -39,15 +41,16 @@ VLM_NOINLINE void Compare()
     void* addresses[Platform::MaxStackFrames];
     u32 hash = 0;
     u32 const count = Platform::CaptureStack(addresses, &hash);
-    ASSERT_EQ(count, expected.size());
-    u32 sum = 0;
-    for (u32 i = 0; i < count; ++i) {
-        auto const address = reinterpret_cast<std::uintptr_t>(addresses[i]);
-        sum += static_cast<u32>(address);
-        if (i > 0)
-            ASSERT_EQ(address, expected[i]) << "frame " << i;
+    ASSERT_GE(count, expected.size());
+    for (std::size_t i = 1; i < expected.size(); ++i)
+        ASSERT_EQ(reinterpret_cast<std::uintptr_t>(addresses[i]), expected[i]) << "frame " << i;
+    if (TestSupport::SystemTraits.stackWalkEndsAtThreadStart) {
+        ASSERT_EQ(count, expected.size());
+        u32 sum = 0;
+        for (u32 i = 0; i < count; ++i)
+            sum += static_cast<u32>(reinterpret_cast<std::uintptr_t>(addresses[i]));
+        ASSERT_EQ(hash, sum);
     }
-    EXPECT_EQ(hash, sum);
     t_sink = t_sink + 1;
 }
 

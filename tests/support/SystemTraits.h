@@ -1,0 +1,14 @@
+/// \file
+/// Where the systems differ in what a test may expect of them; not of the library.
+#pragma once
+
+namespace TestSupport {
+
+struct SSystemTraits {
+    /// The system's stack walk stops where the thread started. Wine's goes on into memory that holds no frames.
+    bool stackWalkEndsAtThreadStart;
+};
+
+extern SSystemTraits const SystemTraits;
+
+} // namespace TestSupport

@@ -1,0 +1,9 @@
+#include "../SystemTraits.h"
+
+namespace TestSupport {
+
+SSystemTraits const SystemTraits = {
+    .stackWalkEndsAtThreadStart = true,
+};
+
+} // namespace TestSupport
