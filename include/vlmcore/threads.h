@@ -195,6 +195,7 @@ public:
 
 private:
     friend class CWorkerThread;
+    friend struct SThreadPoolProbe; // for tests: shorter timeouts than a second
 
     using CRing = Impl::TJobRing<std::atomic, IThreadJob*, RingCapacity + 1>;
 
