@@ -155,7 +155,7 @@ class CWorkerThread;
 /// - Jobs wait in a ring of 255 and are taken in the order of PushJob; who pushes more waits for room. A job that
 ///   pushes to its own pool never waits: what finds no room is put by and run or queued when the job has ended.
 /// - Workers start when a job would otherwise have to wait for a busy one, and end when they found nothing to do for
-///   the idle timeout. An idle worker looks for jobs busily at first, then once a millisecond.
+///   the idle timeout. An idle worker looks for jobs busily for about a millisecond, then sleeps until it is woken.
 /// - Jobs of one pool must not wait for one another by other means than the pool's: the one waited for may be behind.
 ///
 /// Do not use for jobs that sleep or wait for devices: they occupy a worker each.
@@ -202,11 +202,10 @@ private:
     void CreateWorkers();
     void DestroyWorkers();
     void StartFirstWorker();
-    void StartHelper();
+    void CallHelper();
     void StartWorker();
     [[nodiscard]] CWorkerThread& FindStoppedWorker() const;
     [[nodiscard]] CWorkerThread* FindCallingWorker() const;
-    [[nodiscard]] u64 CountIdleWorkers() const;
     [[nodiscard]] bool TryQueue(IThreadJob* job);
     [[nodiscard]] bool TryRetire(CWorkerThread& worker);
 
@@ -215,6 +214,7 @@ private:
     std::atomic<f64> m_idleTimeout; // seconds
     std::atomic<u32> m_running;     // workers whose stop flag is clear
     mutable CSpinLock m_lock;       // starting, retiring and the busy scan
+    std::atomic<u32> m_asleep;      // workers that must be woken
     u8 m_maxWorkers;
 };
 

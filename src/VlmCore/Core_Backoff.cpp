@@ -6,7 +6,7 @@
 
 namespace Velmor {
 
-void CBackoff::Wait()
+bool CBackoff::TryWaitAwake()
 {
     if (m_rounds < SpinRounds) {
         ++m_rounds;
@@ -18,6 +18,14 @@ void CBackoff::Wait()
         Thread::Reschedule();
     }
     else
+        return false;
+    return true;
+}
+
+void CBackoff::Wait()
+{
+    // Not alertable: foreign code must not run in the middle of a wait for a lock.
+    if (!TryWaitAwake())
         Platform::SleepThread(1, Platform::ESleep::Deaf);
 }
 

@@ -9,18 +9,21 @@
 namespace Velmor {
 
 /// One wait; make a new one, or Reset, for the next.
+///
+/// Rounds are counted, not timed: on a busy machine, where a yield gives a whole time slice away, yielding goes on for
+/// longer, which costs nobody anything; on an idle one it ends after a millisecond or so.
 class CBackoff {
 public:
-    /// Passes time once: the more often it is called, the longer.
+    /// Passes time once: the more often it is called, the longer; a millisecond at most.
     void Wait();
+    /// The same, but false, and no time passed, instead of sleeping.
+    [[nodiscard]] bool TryWaitAwake();
     /// The next Wait is the first of a new wait.
     void Reset() { m_rounds = 0; }
-    /// True once Wait sleeps.
-    [[nodiscard]] bool IsSleeping() const { return m_rounds >= SpinRounds + YieldRounds; }
 
 private:
     static constexpr u32 SpinRounds = 64;
-    static constexpr u32 YieldRounds = 256;
+    static constexpr u32 YieldRounds = 2000;
 
     u32 m_rounds = 0;
 };

@@ -8,8 +8,7 @@ namespace Velmor {
 
 // A waiter looks before it tries again: looking leaves the word's cache line with the holder, who needs it to release.
 // It yields after a while, and sleeps in the end, because a holder of lower priority would otherwise never run on the
-// processor that the waiter keeps busy. It never sleeps alertably: foreign code must not run in the middle of a wait
-// for a lock.
+// processor that the waiter keeps busy.
 
 void CSpinLock::AcquireSlowly()
 {

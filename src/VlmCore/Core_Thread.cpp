@@ -278,12 +278,12 @@ u32 IThread::GetThreadId() const
 
 void IThread::SetStopFlag(bool stop)
 {
-    m_stop.store(stop ? 1 : 0, std::memory_order_release);
+    m_stop.store(stop ? 1 : 0, std::memory_order_seq_cst);
 }
 
 bool IThread::GetStopFlag() const
 {
-    return m_stop.load(std::memory_order_acquire) != 0;
+    return m_stop.load(std::memory_order_seq_cst) != 0;
 }
 
 IThreadJob::~IThreadJob() = default;

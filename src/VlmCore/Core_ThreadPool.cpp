@@ -1,6 +1,7 @@
 #include "Core_ThreadPool.h"
 
 #include "platform/Platform_System.h"
+#include "platform/Platform_Thread.h"
 
 #include <vlmcore/exceptions.h>
 #include <vlmcore/memory.h>
@@ -48,8 +49,22 @@ void CWorkerThread::Restart()
 {
     Join();
     m_lastActive = System::GetTimeMs();
-    m_backoff.Reset();
+    m_worked = true;
     RunLooped();
+}
+
+void CWorkerThread::Stop()
+{
+    SetStopFlag(true);
+    Wake();
+}
+
+void CWorkerThread::Wake()
+{
+    if (m_asleep.exchange(0, std::memory_order_seq_cst) != 0) {
+        m_pool->m_asleep.fetch_sub(1, std::memory_order_seq_cst);
+        Platform::WakeSleeper(m_asleep);
+    }
 }
 
 void CWorkerThread::Execute()
@@ -110,7 +125,9 @@ void CWorkerThread::RunJob(IThreadJob* job) noexcept
     }
 }
 
-/// A pass without a job: waits a little, the longer the more often in a row, and retires after the timeout.
+/// A pass without a job: waits a little, the longer the more often in a row, and retires after the timeout. Busy at
+/// first, then yielding, then asleep for a millisecond and twice as long each time, so that a pool of any size costs
+/// nothing in the end; a push ends the sleep.
 void CWorkerThread::Rest()
 {
     f64 const now = System::GetTimeMs();
@@ -118,13 +135,27 @@ void CWorkerThread::Rest()
         m_worked = false;
         m_lastActive = now;
         m_backoff.Reset();
+        m_nextSleep = 1;
     }
     f64 const timeout = m_pool->m_idleTimeout.load(std::memory_order_relaxed);
     if (timeout > 0 && now - m_lastActive > timeout * 1000) {
         if (m_pool->TryRetire(*this))
             return;
     }
-    m_backoff.Wait();
+    if (!m_backoff.TryWaitAwake())
+        Sleep();
+}
+
+/// Either this thread sees the claim of a producer or the stop flag here, or who made it sees this thread asleep.
+void CWorkerThread::Sleep()
+{
+    m_asleep.store(1, std::memory_order_seq_cst);
+    m_pool->m_asleep.fetch_add(1, std::memory_order_seq_cst);
+    if (m_pool->m_ring.IsEmpty() && !GetStopFlag())
+        Platform::SleepOn(m_asleep, 1, m_nextSleep);
+    if (m_asleep.exchange(0, std::memory_order_seq_cst) != 0)
+        m_pool->m_asleep.fetch_sub(1, std::memory_order_seq_cst);
+    m_nextSleep = std::min(m_nextSleep * 2, LongestSleep);
 }
 
 // The pool
@@ -132,7 +163,7 @@ void CWorkerThread::Rest()
 CThreadPool::CThreadPool() : CThreadPool(GetProcessorCount()) {}
 
 CThreadPool::CThreadPool(unsigned char maxWorkers)
-    : m_idleTimeout(DefaultIdleTimeout), m_running(0), m_maxWorkers(maxWorkers != 0 ? maxWorkers : u8{1})
+    : m_idleTimeout(DefaultIdleTimeout), m_running(0), m_asleep(0), m_maxWorkers(maxWorkers != 0 ? maxWorkers : u8{1})
 {
     try {
         CreateWorkers();
@@ -163,6 +194,8 @@ void CThreadPool::CreateWorkers()
 
 void CThreadPool::DestroyWorkers()
 {
+    for (CWorkerThread* const worker : m_workers)
+        worker->Stop();
     for (u64 index = m_workers.GetCount(); index > 0; --index) {
         m_workers[index - 1]->Join();
         Memory::Delete(m_workers[index - 1]);
@@ -200,8 +233,8 @@ void CThreadPool::PushJob(IThreadJob* job)
     }
     backoff.Reset();
     m_ring.Publish(index, job, [&] { backoff.Wait(); });
-    if (m_running.load(std::memory_order_seq_cst) < m_maxWorkers)
-        StartHelper();
+    if (m_running.load(std::memory_order_seq_cst) < m_maxWorkers || m_asleep.load(std::memory_order_seq_cst) != 0)
+        CallHelper();
 }
 
 /// Queues without waiting; false when there is no room. For workers: one is running.
@@ -222,14 +255,28 @@ void CThreadPool::StartFirstWorker()
         StartWorker();
 }
 
-/// Starts one more worker when more jobs wait than workers are idle. Without it the job waits, but is not lost.
-void CThreadPool::StartHelper()
+/// When more jobs wait than workers are looking for one: wakes or starts one more.
+void CThreadPool::CallHelper()
 {
     TScopedLock lock(m_lock);
-    if (m_running.load(std::memory_order_relaxed) >= m_maxWorkers)
-        return;
     u64 const taken = m_ring.GetTaken();
-    if (m_ring.GetReserved() - taken <= CountIdleWorkers())
+    u64 looking = 0;
+    CWorkerThread* sleeper = nullptr;
+    for (CWorkerThread* const worker : m_workers) {
+        if (worker->IsStopped() || worker->IsBusy())
+            continue;
+        if (worker->IsAsleep())
+            sleeper = worker;
+        else
+            ++looking;
+    }
+    if (m_ring.GetReserved() - taken <= looking)
+        return;
+    if (sleeper != nullptr) {
+        sleeper->Wake();
+        return;
+    }
+    if (m_running.load(std::memory_order_relaxed) >= m_maxWorkers)
         return;
     try {
         StartWorker();
@@ -253,14 +300,6 @@ CWorkerThread& CThreadPool::FindStoppedWorker() const
     while (!m_workers[index % count]->IsStopped())
         ++index;
     return *m_workers[index % count];
-}
-
-u64 CThreadPool::CountIdleWorkers() const
-{
-    u64 idle = 0;
-    for (CWorkerThread const* worker : m_workers)
-        idle += worker->IsStopped() || worker->IsBusy() ? 0 : 1;
-    return idle;
 }
 
 CWorkerThread* CThreadPool::FindCallingWorker() const

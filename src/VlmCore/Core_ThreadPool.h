@@ -19,8 +19,12 @@ public:
 
     /// Starts the thread anew; alone (under the pool's lock).
     void Restart();
-    /// Lets this pass be the last; on this thread, under the pool's lock.
-    void Stop() { SetStopFlag(true); }
+    /// Lets the present pass be the last, also of a worker that sleeps; under the pool's lock.
+    void Stop();
+
+    [[nodiscard]] bool IsAsleep() const { return m_asleep.load(std::memory_order_relaxed) != 0; }
+    /// Ends the worker's sleep; nothing when it is awake.
+    void Wake();
 
     /// Keeps a job of this thread's own for which the ring has no room. On this thread, within a job. Throws
     /// CBadAllocation.
@@ -35,11 +39,16 @@ private:
     void WorkOff(IThreadJob* job);
     static void RunJob(IThreadJob* job) noexcept;
     void Rest();
+    void Sleep();
+
+    static constexpr u32 LongestSleep = 256; // milliseconds
 
     f64 m_lastActive; // milliseconds of System::GetTimeMs
     CThreadPool* m_pool;
     std::atomic<u8> m_busy{0};
     bool m_worked = false; // since the last rest
+    std::atomic<u32> m_asleep{0};
+    u32 m_nextSleep = 1; // milliseconds
     CBackoff m_backoff;
     TVector<IThreadJob*, 1> m_putBy;
 };

@@ -7,6 +7,8 @@
 
 #include <vlmcore/types.h>
 
+#include <atomic>
+
 namespace Velmor::Platform {
 
 // The calling thread
@@ -23,6 +25,13 @@ void SleepThread(u32 milliseconds, ESleep kind);
 
 /// Gives the rest of the time slice to another thread that is ready; returns at once when there is none.
 void YieldThread();
+
+/// Sleeps while `word` is `expected`: until WakeSleeper is called for it, but `milliseconds` at most; may end early.
+void SleepOn(std::atomic<u32>& word, u32 expected, u32 milliseconds);
+
+/// Ends the sleep of a thread in SleepOn on this word; the caller has changed the word before. The thread may be one
+/// that is only about to sleep: it then does not.
+void WakeSleeper(std::atomic<u32>& word);
 
 /// Hints the processor that this is a busy-wait loop: saves power and lets a sibling of the same core run.
 void RelaxProcessor();

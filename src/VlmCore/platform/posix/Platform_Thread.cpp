@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <cxxabi.h>
+#include <linux/futex.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -66,6 +67,21 @@ void SleepThread(u32 milliseconds, ESleep)
     left.tv_nsec = static_cast<long>(milliseconds % 1000) * 1'000'000;
     while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
     }
+}
+
+static_assert(sizeof(std::atomic<u32>) == sizeof(u32));
+
+void SleepOn(std::atomic<u32>& word, u32 expected, u32 milliseconds)
+{
+    timespec duration = {};
+    duration.tv_sec = static_cast<time_t>(milliseconds / 1000);
+    duration.tv_nsec = static_cast<long>(milliseconds % 1000) * 1'000'000;
+    ::syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, expected, &duration, nullptr, 0);
+}
+
+void WakeSleeper(std::atomic<u32>& word)
+{
+    ::syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
 void YieldThread()

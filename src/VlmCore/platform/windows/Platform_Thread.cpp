@@ -26,6 +26,18 @@ void SleepThread(u32 milliseconds, ESleep kind)
     ::SleepEx(milliseconds, kind == ESleep::Alertable ? TRUE : FALSE);
 }
 
+static_assert(sizeof(std::atomic<u32>) == sizeof(u32));
+
+void SleepOn(std::atomic<u32>& word, u32 expected, u32 milliseconds)
+{
+    ::WaitOnAddress(&word, &expected, sizeof expected, milliseconds);
+}
+
+void WakeSleeper(std::atomic<u32>& word)
+{
+    ::WakeByAddressSingle(&word);
+}
+
 void YieldThread()
 {
     ::SwitchToThread();

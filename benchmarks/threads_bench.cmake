@@ -1,0 +1,8 @@
+find_package(TBB QUIET)
+if(TBB_FOUND)
+  vlmcore_benchmark(threads TBB::tbb)
+  target_compile_definitions(threads_bench PRIVATE BENCH_TBB)
+else()
+  message(STATUS "oneTBB not found (Debian: libtbb-dev): thread pool benchmarks without it")
+  vlmcore_benchmark(threads)
+endif()
