@@ -9,11 +9,14 @@ namespace Velmor {
 bool CBackoff::TryWaitAwake()
 {
     if (m_rounds < SpinRounds) {
+        // Ever longer: looking at a word that others write to slows them down.
+        for (u32 pause = 0; pause < (u32{1} << m_rounds / 2); ++pause) {
+            Thread::Spin();
+            Platform::RelaxProcessor();
+        }
         ++m_rounds;
-        Thread::Spin();
-        Platform::RelaxProcessor();
     }
-    else if (m_rounds < SpinRounds + YieldRounds) {
+    else if (m_rounds < SpinRounds + m_yieldRounds) {
         ++m_rounds;
         Thread::Reschedule();
     }

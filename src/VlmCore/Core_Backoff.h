@@ -11,21 +11,30 @@ namespace Velmor {
 /// One wait; make a new one, or Reset, for the next.
 ///
 /// Rounds are counted, not timed: on a busy machine, where a yield gives a whole time slice away, yielding goes on for
-/// longer, which costs nobody anything; on an idle one it ends after a millisecond or so.
+/// longer, which costs nobody anything; on an idle one a yield takes a fraction of a microsecond.
 class CBackoff {
 public:
+    /// Yields before the first sleep: for who waits for an event that may never come, and for who waits for work that
+    /// is being done.
+    static constexpr u32 FewYields = 256;
+    static constexpr u32 ManyYields = 4096;
+
+    explicit CBackoff(u32 yieldRounds = FewYields) : m_yieldRounds(yieldRounds) {}
+
     /// Passes time once: the more often it is called, the longer; a millisecond at most.
     void Wait();
     /// The same, but false, and no time passed, instead of sleeping.
     [[nodiscard]] bool TryWaitAwake();
     /// The next Wait is the first of a new wait.
     void Reset() { m_rounds = 0; }
+    /// True when the next Wait sleeps.
+    [[nodiscard]] bool IsSleeping() const { return m_rounds >= SpinRounds + m_yieldRounds; }
 
 private:
-    static constexpr u32 SpinRounds = 64;
-    static constexpr u32 YieldRounds = 2000;
+    static constexpr u32 SpinRounds = 12;
 
     u32 m_rounds = 0;
+    u32 m_yieldRounds;
 };
 
 } // namespace Velmor

@@ -207,7 +207,7 @@ void CThreadPool::PushJob(IThreadJob* job)
     if (job == nullptr)
         return;
     CWorkerThread* caller = nullptr;
-    CBackoff backoff;
+    CBackoff backoff(CBackoff::ManyYields);
     u64 index = 0;
     for (;;) {
         if (m_running.load(std::memory_order_seq_cst) == 0)
@@ -243,7 +243,7 @@ bool CThreadPool::TryQueue(IThreadJob* job)
     u64 index = 0;
     if (!m_ring.TryClaim(index))
         return false;
-    CBackoff backoff;
+    CBackoff backoff(CBackoff::ManyYields);
     m_ring.Publish(index, job, [&] { backoff.Wait(); });
     return true;
 }
@@ -339,7 +339,7 @@ void CThreadPool::WaitForJobs() const
         return std::any_of(m_workers.begin(), m_workers.end(),
                            [](CWorkerThread const* worker) { return worker->IsBusy(); });
     };
-    CBackoff backoff;
+    CBackoff backoff(CBackoff::ManyYields);
     for (;;) {
         if (m_ring.IsEmpty()) {
             TScopedLock lock(m_lock);
