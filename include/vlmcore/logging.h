@@ -28,6 +28,7 @@
 
 namespace Velmor {
 
+class CJSONMemoryLogWriter;
 class CLogWriter;
 class ILogger;
 
@@ -175,6 +176,79 @@ public:
     virtual void OnRetain(void const* address) = 0;
     /// The reference count at `address` went down; the object may be gone already.
     virtual void OnRelease(void const* address) = 0;
+};
+
+/// Records every event with its call stack into two JSON files, joined by the number "CSHash":
+///
+///     { "Data": [                                                     { "Data": [
+///     { "Timestamp": 5, "Address": "0x7F10", "Size": 24,              { "CSHash": 77, "Stack": [
+///       "HeapSize": 91024, "Event": "alloc", "CSHash": 77 }           { "Module": "app", "Symbol": "main",
+///     ,{ ... "Event": "free", ... }                                     "File": "app.cpp", "Line": 12 }
+///     ]}                                                              ]}
+///                                                                     ]}
+///
+/// (an event is one line; so is a frame). A stack is written once, before the first event that refers to it; the
+/// library's own frames are left out of it. Each file is a complete JSON document whenever the process ends.
+///
+/// Buffered, an event costs the capture of its stack and a copy; a thread of the logger's own resolves the symbols and
+/// writes. A thread that finds the buffer full waits for the writer; should the writer stand still for five seconds,
+/// because that thread holds something which the writer needs, events are dropped until it moves again and their number
+/// is reported with Debug::Print. Unbuffered, the thread that reports an event writes it itself, and the events which
+/// that causes in turn are dropped. Neither way are the writer's own allocations recorded.
+///
+/// Errors: a file that throws or writes short loses what it was given, is made a complete document again as soon as it
+/// can be, and the loss is reported with Debug::Print; nothing is thrown to the thread that allocates. Threads: any
+/// number may report. The files belong to the logger until it is gone.
+class VLM_API CFileMemoryLogger : public IMemoryLogger {
+public:
+    /// Creates both files, or empties them. Throws CFileException when one cannot be opened, CBadAllocation.
+    /// \param capacity  events that each of the two buffers takes, 304 bytes an event; 0 writes every event at once.
+    CFileMemoryLogger(CString const& eventsPath, CString const& stacksPath, u64 capacity);
+    /// Shares both files; writing starts at their current positions. An empty handle loses what would go there.
+    /// Throws CBadAllocation.
+    CFileMemoryLogger(TResourcePtr<IFile> const& events, TResourcePtr<IFile> const& stacks, u64 capacity);
+    CFileMemoryLogger(CFileMemoryLogger const&) = delete;
+    CFileMemoryLogger& operator=(CFileMemoryLogger const&) = delete;
+    /// Writes what was accepted. Take the logger back with Memory::ReleaseLog first.
+    ~CFileMemoryLogger() override;
+
+    void OnAllocate(void const* address, u64 size) override;
+    void OnFree(void const* address) override;
+    void OnRetain(void const* address) override;
+    void OnRelease(void const* address) override;
+
+private:
+    friend class CJSONMemoryLogWriter;
+
+    struct SRecord {
+        u64 address;
+        u64 size;
+        u64 heapSize;
+        void* stack[32];
+        u32 stackHash;
+        u64 timestamp;
+        u64 event;
+    };
+
+    struct SBuffer {
+        SRecord* records = nullptr;
+        std::atomic<u64> count{0};
+    };
+
+    void Start();
+    static void Capture(SRecord& record);
+    static void Stamp(SRecord& record);
+    void Record(u64 event, void const* address, u64 size);
+    void RecordUnbuffered(SRecord& record);
+    void RecordBuffered(SRecord& record);
+
+    CJSONMemoryLogWriter* m_writer = nullptr;
+    CRecursiveSpinLock m_lock;
+    TResourcePtr<IFile> m_events;
+    TResourcePtr<IFile> m_stacks;
+    SBuffer m_buffers[2];
+    u64 m_capacity;
+    std::atomic<i32> m_index{0};
 };
 
 } // namespace Velmor

@@ -1,4 +1,4 @@
-#include "Core_Backoff.h"
+#include "Core_DrainPolicy.h"
 #include "Core_LogLine.h"
 
 #include <vlmcore/debug.h>
@@ -26,7 +26,7 @@ private:
     [[nodiscard]] CFileLogger::SBuffer& GetCurrentBuffer() const;
 
     CFileLogger* m_owner;
-    CBackoff m_idle;
+    CDrainPolicy m_policy;
 };
 
 namespace {
@@ -161,17 +161,10 @@ u64 CFileLogger::WriteToFile(u8 const* data, u64 size) noexcept
 
 // ---- its writer ----
 
-/// Swapping at every line would have the producers wait for a file write each time. So a part-filled buffer is given
-/// the time of one idle wait to fill up to the half: some microseconds, a millisecond at most.
 void CLogWriter::Execute()
 {
-    u64 const used = GetCurrentBuffer().used.load(std::memory_order_relaxed);
-    if (used > m_owner->m_bufferSize / 2 || (used > 0 && m_idle.IsSleeping())) {
+    if (m_policy.IsDue(GetCurrentBuffer().used.load(std::memory_order_relaxed), m_owner->m_bufferSize))
         Drain();
-        m_idle.Reset();
-    }
-    else
-        m_idle.Wait();
 }
 
 CFileLogger::SBuffer& CLogWriter::GetCurrentBuffer() const

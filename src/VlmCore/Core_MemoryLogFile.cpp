@@ -1,0 +1,162 @@
+#include "Core_Log.h"
+#include "Core_MemoryLogWriter.h"
+
+#include <vlmcore/debug.h>
+#include <vlmcore/logging.h>
+#include <vlmcore/memory.h>
+
+#include <cstddef>
+#include <cstring>
+
+namespace Velmor {
+
+namespace {
+
+/// Codes of the events, indices of their names.
+namespace EMemoryEvent {
+enum Type : u64 { Allocate = 0, Free = 1, Retain = 2, Release = 3 };
+} // namespace EMemoryEvent
+
+[[nodiscard]] TResourcePtr<IFile> CreateFile(CString const& path)
+{
+    auto const mode = EFileOpen::Read | EFileOpen::Write | EFileOpen::CreateAlways;
+    return TResourcePtr<IFile>(Memory::New<CNativeFile>(EHeap::General, path, mode));
+}
+
+} // namespace
+
+CFileMemoryLogger::CFileMemoryLogger(CString const& eventsPath, CString const& stacksPath, u64 capacity)
+    : CFileMemoryLogger(CreateFile(eventsPath), CreateFile(stacksPath), capacity)
+{
+}
+
+CFileMemoryLogger::CFileMemoryLogger(TResourcePtr<IFile> const& events, TResourcePtr<IFile> const& stacks, u64 capacity)
+    : m_events(events), m_stacks(stacks), m_capacity(capacity)
+{
+    static_assert(sizeof(SRecord) == 304 && offsetof(SRecord, stackHash) == 280 && offsetof(SRecord, event) == 296);
+    static_assert(sizeof(CFileMemoryLogger) == 88 && sizeof(CRecursiveSpinLock) == 8);
+    Start();
+}
+
+CFileMemoryLogger::~CFileMemoryLogger()
+{
+    m_writer->Join();
+    // What came in after the thread's last look.
+    while (m_writer->Drain())
+        continue;
+    Memory::Delete(m_writer);
+    for (SBuffer& buffer : m_buffers)
+        Memory::FreeQuietly(buffer.records);
+}
+
+void CFileMemoryLogger::Start()
+{
+    try {
+        if (m_capacity != 0) {
+            if (m_capacity > ~u64{0} / sizeof(SRecord))
+                throw CBadAllocation();
+            for (SBuffer& buffer : m_buffers) {
+                buffer.records = static_cast<SRecord*>(Memory::Malloc(m_capacity * sizeof(SRecord), EHeap::General));
+                if (buffer.records == nullptr)
+                    throw CBadAllocation();
+            }
+        }
+        m_writer = Memory::New<CJSONMemoryLogWriter>(EHeap::General, *this);
+        // Without buffers there is nothing for a thread to do.
+        if (m_capacity != 0)
+            m_writer->StartThread();
+    }
+    catch (...) {
+        Memory::Delete(m_writer);
+        for (SBuffer& buffer : m_buffers)
+            Memory::FreeQuietly(buffer.records);
+        throw;
+    }
+}
+
+void CFileMemoryLogger::OnAllocate(void const* address, u64 size)
+{
+    Record(EMemoryEvent::Allocate, address, size);
+}
+
+void CFileMemoryLogger::OnFree(void const* address)
+{
+    Record(EMemoryEvent::Free, address, 0);
+}
+
+void CFileMemoryLogger::OnRetain(void const* address)
+{
+    Record(EMemoryEvent::Retain, address, 0);
+}
+
+void CFileMemoryLogger::OnRelease(void const* address)
+{
+    Record(EMemoryEvent::Release, address, 0);
+}
+
+void CFileMemoryLogger::Record(u64 event, void const* address, u64 size)
+{
+    if (m_writer->IsCaller())
+        return;
+    SRecord record;
+    record.address = reinterpret_cast<u64>(address);
+    record.size = size;
+    record.event = event;
+    if (m_capacity == 0)
+        RecordUnbuffered(record);
+    else
+        RecordBuffered(record);
+}
+
+void CFileMemoryLogger::Capture(SRecord& record)
+{
+    std::memset(record.stack, 0, sizeof record.stack);
+    record.stackHash = 0;
+    Debug::Backtrace(record.stack, &record.stackHash);
+}
+
+void CFileMemoryLogger::Stamp(SRecord& record)
+{
+    record.timestamp = Log::GetTimestamp();
+    record.heapSize = MemoryLog::GetHeapSize();
+}
+
+/// The lock is recursive: a write that allocates comes back here on the same thread, and its event is dropped.
+void CFileMemoryLogger::RecordUnbuffered(SRecord& record)
+{
+    TScopedLock<CRecursiveSpinLock> const lock(m_lock);
+    if (m_writer->IsWritingNow())
+        return;
+    Capture(record);
+    Stamp(record);
+    m_writer->WriteNow(record);
+}
+
+/// The stack is captured before the lock is taken: a capture that allocates comes back here, and finds room or waits
+/// for it without holding anything. Under the lock there is a copy, no more.
+void CFileMemoryLogger::RecordBuffered(SRecord& record)
+{
+    Capture(record);
+    m_lock.Acquire();
+    SBuffer* buffer = &m_buffers[m_index.load(std::memory_order_relaxed)];
+    if (buffer->count.load(std::memory_order_relaxed) == m_capacity) {
+        CBackoff backoff;
+        u64 const since = Log::GetTimestamp();
+        do {
+            m_lock.Release();
+            if (!m_writer->WaitForRoom(backoff, since)) {
+                m_writer->CountDropped();
+                return;
+            }
+            m_lock.Acquire();
+            buffer = &m_buffers[m_index.load(std::memory_order_relaxed)];
+        } while (buffer->count.load(std::memory_order_relaxed) == m_capacity);
+    }
+    Stamp(record);
+    u64 const count = buffer->count.load(std::memory_order_relaxed);
+    buffer->records[count] = record;
+    buffer->count.store(count + 1, std::memory_order_relaxed);
+    m_lock.Release();
+}
+
+} // namespace Velmor

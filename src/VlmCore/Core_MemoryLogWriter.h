@@ -1,0 +1,68 @@
+/// \file
+/// The thread that turns recorded memory events into JSON.
+#pragma once
+
+#include "Core_DrainPolicy.h"
+#include "Core_JSONFile.h"
+
+#include <vlmcore/debug.h>
+#include <vlmcore/impl/Core_Map.h>
+#include <vlmcore/logging.h>
+#include <vlmcore/threads.h>
+#include <vlmcore/types.h>
+
+#include <atomic>
+
+namespace Velmor {
+
+/// Drains the buffers of a memory logger, or writes single events for one without buffers. What it allocates itself is
+/// not recorded.
+class CJSONMemoryLogWriter : public IThread {
+public:
+    /// Writes the openings of both files. Throws CBadAllocation.
+    explicit CJSONMemoryLogWriter(CFileMemoryLogger& owner);
+
+    /// Starts the thread and waits until it knows itself: before that it must not meet its own events.
+    void StartThread();
+    [[nodiscard]] bool IsCaller() const { return m_self.load(std::memory_order_relaxed) == Thread::GetId(); }
+
+    /// Writes what the current buffer holds. False when there was nothing. Never throws; by the writer's thread, or when
+    /// that has ended.
+    bool Drain() noexcept;
+
+    /// Writes one event on the calling thread. Under the logger's lock.
+    void WriteNow(CFileMemoryLogger::SRecord const& record) noexcept;
+    /// True while WriteNow is at work.
+    [[nodiscard]] bool IsWritingNow() const { return m_isWritingNow; }
+
+    /// Waits for the writer a little. False when it has stood still for long and `since`, the time of the first wait, is
+    /// long past: the caller should give its event up.
+    [[nodiscard]] bool WaitForRoom(CBackoff& backoff, u64 since);
+    void CountDropped() { m_dropped.fetch_add(1, std::memory_order_relaxed); }
+
+protected:
+    void Execute() override;
+
+private:
+    using SRecord = CFileMemoryLogger::SRecord;
+
+    [[nodiscard]] CFileMemoryLogger::SBuffer& GetCurrentBuffer() const;
+    void WriteRecords(SRecord const* records, u64 count) noexcept;
+    void WriteEvent(SRecord const& record) noexcept;
+    void WriteStack(SRecord const& record) noexcept;
+    void AppendStack(CJSONText& text, SRecord const& record);
+    void ReportDropped();
+
+    CFileMemoryLogger* m_owner;
+    Debug::SCallstackLine m_frames[Debug::MaxFrames];
+    TMap<u32, bool> m_writtenStacks;
+    CJSONFile m_events;
+    CJSONFile m_stacks;
+    CDrainPolicy m_policy;
+    std::atomic<u32> m_self{NoThreadId};
+    std::atomic<u64> m_dropped{0};
+    std::atomic<bool> m_isStalled{false};
+    bool m_isWritingNow = false;
+};
+
+} // namespace Velmor
