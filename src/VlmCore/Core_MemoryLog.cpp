@@ -1,5 +1,9 @@
 #include "Core_MemoryLog.h"
 
+#include "Core_MemoryHeap.h"
+#include "Core_MemoryModule.h"
+
+#include <vlmcore/exceptions.h>
 #include <vlmcore/logging.h>
 #include <vlmcore/memory.h>
 
@@ -9,15 +13,21 @@ IMemoryLogger::~IMemoryLogger() = default;
 
 std::atomic<IMemoryLogger*> MemoryLog::g_logger{nullptr};
 
-namespace Memory {
-namespace {
-
-IMemoryLogger* GetLogger()
+IMemoryLogger& MemoryLog::GetLogger()
 {
-    return MemoryLog::g_logger.load(std::memory_order_acquire);
+    IMemoryLogger* const logger = g_logger.load(std::memory_order_acquire);
+    if (logger == nullptr)
+        throw CException("src/VlmCore/Core_MemoryLog.cpp(72): CMemoryLogSingleton has no instance.");
+    return *logger;
 }
 
-} // namespace
+u64 MemoryLog::GetHeapSize()
+{
+    CGlobalHeap const* const heap = g_heapModule.heap;
+    return heap != nullptr ? heap->GetBytesInUse() : 0;
+}
+
+namespace Memory {
 
 void InitializeLog(IMemoryLogger* logger)
 {
@@ -31,26 +41,26 @@ IMemoryLogger* ReleaseLog()
 
 void LogAllocate(void* block, u64 size)
 {
-    if (IMemoryLogger* const logger = GetLogger())
-        logger->OnAllocate(block, size);
+    if (MemoryLog::IsInstalled())
+        MemoryLog::GetLogger().OnAllocate(block, size);
 }
 
 void LogFree(void* block)
 {
-    if (IMemoryLogger* const logger = GetLogger())
-        logger->OnFree(block);
+    if (MemoryLog::IsInstalled())
+        MemoryLog::GetLogger().OnFree(block);
 }
 
 void LogRetain(void const* counter)
 {
-    if (IMemoryLogger* const logger = GetLogger())
-        logger->OnRetain(counter);
+    if (MemoryLog::IsInstalled())
+        MemoryLog::GetLogger().OnRetain(counter);
 }
 
 void LogRelease(void const* counter)
 {
-    if (IMemoryLogger* const logger = GetLogger())
-        logger->OnRelease(counter);
+    if (MemoryLog::IsInstalled())
+        MemoryLog::GetLogger().OnRelease(counter);
 }
 
 } // namespace Memory

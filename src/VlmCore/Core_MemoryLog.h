@@ -19,5 +19,12 @@ extern std::atomic<IMemoryLogger*> g_logger;
     return g_logger.load(std::memory_order_acquire) != nullptr;
 }
 
+/// The installed memory logger; without one it throws CException. Callers ask IsInstalled first: the exception is a
+/// guard.
+[[nodiscard]] IMemoryLogger& GetLogger();
+
+/// Bytes that the heap accounts for now, which every event carries; 0 without a heap.
+[[nodiscard]] u64 GetHeapSize();
+
 } // namespace MemoryLog
 } // namespace Velmor

@@ -1,4 +1,5 @@
 #include "Core_Log.h"
+#include "Core_MemoryLog.h"
 #include "Core_MemoryLogWriter.h"
 
 #include <vlmcore/debug.h>

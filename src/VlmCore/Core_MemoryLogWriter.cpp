@@ -11,9 +11,9 @@ namespace {
 constexpr char const* EventNames[4] = {"alloc", "free", "retain", "release"};
 
 /// Functions with one of these in their name belong to the allocator: every stack would begin with them.
-constexpr char const* AllocatorNames[] = {"Velmor::TBlockAllocator", "Velmor::CFileMemoryLogger", "Velmor::Debug",
-                                          "Velmor::Memory",          "Velmor::CHeap",             "Velmor::CDelete",
-                                          "operator new"};
+constexpr char const* AllocatorNames[] = {
+    "Velmor::TBlockAllocator", "Velmor::CFileMemoryLogger", "Velmor::Debug", "Velmor::Memory",
+    "Velmor::CHeap",           "Velmor::CDelete",           "operator new"};
 
 /// How long a recording thread waits for a writer that does not move.
 constexpr u64 StallMilliseconds = 5000;
