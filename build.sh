@@ -60,6 +60,7 @@ need_common() {
     need lld-19 lld-19
     need /usr/lib/llvm-19/lib/clang/19/lib/linux/libclang_rt.asan*x86_64* libclang-rt-19-dev
     need /usr/src/googletest/CMakeLists.txt googletest
+    need python3 python3
 }
 
 need_preset() {
@@ -100,6 +101,7 @@ start_wine() {
         wine wineboot --init >/dev/null 2>&1 || true
         wineserver -p >/dev/null 2>&1 || true
     fi
+    wine cmd /c exit >/dev/null 2>&1 </dev/null || true # its services start now and keep no test's pipe open
     trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
 }
 
