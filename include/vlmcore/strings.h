@@ -163,7 +163,7 @@ public:
 
     // ---- The object -------------------------------------------------------------------------------------------------
 
-    virtual ~IString();
+    virtual ~IString() = default;
 
     /// Code points up to the terminator.
     [[nodiscard]] virtual u64 GetLength() const;
@@ -387,7 +387,7 @@ public:
     CString(std::basic_string<Char, Traits, Allocator>&& text) = delete;
     CString(CString const&) = default;
     CString& operator=(CString const&) = default;
-    ~CString() override;
+    ~CString() override = default; // inline: views are made by the million
 
 protected:
     void Assign(void const* data, EStringEncoding::Type encoding) override;

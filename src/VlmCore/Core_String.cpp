@@ -18,8 +18,6 @@ constexpr char32_t EmptyText[1] = {};
 
 // ---- IString: measures ----------------------------------------------------------------------------------------------
 
-IString::~IString() = default;
-
 bool IString::IsEmpty() const
 {
     return m_data == nullptr ||
@@ -133,8 +131,6 @@ CMutableString IString::CopyToUppercaseASCII() const
 }
 
 // ---- CString --------------------------------------------------------------------------------------------------------
-
-CString::~CString() = default;
 
 void CString::Assign(void const* data, EStringEncoding::Type encoding)
 {

@@ -1,6 +1,8 @@
-#include <Core_XMLTokenizer.h>
+#include "Core_ProcessorFeatures.h"
+#include "Core_XMLTokenizer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <iterator>
 
@@ -53,7 +55,19 @@ bool Matches(char pattern, u32 codePoint)
     return codePoint == static_cast<u8>(pattern);
 }
 
+std::atomic<XMLWalk> chosenWalk{ChooseXMLWalk()};
+
 } // namespace
+
+XMLWalk ChooseXMLWalk()
+{
+    return GetProcessorFeatures().avx2 ? WalkXMLAVX2 : WalkXMLBaseline;
+}
+
+void SetXMLWalk(XMLWalk walk)
+{
+    chosenWalk.store(walk, std::memory_order_relaxed);
+}
 
 CXMLTokenizer::CXMLTokenizer(CXMLStream& stream, void* buffer, u32 size)
     : m_stream(stream), m_buffer(static_cast<u8*>(buffer)), m_size(size)
@@ -79,9 +93,32 @@ CXMLTokenizer::EOutcome CXMLTokenizer::Run()
 
 void CXMLTokenizer::Scan()
 {
+    XMLWalk const walk = chosenWalk.load(std::memory_order_relaxed);
+    u64 offset = 0;
+    do {
+        if (walk != nullptr && CanWalk(offset)) {
+            SCursor cursor{m_stream.m_state, m_stream.m_mark};
+            offset = walk(*this, cursor);
+            m_stream.m_state = cursor.state;
+            m_stream.m_mark = cursor.mark;
+            m_stream.m_committed = cursor.mark;
+        }
+    } while (ScanToken(offset));
+}
+
+/// True where a state has just begun, nothing of its token is matched yet, and no attribute is open.
+bool CXMLTokenizer::CanWalk(u64 offset) const
+{
+    return m_size >= XMLWalkMinimum && offset == m_stream.m_mark && m_stream.m_mark == m_stream.m_committed &&
+           !m_stream.m_insideLongReference;
+}
+
+/// The plain scan, from a character on where no pattern is matched in part, up to the next delimiter. False at the end of
+/// the buffer, and when the text is malformed.
+bool CXMLTokenizer::ScanToken(u64& offset)
+{
     u32 matched[MostPatterns] = {};
     u64 matchedFrom[MostPatterns] = {};
-    u64 offset = 0;
     while (offset < m_size && m_stream.m_state != EXMLState::Malformed) {
         u64 const stride = XMLText::GetStride(m_buffer[offset]);
         if (offset + stride > m_size)
@@ -89,36 +126,31 @@ void CXMLTokenizer::Scan()
         if (m_stream.m_state == EXMLState::BehindSelfClosing) {
             offset += stride;
             Transition(static_cast<u32>(offset), static_cast<u32>(offset), EXMLState::Text);
-            continue;
+            return true;
         }
         u32 const codePoint = XMLText::Decode(m_buffer + offset);
         SPatterns const& state = StateTable[m_stream.m_state];
-        SPattern const* winner = nullptr;
-        for (u32 i = 0; i < state.count && winner == nullptr; ++i) {
+        for (u32 i = 0; i < state.count; ++i) {
             SPattern const& pattern = state.patterns[i];
             if (matched[i] == 0)
                 matchedFrom[i] = offset;
             matched[i] = Matches(pattern.text[matched[i]], codePoint) ? matched[i] + 1 : 0;
-            if (matched[i] == pattern.length)
-                winner = &pattern;
+            if (matched[i] != pattern.length)
+                continue;
+            bool const nameFollows = pattern.text[pattern.length - 1] == '*';
+            u32 const end = static_cast<u32>(offset) + (nameFollows ? 0 : 1);
+            u32 const begin = static_cast<u32>(offset + 1) - pattern.length;
+            offset += nameFollows ? 0 : stride;
+            Transition(begin, end, pattern.next);
+            return true;
         }
-        if (winner == nullptr) {
-            offset += stride;
-            continue;
-        }
-        u32 const begin = static_cast<u32>(offset + 1) - winner->length;
-        u32 end = static_cast<u32>(offset + 1);
-        if (winner->text[winner->length - 1] == '*')
-            --end;
-        else
-            offset += stride;
-        Transition(begin, end, winner->next);
-        std::fill(std::begin(matched), std::end(matched), 0);
+        offset += stride;
     }
     for (u32 i = 0; i < MostPatterns; ++i)
         if (matched[i] != 0)
             offset = std::min(offset, matchedFrom[i]);
     m_pendingBegin = static_cast<u32>(offset);
+    return false;
 }
 
 void CXMLTokenizer::Transition(u32 begin, u32 end, u32 next)
@@ -143,19 +175,6 @@ void CXMLTokenizer::Transition(u32 begin, u32 end, u32 next)
 void CXMLTokenizer::Report(u32 begin, u32 next)
 {
     SRange const token{m_stream.m_mark, begin};
-    auto const report = [&](TDelegate<void(CString)> const& callback) {
-        if (callback) {
-            m_stream.m_stackTop = ExtractTrimmed(token, 0);
-            callback(View(0));
-        }
-    };
-    auto const reportPointer = [&](TDelegate<void(CString const*)> const& callback) {
-        if (callback) {
-            m_stream.m_stackTop = ExtractTrimmed(token, 0);
-            CString const text = View(0);
-            callback(&text);
-        }
-    };
     switch (m_stream.m_state) {
     case EXMLState::Text:
         if (m_stream.OnText)
@@ -163,26 +182,22 @@ void CXMLTokenizer::Report(u32 begin, u32 next)
         break;
     case EXMLState::Markup:
         if (next == EXMLState::Text)
-            report(m_stream.OnDeclaration);
+            ReportTrimmed(m_stream.OnDeclaration, token);
         break;
     case EXMLState::Instruction:
-        report(m_stream.OnProcessingInstruction);
-        break;
     case EXMLState::Comment:
-        report(m_stream.OnComment);
-        break;
     case EXMLState::CData:
-        reportPointer(m_stream.OnText);
+        ReportMarkup(m_stream.m_state, token);
         break;
     case EXMLState::ElementName:
-        report(m_stream.OnElementBegin);
+        ReportTrimmed(m_stream.OnElementBegin, token);
         break;
     case EXMLState::EndTagName:
-        reportPointer(m_stream.OnElementEnd);
+        ReportTrimmed(m_stream.OnElementEnd, token);
         break;
     case EXMLState::Value:
         if (m_stream.OnAttribute)
-            ReportAttribute(begin);
+            ReportAttribute({m_stream.m_nameBegin, m_stream.m_nameEnd}, token);
         break;
     case EXMLState::BehindSelfClosing:
         if (m_stream.OnElementEnd)
@@ -193,9 +208,34 @@ void CXMLTokenizer::Report(u32 begin, u32 next)
     }
 }
 
+void CXMLTokenizer::ReportTrimmed(TDelegate<void(CString)> const& callback, SRange token)
+{
+    if (!callback)
+        return;
+    m_stream.m_stackTop = ExtractTrimmed(token, 0);
+    callback(View(0));
+}
+
+void CXMLTokenizer::ReportTrimmed(TDelegate<void(CString const*)> const& callback, SRange token)
+{
+    if (!callback)
+        return;
+    m_stream.m_stackTop = ExtractTrimmed(token, 0);
+    CString const text = View(0);
+    callback(&text);
+}
+
+void CXMLTokenizer::ReportMarkup(u32 state, SRange token)
+{
+    if (state == EXMLState::CData)
+        ReportTrimmed(m_stream.OnText, token);
+    else
+        ReportTrimmed(state == EXMLState::Comment ? m_stream.OnComment : m_stream.OnProcessingInstruction, token);
+}
+
 void CXMLTokenizer::ReportText(SRange token)
 {
-    m_stream.m_stackTop = ExtractDecoded(token, 0);
+    m_stream.m_stackTop = ExtractDecoded(token, 0, m_stream.m_insideLongReference);
     if (m_stream.m_stackTop == 1) {
         m_stream.OnText(nullptr);
         return;
@@ -204,15 +244,15 @@ void CXMLTokenizer::ReportText(SRange token)
     m_stream.OnText(&text);
 }
 
-void CXMLTokenizer::ReportAttribute(u32 end)
+void CXMLTokenizer::ReportAttribute(SRange name, SRange value)
 {
     // Name and value move to the front together: until the value closed, the name was unread input.
-    m_stream.m_valueOffset = ExtractTrimmed({m_stream.m_nameBegin, m_stream.m_nameEnd}, 0);
-    m_stream.m_stackTop = ExtractDecoded({m_stream.m_mark, end}, m_stream.m_valueOffset);
+    bool insideLongReference = false;
+    m_stream.m_valueOffset = ExtractTrimmed(name, 0);
+    m_stream.m_stackTop = ExtractDecoded(value, m_stream.m_valueOffset, insideLongReference);
     m_stream.OnAttribute({View(0), View(m_stream.m_valueOffset)});
 }
 
-/// Copies a token, trimmed, to `target` and terminates it; returns the offset behind the terminator.
 u32 CXMLTokenizer::ExtractTrimmed(SRange token, u32 target)
 {
     token = XMLText::Trim(m_buffer, token);
@@ -224,13 +264,11 @@ u32 CXMLTokenizer::ExtractTrimmed(SRange token, u32 target)
 }
 
 /// The same, with the entity references replaced.
-u32 CXMLTokenizer::ExtractDecoded(SRange token, u32 target)
+u32 CXMLTokenizer::ExtractDecoded(SRange token, u32 target, bool& insideLongReference)
 {
     token = XMLText::Trim(m_buffer, token);
     CheckRoom(token, target);
-    bool outside = false;
-    bool& inside = m_stream.m_state == EXMLState::Text ? m_stream.m_insideLongReference : outside;
-    u32 const end = XMLText::DecodeReferences(m_buffer, token, target, false, inside).end;
+    u32 const end = XMLText::DecodeReferences(m_buffer, token, target, false, insideLongReference).end;
     m_buffer[end] = 0;
     return end + 1;
 }

@@ -80,6 +80,13 @@ private:
         void (*destroy)(TDelegate& delegate) noexcept;
     };
 
+    // How an argument travels to the callable: small plain values as they are, others by reference, so that a delegate
+    // makes no copy of its own.
+    template <class Argument>
+    using Pass = std::conditional_t<std::is_reference_v<Argument> ||
+                                        (std::is_trivially_copyable_v<Argument> && sizeof(Argument) <= sizeof(void*)),
+                                    Argument, Argument&&>;
+
     template <class Callable>
     static constexpr bool FitsInline =
         sizeof(Callable) <= InlineSize && alignof(Callable) <= alignof(std::max_align_t) &&
@@ -114,7 +121,7 @@ private:
     }
 
     template <class Callable>
-    static R Call(TDelegate const& self, A... arguments)
+    static R Call(TDelegate const& self, Pass<A>... arguments)
     {
         return static_cast<R>((*self.template GetCallable<Callable>())(std::forward<A>(arguments)...));
     }
@@ -151,7 +158,7 @@ private:
     static constexpr SOperations Operations{&Copy<Callable>, &Move<Callable>, &Destroy<Callable>};
 
     alignas(std::max_align_t) std::byte m_storage[InlineSize];
-    R (*m_call)(TDelegate const&, A...) = nullptr;
+    R (*m_call)(TDelegate const&, Pass<A>...) = nullptr;
     SOperations const* m_operations = nullptr;
 };
 

@@ -1,0 +1,480 @@
+// The fast walk of the XML tokenizer: takes the tokens of ordinary text by vector instructions, and leaves everything
+// unusual to the plain scan, which it can always hand over to. Both report the same tokens in the same order.
+//
+// Included by one source file per instruction set, which defines
+//     XML_WALK       the name of the function
+//     XML_VECTOR     the wrapper of a vector register
+//     XML_TARGET     the mark of functions that use it (Core_ProcessorFeatures.h)
+//
+// The walk looks at 64 bytes at a time, a window, and turns each class of characters that ends a token into 64 bits. A
+// token that lies in the window is found by counting zero bits; a window is left for another when it holds no whole
+// token any more. What makes a byte search exact in UTF-8, even damaged, is the window's `suspect` bits: bytes that a
+// longer character claims as its own, and lead bytes that could spell an ASCII character the long way. A token that
+// touches one goes to the plain scan.
+#include "Core_XMLTokenizer.h"
+
+#include <cstring>
+
+namespace Velmor {
+namespace {
+
+using XMLText::SRange;
+
+constexpr u64 WindowSize = 64;
+// A walk reads up to two windows ahead of its position.
+constexpr u64 Lookahead = 2 * WindowSize;
+// Tokens behind this offset may be copied to the front in whole vectors without touching unread input.
+constexpr u64 RoomyOffset = 3 * WindowSize;
+// Found positions leave room for two more characters in the window.
+constexpr u64 Findable = ~u64{0} >> 2;
+
+namespace EByte {
+enum Type : u8 { Other, NameStart, Close, Slash, Exclamation, Question };
+} // namespace EByte
+
+struct SByteClasses {
+    u8 classes[256] = {};
+    constexpr SByteClasses()
+    {
+        for (int c = 'a'; c <= 'z'; ++c)
+            classes[c] = classes[c - 'a' + 'A'] = EByte::NameStart;
+        classes[static_cast<u8>('_')] = classes[static_cast<u8>(':')] = EByte::NameStart;
+        classes[static_cast<u8>('>')] = EByte::Close;
+        classes[static_cast<u8>('/')] = EByte::Slash;
+        classes[static_cast<u8>('!')] = EByte::Exclamation;
+        classes[static_cast<u8>('?')] = EByte::Question;
+    }
+};
+constexpr SByteClasses ByteClasses;
+
+inline u64 FirstBit(u64 bits)
+{
+    return static_cast<u64>(__builtin_ctzll(bits));
+}
+
+/// Bits `begin` to `end`, both included; `end` is below 63.
+inline u64 BitRange(u64 begin, u64 end)
+{
+    return ((u64{2} << end) - 1) & (~u64{0} << begin);
+}
+
+class CWalk {
+public:
+    explicit CWalk(CXMLTokenizer& tokenizer)
+        : m_tokenizer(tokenizer), m_stream(tokenizer.GetStream()), m_buffer(tokenizer.GetBuffer()),
+          m_limit(tokenizer.GetSize() - Lookahead)
+    {
+    }
+
+    XML_TARGET u64 Run(CXMLTokenizer::SCursor& cursor);
+
+private:
+    struct SWindow {
+        u64 space;
+        u64 ampersand;
+        u64 high;
+        u64 suspect;
+        // What is searched for, within Findable:
+        u64 open;
+        u64 nameEnd;      // of elements: white space, ">", "/"
+        u64 attributeEnd; // white space, "=", ">"
+        u64 valueEnd;     // quotes, ">"
+        u64 nonspace;
+    };
+
+    struct SFound {
+        u64 offset; // of the byte, or from where the plain scan goes on
+        bool found;
+    };
+
+    XML_TARGET void Look(u64 base);
+    XML_TARGET static u64 FindSuspects(XML_VECTOR const& text, u64 high);
+    template <u8 First, u8 Second, u8 Third>
+    XML_TARGET SFound FindFar(u64 offset) const;
+    XML_TARGET SFound FindTerminator(u32 state, u64 offset) const;
+    XML_TARGET void Copy(u64 target, u64 source, u64 size);
+
+    [[nodiscard]] CString View(u64 offset) const { return CString(m_buffer + offset, EStringEncoding::UTF8); }
+
+    XML_TARGET void ReportText(u64 begin, u64 end);
+    XML_TARGET void ReportAttribute(u64 nameBegin, u64 nameEnd, u64 valueBegin, u64 valueEnd);
+
+    CXMLTokenizer& m_tokenizer;
+    CXMLStream& m_stream;
+    u8* const m_buffer;
+    u64 const m_limit; // the last offset at which a window may begin
+    u64 m_base = 0;    // of the window
+    SWindow m_window;
+};
+
+#define XML_INLINE XML_TARGET inline __attribute__((always_inline))
+
+XML_INLINE u64 CWalk::FindSuspects(XML_VECTOR const& text, u64 high)
+{
+    u64 const continuation = text.IsBelow(-64);   // 0x80 to 0xBF, as signed bytes the lowest
+    u64 const third = high & ~text.IsBelow(-32);  // 0xE0 and above: two more bytes
+    u64 const fourth = high & ~text.IsBelow(-16); // 0xF0 and above: three more
+    u64 const claimed = (high & ~continuation) << 1 | third << 2 | fourth << 3;
+    // Long spellings begin with 0xC0, 0xC1, or with 0xE0 or 0xF0 and a byte whose bits 4 and 5 are clear.
+    u64 const spelling = text.IsMasked(0xFE, 0xC0) | (text.IsMasked(0xEF, 0xE0) << 1 & text.IsMasked(0x30, 0));
+    return (claimed & ~continuation) | spelling;
+}
+
+XML_INLINE void CWalk::Look(u64 base)
+{
+    XML_VECTOR const text(m_buffer + base);
+    u64 const space = text.IsSpace();
+    u64 const close = text.Is('>');
+    m_base = base;
+    m_window.space = space;
+    m_window.ampersand = text.Is('&');
+    m_window.high = text.IsHigh();
+    m_window.open = text.Is('<') & Findable;
+    m_window.nameEnd = (space | close | text.Is('/')) & Findable;
+    m_window.attributeEnd = (space | close | text.Is('=')) & Findable;
+    m_window.valueEnd = (close | text.IsEither('"', '\'')) & Findable;
+    m_window.nonspace = ~space & Findable;
+    m_window.suspect = m_window.high != 0 ? FindSuspects(text, m_window.high) : 0;
+}
+
+/// Looks for one of three bytes, window by window, from a character's begin on.
+template <u8 First, u8 Second, u8 Third>
+XML_TARGET CWalk::SFound CWalk::FindFar(u64 offset) const
+{
+    while (offset <= m_limit) {
+        XML_VECTOR const text(m_buffer + offset);
+        u64 hits = text.Is(First);
+        if (Second != First)
+            hits |= text.Is(Second);
+        if (Third != First)
+            hits |= text.Is(Third);
+        u64 const high = text.IsHigh();
+        if (high == 0) {
+            if (hits != 0)
+                return {offset + FirstBit(hits), true};
+            offset += WindowSize;
+            continue;
+        }
+        if (FindSuspects(text, high) != 0)
+            return {offset, false};
+        if (hits != 0)
+            return {offset + FirstBit(hits), true};
+        // The next window begins with a character that this one cuts off.
+        u8 const* const end = m_buffer + offset + WindowSize;
+        offset += WindowSize - (end[-1] >= 0xC0 ? 1 : end[-2] >= 0xE0 ? 2 : end[-3] >= 0xF0 ? 3 : 0);
+    }
+    return {offset, false};
+}
+
+/// Looks for the end of an instruction, comment or CDATA section; gives the offset of its ">". A character that breaks
+/// a match is not tried as the begin of another.
+XML_TARGET inline CWalk::SFound CWalk::FindTerminator(u32 state, u64 offset) const
+{
+    static_assert(Lookahead >= WindowSize + 3);
+    u8 const first = state == EXMLState::Instruction ? '?' : state == EXMLState::Comment ? '-' : ']';
+    u64 const repeats = state == EXMLState::Instruction ? 1 : 2;
+    for (;;) {
+        SFound const begin = first == '?'   ? FindFar<'?', '?', '?'>(offset)
+                             : first == '-' ? FindFar<'-', '-', '-'>(offset)
+                                            : FindFar<']', ']', ']'>(offset);
+        if (!begin.found)
+            return begin;
+        offset = begin.offset + 1;
+        u64 matched = 1;
+        while (matched < repeats && m_buffer[offset] == first) {
+            ++offset;
+            ++matched;
+        }
+        if (matched == repeats && m_buffer[offset] == '>')
+            return {offset, true};
+        u8 const next = m_buffer[offset];
+        if (next < 0x80)
+            ++offset;
+        else if (next == 0xC0 || next == 0xC1 || next == 0xE0 || next == 0xF0)
+            return {begin.offset, false}; // perhaps a long spelling of what goes on with the match
+    }
+}
+
+XML_INLINE void CWalk::Copy(u64 target, u64 source, u64 size)
+{
+    XML_VECTOR::Copy(m_buffer + target, m_buffer + source, size);
+    m_buffer[target + size] = 0;
+}
+
+/// A text of this window, without suspects.
+XML_INLINE void CWalk::ReportText(u64 begin, u64 end)
+{
+    u64 const range = (u64{1} << (end - m_base)) - (u64{1} << (begin - m_base));
+    u64 const kept = range & ~m_window.space;
+    if (kept == 0) {
+        m_stream.OnText(nullptr);
+        return;
+    }
+    if ((m_window.ampersand & range) != 0 || begin < RoomyOffset) {
+        m_tokenizer.ReportText({static_cast<u32>(begin), static_cast<u32>(end)});
+        return;
+    }
+    u64 const first = FirstBit(kept);
+    Copy(0, m_base + first, WindowSize - static_cast<u64>(__builtin_clzll(kept)) - first);
+    CString const text = View(0);
+    m_stream.OnText(&text);
+}
+
+/// An attribute of this window, without suspects.
+XML_INLINE void CWalk::ReportAttribute(u64 nameBegin, u64 nameEnd, u64 valueBegin, u64 valueEnd)
+{
+    u64 const value = (u64{1} << (valueEnd - m_base)) - (u64{1} << (valueBegin - m_base));
+    u64 const ends = (u64{1} << (valueEnd - 1 - m_base)) | (u64{1} << (valueBegin - m_base));
+    if (((m_window.ampersand | (m_window.space & ends)) & value) != 0 || nameBegin < RoomyOffset) {
+        m_tokenizer.ReportAttribute({static_cast<u32>(nameBegin), static_cast<u32>(nameEnd)},
+                                    {static_cast<u32>(valueBegin), static_cast<u32>(valueEnd)});
+        return;
+    }
+    u64 const nameSize = nameEnd - nameBegin;
+    Copy(0, nameBegin, nameSize);
+    Copy(nameSize + 1, valueBegin, valueEnd - valueBegin);
+    m_stream.OnAttribute({View(0), View(nameSize + 1)});
+}
+
+/// Walks from cursor.mark, where a state has just begun, and returns from where the plain scan goes on; the cursor then
+/// says in which state, and where its token begins.
+XML_TARGET u64 CWalk::Run(CXMLTokenizer::SCursor& cursor)
+{
+    u64 offset = cursor.mark;
+    auto const leave = [&cursor](u32 state, u64 mark) {
+        cursor.state = state;
+        cursor.mark = static_cast<u32>(mark);
+        return mark;
+    };
+    if (offset > m_limit)
+        return offset;
+    switch (cursor.state) {
+    case EXMLState::Text:
+        Look(offset);
+        goto text;
+    case EXMLState::Instruction:
+    case EXMLState::Comment:
+    case EXMLState::CData:
+        goto far;
+    case EXMLState::ElementName:
+        Look(offset);
+        goto elementName;
+    case EXMLState::EndTagName:
+        Look(offset);
+        goto endTagName;
+    case EXMLState::BetweenAttributes:
+        Look(offset);
+        goto betweenAttributes;
+    case EXMLState::AttributeName:
+        Look(offset);
+        goto attributeName;
+    case EXMLState::BehindSelfClosing:
+        Look(offset);
+        goto behindSelfClosing;
+    default:
+        return offset;
+    }
+
+text: {
+    u64 end = 0;
+    u64 found = m_window.open >> (offset - m_base);
+    if (found == 0) {
+        if (offset > m_limit)
+            return leave(EXMLState::Text, offset);
+        Look(offset);
+        found = m_window.open;
+    }
+    if (found != 0) {
+        end = offset + FirstBit(found);
+        if ((m_window.suspect & BitRange(offset - m_base, end - m_base)) != 0)
+            return leave(EXMLState::Text, offset);
+    }
+    else {
+        SFound const far = FindFar<'<', '<', '<'>(offset);
+        if (!far.found || far.offset > m_limit) {
+            leave(EXMLState::Text, offset);
+            return far.found ? offset : far.offset;
+        }
+        end = far.offset;
+    }
+    u8 const kind = ByteClasses.classes[m_buffer[end + 1]];
+    if (kind == EByte::Other || kind == EByte::Close)
+        return leave(EXMLState::Text, offset);
+    if (m_stream.OnText) {
+        if (found != 0)
+            ReportText(offset, end);
+        else
+            m_tokenizer.ReportText({static_cast<u32>(offset), static_cast<u32>(end)});
+    }
+    if (found == 0)
+        Look(end);
+    offset = end + 1;
+    if (kind == EByte::NameStart)
+        goto elementName;
+    ++offset;
+    if (kind == EByte::Slash)
+        goto endTagName;
+    if (kind == EByte::Exclamation)
+        return leave(EXMLState::Markup, offset);
+    leave(EXMLState::Instruction, offset);
+    goto far;
+}
+
+elementName: {
+    u64 found = m_window.nameEnd >> (offset - m_base);
+    if (found == 0) {
+        if (offset > m_limit)
+            return leave(EXMLState::ElementName, offset);
+        Look(offset);
+        found = m_window.nameEnd;
+        if (found == 0)
+            return leave(EXMLState::ElementName, offset);
+    }
+    u64 const end = offset + FirstBit(found);
+    u8 const delimiter = m_buffer[end];
+    if ((m_window.high & BitRange(offset - m_base, end - m_base)) != 0 ||
+        (delimiter == '/' && m_buffer[end + 1] != '>'))
+        return leave(EXMLState::ElementName, offset);
+    if (m_stream.OnElementBegin) {
+        if (offset >= RoomyOffset)
+            Copy(0, offset, end - offset);
+        else
+            m_tokenizer.ExtractTrimmed({static_cast<u32>(offset), static_cast<u32>(end)}, 0);
+        m_stream.OnElementBegin(View(0));
+    }
+    offset = end + 1;
+    if (delimiter == '>')
+        goto text;
+    if (delimiter != '/')
+        goto betweenAttributes;
+    ++offset;
+    if (m_stream.OnText)
+        m_stream.OnText(nullptr);
+    goto behindSelfClosing;
+}
+
+endTagName: {
+    u64 found = m_window.nameEnd >> (offset - m_base);
+    if (found == 0) {
+        if (offset > m_limit)
+            return leave(EXMLState::EndTagName, offset);
+        Look(offset);
+        found = m_window.nameEnd;
+        if (found == 0)
+            return leave(EXMLState::EndTagName, offset);
+    }
+    u64 const end = offset + FirstBit(found);
+    if ((m_window.high & BitRange(offset - m_base, end - m_base)) != 0 || m_buffer[end] != '>')
+        return leave(EXMLState::EndTagName, offset);
+    if (m_stream.OnElementEnd) {
+        if (offset >= RoomyOffset)
+            Copy(0, offset, end - offset);
+        else
+            m_tokenizer.ExtractTrimmed({static_cast<u32>(offset), static_cast<u32>(end)}, 0);
+        CString const name = View(0);
+        m_stream.OnElementEnd(&name);
+    }
+    offset = end + 1;
+    goto text;
+}
+
+betweenAttributes: {
+    u64 found = m_window.nonspace >> (offset - m_base);
+    if (found == 0) {
+        if (offset > m_limit)
+            return leave(EXMLState::BetweenAttributes, offset);
+        Look(offset);
+        found = m_window.nonspace;
+        if (found == 0)
+            return leave(EXMLState::BetweenAttributes, offset);
+    }
+    u64 const next = offset + FirstBit(found);
+    u8 const kind = ByteClasses.classes[m_buffer[next]];
+    if (kind == EByte::NameStart) {
+        offset = next;
+        goto attributeName;
+    }
+    if (kind == EByte::Close) {
+        offset = next + 1;
+        goto text;
+    }
+    if (kind != EByte::Slash || m_buffer[next + 1] != '>')
+        return leave(EXMLState::BetweenAttributes, offset);
+    offset = next + 2;
+    if (m_stream.OnText)
+        m_stream.OnText(nullptr);
+    goto behindSelfClosing;
+}
+
+attributeName: {
+    u64 const nameEnds = m_window.attributeEnd >> (offset - m_base);
+    u64 const nameEnd = offset + (nameEnds != 0 ? FirstBit(nameEnds) : 0);
+    u64 const valueBegin = nameEnd + 2;
+    u64 const valueEnds = nameEnds != 0 ? m_window.valueEnd >> (valueBegin - m_base) : 0;
+    if (valueEnds == 0 && m_base != offset) {
+        if (offset > m_limit)
+            return leave(EXMLState::AttributeName, offset);
+        Look(offset);
+        goto attributeName;
+    }
+    u8 const quote = m_buffer[nameEnd + 1];
+    if (nameEnds == 0 || m_buffer[nameEnd] != '=' || (quote != '"' && quote != '\'') ||
+        (m_window.high & BitRange(offset - m_base, nameEnd - m_base)) != 0)
+        return leave(EXMLState::AttributeName, offset);
+    if (valueEnds != 0) {
+        u64 const valueEnd = valueBegin + FirstBit(valueEnds);
+        if ((m_window.suspect & BitRange(valueBegin - m_base, valueEnd - m_base)) != 0 || m_buffer[valueEnd] == '>')
+            return leave(EXMLState::AttributeName, offset);
+        if (m_stream.OnAttribute)
+            ReportAttribute(offset, nameEnd, valueBegin, valueEnd);
+        offset = valueEnd + 1;
+        goto betweenAttributes;
+    }
+    SFound const far = FindFar<'"', '\'', '>'>(valueBegin);
+    if (!far.found || far.offset > m_limit || m_buffer[far.offset] == '>')
+        return leave(EXMLState::AttributeName, offset);
+    if (m_stream.OnAttribute)
+        m_tokenizer.ReportAttribute({static_cast<u32>(offset), static_cast<u32>(nameEnd)},
+                                    {static_cast<u32>(valueBegin), static_cast<u32>(far.offset)});
+    offset = far.offset + 1;
+    if (offset > m_limit)
+        return leave(EXMLState::BetweenAttributes, offset);
+    Look(offset);
+    goto betweenAttributes;
+}
+
+behindSelfClosing:
+    if (m_buffer[offset] >= 0x80)
+        return leave(EXMLState::BehindSelfClosing, offset);
+    if (m_stream.OnElementEnd)
+        m_stream.OnElementEnd(nullptr);
+    ++offset;
+    if (offset - m_base >= WindowSize) {
+        if (offset > m_limit)
+            return leave(EXMLState::Text, offset);
+        Look(offset);
+    }
+    goto text;
+
+far: {
+    SFound const far = FindTerminator(cursor.state, offset);
+    if (!far.found)
+        return far.offset;
+    u64 const delimiterSize = cursor.state == EXMLState::Instruction ? 2 : 3;
+    m_tokenizer.ReportMarkup(cursor.state, {cursor.mark, static_cast<u32>(far.offset + 1 - delimiterSize)});
+    offset = far.offset + 1;
+    if (offset > m_limit)
+        return leave(EXMLState::Text, offset);
+    Look(offset);
+    goto text;
+}
+}
+
+} // namespace
+
+u64 XML_WALK(CXMLTokenizer& tokenizer, CXMLTokenizer::SCursor& cursor)
+{
+    return CWalk(tokenizer).Run(cursor);
+}
+
+} // namespace Velmor
