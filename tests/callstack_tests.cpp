@@ -37,7 +37,7 @@ struct SCapture {
     }
 };
 
-int volatile g_sink = 0;
+thread_local int volatile g_sink = 0;
 int volatile g_two = 2; // keeps loops from being unrolled into several call sites
 
 } // namespace
@@ -155,11 +155,13 @@ namespace {
 
 SCapture g_sorted[2];
 int g_sortedCount = 0;
+bool g_captureNext = false;
 
 int CompareAndCapture(void const* a, void const* b)
 {
-    if (g_sortedCount < 2)
+    if (g_captureNext && g_sortedCount < 2)
         CaptureInnermost(g_sorted[g_sortedCount++]);
+    g_captureNext = false; // once per sorting
     return *static_cast<int const*>(a) - *static_cast<int const*>(b);
 }
 
@@ -169,8 +171,10 @@ VLM_NOINLINE void SortAndCapture()
 {
     int values[2] = {2, 1};
     g_sortedCount = 0;
-    for (int i = 0; i < g_two; ++i)
+    for (int i = 0; i < g_two; ++i) {
+        g_captureNext = true;
         std::qsort(values, 2, sizeof values[0], &CompareAndCapture);
+    }
     g_sink = g_sink + 1;
 }
 

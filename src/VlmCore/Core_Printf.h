@@ -20,4 +20,13 @@ u64 FormatTruncating(char* buffer, u64 size, char const* format, std::va_list ar
 /// FormatTruncating with the arguments in the call.
 u64 FormatTruncatingF(char* buffer, u64 size, char const* format, ...) VLM_PRINTF(3, 4);
 
+/// Copies at most `most` bytes of a text and terminates them; a null text is an empty one.
+inline void CopyCut(char* target, u64 most, char const* text)
+{
+    u64 size = 0;
+    for (; text != nullptr && size < most && text[size] != '\0'; ++size)
+        target[size] = text[size];
+    target[size] = '\0';
+}
+
 } // namespace Velmor

@@ -27,6 +27,10 @@
 
 namespace TestSupport {
 
+/// How to answer the question that a failed assertion asks. Windows: a button of the message box, with a Control key held
+/// for IgnoreForGood. Linux: a letter typed on the terminal.
+enum class EAnswer { Abort, Retry, Ignore, IgnoreForGood };
+
 /// How to run a child; the defaults run it alone and quiet.
 struct SChildOptions {
     bool debugged = false;                                          ///< under a debugging parent
@@ -34,6 +38,7 @@ struct SChildOptions {
     std::vector<std::pair<std::string, std::string>> environment{}; ///< variables added to the parent's
     std::string folder;                                             ///< current folder; empty: the parent's
     std::string program;                                            ///< executable; empty: this test program
+    std::vector<EAnswer> answers;                                   ///< one for each question the child will ask
     unsigned timeoutSeconds = 60;                                   ///< then the child is killed
 };
 
@@ -47,6 +52,8 @@ struct SChildResult {
     std::string debuggerOutput; ///< empty for a child that was not debugged
     std::string standardOutput; ///< line ends as "\n" on both systems
     std::string standardError;
+    std::vector<std::string> questions;   ///< the texts of the questions that were answered
+    std::vector<std::string> captions;    ///< their captions
     std::vector<std::string> threadNames; ///< Windows, debugged: names announced to the debugger, in order
 };
 
@@ -54,6 +61,9 @@ struct SChildResult {
 [[nodiscard]] SChildResult RunChild(std::string const& name, SChildOptions const& options);
 [[nodiscard]] SChildResult RunChild(std::string const& name, std::vector<std::string> const& arguments = {});
 [[nodiscard]] SChildResult RunDebugged(std::string const& name, std::vector<std::string> const& arguments = {});
+
+/// False where no question can be shown: on Windows without a display.
+[[nodiscard]] bool CanAnswerQuestions();
 
 /// In a child: the arguments of its options.
 [[nodiscard]] std::vector<std::string> const& GetChildArguments();

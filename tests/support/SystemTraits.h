@@ -7,6 +7,9 @@ namespace TestSupport {
 struct SSystemTraits {
     /// The system's stack walk stops where the thread started. Wine's goes on into memory that holds no frames.
     bool stackWalkEndsAtThreadStart;
+
+    /// A failed assertion asks on the terminal; a process without one cannot ask.
+    bool questionNeedsTerminal;
 };
 
 extern SSystemTraits const SystemTraits;

@@ -5,6 +5,8 @@
 /// They take memory from the C runtime, never from the library's heap. Nothing here throws.
 #pragma once
 
+#include "../Core_Printf.h"
+
 #include <vlmcore/debug.h>
 #include <vlmcore/types.h>
 
@@ -21,15 +23,6 @@ void DescribeAddress(void const* address, Debug::SCallstackLine& frame);
 
 /// DescribeAddress for a process that has crashed: takes no memory and no time to speak of, knows less.
 void DescribeAddressPlainly(void const* address, Debug::SCallstackLine& frame);
-
-/// Copies at most `most` bytes of a text and terminates them; a null text is an empty one.
-inline void CopyCut(char* target, u64 most, char const* text)
-{
-    u64 size = 0;
-    for (; text != nullptr && size < most && text[size] != '\0'; ++size)
-        target[size] = text[size];
-    target[size] = '\0';
-}
 
 /// Empties everything but the address.
 inline void ClearNames(Debug::SCallstackLine& frame)

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <thread>
 #include <unistd.h>
 
@@ -20,6 +21,8 @@ namespace {
 struct SPipe {
     int readEnd = -1;
     int writeEnd = -1;
+
+    SPipe(int read, int write) : readEnd(read), writeEnd(write) {}
 
     SPipe()
     {
@@ -45,10 +48,65 @@ void ReadToEnd(int descriptor, std::string& text)
     ::close(descriptor);
 }
 
+/// A terminal whose user is this program. Nothing is echoed and line ends stay as they are.
+struct STerminal {
+    int userEnd = -1;
+    int childEnd = -1;
+
+    STerminal(int user, int child) : userEnd(user), childEnd(child) {}
+
+    STerminal()
+    {
+        userEnd = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        if (userEnd < 0 || ::grantpt(userEnd) != 0 || ::unlockpt(userEnd) != 0)
+            return;
+        childEnd = ::open(::ptsname(userEnd), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        termios settings{};
+        ::tcgetattr(childEnd, &settings);
+        settings.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        settings.c_oflag &= ~static_cast<tcflag_t>(OPOST);
+        ::tcsetattr(childEnd, TCSANOW, &settings);
+    }
+};
+
+/// Collects what the child writes to its terminal, and types an answer whenever it asks.
+void Converse(int terminal, std::vector<EAnswer> const& answers, SChildResult& result)
+{
+    static constexpr char Prompt[] = "(a)bort, (r)etry, (i)gnore, ignore (f)or good? ";
+    std::size_t answered = 0;
+    std::size_t questionStart = 0;
+    std::array<char, 4096> part;
+    for (;;) {
+        ssize_t const count = ::read(terminal, part.data(), part.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0) // the child's end is closed: an error on a terminal
+            break;
+        std::string& text = result.standardError;
+        text.append(part.data(), static_cast<std::size_t>(count));
+        std::size_t const prompt = text.find(Prompt, questionStart);
+        if (prompt == std::string::npos || answered == answers.size())
+            continue;
+        // Blank line, caption, blank line, text.
+        std::string const question = text.substr(questionStart, prompt - questionStart);
+        std::size_t const captionStart = question.rfind("\n/") + 1;
+        std::size_t const captionEnd = question.find("\n\n", captionStart);
+        result.captions.push_back(question.substr(captionStart, captionEnd - captionStart));
+        result.questions.push_back(question.substr(captionEnd + 2, question.size() - captionEnd - 3));
+        questionStart = prompt + sizeof Prompt - 1;
+        static constexpr char Letters[] = "arif";
+        char const line[2] = {Letters[static_cast<int>(answers[answered++])], '\n'};
+        if (::write(terminal, line, sizeof line) != static_cast<ssize_t>(sizeof line))
+            break;
+    }
+    ::close(terminal);
+}
+
 /// Runs in the new process; nothing here may allocate.
 [[noreturn]] void BecomeChild(char const* program, char* const* arguments, char* const* environment, char const* folder,
                               int input, int output, int error, bool debugged)
 {
+    ::setsid(); // away from the terminal of the tests, if they have one
     ::dup2(input, STDIN_FILENO);
     ::dup2(output, STDOUT_FILENO);
     ::dup2(error, STDERR_FILENO);
@@ -130,6 +188,11 @@ void Follow(pid_t child, SChildOptions const& options, SChildResult& result)
 
 } // namespace
 
+bool CanAnswerQuestions()
+{
+    return true;
+}
+
 std::string GetProgramPath()
 {
     std::array<char, 4096> path;
@@ -148,24 +211,33 @@ SChildResult RunProgram(std::string const& program, std::vector<std::string> con
     std::vector<char*> const environmentPointers = MakePointers(environmentTexts);
     char const* const folder = options.folder.empty() ? nullptr : options.folder.c_str();
 
-    SPipe const output, error;
-    int const input = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    bool const asks = !options.answers.empty();
+    SPipe const output;
+    SPipe const error = asks ? SPipe(-1, -1) : SPipe();
+    STerminal const terminal = asks ? STerminal() : STerminal(-1, -1);
+    int const input = asks ? terminal.childEnd : ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     pid_t const child = ::fork();
     if (child == 0)
         BecomeChild(program.c_str(), argumentPointers.data(), environmentPointers.data(), folder, input,
-                    output.writeEnd, error.writeEnd, options.debugged);
+                    output.writeEnd, asks ? terminal.childEnd : error.writeEnd, options.debugged);
     ::close(input);
     ::close(output.writeEnd);
-    ::close(error.writeEnd);
+    if (!asks)
+        ::close(error.writeEnd);
     if (child < 0) {
         ::close(output.readEnd);
-        ::close(error.readEnd);
+        ::close(asks ? terminal.userEnd : error.readEnd);
         return result;
     }
     result.started = true;
     result.processId = static_cast<std::uint32_t>(child);
     std::thread outputReader(ReadToEnd, output.readEnd, std::ref(result.standardOutput));
-    std::thread errorReader(ReadToEnd, error.readEnd, std::ref(result.standardError));
+    std::thread errorReader([&] {
+        if (asks)
+            Converse(terminal.userEnd, options.answers, result);
+        else
+            ReadToEnd(error.readEnd, result.standardError);
+    });
     Follow(child, options, result);
     outputReader.join();
     errorReader.join();

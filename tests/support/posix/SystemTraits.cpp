@@ -4,6 +4,7 @@ namespace TestSupport {
 
 SSystemTraits const SystemTraits = {
     .stackWalkEndsAtThreadStart = true,
+    .questionNeedsTerminal = true,
 };
 
 } // namespace TestSupport

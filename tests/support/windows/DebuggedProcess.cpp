@@ -143,7 +143,74 @@ void Debug(PROCESS_INFORMATION const& child, SChildOptions const& options, SChil
     }
 }
 
+/// A message box of the process, or null.
+HWND FindMessageBox(DWORD processId)
+{
+    for (HWND box = nullptr; (box = ::FindWindowExA(nullptr, box, "#32770", nullptr)) != nullptr;) {
+        DWORD owner = 0;
+        ::GetWindowThreadProcessId(box, &owner);
+        if (owner == processId && ::IsWindowVisible(box))
+            return box;
+    }
+    return nullptr;
+}
+
+/// The keys as the box's thread sees them: while the inputs of two threads are attached, they share one state.
+void HoldControl(DWORD thread, bool hold)
+{
+    BYTE keys[256] = {};
+    ::GetKeyboardState(keys);
+    keys[VK_CONTROL] = keys[VK_LCONTROL] = hold ? 0x80 : 0;
+    if (hold)
+        ::AttachThreadInput(::GetCurrentThreadId(), thread, TRUE);
+    ::SetKeyboardState(keys);
+    if (!hold)
+        ::AttachThreadInput(::GetCurrentThreadId(), thread, FALSE);
+}
+
+/// Reads a box and presses a button of it; returns when it is gone.
+void AnswerBox(HWND box, EAnswer answer, SChildResult& result)
+{
+    char text[8192] = {};
+    ::GetWindowTextA(box, text, sizeof text);
+    result.captions.push_back(text);
+    ::SendDlgItemMessageA(box, 0xFFFF, WM_GETTEXT, sizeof text, reinterpret_cast<LPARAM>(text));
+    result.questions.push_back(text);
+    bool const forGood = answer == EAnswer::IgnoreForGood;
+    DWORD const thread = ::GetWindowThreadProcessId(box, nullptr);
+    if (forGood)
+        HoldControl(thread, true);
+    WPARAM const button = answer == EAnswer::Abort ? IDABORT : answer == EAnswer::Retry ? IDRETRY : IDIGNORE;
+    ::PostMessageA(box, WM_COMMAND, button, 0);
+    for (int i = 0; i < 1000 && ::IsWindow(box); ++i)
+        ::Sleep(5);
+    if (forGood) {
+        ::Sleep(50); // the process asks for the keys after its box has closed
+        HoldControl(thread, false);
+    }
+}
+
+/// The user in front of the boxes of the process, until it has ended.
+void AnswerBoxes(PROCESS_INFORMATION const& child, std::vector<EAnswer> const& answers, SChildResult& result)
+{
+    for (EAnswer const answer : answers) {
+        HWND box = nullptr;
+        while ((box = FindMessageBox(child.dwProcessId)) == nullptr)
+            if (::WaitForSingleObject(child.hProcess, 10) != WAIT_TIMEOUT)
+                return;
+        AnswerBox(box, answer, result);
+    }
+}
+
 } // namespace
+
+bool CanAnswerQuestions()
+{
+    HWND const window = ::CreateWindowA("STATIC", "", WS_POPUP, 0, 0, 1, 1, nullptr, nullptr, nullptr, nullptr);
+    if (window != nullptr)
+        ::DestroyWindow(window);
+    return window != nullptr;
+}
 
 std::string GetProgramPath()
 {
@@ -182,6 +249,7 @@ SChildResult RunProgram(std::string const& program, std::vector<std::string> con
     result.processId = child.dwProcessId;
     std::thread outputReader(ReadToEnd, output.readEnd, std::ref(result.standardOutput));
     std::thread errorReader(ReadToEnd, error.readEnd, std::ref(result.standardError));
+    std::thread user([&] { AnswerBoxes(child, options.answers, result); });
     if (options.debugged)
         Debug(child, options, result);
     else if (::WaitForSingleObject(child.hProcess, options.timeoutSeconds * 1000) == WAIT_TIMEOUT) {
@@ -189,6 +257,7 @@ SChildResult RunProgram(std::string const& program, std::vector<std::string> con
         ::TerminateProcess(child.hProcess, 253);
     }
     ::WaitForSingleObject(child.hProcess, INFINITE);
+    user.join();
     DWORD exitCode = 0;
     ::GetExitCodeProcess(child.hProcess, &exitCode);
     result.exitCode = exitCode;

@@ -4,6 +4,7 @@ namespace TestSupport {
 
 SSystemTraits const SystemTraits = {
     .stackWalkEndsAtThreadStart = false,
+    .questionNeedsTerminal = false,
 };
 
 } // namespace TestSupport
