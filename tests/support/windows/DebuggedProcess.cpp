@@ -143,6 +143,13 @@ void Debug(PROCESS_INFORMATION const& child, SChildOptions const& options, SChil
     }
 }
 
+/// Wine waits two seconds for a window manager's answer about each window, and a display for tests has none.
+void DoWithoutWindowManager()
+{
+    if (::GetProcAddress(::GetModuleHandleA("ntdll"), "wine_get_version") != nullptr)
+        ::RegSetKeyValueA(HKEY_CURRENT_USER, "Software\\Wine\\X11 Driver", "Managed", REG_SZ, "N", 2);
+}
+
 /// A message box of the process, or null.
 HWND FindMessageBox(DWORD processId)
 {
@@ -227,6 +234,8 @@ SChildResult RunProgram(std::string const& program, std::vector<std::string> con
     for (std::string const& argument : arguments)
         commandLine += " " + Quote(argument);
     std::string environment = BuildEnvironment(options);
+    if (!options.answers.empty())
+        DoWithoutWindowManager();
 
     SPipe const output, error;
     STARTUPINFOA startup{};
