@@ -92,11 +92,6 @@ void CGlobalHeap::HookRelease(void* block)
 
 // ---- The record store ----
 
-void CGlobalHeap::PrefetchBucket(void const* block)
-{
-    static_cast<void>(block);
-}
-
 bool CGlobalHeap::GrowRecordStore()
 {
     u64 const oldCount = GetRecordChunkCount();
@@ -161,7 +156,7 @@ void CGlobalHeap::GrowBuckets()
         }
     if (!wereOwn)
         m_hooks.free(oldBuckets);
-    m_buckets.larger = buckets;
+    std::atomic_ref(m_buckets.larger).store(buckets, std::memory_order_relaxed);
     m_bucketBits.store(newBits, std::memory_order_relaxed);
 }
 

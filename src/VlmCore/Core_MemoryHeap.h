@@ -218,9 +218,10 @@ private:
 
     [[nodiscard]] SAllocationRecord*& BucketOf(u64 address)
     {
-        if (m_bucketBits.load(std::memory_order_relaxed) == OwnBucketBits)
+        u32 const bits = m_bucketBits.load(std::memory_order_relaxed);
+        if (bits == OwnBucketBits)
             return m_buckets.own[((address >> 8) ^ address) & (OwnBucketCount - 1)];
-        return m_buckets.larger[GetLargerIndex(address, m_bucketBits.load(std::memory_order_relaxed))];
+        return GetLarger()[GetLargerIndex(address, bits)];
     }
 
     // Blocks lie at least 8, mostly 16 bytes apart; neighbours get neighbouring buckets, which suits the cache.
@@ -229,7 +230,19 @@ private:
         return ((address >> 4) ^ (address >> (4 + bits))) & ((u64{1} << bits) - 1);
     }
 
-    void PrefetchBucket(void const* block);
+    // Before the lock is taken, so that it is held while the memory answers, not while it is asked. The array may be
+    // replaced meanwhile: a prefetch of memory that is gone does no harm.
+    void PrefetchBucket(void const* block)
+    {
+        u32 const bits = m_bucketBits.load(std::memory_order_relaxed);
+        if (bits != OwnBucketBits)
+            __builtin_prefetch(GetLarger() + GetLargerIndex(reinterpret_cast<u64>(block), bits), 1);
+    }
+
+    [[nodiscard]] SAllocationRecord** GetLarger()
+    {
+        return std::atomic_ref(m_buckets.larger).load(std::memory_order_relaxed);
+    }
 
     void Link(SAllocationRecord* record)
     {
