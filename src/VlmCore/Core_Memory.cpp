@@ -164,13 +164,20 @@ void Purge()
 {
     if (g_heapModule.FetchHeap().IsPassthrough())
         return;
-    g_heapModule.VisitPools([](auto* pool) {
-        using Pool = std::remove_pointer_t<decltype(pool)>;
-        static_assert(sizeof(TPurgeJob<Pool>) == 8);
-        TPurgeJob<Pool>* const job = New<TPurgeJob<Pool>>(EHeap::General);
-        job->Execute();
-        Delete(job);
+    CThreadPool workers;
+    g_heapModule.VisitPools([&](auto* pool) {
+        using Job = TPurgeJob<std::remove_pointer_t<decltype(pool)>>;
+        static_assert(sizeof(Job) == 8);
+        Job* const job = New<Job>(EHeap::General);
+        try {
+            workers.PushJob(job);
+        }
+        catch (...) {
+            Delete(job);
+            throw;
+        }
     });
+    workers.WaitForJobs();
 }
 
 bool GetStatistics(SStatistics& statistics)

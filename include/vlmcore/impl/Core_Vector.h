@@ -16,8 +16,8 @@ namespace Velmor {
 /// an Append. Growth is by half of the capacity.
 ///
 /// \tparam T          element type; moved when the array grows (copied when it cannot be moved).
-/// \tparam Alignment  alignment in bytes that the storage asks for: 1, 4, 8 or 16; chooses the heap kind. Storage is
-///                    never less aligned than T needs.
+/// \tparam Alignment  alignment in bytes that the storage asks for: 1, 4, 8 or 16; chooses the heap kind: Pool, Pool4,
+///                    Pool8 or Pool16. Types that need 16 bytes get them whatever is asked for.
 template <class T, u64 Alignment = 1>
 class TVector {
     static_assert(Alignment == 1 || Alignment == 4 || Alignment == 8 || Alignment == 16);
@@ -114,11 +114,11 @@ public:
 
 private:
     static constexpr u64 LargestCount = (u64{1} << 60) / sizeof(T);
-    static constexpr u64 EffectiveAlignment = alignof(T) > Alignment ? alignof(T) : Alignment;
-    static constexpr EHeap::Type Heap = EffectiveAlignment <= 2   ? EHeap::Pool
-                                        : EffectiveAlignment <= 4 ? EHeap::Pool4
-                                        : EffectiveAlignment <= 8 ? EHeap::Pool8
-                                                                  : EHeap::Pool16;
+    // Blocks of EHeap::Pool are as aligned as the malloc hook's, which suits every type up to 8 bytes.
+    static constexpr EHeap::Type Heap = alignof(T) > 8 || Alignment == 16 ? EHeap::Pool16
+                                        : Alignment == 8                  ? EHeap::Pool8
+                                        : Alignment == 4                  ? EHeap::Pool4
+                                                                          : EHeap::Pool;
 
     template <class Source>
     T& AppendAny(Source&& element)
