@@ -3,6 +3,7 @@
 /// exhaustion as CBadAllocation, leaving the container as it was.
 #pragma once
 
+#include <vlmcore/impl/Core_Allocator.h>
 #include <vlmcore/impl/Core_Delegate.h>
 #include <vlmcore/impl/Core_Map.h>
 #include <vlmcore/impl/Core_UniquePtr.h>
