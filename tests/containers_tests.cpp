@@ -282,8 +282,7 @@ TEST(Delegate, LargerCallablesLiveInThePool)
     u64 const live = GetStatistics().pools[3].liveCount;
     {
         std::string const text = "a text that is too long for any small buffer";
-        u64 const more = 5;
-        TDelegate<std::string()> first = [text, more] { return text + std::to_string(more); };
+        TDelegate<std::string()> first = [text, more = u64{5}] { return text + std::to_string(more); };
         EXPECT_EQ(GetStatistics().pools[3].liveCount, live + 1);
         TDelegate<std::string()> second = first;
         EXPECT_EQ(GetStatistics().pools[3].liveCount, live + 2);
@@ -339,10 +338,9 @@ TEST(Delegate, TakesFunctionsAndReferences)
 TEST_F(FailingHeap, ADelegateThatCannotAllocateThrows)
 {
     std::string const text(100, 'x');
-    u64 const padding = 1;
     TDelegate<u64()> delegate = [] { return u64{7}; };
     CCountingHooks::FailFrom(1);
-    auto const large = [text, padding] { return text.size() + padding; };
+    auto const large = [text, padding = u64{1}] { return text.size() + padding; };
     EXPECT_THROW(delegate = TDelegate<u64()>(large), std::bad_alloc);
     EXPECT_EQ(delegate(), 7u);
 }
