@@ -33,10 +33,10 @@ public:
     // Blocks of all kinds and classes, past the first growth of the record store, resized, purged and freed.
     void Run()
     {
-        for (u64 index = 0; index < 600; ++index)
-            Allocate(1 + index * 7 % 1400, static_cast<EHeap::Type>(index % 5));
+        for (u64 index = 0; index < 540; ++index)
+            Allocate(index % 8 == 0 ? 1 + index * 7 % 1400 : 1 + index % 60, static_cast<EHeap::Type>(index % 5));
         CheckAll();
-        for (u64 index = 0; index < m_blocks.size(); index += 3)
+        for (u64 index = 0; index < m_blocks.size(); index += 5)
             Resize(m_blocks[index], 1 + (m_blocks[index].size * 5 + 11) % 3000);
         CheckAll();
         for (u64 index = 0; index < m_blocks.size(); index += 2) {
