@@ -1,11 +1,13 @@
 #include "Core_JSONFile.h"
 
 #include "Core_Log.h"
+#include "platform/Platform_WholeWrite.h"
 
 #include <vlmcore/debug.h>
 
 #include <algorithm>
 #include <cstring>
+#include <typeinfo>
 
 namespace Velmor {
 
@@ -19,9 +21,15 @@ void ReportLoss(u64 size)
     Debug::Print("Memory log: the file did not take %llu bytes.\n", static_cast<unsigned long long>(size));
 }
 
+/// A class derived from the native file may write in a way of its own.
+[[nodiscard]] bool IsNativeFile(IFile const* file)
+{
+    return file != nullptr && typeid(*file) == typeid(CNativeFile);
+}
+
 } // namespace
 
-CJSONFile::CJSONFile(TResourcePtr<IFile> const& file) : m_file(file)
+CJSONFile::CJSONFile(TResourcePtr<IFile> const& file) : m_file(file), m_isNative(IsNativeFile(file.Get()))
 {
     try {
         if (m_file) {
@@ -141,13 +149,21 @@ bool CJSONFile::Open()
 bool CJSONFile::WriteAll(char const* data, u64 size)
 {
     while (size > 0) {
-        u64 const taken = std::min(m_file->Write(data, size), size);
+        u64 const taken = std::min(WriteSome(data, size), size);
         if (taken == 0)
             return false;
         data += taken;
         size -= taken;
     }
     return true;
+}
+
+u64 CJSONFile::WriteSome(char const* data, u64 size)
+{
+    if (!m_isNative || !Platform::CanKillCutWrite(m_position, size))
+        return m_file->Write(data, size);
+    u64 done = 0;
+    return Platform::WriteFileWhole(m_file->GetNativeHandle(), data, size, done) == 0 ? done : 0;
 }
 
 } // namespace Velmor

@@ -13,9 +13,9 @@ namespace Velmor {
 /// the items and a new trailer, after which the position moves back to the trailer. Whatever ends the process, the file
 /// is whole: before the write or after it.
 ///
-/// Items are collected until they would leave the file's current page. A kill that arrives during a write takes effect
-/// between two pages of it, so what lies in one page is written whole or not at all; only the item on the border of two
-/// pages is exposed, and it is written alone.
+/// Items are collected until they would leave the file's current page. Where a kill can cut a write, it cuts between
+/// two pages: what lies in one page is written whole or not at all, and only the item on the border of two pages, alone,
+/// takes the dearer way of Platform_WholeWrite.h. That works for files of the system; others end with the process.
 ///
 /// Errors: nothing throws but what builds the text. A file that fails loses the items it was given; the trailer is put
 /// back, now or before the next write, and the loss is reported with Debug::Print. No file: everything is discarded.
@@ -41,8 +41,10 @@ private:
     [[nodiscard]] bool TryRepair() noexcept;
     [[nodiscard]] bool Open();
     [[nodiscard]] bool WriteAll(char const* data, u64 size);
+    [[nodiscard]] u64 WriteSome(char const* data, u64 size);
 
     TResourcePtr<IFile> m_file;
+    bool m_isNative; ///< the file is the library's own native file
     CJSONText m_text;
     u64 m_itemStart = 0;
     u64 m_position = 0;       ///< of the trailer in the file; of the opening before there is one

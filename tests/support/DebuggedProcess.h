@@ -40,6 +40,12 @@ struct SChildOptions {
     std::string program;                                            ///< executable; empty: this test program
     std::vector<EAnswer> answers;                                   ///< one for each question the child will ask
     unsigned timeoutSeconds = 60;                                   ///< then the child is killed
+    unsigned killAfterMilliseconds = 0;                             ///< when not 0, takes the place of the timeout
+
+    [[nodiscard]] unsigned GetTimeoutMilliseconds() const
+    {
+        return killAfterMilliseconds != 0 ? killAfterMilliseconds : timeoutSeconds * 1000;
+    }
 };
 
 /// What became of a child.

@@ -108,7 +108,7 @@ DWORD OnException(HANDLE process, EXCEPTION_RECORD const& record, bool& seenStar
 /// The debugger: runs until the process has ended or its time is over.
 void Debug(PROCESS_INFORMATION const& child, SChildOptions const& options, SChildResult& result)
 {
-    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.timeoutSeconds);
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(options.GetTimeoutMilliseconds());
     bool seenStart = false;
     for (bool ended = false; !ended;) {
         DEBUG_EVENT event;
@@ -261,7 +261,7 @@ SChildResult RunProgram(std::string const& program, std::vector<std::string> con
     std::thread user([&] { AnswerBoxes(child, options.answers, result); });
     if (options.debugged)
         Debug(child, options, result);
-    else if (::WaitForSingleObject(child.hProcess, options.timeoutSeconds * 1000) == WAIT_TIMEOUT) {
+    else if (::WaitForSingleObject(child.hProcess, options.GetTimeoutMilliseconds()) == WAIT_TIMEOUT) {
         result.timedOut = true;
         ::TerminateProcess(child.hProcess, 253);
     }

@@ -1,0 +1,126 @@
+// A process that is killed while it records leaves two whole JSON documents behind.
+#include "StrictJSON.h"
+#include "support/DebuggedProcess.h"
+
+#include <vlmcore/logging.h>
+#include <vlmcore/memory.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <thread>
+
+namespace {
+
+using namespace Velmor;
+using VlmTest::CStrictJSON;
+using VlmTest::SJSONValue;
+
+constexpr char const* EventsPath = "memory_log_kill_events.json";
+constexpr char const* StacksPath = "memory_log_kill_stacks.json";
+
+/// Allocates and frees at a call site of its own for each depth.
+[[gnu::noinline]] void AllocateAt(int depth)
+{
+    if (depth > 0)
+        AllocateAt(depth - 1);
+    void* const block = Memory::Malloc(static_cast<u64>(depth) * 10 + 1, EHeap::Pool);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    Memory::Free(block);
+}
+
+/// The argument: capacity. "once" as the second argument ends after one event.
+VLMCORE_CHILD(RecordsUntilKilled)
+{
+    auto const& arguments = TestSupport::GetChildArguments();
+    Memory::Initialize(0, 0);
+    CFileMemoryLogger logger(EventsPath, StacksPath, std::stoull(arguments[0]));
+    Memory::InitializeLog(&logger);
+    if (arguments.size() > 1) {
+        AllocateAt(0);
+        Memory::ReleaseLog();
+        return 0;
+    }
+    auto const allocateForEver = [] {
+        for (;;)
+            AllocateAt(12);
+    };
+    std::thread second(allocateForEver);
+    allocateForEver();
+    return 0;
+}
+
+[[nodiscard]] unsigned GetStress()
+{
+    char const* const text = std::getenv("VLMCORE_STRESS");
+    return text != nullptr ? static_cast<unsigned>(std::max(1, std::atoi(text))) : 1;
+}
+
+[[nodiscard]] std::string ReadAll(char const* path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Kills children at random moments of their work; `capacity` is the logger's.
+void KillWhileRecording(char const* capacity)
+{
+    using Clock = std::chrono::steady_clock;
+    using std::chrono::duration_cast;
+    using std::chrono::milliseconds;
+    auto const start = Clock::now();
+    ASSERT_EQ(TestSupport::RunChild("RecordsUntilKilled", {capacity, "once"}).exitCode, 0u);
+    unsigned const startup = static_cast<unsigned>(duration_cast<milliseconds>(Clock::now() - start).count());
+    unsigned const rounds = std::clamp(4000 / (startup + 75), 10u, 100u) * GetStress();
+
+    std::mt19937 random(std::random_device{}());
+    unsigned recorded = 0;
+    for (unsigned round = 0; round < rounds; ++round) {
+        TestSupport::SChildOptions options;
+        options.arguments = {capacity};
+        options.killAfterMilliseconds = startup + 1 + static_cast<unsigned>(random() % 150);
+        auto const child = TestSupport::RunChild("RecordsUntilKilled", options);
+        ASSERT_TRUE(child.timedOut) << "ended by itself with " << child.exitCode;
+        std::string const events = ReadAll(EventsPath);
+        std::string const stacks = ReadAll(StacksPath);
+        // A child that a busy machine has not even let open its files has nothing to show.
+        if (stacks.empty())
+            continue;
+        SJSONValue eventDocument;
+        SJSONValue stackDocument;
+        ASSERT_NO_THROW(eventDocument = CStrictJSON::Parse(events)) << "round " << round;
+        ASSERT_NO_THROW(stackDocument = CStrictJSON::Parse(stacks)) << "round " << round;
+        std::string lastStack;
+        for (SJSONValue const& stack : stackDocument["Data"].items)
+            lastStack += " " + stack["CSHash"].text;
+        recorded += stackDocument["Data"].items.empty() ? 0 : 1;
+        if (!eventDocument["Data"].items.empty()) {
+            // The stacks of the events that made it made it too.
+            std::string const hash = eventDocument["Data"].items.back()["CSHash"].text;
+            EXPECT_NE(lastStack.find(" " + hash), std::string::npos);
+        }
+    }
+    EXPECT_GT(recorded, rounds / 4) << "too few children came as far as recording";
+    std::printf("%u of %u children were killed while recording\n", recorded, rounds);
+    std::remove(EventsPath);
+    std::remove(StacksPath);
+}
+
+TEST(MemoryLogKill, BufferedDocumentsAreWhole)
+{
+    KillWhileRecording("4096");
+}
+
+TEST(MemoryLogKill, UnbufferedDocumentsAreWhole)
+{
+    KillWhileRecording("0");
+}
+
+} // namespace
