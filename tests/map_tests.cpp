@@ -179,7 +179,7 @@ TEST(Map, RandomStepsAgreeWithAStandardMap)
     std::map<u32, u64> expected;
     u64 const steps = 200000 * Scale();
     for (u64 step = 0; step < steps; ++step) {
-        u32 const key = random() % 700;
+        u32 const key = static_cast<u32>(random() % 700);
         switch (random() % 3) {
         case 0: {
             auto const mine = map.Insert(key, step);

@@ -318,7 +318,7 @@ TYPED_TEST(WeakTypeStorage, RandomStepsAgreeWithAStandardMap)
     IWeakTypeStorage& variables = storage;
     std::map<u32, int> expected;
     for (u64 step = 0; step < steps; ++step) {
-        u32 const id = random() % 90;
+        u32 const id = static_cast<u32>(random() % 90);
         switch (random() % 4) {
         case 0:
             variables[id] = CWeakType(static_cast<int>(step));
