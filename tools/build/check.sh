@@ -14,7 +14,7 @@ command_check() {
     say "check: documents"
     python3 tools/checks/documents.py || failed=1
     say "check: docstrings"
-    tools/checks/docstrings.sh || failed=1
+    python3 tools/checks/docstrings.py || failed=1
     ((failed == 0)) || { echo "Checks failed" >&2; exit 1; }
     say "All checks passed"
 }

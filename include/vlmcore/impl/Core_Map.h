@@ -65,9 +65,10 @@ public:
     /// What an iterator shows: the key and the value of one element, in place.
     template <class Value>
     struct TEntry {
-        K const& key;
-        Value& value;
+        K const& key; ///< never changes
+        Value& value; ///< in place
     };
+    /// Entry and iterator of a map, and of a map that is const.
     using SEntry = TEntry<V>;
     using SConstEntry = TEntry<V const>;
     using Iterator = TIterator<false>;
