@@ -21,7 +21,7 @@ SProcessorFeatures AskProcessor()
 
     SProcessorFeatures features{};
     features.carrylessMultiply = has(basic, 1) && has(basic, 9) && has(basic, 19);
-    features.avx2 = avxSaved && has(extended.ebx, 5);
+    features.avx2 = avxSaved && has(extended.ebx, 5) && has(extended.ebx, 3) && has(extended.ebx, 8);
     features.avx512 = avx512Saved && features.avx2 && has(extended.ebx, 16) && has(extended.ebx, 17) &&
                       has(extended.ebx, 30) && has(extended.ebx, 31);
     features.wideCarrylessMultiply = features.avx512 && features.carrylessMultiply && has(extended.ecx, 10);

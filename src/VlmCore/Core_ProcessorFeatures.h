@@ -14,7 +14,7 @@ namespace Velmor {
 /// True when the processor has the instructions and the system saves their registers.
 struct SProcessorFeatures {
     bool carrylessMultiply;     ///< PCLMULQDQ with SSSE3 and SSE4.1
-    bool avx2;                  ///< AVX2
+    bool avx2;                  ///< AVX2, and BMI1 and BMI2, which came with it
     bool avx512;                ///< AVX-512 F, BW, DQ and VL
     bool wideCarrylessMultiply; ///< VPCLMULQDQ on 512-bit registers
 };

@@ -94,12 +94,11 @@ CXMLTokenizer::EOutcome CXMLTokenizer::Run()
 void CXMLTokenizer::Scan()
 {
     XMLWalk const walk = chosenWalk.load(std::memory_order_relaxed);
-    SXMLTable table;
     u64 offset = 0;
     do {
         if (walk != nullptr && CanWalk(offset)) {
             SCursor cursor{m_stream.m_state, m_stream.m_mark};
-            offset = walk(*this, table, cursor);
+            offset = walk(*this, cursor);
             m_stream.m_state = cursor.state;
             m_stream.m_mark = cursor.mark;
             m_stream.m_committed = cursor.mark;
@@ -110,7 +109,8 @@ void CXMLTokenizer::Scan()
 /// True where a state has just begun, nothing of its token is matched yet, and no attribute is open.
 bool CXMLTokenizer::CanWalk(u64 offset) const
 {
-    return offset == m_stream.m_mark && m_stream.m_mark == m_stream.m_committed && !m_stream.m_insideLongReference;
+    return m_size >= XMLWalkMinimum && offset == m_stream.m_mark && m_stream.m_mark == m_stream.m_committed &&
+           !m_stream.m_insideLongReference;
 }
 
 /// The plain scan, from a character on where no pattern is matched in part, up to the next delimiter. False at the end of

@@ -99,32 +99,13 @@ private:
     u32 m_pendingBegin = 0; // begin of what may become a delimiter or a character, when the scan has ended
 };
 
-/// What the fast walk knows of the characters of a stretch of the buffer: a bit per byte and question.
-struct SXMLTable {
-    struct alignas(64) SBlock {
-        u64 open;         // "<"
-        u64 nameEnd;      // of elements: white space, ">", "/"
-        u64 attributeEnd; // white space, "=", ">"
-        u64 valueEnd;     // quotes, ">"
-        u64 nonspace;     // all but white space
-        u64 ampersand;    // "&"
-        u64 high;         // no ASCII
-        u64 suspect;      // see Core_XMLWalk.h
-    };
-    static constexpr u64 BlockSize = 64;
-    static constexpr u64 BlockCount = 32;
+/// A fast walk: takes tokens from cursor.mark on and returns from where, at the begin of a character, the plain scan goes
+/// on. The buffer has at least XMLWalkMinimum bytes.
+using XMLWalk = u64 (*)(CXMLTokenizer& tokenizer, CXMLTokenizer::SCursor& cursor);
+inline constexpr u32 XMLWalkMinimum = 128;
 
-    u64 begin = 0; // offset of the first byte
-    u64 end = 0;   // offset behind the last one
-    SBlock blocks[BlockCount + 1];
-};
-
-/// A fast walk: takes tokens from cursor.mark on and returns from where, at the begin of a character with nothing matched
-/// yet, the plain scan goes on. The table is the walk's own, kept for the buffer.
-using XMLWalk = u64 (*)(CXMLTokenizer& tokenizer, SXMLTable& table, CXMLTokenizer::SCursor& cursor);
-
-u64 WalkXMLBaseline(CXMLTokenizer& tokenizer, SXMLTable& table, CXMLTokenizer::SCursor& cursor);
-u64 WalkXMLAVX2(CXMLTokenizer& tokenizer, SXMLTable& table, CXMLTokenizer::SCursor& cursor);
+u64 WalkXMLBaseline(CXMLTokenizer& tokenizer, CXMLTokenizer::SCursor& cursor);
+u64 WalkXMLAVX2(CXMLTokenizer& tokenizer, CXMLTokenizer::SCursor& cursor);
 
 /// The walk that this processor is best at.
 [[nodiscard]] XMLWalk ChooseXMLWalk();

@@ -8,7 +8,7 @@
 namespace Velmor {
 namespace {
 
-#define XML_TARGET VLM_TARGET("avx2")
+#define XML_TARGET VLM_TARGET("avx2,bmi,bmi2")
 #define XML_VECTOR_FUNCTION XML_TARGET inline __attribute__((always_inline))
 
 /// 64 bytes of text; each question is answered with a bit per byte.
