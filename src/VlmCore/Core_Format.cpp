@@ -6,6 +6,7 @@
 #include "Core_NumberText.h"
 
 #include <cstring>
+#include <utility>
 
 namespace Velmor::Impl {
 namespace {
@@ -91,18 +92,33 @@ public:
     [[nodiscard]] u64 Measure()
     {
         u64 size = 0;
-        Walk([&](u8 const*, u64 literalSize) { Add(size, literalSize); },
-             [&](u32 codePoint) { Add(size, Rules::GetWrittenSize(codePoint)); },
-             [&](u64 slot, bool hex) { Add(size, Resolve(slot, hex).size); });
-        return size;
+        for (u8 const* position = m_text;;) {
+            u8 const* const start = position;
+            // Made where it stays: copying what was just written in parts is what costs here.
+            SPiece& piece = m_pieces[m_pieceCount];
+            if (!Next(position, piece))
+                return size;
+            // Keeps room for the terminator; no real message comes near.
+            if (piece.size > ~u64{0} - Rules::UnitSize - size) [[unlikely]]
+                throw CBadAllocation();
+            size += piece.size;
+            if (m_pieceCount < PieceCapacity) [[likely]]
+                ++m_pieceCount;
+            else if (m_rest == nullptr)
+                m_rest = start;
+        }
     }
 
     /// Writes the measured message, which must fit with its terminator.
     void Write(u8* out)
     {
-        Walk([&](u8 const* literal, u64 size) { out = Append(out, literal, size); },
-             [&](u32 codePoint) { out = Rules::Write(codePoint, out); },
-             [&](u64 slot, bool hex) { out = WriteSlot(m_renderings[slot][hex], slot, out); });
+        for (u64 i = 0; i < m_pieceCount; ++i)
+            out = WritePiece(m_pieces[i], out);
+        if (m_rest != nullptr) [[unlikely]] {
+            SPiece piece;
+            for (u8 const* position = m_rest; Next(position, piece);)
+                out = WritePiece(piece, out);
+        }
         Encodings::Store(out, Unit{0});
     }
 
@@ -111,30 +127,15 @@ public:
     u64 WriteCut(u8* const start, u64 room)
     {
         u8* out = start;
-        bool full = false;
-        auto const append = [&](u8 const* piece, u64 size) {
-            if (full)
-                return;
+        SPiece piece;
+        for (u8 const* position = m_text; Next(position, piece);) {
             u64 const left = room - static_cast<u64>(out - start);
-            full = size > left;
-            out = Append(out, piece, full ? CutCharacters(piece, left) : size);
-        };
-        Walk(
-            append,
-            [&](u32 codePoint) {
-                full = full || Rules::GetWrittenSize(codePoint) > room - static_cast<u64>(out - start);
-                if (!full)
-                    out = Rules::Write(codePoint, out);
-            },
-            [&](u64 slot, bool hex) {
-                SRendering& rendering = m_renderings[slot][hex];
-                if (full || rendering.text != nullptr)
-                    append(rendering.text, rendering.size);
-                else if (rendering.size + Rules::UnitSize <= room - static_cast<u64>(out - start))
-                    out = WriteSlot(rendering, slot, out);
-                else
-                    AppendConverted(rendering, slot, append);
-            });
+            if (piece.size > left) {
+                out = WriteStartOf(piece, left, out);
+                break;
+            }
+            out = WritePiece(piece, out);
+        }
         Encodings::Store(out, Unit{0});
         return static_cast<u64>(out - start);
     }
@@ -146,39 +147,53 @@ private:
         u64 size;
     };
 
-    static void Add(u64& sum, u64 size)
+    /// What the message is put together from.
+    struct SPiece {
+        u8 const* text; ///< units to copy; null for the two others
+        u64 size;       ///< bytes that it takes up in the message
+        u32 codePoint;  ///< a character that the encoder writes; 0 when it is none
+        u32 slot;       ///< a string of another encoding, in its plain form
+    };
+
+    /// The next piece of the template at `position`, which steps behind it. False at the end.
+    bool Next(u8 const*& position, SPiece& piece)
     {
-        // Keeps room for the terminator; no real message comes near.
-        if (size > ~u64{0} - Rules::UnitSize - sum)
-            throw CBadAllocation();
-        sum += size;
+        u8 const* const start = position;
+        u8 const* end = start;
+        Unit unit;
+        while (IsPlain(unit = Encodings::Load<Unit>(end)))
+            end += Rules::UnitSize;
+        if (end != start) {
+            SetText(piece, start, static_cast<u64>(end - start));
+            position = end;
+            return true;
+        }
+        if (unit == '%') [[likely]] {
+            u32 const slot = u32{Encodings::Load<Unit>(start + Rules::UnitSize)} - '1';
+            if (slot < SlotCount) [[likely]] {
+                position = start + 2 * Rules::UnitSize;
+                SetSlot(piece, slot, false);
+                return true;
+            }
+        }
+        return unit != 0 && NextByCharacter(position, piece);
     }
 
-    /// Takes the template apart: literal(units, bytes) for text that is copied, character(code point) for a character
-    /// that the encoder writes, slot(index, hex) for a placeholder.
-    template <class Literal, class Character, class Slot>
-    void Walk(Literal&& literal, Character&& character, Slot&& slot)
+    /// Next where it takes more than a glance at the units: by decoded characters.
+    [[gnu::noinline]] bool NextByCharacter(u8 const*& position, SPiece& piece)
     {
-        u8 const* position = m_text;
-        for (;;) {
-            u8 const* const run = position;
-            while (IsPlain(Encodings::Load<Unit>(position)))
-                position += Rules::UnitSize;
-            if (position != run)
-                literal(run, static_cast<u64>(position - run));
-            if (Encodings::IsEnd<Rules>(position))
-                return;
+        while (!Encodings::IsEnd<Rules>(position)) {
+            u8 const* const start = position;
             Encodings::SCharacter read = Rules::Read(position);
+            position += read.size;
             if (read.codePoint != '%') {
                 // What decodes to 0 without being the terminator has no written form of its own: it stays as it is.
                 if (read.codePoint == 0)
-                    literal(position, read.size);
+                    SetText(piece, start, read.size);
                 else
-                    character(read.codePoint);
-                position += read.size;
-                continue;
+                    piece = CharacterPiece(read.codePoint);
+                return true;
             }
-            position += read.size;
             read = Rules::Read(position);
             bool const hex = read.codePoint == 'x';
             if (hex) {
@@ -186,13 +201,65 @@ private:
                 read = Rules::Read(position);
             }
             if (Encodings::IsEnd<Rules>(position))
-                return;
+                return false;
             position += read.size;
-            if (read.codePoint == '%')
-                character('%');
-            else if (read.codePoint - '1' < SlotCount)
-                slot(read.codePoint - '1', hex);
+            u32 const slot = read.codePoint - '1';
+            if (read.codePoint == '%') {
+                piece = CharacterPiece('%');
+                return true;
+            }
+            if (slot < SlotCount) {
+                SetSlot(piece, slot, hex);
+                return true;
+            }
+            // An unknown selector is dropped; the walk goes on behind it.
         }
+        return false;
+    }
+
+    static void SetText(SPiece& piece, u8 const* text, u64 size)
+    {
+        piece.text = text;
+        piece.size = size;
+        piece.codePoint = 0;
+    }
+
+    void SetSlot(SPiece& piece, u32 slot, bool hex)
+    {
+        SRendering const& rendering = Resolve(slot, hex);
+        SetText(piece, rendering.text, rendering.size);
+        piece.slot = slot;
+    }
+
+    static SPiece CharacterPiece(u32 codePoint) { return {nullptr, Rules::GetWrittenSize(codePoint), codePoint, 0}; }
+
+    /// Writes a piece where it fits. A text of another encoding is converted in place, together with a terminator that
+    /// the next piece overwrites, and copied from there when it is named again.
+    u8* WritePiece(SPiece const& piece, u8* out)
+    {
+        if (piece.text != nullptr)
+            return Append(out, piece.text, piece.size);
+        if (piece.codePoint != 0)
+            return Rules::Write(piece.codePoint, out);
+        SRendering& rendering = m_renderings[piece.slot][0];
+        if (rendering.text != nullptr)
+            return Append(out, rendering.text, piece.size);
+        ConvertSlot(piece.slot, out);
+        rendering.text = out;
+        return out + piece.size;
+    }
+
+    /// Writes the whole characters of a piece that fit into `room` bytes, which is less than the piece has.
+    u8* WriteStartOf(SPiece const& piece, u64 room, u8* out) const
+    {
+        if (piece.codePoint != 0)
+            return out;
+        u8 const* const text = piece.text != nullptr ? piece.text : m_renderings[piece.slot][0].text;
+        if (text != nullptr)
+            return Append(out, text, CutCharacters(text, room));
+        CScratch const scratch(piece.size + Rules::UnitSize);
+        ConvertSlot(piece.slot, scratch.Get());
+        return Append(out, scratch.Get(), CutCharacters(scratch.Get(), room));
     }
 
     /// The slot's rendering, made when it is first asked for.
@@ -252,11 +319,15 @@ private:
     static SRendering RenderText(IString const& text)
     {
         // Asked first: a null string may report the size of what it held before.
-        if (text.IsEmpty())
+        u8 const* const data = static_cast<u8 const*>(text.GetData());
+        if (data == nullptr)
             return {Nothing, 0};
-        bool const own = Encodings::Normalize(text.GetEncoding()) == Rules::Encoding;
-        u64 const size = own ? text.GetAllocatedSize() : text.GetAllocatedSizeAs(Rules::Encoding);
-        return {own ? static_cast<u8 const*>(text.GetData()) : nullptr, size - Rules::UnitSize};
+        if (Encodings::Normalize(text.GetEncoding()) == Rules::Encoding) {
+            u64 const size = Encodings::IsEnd<Rules>(data) ? 0 : text.GetAllocatedSize() - Rules::UnitSize;
+            return {data, size};
+        }
+        return text.IsEmpty() ? SRendering{Nothing, 0}
+                              : SRendering{nullptr, text.GetAllocatedSizeAs(Rules::Encoding) - Rules::UnitSize};
     }
 
     template <class Action>
@@ -272,26 +343,6 @@ private:
         WithText(m_arguments[slot], [out](IString const& text) { text.CopyAs(Rules::Encoding, out, false); });
     }
 
-    /// Writes a rendering where it fits, together with a terminator that the next piece overwrites. A text of another
-    /// encoding is converted in place, and copied from there when it is named again.
-    u8* WriteSlot(SRendering& rendering, u64 slot, u8* out) const
-    {
-        if (rendering.text != nullptr)
-            return Append(out, rendering.text, rendering.size);
-        ConvertSlot(slot, out);
-        rendering.text = out;
-        return out + rendering.size;
-    }
-
-    /// A text of another encoding that has to be cut is converted aside first.
-    template <class AppendPiece>
-    void AppendConverted(SRendering const& rendering, u64 slot, AppendPiece&& append) const
-    {
-        CScratch const scratch(rendering.size + Rules::UnitSize);
-        ConvertSlot(slot, scratch.Get());
-        append(scratch.Get(), rendering.size);
-    }
-
     /// Bytes of the whole characters at the start of a piece that end within `room`, which is less than the piece has.
     static u64 CutCharacters(u8 const* piece, u64 room)
     {
@@ -302,10 +353,15 @@ private:
     }
 
     static constexpr u8 Nothing[1] = {0};
+    /// Pieces that Measure remembers; templates with more are taken apart twice.
+    static constexpr u64 PieceCapacity = 24;
 
     u8 const* m_text;
     SFormatArgument const* m_arguments;
     u64 m_count;
+    u8 const* m_rest = nullptr; ///< where the pieces ended, if the template goes on
+    u64 m_pieceCount = 0;
+    SPiece m_pieces[PieceCapacity + 1];    ///< not initialised beyond m_pieceCount
     u32 m_known = 0;                       ///< bit 2 * slot + form: the entry of m_renderings is set
     SRendering m_renderings[SlotCount][2]; ///< plain, hexadecimal; not initialised, see m_known
     u8 m_numbers[SlotCount][2][NumberText::IntegerCapacity * Rules::UnitSize];
@@ -314,14 +370,17 @@ private:
 /// True when every byte is ASCII.
 bool IsASCII(u8 const* text, u64 size)
 {
-    constexpr u64 upperBits = 0x8080'8080'8080'8080;
     u64 seen = 0;
-    u64 position = 0;
-    for (; position + 8 <= size; position += 8)
-        seen |= Encodings::Load<u64>(text + position);
-    for (; position < size; ++position)
-        seen |= text[position];
-    return (seen & upperBits) == 0;
+    if (size >= 8) {
+        for (u64 position = 0; position + 8 < size; position += 8)
+            seen |= Encodings::Load<u64>(text + position);
+        seen |= Encodings::Load<u64>(text + size - 8);
+    }
+    else {
+        for (u64 position = 0; position < size; ++position)
+            seen |= text[position];
+    }
+    return (seen & 0x8080'8080'8080'8080) == 0;
 }
 
 } // namespace

@@ -131,15 +131,36 @@ constexpr u32 CountHex(u64 value)
     return 2 + CountHexDigits(value);
 }
 
+/// The 256 pairs "00" to "FF".
+struct SHexPairs {
+    char text[512];
+};
+constexpr SHexPairs MakeHexPairs()
+{
+    SHexPairs pairs{};
+    for (u32 i = 0; i < 256; ++i) {
+        pairs.text[2 * i] = "0123456789ABCDEF"[i / 16];
+        pairs.text[2 * i + 1] = "0123456789ABCDEF"[i % 16];
+    }
+    return pairs;
+}
+inline constexpr SHexPairs HexPairs = MakeHexPairs();
+
 /// Writes "0x" and the upper-case digits so that they end before `end`.
 inline void WriteHex(u64 value, char* end)
 {
-    u32 const count = CountHexDigits(value);
-    char* const first = end - count;
-    for (u32 i = 0; i < count; ++i, value >>= 4)
-        *--end = "0123456789ABCDEF"[value & 15];
-    first[-2] = '0';
-    first[-1] = 'x';
+    for (; value >= 0x100; value >>= 8) {
+        end -= 2;
+        std::memcpy(end, HexPairs.text + 2 * (value & 0xFF), 2);
+    }
+    if (value >= 0x10) {
+        end -= 2;
+        std::memcpy(end, HexPairs.text + 2 * value, 2);
+    }
+    else {
+        *--end = HexPairs.text[2 * value + 1];
+    }
+    std::memcpy(end - 2, "0x", 2);
 }
 
 /// Write the text of a float and return its characters, FloatCapacity or DoubleCapacity at most. No terminator.

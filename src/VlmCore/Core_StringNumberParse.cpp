@@ -18,6 +18,43 @@ public:
         return character.codePoint;
     }
 
+    /// Takes in the plain decimal digits at the position, and returns how many there were.
+    u64 ReadDigits(u64& value)
+    {
+        using Unit = typename Rules::Unit;
+        u8 const* const start = m_next;
+        auto const digit = [this](u64 index) {
+            return u32{Encodings::Load<Unit>(m_next + index * Rules::UnitSize)} - '0';
+        };
+        // Four at a time, so that they do not wait for each other; none is read behind one that is no digit.
+        for (;;) {
+            u32 const a = digit(0);
+            if (a >= 10)
+                break;
+            u32 const b = digit(1);
+            if (b >= 10) {
+                value = value * 10 + a;
+                m_next += Rules::UnitSize;
+                break;
+            }
+            u32 const c = digit(2);
+            if (c >= 10) {
+                value = value * 100 + (a * 10 + b);
+                m_next += 2 * Rules::UnitSize;
+                break;
+            }
+            u32 const d = digit(3);
+            if (d >= 10) {
+                value = value * 1000 + (a * 100 + b * 10 + c);
+                m_next += 3 * Rules::UnitSize;
+                break;
+            }
+            value = value * 10000 + ((a * 10 + b) * 100 + (c * 10 + d));
+            m_next += 4 * Rules::UnitSize;
+        }
+        return static_cast<u64>(m_next - start) / Rules::UnitSize;
+    }
+
 private:
     u8 const* m_next;
 };
@@ -62,6 +99,7 @@ u64 ReadUnsigned(TReader<Rules> reader, EBinaryEncoding::Type order)
 {
     u64 value = 0;
     for (;;) {
+        reader.ReadDigits(value);
         u32 const codePoint = reader.Read();
         u32 const digit = codePoint - '0';
         if (digit < 10)
@@ -81,7 +119,9 @@ f64 ReadDouble(TReader<Rules> reader)
     u64 whole = 0;
     u32 codePoint;
     for (;;) {
+        reader.ReadDigits(whole);
         codePoint = reader.Read();
+        // (A digit here is one that only decodes to one, from an overlong form.)
         if (codePoint - '0' < 10)
             whole = whole * 10 + (codePoint - '0');
         else if (codePoint != '-')
@@ -90,7 +130,12 @@ f64 ReadDouble(TReader<Rules> reader)
     u64 fraction = 0;
     f64 divisor = 1;
     if (codePoint == '.' || codePoint == ',') {
-        while ((codePoint = reader.Read()) - '0' < 10) {
+        for (;;) {
+            for (u64 count = reader.ReadDigits(fraction); count != 0; --count)
+                divisor *= 10;
+            codePoint = reader.Read();
+            if (codePoint - '0' >= 10)
+                break;
             fraction = fraction * 10 + (codePoint - '0');
             divisor *= 10;
         }

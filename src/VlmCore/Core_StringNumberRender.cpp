@@ -114,37 +114,60 @@ u64 WriteText(char const* ascii, u64 count, char* out, EStringEncoding::Type enc
     return count * width;
 }
 
-/// Renders what `write(value, end)` writes in `count` characters; UTF-8 directly in place.
-template <class Value>
-u64 Render(Value value, u32 count, void (*write)(Value, char*), char* out, u64 outSize, EStringEncoding::Type encoding)
+/// The three kinds of integer text: how many characters, and how they are written in front of an end.
+struct SSignedText {
+    static u32 Count(i64 value) { return CountInteger(value); }
+    static void Write(i64 value, char* end) { WriteInteger(value, end); }
+};
+struct SUnsignedText {
+    static u32 Count(u64 value) { return CountDigits(value); }
+    static void Write(u64 value, char* end) { WriteDigits(value, end); }
+};
+struct SHexText {
+    static u32 Count(u64 value) { return CountHex(value); }
+    static void Write(u64 value, char* end) { WriteHex(value, end); }
+};
+
+template <class Text, class Value>
+[[gnu::noinline]] u64 RenderWide(Value value, char* out, u64 outSize, EStringEncoding::Type encoding)
 {
+    u32 const count = Text::Count(value);
     if (!Fits(count, out, outSize, encoding))
         return 0;
-    if (encoding == EStringEncoding::UTF8) {
-        write(value, out + count);
-        out[count] = '\0';
-        return count;
-    }
     char ascii[IntegerCapacity];
-    write(value, ascii + count);
+    Text::Write(value, ascii + count);
     return WriteText(ascii, count, out, encoding);
+}
+
+/// UTF-8 is written in place, everything else by way of ASCII.
+template <class Text, class Value>
+inline u64 Render(Value value, char* out, u64 outSize, EStringEncoding::Type encoding)
+{
+    if (encoding != EStringEncoding::UTF8) [[unlikely]]
+        return RenderWide<Text>(value, out, outSize, encoding);
+    u32 const count = Text::Count(value);
+    if (out == nullptr || count >= outSize) [[unlikely]]
+        return 0;
+    Text::Write(value, out + count);
+    out[count] = '\0';
+    return count;
 }
 
 } // namespace
 
 u64 IString::FromInteger(i64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
 {
-    return Render(value, CountInteger(value), WriteInteger, out, outSize, encoding);
+    return Render<SSignedText>(value, out, outSize, encoding);
 }
 
 u64 IString::FromUnsignedInteger(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
 {
-    return Render(value, CountDigits(value), WriteDigits, out, outSize, encoding);
+    return Render<SUnsignedText>(value, out, outSize, encoding);
 }
 
 u64 IString::FromHex(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
 {
-    return Render(value, CountHex(value), WriteHex, out, outSize, encoding);
+    return Render<SHexText>(value, out, outSize, encoding);
 }
 
 u64 IString::FromFloat(f32 value, char* out, u64 outSize, EStringEncoding::Type encoding)
