@@ -1,0 +1,41 @@
+#include "support/Folders.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace TestSupport {
+
+namespace fs = std::filesystem;
+
+bool MakeLink(fs::path const& target, fs::path const& link)
+{
+    fs::create_symlink(target, link);
+    return true;
+}
+
+bool IsLink(fs::path const& path)
+{
+    return fs::is_symlink(path);
+}
+
+std::u16string UseDocumentsFolder(fs::path const& wanted)
+{
+    ::setenv("XDG_DOCUMENTS_DIR", wanted.c_str(), 1);
+    return ToText(wanted);
+}
+
+std::string FileNotFoundText()
+{
+    return std::strerror(ENOENT);
+}
+
+unsigned OpenHandleCount()
+{
+    unsigned count = 0;
+    for (fs::directory_entry const& entry : fs::directory_iterator("/proc/self/fd"))
+        count += entry.path().empty() ? 0 : 1;
+    return count;
+}
+
+} // namespace TestSupport

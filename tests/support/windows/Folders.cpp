@@ -1,0 +1,121 @@
+#include "support/Folders.h"
+
+#include <vector>
+
+#include <windows.h>
+
+#include <shlobj.h>
+#include <winioctl.h>
+
+namespace TestSupport {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool MakeSymbolicLink(fs::path const& target, fs::path const& link)
+{
+    constexpr DWORD AllowUnprivileged = 2;
+    DWORD const kind = fs::is_directory(target) ? SYMBOLIC_LINK_FLAG_DIRECTORY : 0;
+    return ::CreateSymbolicLinkW(link.c_str(), target.c_str(), kind | AllowUnprivileged) != FALSE && fs::exists(link);
+}
+
+// What the system keeps of a junction, as FSCTL_SET_REPARSE_POINT takes it.
+bool MakeJunction(fs::path const& target, fs::path const& link)
+{
+    if (!fs::is_directory(target) || !fs::create_directory(link))
+        return false;
+    std::wstring const substitute = L"\\??\\" + target.wstring();
+    WORD const bytes = static_cast<WORD>(substitute.size() * sizeof(wchar_t));
+    std::vector<WORD> data;
+    DWORD const tag = IO_REPARSE_TAG_MOUNT_POINT;
+    for (WORD const word :
+         {static_cast<WORD>(tag & 0xFFFF), static_cast<WORD>(tag >> 16), static_cast<WORD>(bytes + 12), WORD{0},
+          WORD{0}, bytes, static_cast<WORD>(bytes + 2), WORD{0}})
+        data.push_back(word);
+    for (wchar_t const unit : substitute)
+        data.push_back(unit);
+    data.push_back(0);
+    data.push_back(0);
+    HANDLE const handle = ::CreateFileW(link.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                        FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+    DWORD returned = 0;
+    bool const made =
+        handle != INVALID_HANDLE_VALUE &&
+        ::DeviceIoControl(handle, FSCTL_SET_REPARSE_POINT, data.data(), static_cast<DWORD>(data.size() * sizeof(WORD)),
+                          nullptr, 0, &returned, nullptr) != FALSE;
+    if (handle != INVALID_HANDLE_VALUE)
+        ::CloseHandle(handle);
+    if (!made)
+        fs::remove(link);
+    return made;
+}
+
+// Where Windows calls run on another system, that system's own tool makes its own kind of link.
+bool MakeHostLink(fs::path const& target, fs::path const& link)
+{
+    using ToHostName = char*(CDECL*)(wchar_t const*);
+    auto const toHostName = reinterpret_cast<ToHostName>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
+    if (toHostName == nullptr)
+        return false;
+    auto const hostName = [toHostName](fs::path const& path) {
+        char* const text = toHostName(path.c_str());
+        std::string const copy = text != nullptr ? text : "";
+        ::HeapFree(::GetProcessHeap(), 0, text);
+        return fs::path(copy).wstring();
+    };
+    std::wstring command = L"Z:\\bin\\ln -s \"" + hostName(target) + L"\" \"" + hostName(link.parent_path()) + L"/" +
+                           link.filename().wstring() + L"\"";
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process;
+    if (::CreateProcessW(L"Z:\\bin\\ln", command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                         &process) == FALSE)
+        return false;
+    ::WaitForSingleObject(process.hProcess, 10000);
+    ::CloseHandle(process.hThread);
+    ::CloseHandle(process.hProcess);
+    for (int attempt = 0; attempt < 200 && ::GetFileAttributesW(link.c_str()) == INVALID_FILE_ATTRIBUTES; ++attempt)
+        ::Sleep(10); // the tool may run on after its stand-in process has ended
+    return ::GetFileAttributesW(link.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+} // namespace
+
+bool MakeLink(fs::path const& target, fs::path const& link)
+{
+    return MakeSymbolicLink(target, link) || MakeJunction(target, link) || MakeHostLink(target, link);
+}
+
+bool IsLink(fs::path const& path)
+{
+    DWORD const attributes = ::GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+
+std::u16string UseDocumentsFolder(fs::path const&)
+{
+    wchar_t* folder = nullptr;
+    if (::SHGetKnownFolderPath(FOLDERID_Documents, 0, nullptr, &folder) != S_OK)
+        return {};
+    std::u16string const text = ToText(fs::path(folder));
+    ::CoTaskMemFree(folder);
+    return text;
+}
+
+std::string FileNotFoundText()
+{
+    char text[256] = {};
+    ::FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, ERROR_FILE_NOT_FOUND, 0, text, sizeof text, nullptr);
+    return text;
+}
+
+unsigned OpenHandleCount()
+{
+    DWORD count = 0;
+    ::GetProcessHandleCount(::GetCurrentProcess(), &count);
+    return count;
+}
+
+} // namespace TestSupport
