@@ -18,6 +18,9 @@ namespace {
 // The shortest limit without the prefix is that of CreateDirectoryW: 260 units less a short file name.
 constexpr u64 LongestPlainPath = 247;
 
+// The system counts the bytes of a name in 16 bits, its terminator included.
+constexpr u64 LongestPath = 32766;
+
 void AppendWide(PathUnits& target, wchar_t const* text, u64 count)
 {
     target.Reserve(target.GetCount() + count);
@@ -95,9 +98,10 @@ u32 GetCurrentFolder(PathUnits& folder)
 
 u32 MakeAbsolutePath(char16_t const* path, PathUnits& absolute)
 {
-    return FetchPath(absolute, [path](wchar_t* buffer, DWORD capacity) {
+    u32 const error = FetchPath(absolute, [path](wchar_t* buffer, DWORD capacity) {
         return ::GetFullPathNameW(AsWide(path), capacity, buffer, nullptr);
     });
+    return error == 0 && absolute.GetCount() > LongestPath ? u32{ESystemError::NameTooLong} : error;
 }
 
 void GetDocumentsFolder(PathUnits& folder)
