@@ -17,4 +17,5 @@ configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/VlmCoreConfig.cmake.in
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/VlmCore)
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/VlmCoreConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/VlmCoreConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/VlmCoreConfigVersion.cmake
+  ${CMAKE_CURRENT_LIST_DIR}/VlmCoreResources.cmake ${CMAKE_CURRENT_LIST_DIR}/VlmCoreResources.cpp.in
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/VlmCore)

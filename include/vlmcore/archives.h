@@ -140,4 +140,74 @@ private:
     CMutableString m_name;
 };
 
+/// Type of a resource: one of the numbers of the system, or a name.
+struct SResourceKind {
+    u16 number = 0;      ///< counts while `name` is null
+    CMutableString name; ///< UTF-16
+};
+
+/// A resource of the executable as a read-only file; made by CResourceArchive. The memory is the executable's.
+///
+/// Its end-relative seek adds the offset, and Seek returns the new position, as a native file's; it stops at nothing,
+/// and a read at or behind the end returns 0.
+class VLM_API CResourceFile : public IFile {
+public:
+    /// Finds and locks the resource `id`. \param path  as the file was asked for; becomes its name. Throws CFileException:
+    /// NotFound for a missing resource.
+    CResourceFile(CString const& path, u16 id, SResourceKind const& kind, EFileOpen::Type mode);
+    CResourceFile(CResourceFile const&) = delete;
+    CResourceFile& operator=(CResourceFile const&) = delete;
+    ~CResourceFile() override;
+
+    /// Empty.
+    [[nodiscard]] CString GetPath() override { return CString(""); }
+    /// The whole resource path, as it was asked for.
+    [[nodiscard]] CString GetFileName() override { return CString(m_path); }
+    /// Empty.
+    [[nodiscard]] CString GetFileExt() override { return CString(""); }
+    [[nodiscard]] bool IsWritable() const override { return false; }
+    [[nodiscard]] bool IsReadable() const override { return true; }
+    /// The first byte of the resource.
+    [[nodiscard]] void* GetNativeHandle() const override { return const_cast<void*>(m_data); }
+    u64 Read(void* buffer, u64 size) override;
+    /// CFileException, Denied.
+    u64 Write(void const* buffer, u64 size) override;
+    u64 Seek(ESeek::Type origin, i64 offset) override;
+    [[nodiscard]] u64 GetPosition() const override { return m_position; }
+    [[nodiscard]] bool ReachedEOF() const override { return m_position == m_size; }
+    [[nodiscard]] u64 GetSizeByte() const override { return m_size; }
+
+private:
+    void const* m_data = nullptr;
+    u64 m_size = 0;
+    u64 m_position = 0;
+    CMutableString m_path;
+};
+
+/// The resources of the executable (never those of the library), and the files below the executable's folder. Read-only.
+///
+/// ":RCDATA/101" is the resource 101 of the type RCDATA: a colon, the type, a slash, the id. The type is a number, one of
+/// CURSOR BITMAP ICON STRING FONT RCDATA ANICURSOR ANIICON HTML, or else the name of a type. Ids are numbers; text that
+/// is none is the id 0. Resources with a name for an id cannot be reached. Any other path is a file below the
+/// executable's folder.
+class VLM_API CResourceArchive : public IArchive {
+public:
+    CResourceArchive();
+    ~CResourceArchive() override;
+
+    /// An empty handle for a missing file or resource, unless `mode` has ThrowIfMissing. A mode that writes or creates:
+    /// CFileException, Denied. A mode without Read reads all the same.
+    TResourcePtr<IFile> OpenFile(CString const& path, EFileOpen::Type mode) override;
+
+    /// Appends every resource to `files`, whatever `path` is, and then the tree below the folder `path`: entries of all
+    /// levels, relative to the executable's folder. Links to folders are named, not entered.
+    void List(CString const& path, TVector<CMutableString, 1>& files,
+              TVector<CMutableString, 1>& folders) const override;
+
+    [[nodiscard]] bool Contains(CString const& path) const override;
+
+    /// "Resources".
+    [[nodiscard]] IString const& GetName() const override;
+};
+
 } // namespace Velmor

@@ -29,7 +29,7 @@ void AppendEntries(Platform::CFolder& folder, EStringEncoding::Type encoding, TV
     Platform::SFolderEntry entry;
     u32 error = 0;
     while (folder.ReadEntry(entry, error))
-        (entry.isFolder ? folders : files).Append(CopyInEncoding(CString(entry.name), encoding));
+        (entry.kind.isFolder ? folders : files).Append(CopyInEncoding(CString(entry.name), encoding));
     RaiseFileError(error);
 }
 
@@ -134,9 +134,9 @@ void RemoveContents(CFolderArchive& archive, SRemoval& removal)
 
 void RemoveEntry(CFolderArchive& archive, char16_t const* path, Platform::CFolder const& parent, char16_t const* name)
 {
-    Platform::SFolderEntry entry;
-    RaiseFileError(parent.DescribeEntry(name, entry));
-    if (!entry.isLink) {
+    Platform::SEntryKind kind;
+    RaiseFileError(parent.DescribeEntry(name, kind));
+    if (!kind.isLink) {
         SRemoval removal{&archive, CopyTerminated(path), innermostRemoval, {}};
         RaiseFileError(removal.folder.OpenEntry(parent, name));
         RemoveContents(archive, removal);

@@ -13,14 +13,19 @@
 
 namespace Velmor::Platform {
 
+/// What an entry is.
+struct SEntryKind {
+    bool isFolder; ///< a folder, or a link that leads to one
+    bool isLink;   ///< a link or a junction, wherever it leads
+};
+
 /// One entry of a folder.
 struct SFolderEntry {
     /// Most units of a name, on either system.
     static constexpr u64 LongestName = 255;
 
     char16_t name[LongestName + 1]; ///< terminated
-    bool isFolder;                  ///< a folder, or a link that leads to one
-    bool isLink;                    ///< a link or a junction, wherever it leads
+    SEntryKind kind;
 };
 
 /// A folder held open. One thread at a time.
@@ -52,8 +57,8 @@ public:
     /// very first entry could not be had; 0 otherwise: a listing that breaks off later just ends, as on Windows.
     [[nodiscard]] bool ReadEntry(SFolderEntry& entry, u32& error);
 
-    /// What the entry `name` is. Only `isFolder` and `isLink` of `entry` are set.
-    [[nodiscard]] u32 DescribeEntry(char16_t const* name, SFolderEntry& entry) const;
+    /// What the entry `name` is.
+    [[nodiscard]] u32 DescribeEntry(char16_t const* name, SEntryKind& kind) const;
 
     /// Deletes a file entry; of a link the link itself.
     [[nodiscard]] u32 DeleteFileEntry(char16_t const* name) const;

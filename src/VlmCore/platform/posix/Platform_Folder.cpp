@@ -97,21 +97,21 @@ bool IsDots(char const* name)
 }
 
 // As Windows has it: a link that leads to a folder carries the folder attribute itself.
-void SetKind(SFolderEntry& entry, int folder, char const* name, mode_t mode)
+void SetKind(SEntryKind& kind, int folder, char const* name, mode_t mode)
 {
-    entry.isLink = S_ISLNK(mode);
-    entry.isFolder = S_ISDIR(mode);
+    kind.isLink = S_ISLNK(mode);
+    kind.isFolder = S_ISDIR(mode);
     struct stat target;
-    if (entry.isLink && ::fstatat(folder, name, &target, 0) == 0)
-        entry.isFolder = S_ISDIR(target.st_mode);
+    if (kind.isLink && ::fstatat(folder, name, &target, 0) == 0)
+        kind.isFolder = S_ISDIR(target.st_mode);
 }
 
-u32 DescribeAt(int folder, char const* name, SFolderEntry& entry)
+u32 DescribeAt(int folder, char const* name, SEntryKind& kind)
 {
     struct stat information;
     if (::fstatat(folder, name, &information, AT_SYMLINK_NOFOLLOW) != 0)
         return LastSystemError();
-    SetKind(entry, folder, name, information.st_mode);
+    SetKind(kind, folder, name, information.st_mode);
     return ESystemError::None;
 }
 
@@ -144,23 +144,24 @@ bool CFolder::ReadEntry(SFolderEntry& entry, u32& error)
         if (IsDots(found->d_name))
             continue;
         entry.name[WidenSystemText(found->d_name, std::strlen(found->d_name), entry.name)] = 0;
-        entry.isLink = false;
-        entry.isFolder = found->d_type == DT_DIR;
+        entry.kind.isLink = false;
+        entry.kind.isFolder = found->d_type == DT_DIR;
         if (found->d_type == DT_LNK)
-            SetKind(entry, folder, found->d_name, S_IFLNK);
+            SetKind(entry.kind, folder, found->d_name, S_IFLNK);
         else if (found->d_type == DT_UNKNOWN)
-            (void)DescribeAt(folder, found->d_name, entry); // gone meanwhile: it is listed as the file it may have been
+            (void)DescribeAt(folder, found->d_name,
+                             entry.kind); // gone meanwhile: it is listed as the file it may have been
         return true;
     }
     return false;
 }
 
-u32 CFolder::DescribeEntry(char16_t const* name, SFolderEntry& entry) const
+u32 CFolder::DescribeEntry(char16_t const* name, SEntryKind& kind) const
 {
     CSystemPath const systemName(name);
     if (systemName.GetError() != 0)
         return systemName.GetError();
-    return DescribeAt(DescriptorOf(m_handle), systemName.Get(), entry);
+    return DescribeAt(DescriptorOf(m_handle), systemName.Get(), kind);
 }
 
 u32 CFolder::DeleteFileEntry(char16_t const* name) const
@@ -170,11 +171,11 @@ u32 CFolder::DeleteFileEntry(char16_t const* name) const
 
 u32 CFolder::DeleteFolderEntry(char16_t const* name) const
 {
-    SFolderEntry entry;
-    u32 const error = DescribeEntry(name, entry);
+    SEntryKind kind;
+    u32 const error = DescribeEntry(name, kind);
     if (error != 0)
         return error;
-    return UnlinkAt(DescriptorOf(m_handle), name, entry.isLink ? 0 : AT_REMOVEDIR);
+    return UnlinkAt(DescriptorOf(m_handle), name, kind.isLink ? 0 : AT_REMOVEDIR);
 }
 
 u32 DeleteFolderPath(char16_t const* path)

@@ -23,10 +23,10 @@ bool IsLink(DWORD attributes, DWORD tag)
     return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && (tag == 0 || (tag & NameSurrogateBit) != 0);
 }
 
-void SetKind(SFolderEntry& entry, WIN32_FIND_DATAW const& data)
+void SetKind(SEntryKind& kind, WIN32_FIND_DATAW const& data)
 {
-    entry.isFolder = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    entry.isLink = IsLink(data.dwFileAttributes, data.dwReserved0);
+    kind.isFolder = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    kind.isLink = IsLink(data.dwFileAttributes, data.dwReserved0);
 }
 
 // `folder`, a backslash unless it ends in one, and `name`; terminated.
@@ -85,8 +85,8 @@ u32 CFolder::OpenEntry(CFolder const& parent, char16_t const* name)
     if (error != 0)
         return error;
     // Asked while the handle holds the entry in place.
-    SFolderEntry entry;
-    if (parent.DescribeEntry(name, entry) != 0 || entry.isLink) {
+    SEntryKind kind;
+    if (parent.DescribeEntry(name, kind) != 0 || kind.isLink) {
         Close();
         return ESystemError::NotAFolder;
     }
@@ -133,11 +133,11 @@ bool CFolder::ReadEntry(SFolderEntry& entry, u32& error)
     for (; count < SFolderEntry::LongestName && data.cFileName[count] != 0; ++count)
         entry.name[count] = static_cast<char16_t>(data.cFileName[count]);
     entry.name[count] = 0;
-    SetKind(entry, data);
+    SetKind(entry.kind, data);
     return true;
 }
 
-u32 CFolder::DescribeEntry(char16_t const* name, SFolderEntry& entry) const
+u32 CFolder::DescribeEntry(char16_t const* name, SEntryKind& kind) const
 {
     PathUnits const path = JoinEntry(m_path, name);
     CSystemPath const systemPath(path.GetData());
@@ -147,7 +147,7 @@ u32 CFolder::DescribeEntry(char16_t const* name, SFolderEntry& entry) const
     if (search == INVALID_HANDLE_VALUE)
         return ::GetLastError();
     ::FindClose(search);
-    SetKind(entry, data);
+    SetKind(kind, data);
     return ESystemError::None;
 }
 
