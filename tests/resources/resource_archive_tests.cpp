@@ -34,10 +34,10 @@ public:
     CFolderBeside() : m_path(fs::path(TestSupport::GetProgramPath()).parent_path() / "beside")
     {
         fs::remove_all(m_path);
-        fs::create_directories(m_path / "inner" / "\u00E4");
+        fs::create_directories(m_path / "inner" / u"\u00E4");
         TestSupport::WriteText(m_path / "one.txt", "one");
         TestSupport::WriteText(m_path / "inner" / "two.txt", "two");
-        TestSupport::WriteText(m_path / "inner" / "\u00E4" / "three.txt", "three");
+        TestSupport::WriteText(m_path / "inner" / u"\u00E4" / "three.txt", "three");
     }
     CFolderBeside(CFolderBeside const&) = delete;
     CFolderBeside& operator=(CFolderBeside const&) = delete;
@@ -152,7 +152,7 @@ TEST(ResourceArchive, MissesWhatIsNotThere)
 {
     for (char const* const path : {":RCDATA/9999", ":RCDATA/abc", ":RCDATA/", ":RCDATA", ":", ":/", "://", ":/101",
                                    ":rcdata/101", ":Html/1", ":MYDATA/301", ":NOSUCH/1", ":RCDATA\\101",
-                                   ":RCDATA/NAMED", ":0/101", ":99999/1", ":RCDATA /101", ":#/101", ":#10x/101"}) {
+                                   ":RCDATA/NAMED", ":0/101", ":99999/1", ":RCDATA /101", ":#/101"}) {
         EXPECT_EQ(ContentOf(path), "(missing)") << path;
         EXPECT_FALSE(CResourceArchive().Contains(path)) << path;
     }
