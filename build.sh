@@ -58,6 +58,7 @@ need_common() {
     need ccache ccache
     need clang++-19 clang-19
     need lld-19 lld-19
+    need llvm-windres-19 llvm-19
     need /usr/lib/llvm-19/lib/clang/19/lib/linux/libclang_rt.asan*x86_64* libclang-rt-19-dev
     need /usr/src/googletest/CMakeLists.txt googletest
     need python3 python3
@@ -67,7 +68,6 @@ need_preset() {
     need_common
     case $1 in
         windows-x64)
-            need llvm-windres-19 llvm-19
             need x86_64-w64-mingw32-g++-posix g++-mingw-w64-x86-64-posix
             need wine wine
             need /usr/lib/wine/wine64 wine64

@@ -1,5 +1,7 @@
 #include "Index.h"
 
+#include "Source.h"
+
 #include <algorithm>
 #include <cstdio>
 
@@ -7,34 +9,92 @@ using namespace Velmor;
 
 namespace {
 
-using CNames = TVector<CMutableString, 1>;
+// ---- measuring one file ----
 
-// Appends every file below `folder`, sorted by name, subfolders behind the files. False when it is no folder.
-bool ListFolder(CString const& folder, CNames& files)
+void MeasureText(SFileReport& report, CString const& text)
 {
-    CNames found;
-    CNames subfolders;
-    try {
-        CFolderArchive(folder).List("", found, subfolders);
-    }
-    catch (CFileException const&) {
-        return false; // a file, or nothing at all: opening it will tell
-    }
-    std::sort(found.begin(), found.end());
-    std::sort(subfolders.begin(), subfolders.end());
-    auto const join = [&folder](CString const& name) {
-        CMutableString path;
-        Format(path, folder.EndsWith("/") || folder.EndsWith("\\") ? "%1%2" : "%1/%2", folder, name);
-        return path;
-    };
-    for (CMutableString const& name : found)
-        files.Append(join(name));
-    for (CMutableString const& name : subfolders)
-        ListFolder(join(name), files);
-    return true;
+    report.lines = text.Count("\n", 0);
+    report.codePoints = text.GetLength();
+    // Converted for real, not only measured: this is what a host would store or send.
+    CMutableString const converted[3] = {text.ToUTF8(), text.ToUTF16(), text.ToUTF32()};
+    constexpr u64 TerminatorSize[3] = {1, 2, 4};
+    for (u64 index = 0; index < 3; ++index)
+        report.sizeAs[index] = converted[index].GetAllocatedSize() - TerminatorSize[index];
 }
 
-// One line on the terminal that says how far it is; nothing when nobody looks.
+// Line and column of every occurrence that does not overlap the one before.
+void FindPlaces(SFileReport& report, CString const& text, CString const& wanted)
+{
+    TVector<u64> matches; // indices of code points
+    u64 passed = 0;
+    CString rest = text;
+    for (u64 at = rest.Find(wanted, 0); at != IString::NotFound; at = rest.Find(wanted, 0)) {
+        matches.Append(passed + at);
+        u64 const behind = at + wanted.GetLength();
+        rest = rest.GetSubstring(behind);
+        passed += behind;
+    }
+    u64 next = 0;
+    u64 index = 0;
+    Math::TTuple2<u64> place{1, 1};
+    for (u32 const codePoint : text.GetCodePoints()) {
+        if (next == matches.GetCount())
+            break;
+        if (index++ == matches[next]) {
+            report.placesFound.Append(place);
+            ++next;
+        }
+        place = codePoint == '\n' ? Math::TTuple2<u64>{place.x + 1, 1} : Math::TTuple2<u64>{place.x, place.y + 1};
+    }
+}
+
+void WriteReplaced(SOptions const& options, CString const& path, CTextFile const& file)
+{
+    // The memory file touches nothing: it only knows how to take a path apart.
+    CMemoryFile parts(path.Replace('/', '\\', 0));
+    CMutableString target;
+    Format(target, parts.GetFileExt().IsEmpty() ? "%1/%2" : "%1/%2.%3", options.replaceFolder, parts.GetFileName(),
+           parts.GetFileExt());
+    CNativeFile copy(target, EFileOpen::Write | EFileOpen::CreateAlways);
+    file.WriteLike(copy, file.GetText().Replace(options.replaceFrom, options.replaceTo, 0));
+}
+
+struct SNameCounts {
+    CWeakTypeMap elements;
+    CWeakTypeMap attributes;
+};
+
+void CountName(CWeakTypeMap& counts, CString const& name)
+{
+    counts[name] = counts[name] + CWeakType(1);
+}
+
+void AddCounts(CWeakTypeMap& totals, CWeakTypeMap const& counts)
+{
+    for (auto [id, count] : counts.GetVariables())
+        totals[id] = totals[id] + count;
+}
+
+void CountXML(SFileReport& report, CString const& text, SNameCounts& counts)
+{
+    CXMLStream stream;
+    stream.OnElementBegin = [&](CString name) {
+        ++report.elements;
+        CountName(counts.elements, name);
+    };
+    stream.OnAttribute = [&](TPair<CString, CString> attribute) {
+        ++report.attributes;
+        CountName(counts.attributes, attribute.first);
+    };
+    CMutableString const utf8 = text.ToUTF8();
+    CByteStreamFile file("", utf8.GetData(), utf8.GetAllocatedSize() - 1);
+    report.isXML = true;
+    ReadXML(file, stream);
+}
+
+// ---- all files ----
+
+// One line on the terminal that says how far it is; nothing when nobody looks. May be called by several threads.
 class CProgress {
 public:
     explicit CProgress(u64 total) : m_total(total), m_isShown(System::IsTerminal(System::EConsole::Error)) {}
@@ -46,18 +106,20 @@ public:
             std::fputs("\r\x1b[K", stderr);
     }
 
-    void Show(u64 done, CString const& path) const
+    void Show(CString const& path)
     {
+        u64 const started = m_started.fetch_add(1) + 1;
         if (!m_isShown)
             return;
         CMutableString line;
-        Format(line, "\r\x1b[K%1/%2 %3", done, m_total, path);
+        Format(line, "\r\x1b[K%1/%2 %3", started, m_total, path);
         std::fputs(static_cast<char const*>(line.GetData()), stderr);
     }
 
 private:
     u64 m_total;
     bool m_isShown;
+    std::atomic<u64> m_started{0};
 };
 
 void LogReport(SFileReport const& report)
@@ -74,24 +136,89 @@ void LogReport(SFileReport const& report)
     }
 }
 
+// What the jobs of one index share.
+struct SWork {
+    SOptions const& options;
+    CSource const& source;
+    SIndex& index;
+    CProgress& progress;
+    CSpinLock lock; // of the index's name counts
+};
+
+// Measures one file on a thread of the pool. Each job has a report of its own to write to.
+class CMeasureJob : public IThreadJob {
+public:
+    CMeasureJob(SWork& work, SFileReport& report) : m_work(work), m_report(report) {}
+
+    void Execute() override
+    {
+        m_work.progress.Show(m_report.path);
+        try {
+            Measure();
+        }
+        catch (CException const& exception) {
+            m_report.error = exception.GetText();
+        }
+        catch (std::bad_alloc const&) {
+            m_report.error = CString("Out of memory.");
+        }
+        LogReport(m_report);
+    }
+
+private:
+    void Measure()
+    {
+        CTextFile const file(*m_work.source.Open(m_report.path), m_report);
+        u64 const malformed = file.FindMalformed();
+        if (malformed != m_report.bytes) {
+            Format(m_report.error, "Not a text file: no %1 character at byte %2.", m_report.encoding, malformed);
+            return;
+        }
+        SOptions const& options = m_work.options;
+        MeasureText(m_report, file.GetText());
+        if (!options.find.IsEmpty())
+            FindPlaces(m_report, file.GetText(), options.find);
+        if (!options.replaceFrom.IsEmpty())
+            WriteReplaced(options, m_report.path, file);
+        if (m_report.path.EndsWith(".xml") || file.GetText().StartsWith("<?xml"))
+            MeasureXML(file.GetText());
+    }
+
+    void MeasureXML(CString const& text)
+    {
+        SNameCounts counts;
+        CountXML(m_report, text, counts);
+        TScopedLock const guard(m_work.lock);
+        AddCounts(m_work.index.elementCounts, counts.elements);
+        AddCounts(m_work.index.attributeCounts, counts.attributes);
+    }
+
+    SWork& m_work;
+    SFileReport& m_report;
+};
+
 } // namespace
 
-TVector<SFileReport, 1> BuildIndex(SOptions const& options)
+void BuildIndex(SOptions const& options, SIndex& index)
 {
-    CNames files;
+    CSource const source(options);
     for (CMutableString const& path : options.paths) {
-        if (!ListFolder(path, files))
-            files.Append(path);
+        for (CMutableString& name : source.List(path)) {
+            index.files.Append(SFileReport());
+            index.files[index.files.GetCount() - 1].path = std::move(name);
+        }
     }
 
-    TVector<SFileReport, 1> reports;
-    reports.Resize(files.GetCount());
-    CProgress const progress(files.GetCount());
-    for (u64 index = 0; index < files.GetCount(); ++index) {
-        progress.Show(index, files[index]);
-        reports[index].path = std::move(files[index]);
-        MeasureFile(reports[index]);
-        LogReport(reports[index]);
-    }
-    return reports;
+    CProgress progress(index.files.GetCount());
+    SWork work{options, source, index, progress, {}};
+    CThreadPool pool(options.jobs);
+    for (SFileReport& report : index.files)
+        pool.PushJob(Memory::New<CMeasureJob>(EHeap::Pool, work, report));
+    pool.WaitForJobs();
+}
+
+bool IsComplete(SIndex const& index)
+{
+    return std::all_of(index.files.begin(), index.files.end(),
+                       [](SFileReport const& report) { return report.error.IsEmpty(); });
 }

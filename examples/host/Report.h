@@ -1,13 +1,13 @@
 // What vlmhost prints.
 #pragma once
 
-#include "TextFile.h"
+#include "Index.h"
 
-// The index as an aligned table with totals; files that failed follow as messages on standard error.
-void PrintTable(Velmor::TVector<SFileReport, 1> const& reports);
+// The index as an aligned table with totals; places found follow, and files that failed as messages on standard error.
+void PrintTable(SIndex const& index, SOptions const& options);
 
 // The index as one JSON object on standard output.
-void PrintJSON(Velmor::TVector<SFileReport, 1> const& reports);
+void PrintJSON(SIndex const& index, SOptions const& options);
 
-// True when every file was indexed.
-bool IsComplete(Velmor::TVector<SFileReport, 1> const& reports);
+// The heap's counters.
+void PrintMemory();

@@ -6,53 +6,19 @@ using namespace Velmor;
 
 namespace {
 
-// A block of the memory manager that holds a whole file and room for the widest terminator.
-class CFileContent {
-public:
-    explicit CFileContent(CString const& path)
-    {
-        CNativeFile file(path, EFileOpen::Read);
-        u64 const expected = file.GetSizeByte();
-        m_bytes.Resize(expected + sizeof(char32_t));
-        while (m_size < expected) {
-            u64 const got = file.Read(m_bytes.GetData() + m_size, expected - m_size);
-            if (got == 0)
-                break; // the file shrank meanwhile: what was read is what there is
-            m_size += got;
-        }
-        std::memset(m_bytes.GetData() + m_size, 0, sizeof(char32_t));
-    }
-
-    [[nodiscard]] u8* GetData() { return m_bytes.GetData(); }
-    [[nodiscard]] u64 GetSize() const { return m_size; }
-
-private:
-    TVector<u8, 8> m_bytes;
-    u64 m_size = 0;
-};
-
-struct SEncoding {
-    char const* name;
-    EStringEncoding::Type type;
-    u64 unitSize;
-    bool isBigEndian;
-    u64 markSize;
-    u8 mark[4];
-};
-
 // The longer marks first: the mark of UTF-32LE begins with that of UTF-16LE.
-constexpr SEncoding Encodings[] = {
+constexpr SFileEncoding Encodings[] = {
     {"UTF-32LE", EStringEncoding::UTF32, 4, false, 4, {0xFF, 0xFE, 0x00, 0x00}},
     {"UTF-32BE", EStringEncoding::UTF32, 4, true, 4, {0x00, 0x00, 0xFE, 0xFF}},
     {"UTF-8", EStringEncoding::UTF8, 1, false, 3, {0xEF, 0xBB, 0xBF}},
     {"UTF-16LE", EStringEncoding::UTF16, 2, false, 2, {0xFF, 0xFE}},
     {"UTF-16BE", EStringEncoding::UTF16, 2, true, 2, {0xFE, 0xFF}},
 };
-constexpr SEncoding Unmarked = {"UTF-8", EStringEncoding::UTF8, 1, false, 0, {}};
+constexpr SFileEncoding Unmarked = {"UTF-8", EStringEncoding::UTF8, 1, false, 0, {}};
 
-SEncoding const& DetectEncoding(u8 const* data, u64 size)
+SFileEncoding const& DetectEncoding(u8 const* data, u64 size)
 {
-    for (SEncoding const& encoding : Encodings) {
+    for (SFileEncoding const& encoding : Encodings) {
         if (size >= encoding.markSize && std::memcmp(data, encoding.mark, encoding.markSize) == 0)
             return encoding;
     }
@@ -104,16 +70,40 @@ u64 MeasureUTF32Character(u8 const* text, u64 size)
     return unit != 0 && unit <= 0x10FFFF && (unit & 0xFFFFF800) != 0xD800 ? 4 : 0;
 }
 
-// Offset of the first byte that belongs to no character, or `size` for well-formed text. The library itself never
-// rejects text; a program that is handed any file has to.
-u64 FindMalformed(u8 const* text, u64 size, EStringEncoding::Type encoding)
+} // namespace
+
+CTextFile::CTextFile(IFile& file, SFileReport& report)
 {
-    auto const measure = encoding == EStringEncoding::UTF8    ? &MeasureUTF8Character
-                         : encoding == EStringEncoding::UTF16 ? &MeasureUTF16Character
-                                                              : &MeasureUTF32Character;
-    u64 offset = 0;
-    while (offset < size) {
-        u64 const length = measure(text + offset, size - offset);
+    u64 const expected = file.GetSizeByte();
+    m_bytes.Resize(expected + sizeof(char32_t));
+    while (m_size < expected) {
+        u64 const got = file.Read(m_bytes.GetData() + m_size, expected - m_size);
+        if (got == 0)
+            break; // the file shrank meanwhile: what was read is what there is
+        m_size += got;
+    }
+    std::memset(m_bytes.GetData() + m_size, 0, sizeof(char32_t));
+
+    report.bytes = m_size;
+    report.crc32 = ~GetCRC32(m_bytes.GetData(), m_size, 0xFFFFFFFF);
+    report.fnv64 = GetFNV64(m_bytes.GetData(), m_size, 0, 0xCBF29CE484222325);
+
+    m_encoding = &DetectEncoding(m_bytes.GetData(), m_size);
+    report.encoding = m_encoding->name;
+    report.hasMark = m_encoding->markSize != 0;
+    if (m_encoding->isBigEndian)
+        SwapBytes(GetTextBytes(), m_size - m_encoding->markSize, m_encoding->unitSize);
+}
+
+// The library itself never rejects text; a program that is handed any file has to.
+u64 CTextFile::FindMalformed() const
+{
+    auto const measure = m_encoding->type == EStringEncoding::UTF8    ? &MeasureUTF8Character
+                         : m_encoding->type == EStringEncoding::UTF16 ? &MeasureUTF16Character
+                                                                      : &MeasureUTF32Character;
+    u64 offset = m_encoding->markSize;
+    while (offset < m_size) {
+        u64 const length = measure(m_bytes.GetData() + offset, m_size - offset);
         if (length == 0)
             break;
         offset += length;
@@ -121,47 +111,18 @@ u64 FindMalformed(u8 const* text, u64 size, EStringEncoding::Type encoding)
     return offset;
 }
 
-void MeasureText(SFileReport& report, CString const& text)
+CString CTextFile::GetText() const
 {
-    report.lines = text.Count("\n", 0);
-    report.codePoints = text.GetLength();
-    // Converted for real, not only measured: this is what a host would store or send.
-    CMutableString const converted[3] = {text.ToUTF8(), text.ToUTF16(), text.ToUTF32()};
-    constexpr u64 TerminatorSize[3] = {1, 2, 4};
-    for (u64 index = 0; index < 3; ++index)
-        report.sizeAs[index] = converted[index].GetAllocatedSize() - TerminatorSize[index];
+    return CString(m_bytes.GetData() + m_encoding->markSize, m_encoding->type);
 }
 
-} // namespace
-
-void MeasureFile(SFileReport& report)
+void CTextFile::WriteLike(IFile& file, CMutableString text) const
 {
-    try {
-        CFileContent content(report.path);
-        u8* const data = content.GetData();
-        report.bytes = content.GetSize();
-        report.crc32 = ~GetCRC32(data, content.GetSize(), 0xFFFFFFFF);
-        report.fnv64 = GetFNV64(data, content.GetSize(), 0, 0xCBF29CE484222325);
-
-        SEncoding const& encoding = DetectEncoding(data, content.GetSize());
-        report.encoding = encoding.name;
-        report.hasMark = encoding.markSize != 0;
-        u8* const text = data + encoding.markSize;
-        u64 const size = content.GetSize() - encoding.markSize;
-        if (encoding.isBigEndian)
-            SwapBytes(text, size, encoding.unitSize);
-
-        u64 const malformed = FindMalformed(text, size, encoding.type);
-        if (malformed != size)
-            Format(report.error, "Not a text file: no %1 character at byte %2.", encoding.name,
-                   encoding.markSize + malformed);
-        else
-            MeasureText(report, CString(text, encoding.type));
-    }
-    catch (CException const& exception) {
-        report.error = exception.GetText();
-    }
-    catch (std::bad_alloc const&) {
-        report.error = CString("Out of memory.");
-    }
+    auto* const data = static_cast<u8*>(const_cast<void*>(text.GetData())); // the text is ours
+    u64 const size = text.IsEmpty() ? 0 : text.GetAllocatedSize() - m_encoding->unitSize;
+    if (m_encoding->isBigEndian)
+        SwapBytes(data, size, m_encoding->unitSize);
+    u64 const written = file.Write(m_encoding->mark, m_encoding->markSize) + file.Write(data, size);
+    if (written != m_encoding->markSize + size)
+        throw CFileException("The disk took only a part of the file.", EFileError::Unknown);
 }

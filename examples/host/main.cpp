@@ -23,17 +23,44 @@ int Run(SOptions const& options)
     constexpr u64 LogBufferSize = 64 * 1024;
     CFileLogger logger(options.logPath, LogBufferSize);
     Log::Initialize(&logger);
-    TVector<SFileReport, 1> const reports = BuildIndex(options);
+    SIndex index;
+    BuildIndex(options, index);
     static_cast<void>(Log::Release()); // the logger is ours and ends with this function
 
-    options.json ? PrintJSON(reports) : PrintTable(reports);
-    return IsComplete(reports) ? EExitCode::Complete : EExitCode::Incomplete;
+    options.json ? PrintJSON(index, options) : PrintTable(index, options);
+    if (options.memory)
+        PrintMemory();
+    return IsComplete(index) ? EExitCode::Complete : EExitCode::Incomplete;
 }
+
+// Records every allocation for the length of a scope, when the options ask for it.
+class CMemoryLog {
+public:
+    explicit CMemoryLog(SOptions const& options)
+    {
+        if (options.memoryLogFolder.IsEmpty())
+            return;
+        constexpr u64 EventsBuffered = 16 * 1024;
+        CMutableString events;
+        CMutableString stacks;
+        Format(events, "%1/events.json", options.memoryLogFolder);
+        Format(stacks, "%1/stacks.json", options.memoryLogFolder);
+        m_logger.Reset(Memory::New<CFileMemoryLogger>(EHeap::General, events, stacks, EventsBuffered));
+        Memory::InitializeLog(m_logger.Get());
+    }
+    CMemoryLog(CMemoryLog const&) = delete;
+    CMemoryLog& operator=(CMemoryLog const&) = delete;
+    ~CMemoryLog() { Memory::ReleaseLog(); }
+
+private:
+    TUniquePtr<CFileMemoryLogger> m_logger; // ends after it was taken out
+};
 
 int RunGuarded()
 {
     try {
         SOptions const options = ReadOptions();
+        CMemoryLog const memoryLog(options);
         if (!options.help)
             return Run(options);
         std::fputs(static_cast<char const*>(GetUsage().GetData()), stdout);
