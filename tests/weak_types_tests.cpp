@@ -31,7 +31,7 @@ u64 CountLiveBlocks()
     for (Memory::SStatistics::SPool const& pool : statistics.pools) {
         count += pool.liveCount;
         for (u64 index = 0; index < pool.classCount; ++index)
-            count -= pool.classes[index].chunkCount;
+            count -= pool.classes[index].chunkCount == 0 ? 0 : pool.classes[index].chunkCount + 1;
     }
     return count;
 }

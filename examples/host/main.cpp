@@ -76,13 +76,20 @@ int RunGuarded()
     }
 }
 
-// Blocks that the heap has handed out and not got back, once the chunks that only wait for reuse are returned.
+// Blocks that are in somebody's hands: those of the pools, and those of the system that are no pool's chunk or table.
 u64 CountLiveBlocks()
 {
-    Memory::Purge();
     Memory::SStatistics statistics{};
     Memory::GetStatistics(statistics);
-    return statistics.liveCount;
+    u64 count = statistics.liveCount;
+    for (Memory::SStatistics::SPool const& pool : statistics.pools) {
+        count += pool.liveCount;
+        for (u64 index = 0; index < pool.classCount; ++index) {
+            u64 const chunks = pool.classes[index].chunkCount;
+            count -= chunks == 0 ? 0 : chunks + 1;
+        }
+    }
+    return count;
 }
 
 } // namespace

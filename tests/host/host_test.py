@@ -11,6 +11,7 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import xml.parsers.expat
 import zlib
 
 PROGRAM = sys.argv[1]
@@ -91,7 +92,8 @@ class Host(unittest.TestCase):
     def test_the_table_and_the_log_show_the_same_numbers(self):
         output, _ = self.run_host("examples/host/samples")
         index = json.loads(self.run_host("--json", "examples/host/samples")[0])
-        lines = output.splitlines()
+        self.assertIn("XML: 10 elements of 6 names, 7 attributes of 3 names\n", output)
+        lines = [line for line in output.splitlines() if not line.startswith("XML: ")]
         self.assertEqual(len(lines), 2 + len(index["files"]))
         for line, row in zip(lines[1:], index["files"]):
             cells = line.split()
@@ -139,7 +141,102 @@ class Host(unittest.TestCase):
         single = json.loads(self.run_host("--json", self.folder / "文字.txt")[0])
         self.assertEqual(single["files"][0]["codePoints"], len("文字.txt"))
 
+    def test_more_jobs_give_the_same_index(self):
+        one = self.run_host("--json", "--find", "e", "docs", "examples", "README.md")[0]
+        for jobs in ("2", "7", "255"):
+            self.assertEqual(self.run_host("--json", "--find", "e", "--jobs", jobs, "docs", "examples", "README.md")[0], one)
+        log = self.log.read_text(encoding="utf-8").splitlines()
+        self.assertEqual(len(log), 2 + len(json.loads(one)["files"]))
+
+    def test_find_agrees_with_grep(self):
+        text = "eins zwei\nzwei zwei drei\n\nzzwei\nünfzwei zwe\n"
+        for codec, mark in (("utf-8", b""), ("utf-16-le", b"\xff\xfe"), ("utf-16-be", b"\xfe\xff"),
+                            ("utf-32-le", b"\xff\xfe\0\0"), ("utf-32-be", b"\0\0\xfe\xff")):
+            (self.folder / "text.txt").write_bytes(mark + text.encode(codec))
+            for wanted in ("zwei", "z", "ü", "nichts"):
+                found = json.loads(self.run_host("--json", "--find", wanted, self.folder)[0])["files"][0]["found"]
+                grep = subprocess.run(["grep", "-onF", "-b", "--", wanted], input=text.encode(), capture_output=True,
+                                      env={**os.environ, "LC_ALL": "C.UTF-8"}, check=False).stdout.decode().splitlines()
+                places = []
+                for line in grep:
+                    number, offset = (int(part) for part in line.split(":")[:2])
+                    before = text.encode()[:offset].decode()
+                    places.append([number, len(before) - (before.rfind("\n") + 1) + 1])
+                self.assertEqual(found, places, (codec, wanted))
+        listed = self.run_host("--find", "drei", self.folder)[0]
+        self.assertRegex(listed, r"text\.txt:2:11\n1 occurrence\(s\)\n$")
+
+    def test_replace_agrees_with_sed_in_every_encoding(self):
+        target = self.work / "changed"
+        target.mkdir()
+        text = "Öl und Öl\nohne\nÖlÖl\n"
+        want = tool("sed", "s/Öl/Wasser/g", data=text.encode()).decode()
+        kinds = {"a.txt": ("utf-8", b""), "b.txt": ("utf-16-le", b"\xff\xfe"), "c.txt": ("utf-16-be", b"\xfe\xff"),
+                 "d": ("utf-32-le", b"\xff\xfe\0\0"), "e.x.txt": ("utf-32-be", b"\0\0\xfe\xff"), "f.txt": ("utf-8", b"\xef\xbb\xbf")}
+        for name, (codec, mark) in kinds.items():
+            (self.folder / name).write_bytes(mark + text.encode(codec))
+        self.run_host("--replace", "Öl", "Wasser", "--into", target, self.folder)
+        for name, (codec, mark) in kinds.items():
+            self.assertEqual((target / name).read_bytes(), mark + want.encode(codec), name)
+            self.assertEqual((self.folder / name).read_bytes(), mark + text.encode(codec), "the original stays")
+        self.assertIn("--replace and --into belong together.", self.run_host("--into", target, self.folder, code=2)[1])
+
+    def test_xml_counts_agree_with_expat(self):
+        documents = [SOURCES / "examples/host/samples/catalog.xml"]
+        # Real documents without an apostrophe or a ">" in an attribute's value, which the tokenizer reads its own way.
+        real = ("/usr/share/xml/iso-codes/iso_4217.xml", "/usr/share/xml/iso-codes/iso_639-5.xml",
+                "/usr/share/unicode/cldr/common/main/de.xml")
+        documents += [path for path in map(pathlib.Path, real) if path.exists()]
+        for document in documents:
+            names, attribute_names, counts = set(), set(), [0, 0]
+
+            def start(name, attributes):
+                names.add(name)
+                attribute_names.update(attributes)
+                counts[0] += 1
+                counts[1] += len(attributes)
+
+            parser = xml.parsers.expat.ParserCreate()
+            parser.StartElementHandler = start
+            parser.Parse(document.read_bytes(), True)
+            total = json.loads(self.run_host("--json", document)[0])["total"]
+            self.assertEqual([total[key] for key in ("elements", "attributes", "elementNames", "attributeNames")],
+                             [*counts, len(names), len(attribute_names)], document)
+
+    def test_a_broken_document_is_named(self):
+        (self.folder / "broken.xml").write_text("<a b>c</a>\n", encoding="utf-8")
+        self.assertIn("XML parser error (malformed XML).", self.run_host(self.folder, code=1)[1])
+
+    def test_embedded_samples_are_the_files_they_were_made_of(self):
+        rows = {row["path"]: row for row in json.loads(self.run_host("--json", ":")[0])["files"]}
+        samples = SOURCES / "examples/host/samples"
+        for path, file in ((":RCDATA/1", "plain-utf8.txt"), (":RCDATA/2", "little-utf16.txt"),
+                           (":RCDATA/3", "catalog.xml"), (":SAMPLE/1", "emoji-utf8.txt")):
+            self.assertEqual(rows[path]["crc32"], f"{zlib.crc32((samples / file).read_bytes()):08x}")
+        self.assertEqual(len(rows), 4)
+        self.assertIn("could not be found", self.run_host(":RCDATA/9", code=1)[1])
+
+    def test_the_first_mounted_folder_that_has_a_path_answers(self):
+        first, second = self.folder / "first", self.folder / "second"
+        for folder, text in ((first, "1"), (second, "22")):
+            folder.mkdir()
+            (folder / "both.txt").write_text(text, encoding="utf-8")
+        (second / "one.txt").write_text("only here", encoding="utf-8")
+        rows = json.loads(self.run_host("--json", "--mount", first, "--mount", second, "--mount", ":", "both.txt", "one.txt",
+                                        ":RCDATA/1")[0])["files"]
+        self.assertEqual([row["bytes"] for row in rows], [1, 9, 246])
+
+    def test_memory_statistics_and_the_memory_log(self):
+        output, _ = self.run_host("--memory", "--memlog", self.work, "examples/host/samples")
+        self.assertRegex(output, r"Heap: \d+ bytes in use")
+        events = json.loads((self.work / "events.json").read_text(encoding="utf-8"))["Data"]
+        stacks = json.loads((self.work / "stacks.json").read_text(encoding="utf-8"))["Data"]
+        self.assertGreater(len(events), 100)
+        self.assertLessEqual({event["CSHash"] for event in events}, {stack["CSHash"] for stack in stacks})
+
     def test_wrong_use(self):
+        self.assertIn("--jobs takes a number from 1 to 255, not 0.", self.run_host("--jobs", "0", "x", code=2)[1])
+        self.assertIn("--jobs takes a number from 1 to 255, not many.", self.run_host("--jobs", "many", "x", code=2)[1])
         self.assertIn("Nothing to index", self.run_host(code=2)[1])
         self.assertIn("Unknown option --wrong", self.run_host("--wrong", code=2)[1])
         self.assertIn("--log needs a value.", self.run_host("--log", code=2)[1])

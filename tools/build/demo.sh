@@ -1,12 +1,14 @@
 # ./build.sh demo [--native]: builds the library and vlmhost, runs it on real files, shows its table and its log.
 
-# What the demo indexes: this project's own documents, texts that Debian installs, and samples in every encoding.
+# What the demo indexes: this project's own documents, texts and XML that Debian installs, samples in every encoding, and
+# the samples embedded in the program.
 demo_inputs() {
     printf '%s\n' README.md docs examples/host/samples
     local text
-    for text in /usr/share/common-licenses/{GPL-3,Apache-2.0,Artistic}; do
+    for text in /usr/share/common-licenses/{GPL-3,Apache-2.0,Artistic} /usr/share/xml/iso-codes/iso_{4217,639-5}.xml; do
         [[ ! -e $text ]] || printf '%s\n' "$text"
     done
+    printf ':\n'
 }
 
 command_demo() {
@@ -17,6 +19,7 @@ command_demo() {
         *) echo "demo takes --native or nothing" >&2; exit 2 ;;
     esac
     need_preset "$preset"
+    need /usr/share/xml/iso-codes/iso_4217.xml iso-codes
     install_missing
     targets="vlmhost" configure_and_build "$preset" -DVLMCORE_BUILD_TESTS=ON
 
