@@ -1,0 +1,310 @@
+// ReadXML: the feeding loop, its errors, and hostile documents.
+#include "TestHeap.h"
+#include "internal/xml_recorder.h"
+
+#include <vlmcore/files.h>
+#include <vlmcore/xml_stream.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+using namespace Velmor;
+using namespace Velmor::Test;
+using testing::ElementsAre;
+
+namespace {
+
+/// A file of a host's own: bytes made on demand, given in pieces of at most `pieceSize`.
+class CGeneratedFile : public IFile {
+public:
+    CGeneratedFile(u64 size, u64 pieceSize, char (*byteAt)(u64))
+        : m_size(size), m_pieceSize(pieceSize), m_byteAt(byteAt)
+    {
+    }
+
+    CString GetPath() override { return "generated"; }
+    CString GetFileName() override { return "generated"; }
+    CString GetFileExt() override { return ""; }
+    [[nodiscard]] bool IsWritable() const override { return false; }
+    [[nodiscard]] bool IsReadable() const override { return true; }
+    [[nodiscard]] void* GetNativeHandle() const override { return nullptr; }
+    u64 Read(void* buffer, u64 size) override
+    {
+        u64 const count = std::min({size, m_pieceSize, m_size - m_position});
+        for (u64 i = 0; i < count; ++i)
+            static_cast<char*>(buffer)[i] = m_byteAt(m_position + i);
+        m_position += count;
+        return count;
+    }
+    u64 Write(void const*, u64) override { return 0; }
+    u64 Seek(ESeek::Type, i64) override { return m_position; }
+    [[nodiscard]] u64 GetPosition() const override { return m_position; }
+    [[nodiscard]] bool ReachedEOF() const override { return m_position == m_size; }
+    [[nodiscard]] u64 GetSizeByte() const override { return m_size; }
+
+private:
+    u64 m_size;
+    u64 m_pieceSize;
+    char (*m_byteAt)(u64);
+    u64 m_position = 0;
+};
+
+SXMLReadStatistics Read(CXMLStream& stream, std::string_view text, u64 bufferSize)
+{
+    auto const file = MakeResource<CByteStreamFile>("a.xml", static_cast<void const*>(text.data()), text.size());
+    return ReadXML(*file, stream, bufferSize);
+}
+
+/// Events with the pieces of texts and instructions joined, white space at their ends and empty texts dropped:
+/// what does not depend on where a buffer ended.
+std::vector<std::string> Join(std::vector<SXMLEvent> const& events)
+{
+    std::vector<std::string> lines;
+    std::string text;
+    auto const flush = [&] {
+        std::erase_if(text, [](char c) { return c == ' ' || c == '\n' || c == '\t'; });
+        if (!text.empty())
+            lines.push_back("text " + text);
+        text.clear();
+    };
+    for (SXMLEvent const& event : events) {
+        if (event.kind == SXMLEvent::Text || event.kind == SXMLEvent::Instruction) {
+            text += event.text;
+            continue;
+        }
+        flush();
+        lines.push_back(ToLine(event));
+    }
+    flush();
+    return lines;
+}
+
+constexpr char const* Document = "<?xml version='1.0'?>\n<root a=\"1\" bcd=\"some value\">\n text &amp; text "
+                                 "<b/>\n<c>d</c> more\xE2\x82\xAC\n<e f='g'/>\n</root>\n";
+
+std::string Describe(CString const& text)
+{
+    return static_cast<char const*>(text.GetData());
+}
+
+struct SCounts {
+    u64 elements = 0;
+    u64 ends = 0;
+    u64 attributes = 0;
+    friend bool operator==(SCounts const&, SCounts const&) = default;
+};
+
+void PrintTo(SCounts const& counts, std::ostream* out)
+{
+    *out << counts.elements << " elements, " << counts.ends << " ends, " << counts.attributes << " attributes";
+}
+
+void Count(CXMLStream& stream, SCounts& counts)
+{
+    stream.OnElementBegin = [&counts](CString const&) { ++counts.elements; };
+    stream.OnElementEnd = [&counts](CString const*) { ++counts.ends; };
+    stream.OnAttribute = [&counts](TPair<CString, CString> const&) { ++counts.attributes; };
+}
+
+} // namespace
+
+TEST(XMLRead, ReportsWhatOneBufferReports)
+{
+    CXMLRecorder recorder;
+    SXMLReadStatistics const statistics = Read(recorder.stream, Document, 64 * 1024);
+    EXPECT_THAT(ToLines(recorder.events),
+                ElementsAre("text none", "instruction xml version='1.0'", "text none", "begin root", "attribute a=1",
+                            "attribute bcd=some value", "text text & text", "begin b", "text none", "end none",
+                            "text none", "begin c", "text d", "end c", "text more\xE2\x82\xAC", "begin e",
+                            "attribute f=g", "text none", "end none", "text none", "end root", "text \n"));
+    EXPECT_EQ(statistics.byteCount, 110u);
+    EXPECT_EQ(statistics.callCount, 2u); // the line end behind the root comes by itself
+    EXPECT_EQ(statistics.bufferSize, 65536u);
+    EXPECT_EQ(statistics.leftover, 0u);
+    EXPECT_TRUE(statistics.complete);
+}
+
+TEST(XMLRead, EveryBufferSizeGivesTheSameTokens)
+{
+    CXMLRecorder whole;
+    Read(whole.stream, Document, 1000);
+    for (u64 size = 0; size <= 140; ++size) {
+        CXMLRecorder recorder;
+        SXMLReadStatistics const statistics = Read(recorder.stream, Document, size);
+        EXPECT_EQ(Join(recorder.events), Join(whole.events)) << size;
+        EXPECT_TRUE(statistics.complete) << size;
+        EXPECT_GE(statistics.bufferSize, std::max<u64>(size, 16))
+            << size; // bcd="some value", or its quotes and one more
+        EXPECT_LE(statistics.bufferSize, std::max<u64>(size, 64)) << size;
+    }
+}
+
+TEST(XMLRead, ReadsFromThePositionOfTheFile)
+{
+    CXMLRecorder recorder;
+    std::string_view const text = "garbage<a></a>";
+    auto const file = MakeResource<CByteStreamFile>("a.xml", static_cast<void const*>(text.data()), text.size());
+    file->Seek(ESeek::Begin, 7);
+    EXPECT_EQ(ReadXML(*file, recorder.stream).byteCount, 7u);
+    EXPECT_THAT(ToLines(recorder.events), ElementsAre("text none", "begin a", "text none", "end a"));
+}
+
+TEST(XMLRead, FileThatGivesAByteAtATime)
+{
+    CXMLRecorder recorder;
+    CXMLRecorder expected;
+    Read(expected.stream, Document, 1000);
+    auto const file = MakeResource<CGeneratedFile>(u64{110}, u64{1}, [](u64 i) { return Document[i]; });
+    ReadXML(*file, recorder.stream);
+    EXPECT_EQ(ToLines(recorder.events), ToLines(expected.events));
+}
+
+TEST(XMLRead, EndOfTheFileEndsASelfClosingElement)
+{
+    for (u64 size : {u64{1}, u64{4}, u64{100}}) {
+        CXMLRecorder recorder;
+        EXPECT_TRUE(Read(recorder.stream, "<a/>", size).complete);
+        EXPECT_THAT(ToLines(recorder.events), ElementsAre("text none", "begin a", "text none", "end none"));
+    }
+}
+
+TEST(XMLRead, EmptyFileIsComplete)
+{
+    CXMLRecorder recorder;
+    SXMLReadStatistics const statistics = Read(recorder.stream, "", 10);
+    EXPECT_EQ(statistics.byteCount, 0u);
+    EXPECT_EQ(statistics.callCount, 0u);
+    EXPECT_TRUE(statistics.complete);
+}
+
+TEST(XMLRead, UnfinishedTextIsTold)
+{
+    struct SCase {
+        char const* text;
+        u64 leftover;
+    };
+    for (SCase const& c : {SCase{"<a>b</a><", 1}, SCase{"<a>b &am", 3}, SCase{"<a>\xE2\x82", 2}, SCase{"<!-- b", 0},
+                           SCase{"<!-- b --", 2}, SCase{"<![CDATA[ b", 0}, SCase{"<?b", 0}}) {
+        CXMLRecorder recorder;
+        SXMLReadStatistics const statistics = Read(recorder.stream, c.text, 100);
+        EXPECT_EQ(statistics.leftover, c.leftover) << c.text;
+        EXPECT_FALSE(statistics.complete) << c.text;
+        EXPECT_EQ(statistics.byteCount, std::strlen(c.text)) << c.text;
+    }
+}
+
+TEST(XMLRead, ErrorsTellTheirByte)
+{
+    struct SCase {
+        char const* text;
+        u64 offset;
+        char const* message;
+    };
+    for (SCase const& c : {SCase{"<root>\n<a b='1' c></root>", 17,
+                                 "src/VlmCore/Core_XMLStream.cpp(631): XML parser error (malformed XML). At byte 17."},
+                           SCase{"<root>\n<abc", 8,
+                                 "src/VlmCore/Core_XMLStream.cpp(496): XML Read buffer is too small. Data of state 0x5 "
+                                 "is not splittable. At byte 8."},
+                           SCase{"<root>\n<abc def='ghi' jkl='m", 22,
+                                 "src/VlmCore/Core_XMLStream.cpp(496): XML Read buffer is too small. Data of state 0x9 "
+                                 "is not splittable. At byte 22."},
+                           SCase{"<a b='c'", 8,
+                                 "src/VlmCore/Core_XMLStream.cpp(496): XML Read buffer is too small. Data of state 0x8 "
+                                 "is not splittable. At byte 8."}})
+        for (u64 size : {u64{1}, u64{5}, u64{16}, u64{1000}}) {
+            CXMLRecorder recorder;
+            try {
+                Read(recorder.stream, c.text, size);
+                ADD_FAILURE() << c.text;
+            }
+            catch (CException const& exception) {
+                EXPECT_EQ(Describe(exception.GetText()), c.message);
+                EXPECT_EQ(exception.GetKind(), 0);
+                CXMLException const* const error = dynamic_cast<CXMLException const*>(&exception);
+                ASSERT_NE(error, nullptr);
+                EXPECT_EQ(error->GetByteOffset(), c.offset);
+                CException* const copy = error->Clone();
+                EXPECT_EQ(dynamic_cast<CXMLException*>(copy)->GetByteOffset(), c.offset);
+                Memory::Delete(copy);
+            }
+        }
+}
+
+TEST(XMLRead, BeginsANewDocumentAndGivesItsMemoryBack)
+{
+    CXMLRecorder recorder;
+    EXPECT_THROW(Read(recorder.stream, "<a b>", 10), CXMLException);
+    Memory::SStatistics before;
+    Memory::SStatistics after;
+    ASSERT_TRUE(Memory::GetStatistics(before));
+    recorder.stream.OnText = [](CString const*) { throw 5; };
+    EXPECT_THROW(Read(recorder.stream, "<a b='c'></a>", 1), int);
+    recorder.stream.OnText = nullptr;
+    EXPECT_TRUE(Read(recorder.stream, "<a b='c'></a>", 1).complete);
+    ASSERT_TRUE(Memory::GetStatistics(after));
+    EXPECT_EQ(after.liveCount, before.liveCount);
+    EXPECT_EQ(after.bytesInUse, before.bytesInUse);
+}
+
+// A token that never ends must not be read again with every buffer: the passes double, so they are few.
+TEST(XMLRead, EndlessTokensAreRead)
+{
+    constexpr u64 Size = 16 << 20;
+    SCounts counts;
+    CXMLStream stream;
+    Count(stream, counts);
+    u64 textBytes = 0;
+    stream.OnText = [&textBytes](CString const* text) {
+        textBytes += text != nullptr ? std::strlen(static_cast<char const*>(text->GetData())) : 0;
+    };
+    auto const name = MakeResource<CGeneratedFile>(Size, Size, [](u64 i) { return i == 0 ? '<' : 'a'; });
+    try {
+        ReadXML(*name, stream);
+        ADD_FAILURE();
+    }
+    catch (CXMLException const& error) {
+        EXPECT_EQ(error.GetByteOffset(), 1u);
+    }
+    auto const value = MakeResource<CGeneratedFile>(Size, Size, [](u64 i) {
+        return i < 6 ? "<a b='"[i] : i + 2 < Size ? 'v' : "'>"[i + 2 - Size];
+    });
+    SXMLReadStatistics const statistics = ReadXML(*value, stream);
+    EXPECT_EQ(counts, (SCounts{1, 0, 1}));
+    EXPECT_LE(statistics.callCount, 12u); // 64 KiB doubled up to 16 MiB and more
+    EXPECT_LE(statistics.bufferSize, 2 * Size);
+    auto const text = MakeResource<CGeneratedFile>(Size, Size, [](u64) { return 't'; });
+    SXMLReadStatistics const textStatistics = ReadXML(*text, stream);
+    EXPECT_EQ(textBytes, Size);
+    EXPECT_EQ(textStatistics.bufferSize, 65536u);
+    EXPECT_EQ(textStatistics.callCount, Size / 65536);
+}
+
+// Each shape costs no more per byte than ordinary text: these would take minutes if anything were looked at twice per
+// token.
+TEST(XMLRead, HostileTextEnds)
+{
+    constexpr u64 Size = 4 << 20;
+    CXMLStream stream;
+    u64 calls = 0;
+    stream.OnText = [&](CString const*) { ++calls; };
+    stream.OnComment = [&](CString const&) { ++calls; };
+    stream.OnElementBegin = [&](CString const&) { ++calls; };
+    for (char (*byteAt)(u64) : std::initializer_list<char (*)(u64)>{
+             [](u64) { return '\0'; }, [](u64) { return '<'; }, [](u64) { return '&'; }, [](u64) { return '\xFF'; },
+             [](u64) { return '\xC3'; }, [](u64) { return '\x80'; }, [](u64 i) { return "<\xFF"[i % 2]; },
+             [](u64 i) { return "&a"[i % 2]; }, [](u64 i) { return "&#x10FFFF;"[i % 10]; },
+             [](u64 i) { return "\xF0<"[i % 2]; }, [](u64 i) { return i < 4 ? "<!--"[i] : '-'; },
+             [](u64 i) { return i < 9 ? "<![CDATA["[i] : ']'; }, [](u64 i) { return i < 2 ? "<?"[i] : '?'; },
+             [](u64 i) { return "<a>"[i % 3]; }, [](u64 i) { return i == 0 ? '&' : 'n'; },
+             [](u64 i) { return "\xE0\x80\xBC"[i % 3]; }}) {
+        auto const file = MakeResource<CGeneratedFile>(Size, Size, byteAt);
+        SXMLReadStatistics const statistics = ReadXML(*file, stream, 4096);
+        EXPECT_EQ(statistics.byteCount, Size);
+        EXPECT_EQ(statistics.bufferSize, 4096u);
+        EXPECT_LE(statistics.callCount, Size / 4096 * 2 + 2);
+    }
+    auto const declaration = MakeResource<CGeneratedFile>(Size, Size, [](u64 i) { return i < 2 ? "<!"[i] : '['; });
+    EXPECT_THROW(ReadXML(*declaration, stream, 4096), CXMLException);
+}
