@@ -13,20 +13,13 @@ static_assert(sizeof(TBlockAllocator<0>) == 8 * 32 + 24);
 static_assert(sizeof(TBlockAllocator<4>) == 7 * 32 + 24);
 static_assert(std::is_standard_layout_v<TBlockAllocator<0>>, "modules of different builds share the object");
 
-// A chunk fills half of the level 1 data cache, within these bounds.
-constexpr u64 FewestBlocksPerChunk = 4;
-constexpr u64 MostBlocksPerChunk = 256;
-
 template <u32 AlignmentBits>
 TBlockAllocator<AlignmentBits>::TBlockAllocator(bool report) : m_report(report ? 1 : 0)
 {
     System::SCPUInfo info{};
     System::GetCPUInfo(info);
-    for (u32 index = 0; index < ClassCount; ++index) {
-        u64 const blocks = info.cacheSize[0] / 2 / GetShape(index).blockSize;
-        m_classes[index].SetBlocksPerChunk(
-            static_cast<u32>(std::clamp(blocks, FewestBlocksPerChunk, MostBlocksPerChunk)));
-    }
+    for (u32 index = 0; index < ClassCount; ++index)
+        m_classes[index].SetBlocksPerChunk(GetBlocksPerChunk(info.cacheSize[0], GetShape(index).blockSize));
 }
 
 // ---- Large blocks ----

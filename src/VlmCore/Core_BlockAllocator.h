@@ -19,6 +19,14 @@
 
 namespace Velmor {
 
+/// Blocks that a chunk of this class holds: half of the level 1 data cache (bytes, 0 when unknown), within bounds.
+[[nodiscard]] constexpr u32 GetBlocksPerChunk(u64 cacheSize, u64 blockSize)
+{
+    constexpr u64 Fewest = 4;
+    constexpr u64 Most = 256;
+    return static_cast<u32>(std::clamp(cacheSize / 2 / blockSize, Fewest, Most));
+}
+
 /// Working memory of a purge, one for all classes of an allocator. Taken from the hooks, given back at the end.
 class CPurgeScratch {
 public:

@@ -130,11 +130,11 @@ bool CGlobalHeap::GrowRecordStore()
     return true;
 }
 
-// One bucket per record of the store. Without memory for them the chains just grow longer.
+// Two buckets per record of the store: most chains are one record long. Without memory for them the chains just grow longer.
 void CGlobalHeap::GrowBuckets()
 {
     u8 const oldBits = m_bucketBits.load(std::memory_order_relaxed);
-    u8 const newBits = static_cast<u8>(m_growthExponent + OwnBucketBits);
+    u8 const newBits = static_cast<u8>(m_growthExponent + OwnBucketBits + 1);
     u64 const oldCount = u64{1} << oldBits;
     u64 const newCount = u64{1} << newBits;
     void* const memory = m_hooks.malloc(newCount * sizeof(SAllocationRecord*));
