@@ -1,0 +1,167 @@
+// The system logger on a seam of this test's own, and the guards of both singletons.
+#include "Core_Log.h"
+#include "Core_MemoryLog.h"
+#include "TestHeap.h"
+#include "platform/Platform_EventLog.h"
+
+#include <vlmcore/exceptions.h>
+#include <vlmcore/logging.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+struct SEvent {
+    Velmor::Platform::EEventType type;
+    Velmor::u32 identifier;
+    std::string text;
+};
+
+std::string openedSource;
+int openCount;
+void* handleToGive;
+std::vector<SEvent> events;
+
+} // namespace
+
+// In place of the room's: the linker takes these.
+namespace Velmor::Platform {
+
+void* OpenEventSource(char const* source)
+{
+    openedSource = source;
+    ++openCount;
+    return handleToGive;
+}
+
+void CloseEventSource(void* handle)
+{
+    EXPECT_EQ(handle, handleToGive);
+    --openCount;
+}
+
+bool WriteEvent(void* handle, EEventType type, u32 identifier, char const* text)
+{
+    EXPECT_EQ(handle, handleToGive);
+    events.push_back({type, identifier, text});
+    return false;
+}
+
+} // namespace Velmor::Platform
+
+namespace {
+
+using namespace Velmor;
+
+class SystemLoggerTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        handleToGive = &events;
+        events.clear();
+        openCount = 0;
+    }
+};
+
+TEST_F(SystemLoggerTest, OpensItsSourceAndClosesIt)
+{
+    {
+        CSystemLogger const logger;
+        EXPECT_EQ(openedSource, "Orbisk");
+        EXPECT_EQ(openCount, 1);
+    }
+    EXPECT_EQ(openCount, 0);
+}
+
+TEST_F(SystemLoggerTest, LevelsBecomeEventTypes)
+{
+    CSystemLogger logger;
+    logger.Write(Log::EMessage::Debug, 1, "a");
+    logger.Write(Log::EMessage::Info, 2, "b");
+    logger.Write(Log::EMessage::Warning, 3, "c");
+    logger.Write(Log::EMessage::Error, 4, "d");
+    ASSERT_EQ(events.size(), 4u);
+    EXPECT_EQ(static_cast<u32>(events[0].type), 4u);
+    EXPECT_EQ(static_cast<u32>(events[1].type), 4u);
+    EXPECT_EQ(static_cast<u32>(events[2].type), 2u);
+    EXPECT_EQ(static_cast<u32>(events[3].type), 1u);
+    EXPECT_EQ(events[0].text, "a");
+    EXPECT_EQ(events[3].text, "d");
+}
+
+TEST_F(SystemLoggerTest, IdentifiersCountUpAndStartOver)
+{
+    CSystemLogger logger;
+    for (u32 count = 0; count < 0x10002; ++count)
+        logger.Write(Log::EMessage::Info, 0, "x");
+    ASSERT_EQ(events.size(), 0x10002u);
+    EXPECT_EQ(events[0].identifier, 0x60000000u);
+    EXPECT_EQ(events[1].identifier, 0x60000001u);
+    EXPECT_EQ(events[0xFFFF].identifier, 0x6000FFFFu);
+    EXPECT_EQ(events[0x10000].identifier, 0x60000000u);
+    EXPECT_EQ(events[0x10001].identifier, 0x60000001u);
+}
+
+TEST_F(SystemLoggerTest, EachLoggerCountsForItself)
+{
+    CSystemLogger first;
+    CSystemLogger second;
+    first.Write(Log::EMessage::Info, 0, "x");
+    first.Write(Log::EMessage::Info, 0, "x");
+    second.Write(Log::EMessage::Info, 0, "x");
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[2].identifier, 0x60000000u);
+}
+
+TEST_F(SystemLoggerTest, TextsAreUtf8AndNeverNull)
+{
+    CSystemLogger logger;
+    logger.Write(Log::EMessage::Info, 0, u"\u00e4");
+    logger.Write(Log::EMessage::Info, 0, U"\u20ac");
+    logger.Write(Log::EMessage::Info, 0, nullptr);
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[0].text, "\xC3\xA4");
+    EXPECT_EQ(events[1].text, "\xE2\x82\xAC");
+    EXPECT_EQ(events[2].text, "");
+}
+
+TEST_F(SystemLoggerTest, ASystemWithoutALogIsDoneWithout)
+{
+    handleToGive = nullptr;
+    CSystemLogger logger;
+    logger.Write(Log::EMessage::Error, 0, "nobody listens");
+    EXPECT_EQ(events.size(), 1u);
+}
+
+template <class Lookup>
+[[nodiscard]] std::string GetGuardText(Lookup lookup)
+{
+    try {
+        static_cast<void>(lookup());
+    }
+    catch (CException const& exception) {
+        return static_cast<char const*>(exception.GetText().GetData());
+    }
+    return "";
+}
+
+TEST(SingletonGuards, LookupsWithoutAnInstanceThrow)
+{
+    EXPECT_EQ(GetGuardText([] { return &Log::GetLogger(); }),
+              "src/VlmCore/Core_Log.cpp(78): CLogSingleton has no instance.");
+    EXPECT_EQ(GetGuardText([] { return &MemoryLog::GetLogger(); }),
+              "src/VlmCore/Core_MemoryLog.cpp(72): CMemoryLogSingleton has no instance.");
+}
+
+TEST(LevelTable, HasTheNamesAndThenTheTwoFramingTexts)
+{
+    EXPECT_THAT(Log::Texts, testing::ElementsAre(testing::StrEq("Debug"), testing::StrEq("Info"),
+                                                 testing::StrEq("Warning"), testing::StrEq("Error"),
+                                                 testing::StrEq("{ \"Data\": [\n"), testing::StrEq("]}\n")));
+}
+
+} // namespace
