@@ -10,6 +10,9 @@ struct SSystemTraits {
 
     /// A failed assertion asks on the terminal; a process without one cannot ask.
     bool questionNeedsTerminal;
+    /// A kill may end a write of the killed process between two pages of the file. Wine kills as Linux does, but its
+    /// programs cannot guard against it.
+    bool killMayCutWrites;
 };
 
 extern SSystemTraits const SystemTraits;

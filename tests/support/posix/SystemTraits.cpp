@@ -5,6 +5,7 @@ namespace TestSupport {
 SSystemTraits const SystemTraits = {
     .stackWalkEndsAtThreadStart = true,
     .questionNeedsTerminal = true,
+    .killMayCutWrites = false,
 };
 
 } // namespace TestSupport
