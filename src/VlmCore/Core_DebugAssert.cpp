@@ -1,4 +1,6 @@
+#include "Core_DebugCrash.h"
 #include "Core_Printf.h"
+#include "platform/Platform_Crash.h"
 #include "platform/Platform_Debug.h"
 
 #include <vlmcore/debug.h>
@@ -57,6 +59,48 @@ char const* OrEmpty(char const* text)
     return text != nullptr ? text : "";
 }
 
+/// Holds the assertion lock. A crash is reported also when the lock is not to be had: its holder may be the thread that
+/// crashed, on whose behalf another one reports.
+class CAssertionLock {
+public:
+    CAssertionLock()
+    {
+        if (!IsReportingCrash()) {
+            g_lock.Acquire();
+            m_held = true;
+            return;
+        }
+        for (u32 waited = 0; waited < StageTimeout && !m_held; ++waited) {
+            m_held = g_lock.TryAcquire();
+            if (!m_held)
+                Thread::Sleep(1);
+        }
+    }
+    CAssertionLock(CAssertionLock const&) = delete;
+    CAssertionLock& operator=(CAssertionLock const&) = delete;
+    ~CAssertionLock()
+    {
+        if (m_held)
+            g_lock.TryRelease();
+    }
+
+private:
+    bool m_held = false;
+};
+
+/// A log that fails must not keep the user from being asked.
+/// Part of its caller, so that the stack it logs begins there.
+[[gnu::always_inline]] inline void LogReport(char const* report)
+{
+    try {
+        Log::Warning(CString(report));
+        Log::Callstack(2);
+    }
+    catch (...) {
+        Print("The log failed to take the report of an assertion.\n");
+    }
+}
+
 bool IsIgnored(u32 site)
 {
     for (u32 i = 0; i < g_ignoredSiteCount; ++i)
@@ -109,7 +153,7 @@ u64 FormatArguments(char* buffer, u64 size, char const* format, char* args)
 
 bool Assert(char const* file, long line, char const* title, char const* format, ...)
 {
-    TScopedLock const guard(g_lock); // a handler that throws does not keep it
+    CAssertionLock const lock; // a handler that throws does not keep it
     std::va_list arguments;
     va_start(arguments, format);
     if (Handler const handler = g_handler.load()) {
@@ -129,14 +173,11 @@ bool Assert(char const* file, long line, char const* title, char const* format, 
     va_end(arguments);
     char report[ReportCapacity];
     FormatTruncatingF(report, sizeof report, "%s\n\n%s\n\nThread %u\n%s (%ld)\n", OrEmpty(title), message,
-                      Thread::GetId(), OrEmpty(file), line);
-    try {
-        Log::Warning(report);
-        Log::Callstack(2); // from this function on
-    }
-    catch (...) {
-        // A log that fails must not keep the user from being asked.
-    }
+                      IsReportingCrash() ? GetCrashedThread() : Thread::GetId(), OrEmpty(file), line);
+    if (IsReportingCrash())
+        Platform::RunCrashStage([](void* text) { LogReport(static_cast<char const*>(text)); }, report, StageTimeout);
+    else
+        LogReport(report);
 
     void* addresses[MaxFrames];
     u32 site = 0;

@@ -33,6 +33,8 @@ enum class EAnswer { Abort, Retry, Ignore, IgnoreForGood };
 
 /// How to run a child; the defaults run it alone and quiet.
 struct SChildOptions {
+    SChildOptions() = default; // not an aggregate: braces around one argument of a child are that argument
+
     bool debugged = false;                                          ///< under a debugging parent
     std::vector<std::string> arguments;                             ///< what the child finds in GetChildArguments
     std::vector<std::pair<std::string, std::string>> environment{}; ///< variables added to the parent's

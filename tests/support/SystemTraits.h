@@ -10,9 +10,19 @@ struct SSystemTraits {
 
     /// A failed assertion asks on the terminal; a process without one cannot ask.
     bool questionNeedsTerminal;
+
     /// A kill may end a write of the killed process between two pages of the file. Wine kills as Linux does, but its
     /// programs cannot guard against it.
     bool killMayCutWrites;
+
+    /// The name of the exception that an instruction for the system alone raises.
+    char const* privilegedInstructionException;
+
+    /// The system can write a dump of the running process.
+    bool writesMinidumps;
+
+    /// Exit code of a process that its access violation ended, after the crash report.
+    unsigned accessViolationExitCode;
 };
 
 extern SSystemTraits const SystemTraits;

@@ -6,6 +6,9 @@ SSystemTraits const SystemTraits = {
     .stackWalkEndsAtThreadStart = true,
     .questionNeedsTerminal = true,
     .killMayCutWrites = false,
+    .privilegedInstructionException = "Access violation",
+    .writesMinidumps = false,
+    .accessViolationExitCode = 128 + 11,
 };
 
 } // namespace TestSupport

@@ -17,6 +17,9 @@ SSystemTraits const SystemTraits = {
     .stackWalkEndsAtThreadStart = false,
     .questionNeedsTerminal = false,
     .killMayCutWrites = IsWine(),
+    .privilegedInstructionException = "Operation not allowed in current machine mode",
+    .writesMinidumps = true,
+    .accessViolationExitCode = 0xC0000005,
 };
 
 } // namespace TestSupport

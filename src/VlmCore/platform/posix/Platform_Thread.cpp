@@ -1,5 +1,7 @@
 #include "../Platform_Thread.h"
 
+#include "Posix_CrashStack.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -131,6 +133,7 @@ void* RunBody(void* record)
     SStart const start = *static_cast<SStart*>(record);
     std::free(record);
     SetOwnPriority(start.priority);
+    CCrashStack const crashStack;
     start.body(start.argument);
     return nullptr;
 }
