@@ -174,10 +174,10 @@ bool Assert(char const* file, long line, char const* title, char const* format, 
     char report[ReportCapacity];
     FormatTruncatingF(report, sizeof report, "%s\n\n%s\n\nThread %u\n%s (%ld)\n", OrEmpty(title), message,
                       IsReportingCrash() ? GetCrashedThread() : Thread::GetId(), OrEmpty(file), line);
-    if (IsReportingCrash())
-        Platform::RunCrashStage([](void* text) { LogReport(static_cast<char const*>(text)); }, report, StageTimeout);
-    else
+    if (!IsReportingCrash())
         LogReport(report);
+    else if (IsLogUsable())
+        Platform::RunCrashStage([](void* text) { LogReport(static_cast<char const*>(text)); }, report, 0);
 
     void* addresses[MaxFrames];
     u32 site = 0;

@@ -61,7 +61,7 @@ struct SExceptionPointers {
 
 constexpr u64 ExecutablePathCapacity = 256;
 constexpr u64 DumpPathCapacity = ExecutablePathCapacity + 64; // six numbers and what stands between them
-constexpr u32 DumpTimeout = 60'000;
+constexpr u32 DumpTimeout = 180'000; // milliseconds; a dump may hold a lot and the machine be busy
 
 /// The report in progress. Static, because a thread that crashed may have no stack left for it; filled by the one thread
 /// that owns the report.
@@ -70,6 +70,7 @@ struct SReport {
     u32 code;
     void* address;
     bool dumpWritten;
+    bool logUsable;
     char dumpPath[DumpPathCapacity];
     char logLine[DumpPathCapacity + 64];
     SCallstackLine frame;
@@ -169,7 +170,7 @@ void ReportCrash(void* exceptionPointers)
     Platform::ClearNames(report.frame);
 
     Run(&WriteDump, DumpTimeout);
-    Run(&LogDump, StageTimeout);
+    report.logUsable = Run(&LogDump, StageTimeout);
     if (!Run(&ResolveAddress, StageTimeout)) {
         Platform::ClearNames(report.frame);
         Run(&ResolveAddressPlainly, StageTimeout);
@@ -207,6 +208,11 @@ bool IsReportingCrash()
 u32 GetCrashedThread()
 {
     return g_crashedThread.load();
+}
+
+bool IsLogUsable()
+{
+    return g_report.logUsable;
 }
 
 int WindowsExceptionHandler(void* exceptionPointers)

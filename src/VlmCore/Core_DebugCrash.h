@@ -21,6 +21,9 @@ void BuildDumpPath(char* path, u64 size, char const* executable, Platform::SCale
 /// The thread that crashed; only while IsReportingCrash.
 [[nodiscard]] u32 GetCrashedThread();
 
+/// False when the log has failed or hung in this report; only while IsReportingCrash.
+[[nodiscard]] bool IsLogUsable();
+
 /// How long a stage of a crash report may take.
 inline constexpr u32 StageTimeout = 5'000; // milliseconds
 

@@ -41,7 +41,7 @@ struct SChildOptions {
     std::string folder;                                             ///< current folder; empty: the parent's
     std::string program;                                            ///< executable; empty: this test program
     std::vector<EAnswer> answers;                                   ///< one for each question the child will ask
-    unsigned timeoutSeconds = 60;                                   ///< then the child is killed
+    unsigned timeoutSeconds = 240;                                  ///< then the child is killed
     unsigned killAfterMilliseconds = 0;                             ///< when not 0, takes the place of the timeout
 
     [[nodiscard]] unsigned GetTimeoutMilliseconds() const

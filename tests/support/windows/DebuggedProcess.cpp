@@ -143,11 +143,25 @@ void Debug(PROCESS_INFORMATION const& child, SChildOptions const& options, SChil
     }
 }
 
+bool IsWine()
+{
+    return ::GetProcAddress(::GetModuleHandleA("ntdll"), "wine_get_version") != nullptr;
+}
+
 /// Wine waits two seconds for a window manager's answer about each window, and a display for tests has none.
 void DoWithoutWindowManager()
 {
-    if (::GetProcAddress(::GetModuleHandleA("ntdll"), "wine_get_version") != nullptr)
+    if (IsWine())
         ::RegSetKeyValueA(HKEY_CURRENT_USER, "Software\\Wine\\X11 Driver", "Managed", REG_SZ, "N", 2);
+}
+
+/// A crash opens no box and, which takes Wine a minute, no debugger.
+void DoWithoutPostMortemDebugger()
+{
+    ::SetErrorMode(SEM_NOGPFAULTERRORBOX | SEM_FAILCRITICALERRORS); // inherited by the child
+    if (IsWine())
+        ::RegSetKeyValueA(HKEY_LOCAL_MACHINE, "Software\\Microsoft\\Windows NT\\CurrentVersion\\AeDebug", "Debugger",
+                          REG_SZ, "none", 5);
 }
 
 /// A message box of the process, or null.
@@ -237,6 +251,7 @@ SChildResult RunProgram(std::string const& program, std::vector<std::string> con
     if (!options.answers.empty())
         DoWithoutWindowManager();
 
+    DoWithoutPostMortemDebugger();
     SPipe const output, error;
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
