@@ -2,6 +2,7 @@
 // The file logger: unbuffered, buffered, from several threads, and on files that fail.
 #include "RecordingFile.h"
 #include "TestHeap.h"
+#include "support/DebuggedProcess.h"
 
 #include <vlmcore/exceptions.h>
 #include <vlmcore/logging.h>
@@ -477,6 +478,33 @@ TEST(FileLoggerFailure, AFileThatAlwaysFailsStopsNobody)
     }
     EXPECT_EQ(throwing->GetContent(), "");
     EXPECT_EQ(refusing->GetContent(), "");
+}
+
+// "1: [Info] x" and a new line are 12 bytes.
+VLMCORE_CHILD(LosesALineAtOnce)
+{
+    Memory::Initialize(0, 0);
+    CFileHandle const file = MakeFile([](u64, u64) -> u64 { throw CFileException("full", EFileError::Unknown); });
+    CFileLogger logger(file, 0);
+    WriteInfo(logger, 1, "x");
+    return 0;
+}
+
+VLMCORE_CHILD(LosesTheRestOfABuffer)
+{
+    Memory::Initialize(0, 0);
+    CFileHandle const file = MakeFile([](u64 call, u64) -> u64 { return call == 0 ? 5 : 0; });
+    CFileLogger logger(file, 4096);
+    WriteInfo(logger, 1, "x");
+    return 0;
+}
+
+TEST(FileLoggerFailure, WhatIsLostIsReportedToTheDebugger)
+{
+    EXPECT_EQ(TestSupport::RunDebugged("LosesALineAtOnce").debuggerOutput,
+              "File logger: the file did not take 12 bytes.\n");
+    EXPECT_EQ(TestSupport::RunDebugged("LosesTheRestOfABuffer").debuggerOutput,
+              "File logger: the file did not take 7 bytes.\n");
 }
 
 TEST(FileLoggerFailure, AFullDiskStopsNobody)
