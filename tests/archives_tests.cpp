@@ -256,7 +256,7 @@ TEST_F(FolderArchive, ListingWhatIsNoFolderThrows)
 
 TEST_F(FolderArchive, ListsThousandsOfEntries)
 {
-    constexpr u64 Count = 3000;
+    constexpr u64 Count = 2000;
     for (u64 index = 0; index < Count; ++index)
         WriteText(Root() / ("file-" + std::to_string(index)), "");
     SListing const listing = List(archive, u"");
@@ -277,7 +277,7 @@ TEST_F(FolderArchive, EntriesMayVanishWhileAListingRuns)
             fs::remove(Root() / std::to_string(index), ignored);
         }
     });
-    for (int repetition = 0; repetition < 20; ++repetition)
+    for (int repetition = 0; repetition < 8; ++repetition)
         EXPECT_LE(List(archive, "").folders.size(), 400u);
     stop = true;
     remover.join();
@@ -415,10 +415,16 @@ TEST_F(FolderArchive, RemovalNeverFollowsLinks)
         GTEST_SKIP() << "no links here";
     (void)TestSupport::MakeLink(outside.Path() / "precious", Root() / "t" / "a" / "file-link");
     (void)TestSupport::MakeLink(outside.Path(), Root() / "direct");
-    archive.RemoveFolder("t");
-    EXPECT_FALSE(fs::exists(Root() / "t"));
-    archive.RemoveFolder("direct");
-    EXPECT_FALSE(TestSupport::IsLink(Root() / "direct"));
+    if (TestSupport::LinksAreNative()) {
+        archive.RemoveFolder("t");
+        EXPECT_FALSE(fs::exists(Root() / "t"));
+        archive.RemoveFolder("direct");
+        EXPECT_FALSE(TestSupport::IsLink(Root() / "direct"));
+    }
+    else {
+        EXPECT_THROW(archive.RemoveFolder("t"), CFileException);
+        EXPECT_THROW(archive.RemoveFolder("direct"), CFileException);
+    }
     EXPECT_EQ(ReadText(outside.Path() / "precious"), "kept");
 }
 
@@ -488,7 +494,7 @@ TEST_F(FolderArchive, NoHandleStaysOpen)
     };
     work();
     unsigned const before = TestSupport::OpenHandleCount();
-    for (int repetition = 0; repetition < 20; ++repetition)
+    for (int repetition = 0; repetition < 8; ++repetition)
         work();
     EXPECT_EQ(TestSupport::OpenHandleCount(), before);
 }

@@ -178,7 +178,8 @@ bool IsWithin(PathUnits const& folder, PathUnits const& path)
 
 bool NamesEntry(PathUnits path)
 {
-    bool const mustBeFolder = DropTrailingSeparators(path);
+    // A root keeps its separator; a search of the system would not find it by its path.
+    bool const mustBeFolder = DropTrailingSeparators(path) || path[path.GetCount() - 2] == u'\\';
     return mustBeFolder ? Platform::FolderExists(path.GetData()) : Platform::EntryExists(path.GetData());
 }
 

@@ -33,7 +33,7 @@ class CFolderBeside {
 public:
     CFolderBeside() : m_path(fs::path(TestSupport::GetProgramPath()).parent_path() / "beside")
     {
-        fs::remove_all(m_path);
+        TestSupport::RemoveTree(m_path);
         fs::create_directories(m_path / "inner" / u"\u00E4");
         TestSupport::WriteText(m_path / "one.txt", "one");
         TestSupport::WriteText(m_path / "inner" / "two.txt", "two");
@@ -41,11 +41,7 @@ public:
     }
     CFolderBeside(CFolderBeside const&) = delete;
     CFolderBeside& operator=(CFolderBeside const&) = delete;
-    ~CFolderBeside()
-    {
-        std::error_code ignored;
-        fs::remove_all(m_path, ignored);
-    }
+    ~CFolderBeside() { TestSupport::RemoveTree(m_path); }
     [[nodiscard]] fs::path const& Path() const { return m_path; }
 
 private:

@@ -32,8 +32,7 @@ CTemporaryFolder::CTemporaryFolder()
 
 CTemporaryFolder::~CTemporaryFolder()
 {
-    std::error_code ignored;
-    fs::remove_all(m_path, ignored);
+    RemoveTree(m_path);
 }
 
 void WriteText(fs::path const& path, std::string const& content)

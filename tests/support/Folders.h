@@ -35,8 +35,16 @@ void WriteText(std::filesystem::path const& path, std::string const& content);
 /// Makes a link to a file or a folder; false where the system or its user cannot.
 [[nodiscard]] bool MakeLink(std::filesystem::path const& target, std::filesystem::path const& link);
 
+/// False when the last link was made by means foreign to the system that the tests run on (Windows calls on another
+/// system): removing a link to a folder is then not possible through the system's calls.
+[[nodiscard]] bool LinksAreNative();
+
 /// Whether `path` is a link or a junction.
 [[nodiscard]] bool IsLink(std::filesystem::path const& path);
+
+/// Removes a tree without following links; nothing for a missing one. (The standard library's follows them where links are
+/// unknown to it.)
+void RemoveTree(std::filesystem::path const& path);
 
 /// What the library must take for the documents folder from now on: the user's own (Windows), `wanted` (posix).
 [[nodiscard]] std::u16string UseDocumentsFolder(std::filesystem::path const& wanted);

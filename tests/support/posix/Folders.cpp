@@ -14,9 +14,20 @@ bool MakeLink(fs::path const& target, fs::path const& link)
     return true;
 }
 
+bool LinksAreNative()
+{
+    return true;
+}
+
 bool IsLink(fs::path const& path)
 {
     return fs::is_symlink(path);
+}
+
+void RemoveTree(fs::path const& path)
+{
+    std::error_code ignored;
+    fs::remove_all(path, ignored);
 }
 
 std::u16string UseDocumentsFolder(fs::path const& wanted)

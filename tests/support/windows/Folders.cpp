@@ -13,6 +13,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+bool linksAreNative = true;
+
 bool MakeSymbolicLink(fs::path const& target, fs::path const& link)
 {
     constexpr DWORD AllowUnprivileged = 2;
@@ -85,13 +87,38 @@ bool MakeHostLink(fs::path const& target, fs::path const& link)
 
 bool MakeLink(fs::path const& target, fs::path const& link)
 {
-    return MakeSymbolicLink(target, link) || MakeJunction(target, link) || MakeHostLink(target, link);
+    linksAreNative = MakeSymbolicLink(target, link) || MakeJunction(target, link);
+    return linksAreNative || MakeHostLink(target, link);
+}
+
+bool LinksAreNative()
+{
+    return linksAreNative;
 }
 
 bool IsLink(fs::path const& path)
 {
     DWORD const attributes = ::GetFileAttributesW(path.c_str());
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+
+void RemoveTree(fs::path const& path)
+{
+    std::wstring const text = path.wstring();
+    std::wstring const prefixed = text.starts_with(L"\\\\?\\") ? text : L"\\\\?\\" + text;
+    WIN32_FIND_DATAW entry;
+    HANDLE const listing =
+        IsLink(prefixed) ? INVALID_HANDLE_VALUE : ::FindFirstFileW((prefixed + L"\\*").c_str(), &entry);
+    if (listing != INVALID_HANDLE_VALUE) {
+        do {
+            std::wstring const name = entry.cFileName;
+            if (name != L"." && name != L"..")
+                RemoveTree(prefixed + L"\\" + name);
+        } while (::FindNextFileW(listing, &entry) != FALSE);
+        ::FindClose(listing);
+    }
+    if (::DeleteFileW(prefixed.c_str()) == FALSE)
+        ::RemoveDirectoryW(prefixed.c_str());
 }
 
 std::u16string UseDocumentsFolder(fs::path const&)
