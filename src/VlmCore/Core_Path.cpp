@@ -98,7 +98,7 @@ void ResolveDotParts(PathUnits& path)
     char16_t* const units = path.GetData();
     u64 const count = path.GetCount();
     u64 const rootCount = GetRootCount(units, count);
-    if (rootCount != 0)
+    if (rootCount != 0 && IsSeparator(units[rootCount - 1]))
         units[rootCount - 1] = u'\\';
     if (rootCount == count)
         return;
