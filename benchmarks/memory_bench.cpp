@@ -220,25 +220,27 @@ void ReportMemoryUse(std::vector<SAllocator> const& allocators)
     constexpr double Payload = Count * Size;
     if (!IsWanted("Memory/MillionBlocks"))
         return;
-    std::vector<void*> blocks(Count);
-    for (SAllocator const& allocator : allocators) {
+    // All stay until the end, so that none is given what another one had.
+    std::vector<std::vector<void*>> blocks(allocators.size(), std::vector<void*>(Count));
+    for (u64 index = 0; index < allocators.size(); ++index) {
         u64 const before = MemoryBench::GetResidentBytes();
         Memory::SStatistics first{};
         Memory::SStatistics last{};
         Memory::GetStatistics(first);
-        for (void*& block : blocks) {
-            block = allocator.allocate(Size);
+        for (void*& block : blocks[index]) {
+            block = allocators[index].allocate(Size);
             std::memset(block, 1, Size);
         }
         Memory::GetStatistics(last);
         u64 const after = MemoryBench::GetResidentBytes();
-        std::string const name = std::string("Memory/MillionBlocks/") + allocator.name;
-        Print(name + "/resident", {static_cast<double>(after - before) / Payload}, "x");
+        std::string const name = std::string("Memory/MillionBlocks/") + allocators[index].name;
+        Print(name + "/resident", {(static_cast<double>(after) - static_cast<double>(before)) / Payload}, "x");
         if (last.bytesInUse != first.bytesInUse)
             Print(name + "/counted", {static_cast<double>(last.bytesInUse - first.bytesInUse) / Payload}, "x");
-        Empty(allocator, blocks);
-        Memory::Purge();
     }
+    for (u64 index = 0; index < allocators.size(); ++index)
+        Empty(allocators[index], blocks[index]);
+    Memory::Purge();
 }
 
 void ReportPurge()
@@ -300,6 +302,7 @@ int main(int count, char** arguments)
 
     if (isJson)
         std::printf("{\n  \"context\": {\"executable\": \"memory_bench\"},\n  \"benchmarks\": [\n");
+    ReportMemoryUse(allocators); // first, while the heaps are empty
     for (u64 const size : {16u, 64u, 256u, 1024u})
         Compare("Pair" + std::to_string(size), allocators, [&](auto const& a) { return MeasurePairs(a, size); });
     Compare("Replace100000", allocators, [](auto const& a) { return MeasureReplacement(a, 100000); });
@@ -307,7 +310,6 @@ int main(int count, char** arguments)
     Compare("OwnBlocks1Thread", allocators, [](auto const& a) { return MeasureOwnBlocks(a, 1); });
     Compare("OwnBlocks2Threads", allocators, [](auto const& a) { return MeasureOwnBlocks(a, 2); });
     Compare("ForeignFrees", allocators, MeasureForeignFrees);
-    ReportMemoryUse(allocators);
     ReportPurge();
     if (isJson)
         std::printf("\n  ]\n}\n");
