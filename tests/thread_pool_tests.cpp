@@ -344,10 +344,10 @@ thread_local SThreadEnd t_threadEnd;
 
 TEST(ThreadPool, WorkersEndAfterTheIdleTimeoutAndStartAgain)
 {
+    std::atomic<bool> ended[3] = {}; // outlives the pools' threads
     CThreadPool pools[3] = {CThreadPool(1), CThreadPool(1), CThreadPool(1)};
     pools[0].SetIdleTimeout(1);
     pools[1].SetIdleTimeout(0);
-    std::atomic<bool> ended[3] = {};
     for (int index = 0; index < 3; ++index)
         Push(pools[index], [&, index] { t_threadEnd.flag = &ended[index]; });
     for (auto& pool : pools)
