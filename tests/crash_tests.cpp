@@ -563,3 +563,27 @@ TEST_F(WindowsExceptionHandler, SurvivesAnAssertHandlerThatThrows)
     EXPECT_EQ(Debug::WindowsExceptionHandler(nullptr), 0);
     EXPECT_EQ(g_reports.size(), 1u);
 }
+
+// For tests/crash_dump: a dump for an independent reader, left where the log says.
+
+namespace {
+
+bool LeaveAtOnce(char const*, long, char const*, char const*, char*)
+{
+    std::_Exit(3);
+}
+
+} // namespace
+
+VLMCORE_CHILD(LeavesADump)
+{
+    Memory::Initialize(0, 0);
+    static CPrintingLogger logger;
+    Log::Initialize(&logger);
+    Debug::InstallCrashHandler();
+    Debug::SetAssertHandler(&LeaveAtOnce);
+    std::printf("thread %x\n", Thread::GetId());
+    std::fflush(stdout);
+    FindCrash(TestSupport::GetChildArguments().at(0))();
+    return 99;
+}

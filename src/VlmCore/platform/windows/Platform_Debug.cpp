@@ -1,6 +1,5 @@
 #include "../Platform_Debug.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <windows.h>
 
@@ -29,9 +28,18 @@ void TerminateCurrentProcess(u32 exitCode)
 
 void RaiseInvalidParameter(char const* what)
 {
-    // A secure function given the same mistake: its handling is by definition the runtime's, handler included.
-    char tooSmall[1];
-    sprintf_s(tooSmall, sizeof tooSmall, "%s", what);
+    if (_invalid_parameter_handler const handler = _get_invalid_parameter_handler()) {
+        handler(nullptr, nullptr, nullptr, 0, 0); // as a release runtime calls it, without details
+        return;
+    }
+    // Not every version of the runtime ends the process itself; the newer ones do, with this code.
+    constexpr u32 InvalidRuntimeParameter = 0xC0000417;
+    if (IsDebuggerAttached()) {
+        WriteDebugOutput("invalid parameter: ");
+        WriteDebugOutput(what);
+        WriteDebugOutput("\n");
+    }
+    TerminateCurrentProcess(InvalidRuntimeParameter);
 }
 
 // The user
