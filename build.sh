@@ -62,6 +62,8 @@ need_common() {
     need /usr/lib/llvm-19/lib/clang/19/lib/linux/libclang_rt.asan*x86_64* libclang-rt-19-dev
     need /usr/src/googletest/CMakeLists.txt googletest
     need python3 python3
+    need /usr/share/mime/packages/freedesktop.org.xml shared-mime-info
+    need /usr/share/xml/iso-codes/iso_639-3.xml iso-codes
 }
 
 need_preset() {

@@ -113,6 +113,7 @@ private:
 class VLM_API CArchiveCollection : public IArchive {
 public:
     CArchiveCollection();
+    /// An empty list; the name is copied. Throws CBadAllocation.
     explicit CArchiveCollection(CString const& name);
     CArchiveCollection(CArchiveCollection const&) = default;
     CArchiveCollection& operator=(CArchiveCollection const&) = default;

@@ -47,6 +47,7 @@ protected:
     /// Takes the message as it stands.
     CException(i64 kind, CString const& text);
 
+    /// For classes derived by hosts: their own kind.
     void SetKind(i64 kind) { m_kind = kind; }
 
 private:
@@ -65,6 +66,7 @@ public:
 
     [[nodiscard]] CFileException* Clone() const override;
 
+    /// What went wrong with the file.
     [[nodiscard]] EFileError::Type GetFileError() const { return m_fileError; }
 
 private:

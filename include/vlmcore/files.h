@@ -62,6 +62,7 @@ public:
     /// What follows the last full stop of the name: "gz" of "archive.tar.gz".
     [[nodiscard]] virtual CString GetFileExt() = 0;
 
+    /// Whether the file was opened for it.
     [[nodiscard]] virtual bool IsWritable() const = 0;
     [[nodiscard]] virtual bool IsReadable() const = 0;
 
@@ -79,6 +80,7 @@ public:
     /// depend on both).
     virtual u64 Seek(ESeek::Type origin, i64 offset) = 0;
 
+    /// Bytes from the start.
     [[nodiscard]] virtual u64 GetPosition() const = 0;
     /// True when the position is the size. Never throws.
     [[nodiscard]] virtual bool ReachedEOF() const = 0;
@@ -88,9 +90,9 @@ public:
 
 /// The three parts of a file's path.
 struct SFileName {
-    CMutableString folder;
-    CMutableString name;
-    CMutableString extension;
+    CMutableString folder;    ///< without a separator at its end
+    CMutableString name;      ///< without folder and extension
+    CMutableString extension; ///< without its dot
 };
 
 /// A file of the operating system, open from construction to destruction, shared with other readers and writers.
@@ -174,7 +176,9 @@ private:
 /// A view of memory that the caller owns and keeps alive. Read-only or writable by the constness of what it is given.
 class VLM_API CByteStreamFile : public IFile {
 public:
+    /// Reading only; the constness of `data` decides. `path` is taken apart, never looked up. Throws CBadAllocation.
     CByteStreamFile(CString const& path, void const* data, u64 size);
+    /// Reading and writing.
     CByteStreamFile(CString const& path, void* data, u64 size);
     CByteStreamFile(CByteStreamFile const&) = delete;
     CByteStreamFile& operator=(CByteStreamFile const&) = delete;
@@ -206,6 +210,7 @@ private:
 /// A file that takes nothing and has nothing, but a name: every count and position is 0.
 class VLM_API CNullFile : public IFile {
 public:
+    /// A null file that carries a name. Throws CBadAllocation.
     explicit CNullFile(CString const& path);
     CNullFile(CNullFile const&) = delete;
     CNullFile& operator=(CNullFile const&) = delete;

@@ -109,11 +109,13 @@ VLM_API void LogRelease(void const* counter);
 
 /// Counters of one heap; see GetStatistics.
 struct SStatistics {
+    /// One size class.
     struct SClass {
         u64 blockSize;      ///< bytes per block
         u64 blocksPerChunk; ///< blocks carved from one chunk
         u64 chunkCount;     ///< chunks held now
     };
+    /// One block allocator.
     struct SPool {
         u64 alignment;       ///< 0, 4, 8 or 16 bytes
         u64 allocationCount; ///< allocations since creation, small and large

@@ -24,6 +24,7 @@ public:
     /// Copies the count as it stands.
     CResource& operator=(CResource const& other);
 
+    /// One reference more.
     void Retain();
     /// True when the last reference went; the caller then destroys the object.
     [[nodiscard]] bool Release();
@@ -41,6 +42,7 @@ class TResourcePtr {
 public:
     TResourcePtr() = default;
     TResourcePtr(std::nullptr_t) {}
+    /// Retains `object`, null included.
     TResourcePtr(T* object) : m_object(object) { RetainObject(); }
     TResourcePtr(TResourcePtr const& other) : m_object(other.m_object) { RetainObject(); }
     TResourcePtr(TResourcePtr&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
@@ -71,6 +73,7 @@ public:
         }
     }
 
+    /// The object; null when there is none.
     [[nodiscard]] T* Get() const { return m_object; }
     T* operator->() const { return m_object; }
     T& operator*() const { return *m_object; }

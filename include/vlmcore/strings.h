@@ -192,6 +192,7 @@ public:
     /// breaks the promise is written unit by unit, up to three bytes for each code point).
     void CopyAs(EStringEncoding::Type target, void* destination, bool planeZeroOnly) const;
 
+    /// Copies in another encoding; null gives null. Throw CBadAllocation.
     [[nodiscard]] CMutableString ToUTF8() const;
     [[nodiscard]] CMutableString ToUTF16() const;
     [[nodiscard]] CMutableString ToUTF32() const;
@@ -341,23 +342,25 @@ public:
 
 protected:
     IString() = default;
+    /// Views a text.
     IString(void const* data, EStringEncoding::Type encoding) : m_data(data), m_encoding(encoding) {}
     IString(IString const&) = default;
     IString& operator=(IString const&) = default;
 
+    /// Takes over (a view) or copies (an owner) a terminated text; null empties.
     virtual void Assign(void const* data, EStringEncoding::Type encoding) = 0;
 
-    // Whole texts: `count` code points and a terminator. The destination must have the room. They return the bytes
-    // written before the terminator, and 0 for a null source or destination. To the source's own encoding `count` does
-    // not matter: the whole text is copied, and the result is its size with the terminator minus 1 (so 1 or 3 more than
-    // the text for wide units; kept: hosts depend on it).
-
+    /// Whole texts: `count` code points and a terminator. The destination must have the room. They return the bytes
+    /// written before the terminator, and 0 for a null source or destination. To the source's own encoding `count` does
+    /// not matter: the whole text is copied, and the result is its size with the terminator minus 1 (so 1 or 3 more than
+    /// the text for wide units; kept: hosts depend on it).
     static u64 ConvertUTF8(void const* source, void* destination, u64 count, EStringEncoding::Type target);
     static u64 ConvertUTF16(void const* source, void* destination, u64 count, EStringEncoding::Type target,
                             bool planeZeroOnly);
     /// Any target but UTF8 and UTF32 is UTF-16 here.
     static u64 ConvertUTF32(void const* source, void* destination, u64 count, EStringEncoding::Type target);
 
+    /// The text and its encoding; null behaves as empty.
     void const* m_data = nullptr;
     EStringEncoding::Type m_encoding = EStringEncoding::UTF8;
 };
@@ -497,11 +500,13 @@ static_assert(sizeof(CMutableString) == 40, "IString, length, allocated size");
 /// in the expression that forms them; they hold views, not copies.
 class VLM_API CStringElement {
 public:
+    /// A piece that views `text`.
     explicit CStringElement(CString const& text) : m_data(text.GetData()), m_encoding(text.GetEncoding()) {}
     CStringElement(CStringElement const&) = delete;
     CStringElement& operator=(CStringElement const&) = delete;
     ~CStringElement();
 
+    /// The piece's text.
     [[nodiscard]] CString GetText() const { return CString(m_data, m_encoding); }
     /// Null for the last piece.
     [[nodiscard]] CStringElement const* GetNext() const { return m_next; }
@@ -580,6 +585,7 @@ template <class Left, class Right>
 /// Hash for unordered containers: equal texts of any encoding hash alike. With std::equal_to<> also for looking up by
 /// literal or view.
 struct SStringHash {
+    /// Lets containers look up by any string.
     using is_transparent = void;
     [[nodiscard]] std::size_t operator()(CString const& text) const { return text.GetTextHash(); }
 };

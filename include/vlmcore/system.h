@@ -50,10 +50,12 @@ VLM_API void GetCPUInfo(SCPUInfo& info);
 /// Throws CException "<name as processed> failed to load: <system message>".
 [[nodiscard]] VLM_API void* LoadLibrary(CString const& name);
 
+/// What <windows.h> makes of LoadLibrary: the same function.
 [[nodiscard]] inline void* LoadLibraryA(CString const& name)
 {
     return LoadLibrary(name);
 }
+/// What <windows.h> makes of LoadLibrary: the same function.
 [[nodiscard]] inline void* LoadLibraryW(CString const& name)
 {
     return LoadLibrary(name);

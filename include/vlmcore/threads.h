@@ -191,6 +191,7 @@ public:
     /// Time without a job after which a worker ends; 5 seconds at first, 0 for never.
     void SetIdleTimeout(u64 seconds);
 
+    /// Workers at most.
     [[nodiscard]] unsigned char GetMaxNumWorkerThreads() const;
 
 private:

@@ -9,7 +9,7 @@ function(run)
   endif()
 endfunction()
 
-set(settings -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo)
+set(settings -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER_LAUNCHER=${LAUNCHER})
 if(TOOLCHAIN)
   list(APPEND settings -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN})
 else()

@@ -43,8 +43,10 @@ public:
     /// Which kind serves the blocks.
     static constexpr EHeap::Type Kind = Impl::GetAlignedKind(Heap, alignof(T));
 
+    /// The same heap for another type.
     template <class U>
     struct rebind {
+        /// That type's allocator.
         using other = TAllocator<U, Heap>;
     };
 
@@ -54,6 +56,7 @@ public:
     {
     }
 
+    /// Room for `count` objects. Throws CBadAllocation.
     [[nodiscard]] T* allocate(std::size_t count)
     {
         // Zero elements get a block of their own, too: the container compares and frees the address.
@@ -64,6 +67,7 @@ public:
         return static_cast<T*>(memory);
     }
 
+    /// Gives back what allocate returned.
     void deallocate(T* block, std::size_t) noexcept { Memory::FreeQuietly(block); }
 
     template <class U>
@@ -80,9 +84,11 @@ public:
 ///     std::pmr::vector<int> numbers(&resource);
 class VLM_API CMemoryResource : public std::pmr::memory_resource {
 public:
+    /// Draws from `heap`.
     explicit CMemoryResource(EHeap::Type heap = EHeap::Pool) : m_heap(heap) {}
     ~CMemoryResource() override;
 
+    /// The kind it draws from.
     [[nodiscard]] EHeap::Type GetHeap() const { return m_heap; }
 
 protected:

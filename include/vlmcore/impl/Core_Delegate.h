@@ -19,6 +19,7 @@ class TDelegate;
 template <class R, class... A>
 class TDelegate<R(A...)> {
 public:
+    /// Bytes of the largest callable that is kept inside.
     static constexpr std::size_t InlineSize = 32;
 
     TDelegate() = default;
@@ -27,6 +28,7 @@ public:
     template <class Callable>
         requires(!std::is_same_v<std::remove_cvref_t<Callable>, TDelegate> &&
                  std::is_invocable_r_v<R, std::decay_t<Callable>&, A...>)
+    /// Takes any callable of this signature. Throws CBadAllocation for a large one, and what its copy throws.
     TDelegate(Callable&& callable)
     {
         Set(std::forward<Callable>(callable));

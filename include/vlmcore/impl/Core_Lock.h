@@ -170,6 +170,7 @@ static_assert(sizeof(CSpinLock) == 4 && sizeof(CRecursiveSpinLock) == 8, "shared
 template <class Lock>
 class [[nodiscard]] TScopedLock {
 public:
+    /// Waits for the lock.
     explicit TScopedLock(Lock& lock) : m_lock(lock) { m_lock.Acquire(); }
     TScopedLock(TScopedLock const&) = delete;
     TScopedLock& operator=(TScopedLock const&) = delete;

@@ -14,6 +14,7 @@ template <class T>
 class TPackedPointer {
 public:
     TPackedPointer() = default;
+    /// Holds `pointer`, null included.
     TPackedPointer(T* pointer) { std::memcpy(m_words, &pointer, sizeof pointer); }
 
     /// The pointer as the language knows it.

@@ -129,6 +129,7 @@ static_assert(sizeof(CGenericStringIterator) == 40, "source, data, encoding, ind
 /// The code points of a text from a position to its end. A view: valid as long as the text.
 class CCodePoints {
 public:
+    /// From `first` to the terminator.
     explicit CCodePoints(CGenericStringIterator const& first) : m_first(first) {}
 
     [[nodiscard]] CGenericStringIterator begin() const { return m_first; }

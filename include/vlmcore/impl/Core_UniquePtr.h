@@ -14,6 +14,7 @@ class TUniquePtr {
 public:
     TUniquePtr() = default;
     TUniquePtr(std::nullptr_t) {}
+    /// Owns `object`, null included.
     explicit TUniquePtr(T* object) : m_object(object) {}
     TUniquePtr(TUniquePtr const&) = delete;
     TUniquePtr(TUniquePtr&& other) noexcept : m_object(other.Detach()) {}
@@ -32,6 +33,7 @@ public:
     /// Gives the object up to the caller.
     [[nodiscard]] T* Detach() { return std::exchange(m_object, nullptr); }
 
+    /// The object; null when there is none.
     [[nodiscard]] T* Get() const { return m_object; }
     T* operator->() const { return m_object; }
     T& operator*() const { return *m_object; }

@@ -61,6 +61,7 @@ public:
         return *this;
     }
 
+    /// Elements stored.
     [[nodiscard]] u64 GetCount() const { return m_count; }
     /// Elements that fit without growing.
     [[nodiscard]] u64 GetCapacity() const { return m_capacity; }
