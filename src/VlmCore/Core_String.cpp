@@ -1,5 +1,5 @@
+#include "Core_Text.h"
 #include "Core_TextBuilder.h"
-#include "Core_TextRules.h"
 
 #include <vlmcore/strings.h>
 
@@ -28,17 +28,15 @@ u64 IString::GetLength() const
 {
     if (m_data == nullptr)
         return 0;
-    return Dispatch(m_encoding,
-                    [this](auto rules) { return TextRules::CountCharacters<decltype(rules)>(AsBytes(m_data)); });
+    return Dispatch(m_encoding, [this](auto rules) { return Text::CountCharacters<decltype(rules)>(AsBytes(m_data)); });
 }
 
 u64 IString::GetAllocatedSize() const
 {
     if (m_data == nullptr)
         return 0;
-    return GetUnitSize(m_encoding) + Dispatch(m_encoding, [this](auto rules) {
-               return TextRules::GetTextSize<decltype(rules)>(AsBytes(m_data));
-           });
+    return GetUnitSize(m_encoding) +
+           Dispatch(m_encoding, [this](auto rules) { return Text::GetTextSize<decltype(rules)>(AsBytes(m_data)); });
 }
 
 u64 IString::GetAllocatedSizeAs(EStringEncoding::Type target) const
@@ -51,7 +49,7 @@ u64 IString::GetAllocatedSizeAs(EStringEncoding::Type target) const
         return GetLength() * 4 + 4;
     return GetUnitSize(target) + Dispatch(m_encoding, [this, target](auto from) {
                return Dispatch(target, [this](auto to) {
-                   return TextRules::GetConvertedSize<decltype(from), decltype(to)>(AsBytes(m_data));
+                   return Text::GetConvertedSize<decltype(from), decltype(to)>(AsBytes(m_data));
                });
            });
 }
@@ -271,6 +269,22 @@ CMutableString& CMutableString::ToUppercaseASCII()
     return *this;
 }
 
+namespace {
+
+/// Maps the character at `position` and returns where the next one is looked for. Kept: behind a character that is left
+/// alone that is as far as it would be written, not as it was read; only the end of the text stops it.
+template <class Rules>
+u8* MapCharacter(u8* position, u8* end, TPair<Math::TRange<unsigned int>, unsigned int> const& map)
+{
+    u32 codePoint = Rules::Read(position).codePoint;
+    if (IString::MapCodepoint(codePoint, map))
+        return Rules::Write(codePoint, position);
+    u64 const step = Rules::GetWrittenSize(codePoint);
+    return step < static_cast<u64>(end - position) ? position + step : end;
+}
+
+} // namespace
+
 void CMutableString::MapCaseASCII(TPair<Math::TRange<unsigned int>, unsigned int> const& map)
 {
     if (m_data == nullptr)
@@ -278,18 +292,15 @@ void CMutableString::MapCaseASCII(TPair<Math::TRange<unsigned int>, unsigned int
     u8* position = static_cast<u8*>(const_cast<void*>(m_data));
     m_length = Dispatch(m_encoding, [&](auto rules) {
         using Rules = decltype(rules);
-        while (!IsEnd<Rules>(position)) {
-            u32 codePoint = Rules::Read(position).codePoint;
-            if (MapCodepoint(codePoint, map)) {
-                position = Rules::Write(codePoint, position);
-                continue;
-            }
-            // Kept: the step is as wide as the code point would be written, not as it was read. The terminator ends it.
-            u8 const* const next = position + Rules::GetWrittenSize(codePoint);
-            while (position != next && !IsEnd<Rules>(position))
-                position += Rules::UnitSize;
+        u8* const end = position + Text::GetTextSize<Rules>(position);
+        auto const kernel = TextKernels::Get().mapCase[TextKernels::IndexOf<Rules>];
+        while (position != end) {
+            if (kernel != nullptr)
+                position += kernel(position, static_cast<u64>(end - position), map.first.lower);
+            for (u64 step = 0; step < TextKernels::BlockSize && position != end; ++step)
+                position = MapCharacter<Rules>(position, end, map);
         }
-        return TextRules::CountCharacters<Rules>(AsBytes(m_data));
+        return Text::CountCharacters<Rules>(AsBytes(m_data));
     });
 }
 

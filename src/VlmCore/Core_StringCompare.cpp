@@ -1,4 +1,4 @@
-#include "Core_TextRules.h"
+#include "Core_Text.h"
 
 #include <vlmcore/hashes.h>
 #include <vlmcore/strings.h>
@@ -16,8 +16,8 @@ int Compare(IString const& left, IString const& right)
 {
     return Dispatch(left.GetEncoding(), [&](auto leftRules) {
         return Dispatch(right.GetEncoding(), [&](auto rightRules) {
-            return TextRules::Compare<decltype(leftRules), decltype(rightRules)>(AsBytes(left.GetData()),
-                                                                                 AsBytes(right.GetData()));
+            return Text::Compare<decltype(leftRules), decltype(rightRules)>(AsBytes(left.GetData()),
+                                                                            AsBytes(right.GetData()));
         });
     });
 }

@@ -1,4 +1,4 @@
-#include "Core_TextRules.h"
+#include "Core_Text.h"
 
 #include <vlmcore/strings.h>
 
@@ -16,7 +16,7 @@ namespace {
 template <class Rules>
 u64 CopyWhole(void const* source, void* destination)
 {
-    u64 const size = TextRules::GetTextSize<Rules>(AsBytes(source)) + Rules::UnitSize;
+    u64 const size = Text::GetTextSize<Rules>(AsBytes(source)) + Rules::UnitSize;
     std::memcpy(destination, source, size);
     return size - 1;
 }
@@ -33,7 +33,7 @@ template <class From, class To>
 u64 ConvertWhole(void const* source, void* destination, u64 count)
 {
     u8* const out = static_cast<u8*>(destination);
-    return Terminate<To>(TextRules::ConvertCharacters<From, To>(AsBytes(source), count, out), destination);
+    return Terminate<To>(Text::ConvertCharacters<From, To>(AsBytes(source), count, out), destination);
 }
 
 } // namespace
@@ -61,7 +61,7 @@ u64 IString::ConvertUTF16(void const* source, void* destination, u64 count, EStr
     if (!planeZeroOnly)
         return ConvertWhole<SUTF16, SUTF8>(source, destination, count);
     u8* const out = static_cast<u8*>(destination);
-    return Terminate<SUTF8>(TextRules::ConvertPlaneZeroUnits(AsBytes(source), count, out), destination);
+    return Terminate<SUTF8>(Text::ConvertPlaneZeroUnits(AsBytes(source), count, out), destination);
 }
 
 u64 IString::ConvertUTF32(void const* source, void* destination, u64 count, EStringEncoding::Type target)

@@ -1,6 +1,6 @@
+#include "Core_Text.h"
 #include "Core_TextBuilder.h"
-#include "Core_TextRules.h"
-#include "Core_TextSearch.h"
+#include "Core_TextFind.h"
 
 #include <vlmcore/strings.h>
 
@@ -49,7 +49,7 @@ CMutableString EditFrom(IString const& text, u64 start, Edit const& edit)
             }
             place += size;
         }
-        out.Copy(unwritten, TextRules::GetTextSize<Rules>(unwritten));
+        out.Copy(unwritten, Text::GetTextSize<Rules>(unwritten));
     });
 }
 
@@ -87,9 +87,10 @@ CMutableString IString::Replace(CString const& from, CString const& to, u64 star
         u8 const* unwritten = self;
         if (!from.IsEmpty()) {
             Dispatch(from.GetEncoding(), [&](auto needleRules) {
+                CTextFinder<Rules, decltype(needleRules)> const finder(TextOf(from));
                 SPosition place = Seek<Rules>(self, start);
                 for (;;) {
-                    SMatch const match = FindText<Rules, decltype(needleRules)>(place, TextOf(from));
+                    SMatch const match = finder.Find(place);
                     if (match.end == nullptr)
                         return;
                     out.Copy(unwritten, static_cast<u64>(match.begin.place - unwritten));
@@ -99,7 +100,7 @@ CMutableString IString::Replace(CString const& from, CString const& to, u64 star
                 }
             });
         }
-        out.Copy(unwritten, TextRules::GetTextSize<Rules>(unwritten));
+        out.Copy(unwritten, Text::GetTextSize<Rules>(unwritten));
     });
 }
 
@@ -123,7 +124,7 @@ CMutableString IString::Unescape(unsigned int escape, u64 start, u64 end) const
             }
             from.place += size;
         }
-        out.Copy(unwritten, TextRules::GetTextSize<Rules>(unwritten));
+        out.Copy(unwritten, Text::GetTextSize<Rules>(unwritten));
     });
 }
 

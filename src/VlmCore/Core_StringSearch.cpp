@@ -1,4 +1,4 @@
-#include "Core_TextSearch.h"
+#include "Core_TextFind.h"
 
 #include <vlmcore/strings.h>
 
@@ -55,7 +55,7 @@ u64 IString::Find(unsigned int codePoint, u64 start) const
         SPosition const from = Seek<Rules>(AsBytes(m_data), start);
         if (from.index != start)
             return NotFound;
-        SMatch const match = FindCodePoint<Rules>(from, codePoint);
+        SMatch const match = FindCodePointFast<Rules>(from, codePoint);
         return match.end != nullptr ? match.begin.index : NotFound;
     });
 }
@@ -64,7 +64,8 @@ u64 IString::Find(CString const& text, u64 start) const
 {
     return WithBoth(*this, text, NotFound, [start](auto rules, u8 const* self, auto needleRules, u8 const* needle) {
         using Rules = decltype(rules);
-        SMatch const match = FindText<Rules, decltype(needleRules)>(Seek<Rules>(self, start), needle);
+        CTextFinder<Rules, decltype(needleRules)> const finder(needle);
+        SMatch const match = finder.Find(Seek<Rules>(self, start));
         return match.end != nullptr ? match.begin.index : NotFound;
     });
 }
@@ -78,7 +79,7 @@ u64 IString::FindLast(unsigned int codePoint, u64 start) const
         SPosition from = Seek<Rules>(AsBytes(m_data), start);
         u64 found = NotFound;
         while (from.index >= start) {
-            SMatch const match = FindCodePoint<Rules>(from, codePoint);
+            SMatch const match = FindCodePointFast<Rules>(from, codePoint);
             if (match.end == nullptr)
                 break;
             found = match.begin.index;
@@ -94,9 +95,10 @@ u64 IString::FindLast(CString const& text, u64 start) const
 {
     return WithBoth(*this, text, NotFound, [start](auto rules, u8 const* self, auto needleRules, u8 const* needle) {
         using Rules = decltype(rules);
+        CTextFinder<Rules, decltype(needleRules)> const finder(needle);
         u64 found = NotFound;
         for (SPosition from = Seek<Rules>(self, start); !IsEnd<Rules>(from.place); ++from.index) {
-            SMatch const match = FindText<Rules, decltype(needleRules)>(from, needle);
+            SMatch const match = finder.Find(from);
             if (match.end == nullptr)
                 break;
             found = match.begin.index;
