@@ -34,10 +34,14 @@ extern "C" void __asan_unpoison_memory_region(void const volatile* address, std:
 
 namespace Velmor {
 
+// Blocks of EHeap::Pool4 lie at multiples of 4 only: the link is read and written without regard to alignment.
+#pragma pack(push, 1)
 /// What a free block holds.
 struct SFreeBlock {
     SFreeBlock* next;
 };
+#pragma pack(pop)
+static_assert(sizeof(SFreeBlock) == 8 && alignof(SFreeBlock) == 1);
 
 namespace MemoryDebug {
 
