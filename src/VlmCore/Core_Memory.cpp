@@ -156,6 +156,7 @@ void Deinitialize()
     // The heap object itself stays allocated: another module may still look into it, and finds it empty. The free hook
     // is told of the end with a null pointer; kept, hosts depend on that call.
     heap->GetHooks().free(g_heapModule.heap);
+    MemoryDebug::IgnoreLeak(heap);
 }
 
 // ---- Purge and statistics ----

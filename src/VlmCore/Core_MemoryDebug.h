@@ -27,6 +27,7 @@
 #if defined(VLM_ADDRESS_SANITIZER)
 extern "C" void __asan_poison_memory_region(void const volatile* address, std::size_t size);
 extern "C" void __asan_unpoison_memory_region(void const volatile* address, std::size_t size);
+extern "C" void __lsan_ignore_object(void const* block);
 #  define VLM_UNCHECKED_ACCESS __attribute__((no_sanitize_address))
 #else
 #  define VLM_UNCHECKED_ACCESS
@@ -54,7 +55,13 @@ inline void Unpoison(void const* address, u64 size)
 {
     __asan_unpoison_memory_region(address, size);
 }
+/// This block is never freed on purpose.
+inline void IgnoreLeak(void const* block)
+{
+    __lsan_ignore_object(block);
+}
 #else
+inline void IgnoreLeak(void const*) {}
 inline void Poison(void const*, u64) {}
 inline void Unpoison(void const*, u64) {}
 #endif

@@ -15,7 +15,13 @@ namespace Velmor::Test {
 /// Counts what a heap asks of its hooks, and notices what it must not ask.
 class CCountingHooks {
 public:
-    static void Reset() { Get() = SState{}; }
+    /// Forgets everything; blocks that are left, among them the objects of heaps that are gone, are freed.
+    static void Reset()
+    {
+        for (auto const& [block, start] : Get().starts)
+            std::free(start);
+        Get() = SState{};
+    }
 
     /// Creates this module's heap on these hooks.
     static void Initialize(unsigned char flags, u64 budget = 0)
