@@ -1,0 +1,1 @@
+vlmcore_benchmark(memory_log)
