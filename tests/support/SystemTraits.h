@@ -21,6 +21,9 @@ struct SSystemTraits {
     /// The system can write a dump of the running process.
     bool writesMinidumps;
 
+    /// A stack overflow reaches the crash handler. Wine keeps no stack for it and ends the thread instead.
+    bool reportsStackOverflow;
+
     /// Exit code of a process that its access violation ended, after the crash report.
     unsigned accessViolationExitCode;
 };

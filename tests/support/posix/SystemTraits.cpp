@@ -8,6 +8,7 @@ SSystemTraits const SystemTraits = {
     .killMayCutWrites = false,
     .privilegedInstructionException = "Access violation",
     .writesMinidumps = false,
+    .reportsStackOverflow = true,
     .accessViolationExitCode = 128 + 11,
 };
 

@@ -19,6 +19,7 @@ SSystemTraits const SystemTraits = {
     .killMayCutWrites = IsWine(),
     .privilegedInstructionException = "Operation not allowed in current machine mode",
     .writesMinidumps = true,
+    .reportsStackOverflow = !IsWine(),
     .accessViolationExitCode = 0xC0000005,
 };
 
