@@ -80,8 +80,9 @@ TEST(ThreadPoolWorkers, TheDestructorDoesNotWaitForASleeper)
         CCountedJob job;
         pool.PushJob(&job);
         pool.WaitForJobs();
-        if (round % 2 == 0)
+        if (round % 2 == 0) {
             ASSERT_TRUE(Eventually([&] { return SThreadPoolProbe::GetAsleep(pool) == 1; }));
+        }
     }
 }
 
