@@ -59,6 +59,7 @@ need_common() {
     need clang++-19 clang-19
     need lld-19 lld-19
     need llvm-windres-19 llvm-19
+    need /usr/lib/*/libdw.so.1 libdw1
     need /usr/lib/llvm-19/lib/clang/19/lib/linux/libclang_rt.asan*x86_64* libclang-rt-19-dev
     need /usr/src/googletest/CMakeLists.txt googletest
     need python3 python3

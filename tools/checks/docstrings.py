@@ -32,6 +32,7 @@ def has_group_docstring(path, line):
 
 
 def main():
+    (ROOT / "build").mkdir(exist_ok=True)
     run = subprocess.run(["doxygen", "docs/Doxyfile"], cwd=ROOT, check=True, capture_output=True, text=True)
     missing = []
     for warning in run.stderr.splitlines():

@@ -153,7 +153,8 @@ std::vector<char*> MakePointers(std::vector<std::string>& texts)
 /// Waits for the end of the child; a stop of a traced child is continued with the signal that caused it.
 void Follow(pid_t child, SChildOptions const& options, SChildResult& result)
 {
-    auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(options.GetTimeoutMilliseconds());
+    auto const deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(options.GetTimeoutMilliseconds());
     bool seenStart = false;
     for (;;) {
         int status = 0;

@@ -108,7 +108,8 @@ DWORD OnException(HANDLE process, EXCEPTION_RECORD const& record, bool& seenStar
 /// The debugger: runs until the process has ended or its time is over.
 void Debug(PROCESS_INFORMATION const& child, SChildOptions const& options, SChildResult& result)
 {
-    auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(options.GetTimeoutMilliseconds());
+    auto const deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(options.GetTimeoutMilliseconds());
     bool seenStart = false;
     for (bool ended = false; !ended;) {
         DEBUG_EVENT event;
