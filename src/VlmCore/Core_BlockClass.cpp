@@ -66,10 +66,10 @@ void CBlockClass::ChainBlocks(u8* start, SShape const& shape)
         MemoryDebug::FillFree(memory, shape.blockSize);
         SFreeBlock* const block = static_cast<SFreeBlock*>(memory);
         MemoryDebug::WriteNext(block, next);
+        MemoryDebug::Poison(memory, shape.blockSize);
         next = block;
     }
     m_free = next;
-    MemoryDebug::Poison(start, m_blocksPerChunk * shape.blockSize);
 }
 
 // ---- Purge ----

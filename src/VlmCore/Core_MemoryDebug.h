@@ -47,13 +47,32 @@ static_assert(sizeof(SFreeBlock) == 8 && alignof(SFreeBlock) == 1);
 namespace MemoryDebug {
 
 #if defined(VLM_ADDRESS_SANITIZER)
-inline void Poison(void const* address, u64 size)
+// The sanitizer keeps one byte of notes for 8 of memory. Blocks of EHeap::Pool4 begin in the middle of such 8: the note
+// that two neighbours share is left alone, else two threads would change it at once.
+inline constexpr u64 NoteSize = 8;
+
+inline u8 const* SkipSharedNote(void const* block)
 {
-    __asan_poison_memory_region(address, size);
+    u64 const distance = (NoteSize - reinterpret_cast<u64>(block) % NoteSize) % NoteSize;
+    return static_cast<u8 const*>(block) + distance;
 }
-inline void Unpoison(void const* address, u64 size)
+
+/// Forbids a whole block.
+inline void Poison(void const* block, u64 blockSize)
 {
-    __asan_unpoison_memory_region(address, size);
+    u8 const* const start = SkipSharedNote(block);
+    u8 const* const end = static_cast<u8 const*>(block) + blockSize;
+    u64 const tail = reinterpret_cast<u64>(end) % NoteSize;
+    if (end - tail > start)
+        __asan_poison_memory_region(start, static_cast<u64>(end - tail - start));
+}
+/// Allows the first `size` bytes of a block.
+inline void Unpoison(void const* block, u64 size)
+{
+    u8 const* const start = SkipSharedNote(block);
+    u8 const* const end = static_cast<u8 const*>(block) + size;
+    if (end > start)
+        __asan_unpoison_memory_region(start, static_cast<u64>(end - start));
 }
 /// This block is never freed on purpose.
 inline void IgnoreLeak(void const* block)
