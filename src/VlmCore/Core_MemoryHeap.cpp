@@ -157,7 +157,7 @@ void CGlobalHeap::GrowBuckets()
     if (!wereOwn)
         m_hooks.free(oldBuckets);
     std::atomic_ref(m_buckets.larger).store(buckets, std::memory_order_relaxed);
-    m_bucketBits.store(newBits, std::memory_order_relaxed);
+    m_bucketBits.store(newBits, std::memory_order_release); // PrefetchBucket looks without the lock
 }
 
 } // namespace Velmor

@@ -234,7 +234,7 @@ private:
     // replaced meanwhile: a prefetch of memory that is gone does no harm.
     void PrefetchBucket(void const* block)
     {
-        u32 const bits = m_bucketBits.load(std::memory_order_relaxed);
+        u32 const bits = m_bucketBits.load(std::memory_order_acquire);
         if (bits != OwnBucketBits)
             __builtin_prefetch(GetLarger() + GetLargerIndex(reinterpret_cast<u64>(block), bits), 1);
     }

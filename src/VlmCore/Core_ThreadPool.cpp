@@ -259,19 +259,28 @@ void CThreadPool::StartFirstWorker()
 void CThreadPool::CallHelper()
 {
     TScopedLock lock(m_lock);
-    u64 const taken = m_ring.GetTaken();
-    u64 looking = 0;
     CWorkerThread* sleeper = nullptr;
-    for (CWorkerThread* const worker : m_workers) {
-        if (worker->IsStopped() || worker->IsBusy())
-            continue;
-        if (worker->IsAsleep())
-            sleeper = worker;
-        else
-            ++looking;
+    // A worker that has just set out to take the job counts as busy while the job still counts as waiting: what looks
+    // like a lack is looked at again before a thread is started for it.
+    CBackoff backoff;
+    for (u32 attempt = 0; attempt < 8; ++attempt) {
+        u64 looking = 0;
+        sleeper = nullptr;
+        for (CWorkerThread* const worker : m_workers) {
+            if (worker->IsStopped() || worker->IsBusy())
+                continue;
+            if (worker->IsAsleep())
+                sleeper = worker;
+            else
+                ++looking;
+        }
+        u64 const taken = m_ring.GetTaken(); // first: what is reserved meanwhile only makes more of it
+        if (m_ring.GetReserved() - taken <= looking)
+            return;
+        if (sleeper != nullptr)
+            break;
+        static_cast<void>(backoff.TryWaitAwake());
     }
-    if (m_ring.GetReserved() - taken <= looking)
-        return;
     if (sleeper != nullptr) {
         sleeper->Wake();
         return;

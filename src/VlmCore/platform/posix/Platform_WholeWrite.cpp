@@ -25,6 +25,15 @@ bool CanKillCutWrite(u64 position, u64 size)
 
 // Whole writes
 
+#if defined(__has_feature)
+#  if __has_feature(thread_sanitizer)
+#    define VLM_THREAD_SANITIZER 1
+#  endif
+#endif
+#if defined(__SANITIZE_THREAD__)
+#  define VLM_THREAD_SANITIZER 1
+#endif
+
 namespace {
 
 /// What the helper is given and leaves behind.
@@ -48,6 +57,12 @@ int RunHelper(void* argument)
 /// False when there is no helper to be had.
 [[nodiscard]] bool WriteByHelper(SHelperCall& call)
 {
+#if defined(VLM_THREAD_SANITIZER)
+    // Its runtime cannot follow a helper that shares the memory of its caller's thread.
+    static_cast<void>(call);
+    static_cast<void>(&RunHelper);
+    return false;
+#else
     constexpr u64 StackSize = 64 * 1024;
     alignas(16) char stack[StackSize];
     // Signals that reach the helper would run the host's handlers in it. No signal announces its end either, so that
@@ -63,6 +78,7 @@ int RunHelper(void* argument)
     }
     ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     return helper != -1;
+#endif
 }
 
 } // namespace
