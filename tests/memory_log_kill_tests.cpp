@@ -107,7 +107,7 @@ void KillWhileRecording(char const* capacity)
         std::string lastStack;
         for (SJSONValue const& stack : stackDocument["Data"].items)
             lastStack += " " + stack["CSHash"].text;
-        recorded += stackDocument["Data"].items.empty() ? 0 : 1;
+        recorded += stackDocument["Data"].items.empty() ? 0u : 1u;
         if (!eventDocument["Data"].items.empty()) {
             // The stacks of the events that made it made it too.
             std::string const hash = eventDocument["Data"].items.back()["CSHash"].text;

@@ -90,7 +90,7 @@ TEST(JSONText, AnyBytesMakeAString)
     std::mt19937 random(20140228);
     for (int round = 0; round < 20000; ++round) {
         std::string text;
-        for (unsigned length = random() % 12; length > 0; --length)
+        for (unsigned length = static_cast<unsigned>(random() % 12); length > 0; --length)
             text += static_cast<char>(random() % 255 + 1);
         ASSERT_NO_THROW(static_cast<void>(CStrictJSON::Parse("\"" + Escape(text.c_str()) + "\""))) << round;
         ASSERT_NO_THROW(static_cast<void>(CStrictJSON::Parse("\"" + EscapeMarkup(text.c_str()) + "\""))) << round;

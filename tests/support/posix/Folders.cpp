@@ -45,7 +45,7 @@ unsigned OpenHandleCount()
 {
     unsigned count = 0;
     for (fs::directory_entry const& entry : fs::directory_iterator("/proc/self/fd"))
-        count += entry.path().empty() ? 0 : 1;
+        count += entry.path().empty() ? 0u : 1u;
     return count;
 }
 
