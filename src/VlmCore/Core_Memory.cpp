@@ -109,13 +109,14 @@ void InitFromExternal(void* hooks)
         g_heapModule.heap = external->heap;
     if (g_heapModule.FetchHeap().IsPassthrough() || external == nullptr)
         return;
-    external->VisitPools([](auto* theirs) {
-        g_heapModule.VisitPools([&](auto*& ours) {
-            if constexpr (std::is_same_v<decltype(theirs), std::remove_reference_t<decltype(ours)>>)
-                if (ours == nullptr)
-                    ours = theirs;
-        });
-    });
+    auto const adopt = [](auto*& ours, auto* theirs) {
+        if (ours == nullptr)
+            ours = theirs;
+    };
+    adopt(g_heapModule.pool, external->pool);
+    adopt(g_heapModule.pool4, external->pool4);
+    adopt(g_heapModule.pool8, external->pool8);
+    adopt(g_heapModule.pool16, external->pool16);
 }
 
 void* GetExternalHooks()
