@@ -31,12 +31,24 @@ struct SReporter {
 SReporter g_reporters[4]; // a stage that hangs takes its reporter with it
 std::atomic<u32> g_reporter{0};
 
+/// C++ exceptions are caught by their own kind of handler: one that a structured handler ends does not find its way
+/// through the clean-up of the frames in between. A function of its own, as no function may have both kinds.
+__attribute__((noinline)) bool RunCatching(CrashStage stage, void* context)
+{
+    try {
+        stage(context);
+        return true;
+    }
+    catch (...) {
+        return false;
+    }
+}
+
 /// Any failure ends the stage, and no more.
 bool RunGuarded(CrashStage stage, void* context)
 {
     __try {
-        stage(context);
-        return true;
+        return RunCatching(stage, context);
     }
     __except (EXCEPTION_EXECUTE_HANDLER) {
         return false;
