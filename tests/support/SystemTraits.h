@@ -24,6 +24,9 @@ struct SSystemTraits {
     /// A stack overflow reaches the crash handler. Wine keeps no stack for it and ends the thread instead.
     bool reportsStackOverflow;
 
+    /// C++ exceptions work in a process that is being debugged. Wine 8 loses itself in access violations on the first.
+    bool debuggedProcessMayThrow;
+
     /// Exit code of a process that its access violation ended, after the crash report.
     unsigned accessViolationExitCode;
 };

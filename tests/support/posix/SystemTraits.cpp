@@ -9,6 +9,7 @@ SSystemTraits const SystemTraits = {
     .privilegedInstructionException = "Access violation",
     .writesMinidumps = false,
     .reportsStackOverflow = true,
+    .debuggedProcessMayThrow = true,
     .accessViolationExitCode = 128 + 11,
 };
 

@@ -20,6 +20,7 @@ SSystemTraits const SystemTraits = {
     .privilegedInstructionException = "Operation not allowed in current machine mode",
     .writesMinidumps = true,
     .reportsStackOverflow = !IsWine(),
+    .debuggedProcessMayThrow = !IsWine(),
     .accessViolationExitCode = 0xC0000005,
 };
 
