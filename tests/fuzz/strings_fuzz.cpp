@@ -1,4 +1,6 @@
 // Every string operation on arbitrary texts of all encodings against the plain rules, in buffers without a spare byte.
+#include "FuzzSupport.h"
+
 #include <vlmcore/strings.h>
 
 #include "support/PlainText.h"
@@ -13,48 +15,6 @@ using namespace Velmor;
 using namespace Velmor::Test;
 
 namespace {
-
-void Check(bool holds, char const* what)
-{
-    if (!holds) {
-        std::fprintf(stderr, "broken: %s\n", what);
-        std::abort();
-    }
-}
-
-/// Terminated text in a block of exactly its size.
-class CExactText {
-public:
-    CExactText(u8 const* bytes, u64 size, EStringEncoding::Type encoding) : m_encoding(encoding)
-    {
-        u64 const unitSize = Encodings::GetUnitSize(encoding);
-        u64 const whole = size / unitSize * unitSize;
-        m_bytes.reset(new u8[whole + unitSize]());
-        std::copy(bytes, bytes + whole, m_bytes.get());
-    }
-    [[nodiscard]] CString Get() const { return CString(m_bytes.get(), m_encoding); }
-
-private:
-    EStringEncoding::Type m_encoding;
-    std::unique_ptr<u8[]> m_bytes;
-};
-
-/// Holds on to the heap object, which the library never frees, so that leak checkers see it reachable.
-void* g_heapObject = nullptr;
-
-void* KeepingMalloc(u64 size)
-{
-    void* const block = std::malloc(size);
-    g_heapObject = g_heapObject == nullptr ? block : g_heapObject;
-    return block;
-}
-
-u64 CountLiveBlocks()
-{
-    Memory::SStatistics statistics;
-    Check(Memory::GetStatistics(statistics), "statistics");
-    return statistics.liveCount;
-}
 
 using CCodes = std::vector<u32>;
 
@@ -337,9 +297,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
 {
     if (size < 5)
         return 0;
-    static bool const ready =
-        (Memory::Initialize(KeepingMalloc, nullptr, nullptr, EHeapFlag::Passthrough, 0), Memory::IsInitialized());
-    Check(ready, "heap");
+    PrepareHeap();
     u64 const liveBefore = CountLiveBlocks();
     CheckInput(data, size);
     Check(CountLiveBlocks() == liveBefore, "something was not freed");
