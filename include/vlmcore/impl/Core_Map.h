@@ -110,25 +110,17 @@ public:
         SNode* parent = nullptr;
         bool isLeft = false;
         for (SNode* node = m_root; node != nullptr;) {
-            parent = node;
-            if (key < node->key) {
-                isLeft = true;
-                node = node->left;
-            }
-            else if (node->key < key) {
-                isLeft = false;
-                node = node->right;
-            }
-            else
+            isLeft = key < node->key;
+            if (!isLeft && !(node->key < key)) [[unlikely]]
                 return {&node->value, false};
+            parent = node;
+            node = GetChild(node, isLeft);
         }
         SNode* const node = Memory::New<SNode>(Heap, parent, key, std::forward<Arguments>(arguments)...);
         if (parent == nullptr)
             m_root = node;
-        else if (isLeft)
-            parent->left = node;
         else
-            parent->right = node;
+            *(isLeft ? &parent->left : &parent->right) = node;
         ++m_count;
         RebalanceAfterInsert(node);
         return {&node->value, true};
@@ -236,14 +228,30 @@ private:
     {
         SNode* node = m_root;
         while (node != nullptr) {
-            if (key < node->key)
-                node = node->left;
-            else if (node->key < key)
-                node = node->right;
-            else
+            bool const isLeft = key < node->key;
+            if (!isLeft && !(node->key < key)) [[unlikely]]
                 break;
+            node = GetChild(node, isLeft);
         }
         return node;
+    }
+
+    // Which child a search takes is as good as random: a branch on it would be guessed wrong at every other node. Both
+    // pointers lie beside the key and come with it; hiding one (g++: all) from the optimiser leaves it a select as the
+    // only way to choose.
+    static SNode* GetChild(SNode const* node, bool isLeft)
+    {
+        SNode* left = node->left;
+        SNode* right = node->right;
+#if defined(__clang__)
+        __asm__("" : "+r"(right));
+        return __builtin_unpredictable(isLeft) ? left : right;
+#elif defined(__GNUC__)
+        __asm__("" : "+r"(isLeft), "+r"(left), "+r"(right));
+        return isLeft ? left : right;
+#else
+        return isLeft ? left : right;
+#endif
     }
 
     static SNode* GetFirst(SNode* node)
@@ -272,12 +280,13 @@ private:
     {
         if (parent == nullptr)
             m_root = replacement;
-        else if (parent->left == node)
-            parent->left = replacement;
-        else if (parent->right == node)
-            parent->right = replacement;
-        else
-            Impl::ThrowMapError(line, Impl::MapHierachyIsBroken);
+        else {
+            // The side is as good as random, too: the place is selected, not branched to.
+            TPackedPointer<SNode>& place = parent->left == node ? parent->left : parent->right;
+            if (place != node) [[unlikely]]
+                Impl::ThrowMapError(line, Impl::MapHierachyIsBroken);
+            place = replacement;
+        }
         if (replacement != nullptr)
             replacement->parent = parent;
     }
