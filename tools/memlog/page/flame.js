@@ -35,10 +35,18 @@ export function buildTree(sites, metric, isInverted) {
   return root;
 }
 
-function hueOf(text) {
+const Highlight = "#ff5ad9";
+
+function hashOf(text) {
   let hash = 7;
   for (let index = 0; index < text.length; ++index) hash = (hash * 31 + text.charCodeAt(index)) >>> 0;
-  return hash % 360;
+  return hash;
+}
+
+/** Functions of one module have colours of one kind; black text can be read on all of them. */
+function colorOf({ name, module }) {
+  const own = hashOf(name);
+  return `hsl(${(hashOf(module) % 360) + (own % 40)} 60% ${64 + (own % 13)}%)`;
 }
 
 export class FlameGraph {
@@ -103,9 +111,7 @@ export class FlameGraph {
       .transitionDuration(0)
       .inverted(this.isInverted)
       .sort((a, b) => b.data.value - a.data.value)
-      .setColorMapper((node) =>
-        node.highlight ? "#ff5ad9" : `hsl(${hueOf(node.data.frame.module)} 60% ${64 + (hueOf(node.data.name) % 14)}%)`,
-      )
+      .setColorMapper((node) => (node.highlight ? Highlight : colorOf(node.data.frame)))
       .setSearchMatch((node, term) => matchesFrame(node.data.frame, term.toLowerCase()))
       .setSearchHandler((_, sum) => this.describeSearch(sum))
       .setLabelHandler((node) => this.label(node.data))

@@ -3,18 +3,13 @@ import uPlot from "uplot";
 import { color } from "./dom.js";
 import { formatBytes, formatCount, formatTime } from "./format.js";
 
+const KindNames = { alloc: "Allocations", free: "Frees", retain: "Retains", release: "Releases" };
+const AxisWidth = 80;
 const Cursor = { sync: { key: "heap" }, drag: { x: true, y: false } };
 
-function makeAxes(formatX, formatY) {
-  const common = {
-    stroke: () => color("text"),
-    grid: { stroke: () => color("line") },
-    ticks: { stroke: () => color("line") },
-  };
-  return [
-    { ...common, values: (_, ticks) => ticks.map(formatX) },
-    { ...common, size: 80, values: (_, ticks) => ticks.map(formatY) },
-  ];
+function makeAxis(more) {
+  const line = { stroke: () => color("line") };
+  return { stroke: () => color("text"), grid: line, ticks: line, size: AxisWidth, ...more };
 }
 
 function makeOptions(width, height, formatX, formatY, series) {
@@ -23,20 +18,29 @@ function makeOptions(width, height, formatX, formatY, series) {
     height,
     cursor: Cursor,
     scales: { x: { time: false }, y: { range: (_, low, high) => [0, Math.max(1, high * 1.05)] } },
-    axes: makeAxes(formatX, formatY),
+    axes: [
+      makeAxis({ size: 36, values: (_, ticks) => ticks.map(formatX) }),
+      makeAxis({ values: (_, ticks) => ticks.map(formatY) }),
+    ],
     series: [{ label: "At", value: (_, x) => (x == null ? "" : formatX(x)) }, ...series],
   };
 }
 
 function makeLine(label, stroke, format, more = {}) {
-  return {
-    label,
-    stroke: () => color(stroke),
-    width: 1.5,
-    points: { show: false },
-    value: (_, y) => (y == null ? "" : format(y)),
-    ...more,
-  };
+  const value = (_, y) => (y == null ? "" : format(y));
+  const paths = uPlot.paths.stepped({ align: 1 });
+  return { label, stroke: () => color(stroke), width: 1.5, points: { show: false }, value, paths, ...more };
+}
+
+/** The heap has an axis of its own: it holds what was there before the log began, too. */
+function makeHeapOptions(width, formatX) {
+  const live = makeLine("Blocks of the log (left axis)", "live", formatBytes, { fill: () => color("live-fill") });
+  const heap = makeLine("Heap size (right axis)", "heap", formatBytes, { scale: "heap" });
+  const options = makeOptions(width, 280, formatX, formatBytes, [live, heap]);
+  options.axes.push(
+    makeAxis({ scale: "heap", side: 1, grid: { show: false }, values: (_, ticks) => ticks.map(formatBytes) }),
+  );
+  return options;
 }
 
 export class HeapChart {
@@ -57,26 +61,13 @@ export class HeapChart {
     const at = isTime ? curve.at.map((time) => time - this.data.totals.firstTime) : curve.at;
     const formatX = isTime ? formatTime : formatCount;
     const width = this.getWidth();
-    const hasSteps = uPlot.paths.stepped({ align: 1 });
-    const kinds = ["alloc", "free", "retain", "release"].filter((kind) => this.data.totals[kind] > 0);
-    const names = { alloc: "Allocations", free: "Frees", retain: "Retains", release: "Releases" };
+    const kinds = Object.keys(KindNames).filter((kind) => this.data.totals[kind] > 0);
+    const step = isTime ? formatTime(curve.width) : `${formatCount(curve.width)} events`;
+    const counts = kinds.map((kind) => makeLine(`${KindNames[kind]} per ${step}`, kind, formatCount));
     this.plots = [
+      new uPlot(makeHeapOptions(width, formatX), [at, curve.livePeak, curve.heapPeak], this.parent),
       new uPlot(
-        makeOptions(width, 260, formatX, formatBytes, [
-          makeLine("Heap size", "heap", formatBytes, { paths: hasSteps }),
-          makeLine("Blocks of the log", "live", formatBytes, { paths: hasSteps, fill: () => color("live-fill") }),
-        ]),
-        [at, curve.heapPeak, curve.livePeak],
-        this.parent,
-      ),
-      new uPlot(
-        makeOptions(
-          width,
-          140,
-          formatX,
-          formatCount,
-          kinds.map((kind) => makeLine(names[kind], kind, formatCount, { paths: hasSteps })),
-        ),
+        { ...makeOptions(width, 140, formatX, formatCount, counts), padding: [null, AxisWidth, null, null] },
         [at, ...kinds.map((kind) => curve[kind])],
         this.parent,
       ),

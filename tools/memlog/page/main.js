@@ -46,6 +46,8 @@ function describeTotals({ totals }) {
 function start() {
   const get = (id) => document.getElementById(id);
   const data = unpack(JSON.parse(get("data").textContent));
+  get("title").textContent = data.title;
+  document.title = `${data.title} – memory event log`;
   get("notes").append(...data.notes.map((note) => make("li", { textContent: note })));
   get("totals").append(make("dl", {}, ...describeTotals(data)));
 

@@ -31,7 +31,8 @@ export class Aggregation {
   /**
    * @param {import("./stacks.mjs").Stacks} stacks
    * @param {{shortLived?: number, onChange?: Function}} [options] shortLived: a block freed within so many ms counts as
-   *   short-lived (10). onChange(time, address, bytes, site): called for each block that comes (bytes above 0) and goes.
+   *   short-lived (10). onChange(time, address, bytes, site): called for each block that comes (bytes above
+   *   0) and goes, with the site at which it does.
    */
   constructor(stacks, options = {}) {
     this.stacks = stacks;
@@ -62,15 +63,15 @@ export class Aggregation {
   /** Counts one event of the events file; returns what is wrong with it. */
   add(item) {
     const kind = Kinds.get(item.Event);
-    const { Timestamp: time, Address: address, Size: size, HeapSize: heap, CSHash: hash } = item;
+    const { Timestamp: stamp, Address: address, Size: size, HeapSize: heap, CSHash: hash } = item;
     const key = keyOf(address);
     const areNumbers =
-      typeof time === "number" && typeof size === "number" && typeof heap === "number" && typeof hash === "number";
+      typeof stamp === "number" && typeof size === "number" && typeof heap === "number" && typeof hash === "number";
     if (kind === undefined || key === undefined || !areNumbers) return complain(item);
 
-    if (this.firstTime === undefined) this.firstTime = this.lastTime = time;
-    if (time < this.lastTime) ++this.backwards;
-    else this.lastTime = time;
+    if (this.firstTime === undefined) this.firstTime = this.lastTime = stamp;
+    if (stamp < this.lastTime) ++this.backwards;
+    const time = (this.lastTime = Math.max(this.lastTime, stamp));
     const site = this.sites.get(hash) ?? this.addSite(hash);
     if (kind === 0) this.allocate(site, key, size, time);
     else if (kind === 1) this.free(site, key, time);
@@ -105,7 +106,7 @@ export class Aggregation {
     const replaced = this.blocks.get(address);
     if (replaced !== undefined) {
       ++this.lostFrees;
-      this.drop(replaced, address, time);
+      this.drop(replaced, address, time, replaced.site);
       this.blocks.delete(address); // so that the map stays in the order of allocation
     }
     this.peak.beforeChange(site);
@@ -128,13 +129,14 @@ export class Aggregation {
       ++this.unknownFrees;
       return;
     }
-    this.drop(block, address, time);
+    this.drop(block, address, time, site);
     this.blocks.delete(address);
   }
 
-  drop(block, address, time) {
+  /** A block goes away. `place`: the site that frees it. */
+  drop(block, address, time, place) {
     const { site, size } = block;
-    const lifetime = Math.max(0, time - block.time);
+    const lifetime = time - block.time;
     this.peak.beforeChange(site);
     ++site.freedBlocks;
     site.lifetime += lifetime;
@@ -145,7 +147,7 @@ export class Aggregation {
     --site.liveBlocks;
     site.liveBytes -= size;
     this.liveBytes -= size;
-    this.onChange?.(time, address, -size, site);
+    this.onChange?.(time, address, -size, place);
   }
 
   retain(site, address, time) {
@@ -165,8 +167,12 @@ export class Aggregation {
   /** To be called once behind the last event. Returns this. */
   finish() {
     for (const site of this.sites.values()) this.peak.finish(site);
-    for (const [address, { site, size, time }] of this.blocks)
+    this.firstTime ??= 0;
+    this.peak.time ??= this.firstTime;
+    for (const [address, { site, size, time }] of this.blocks) {
+      site.liveTime += this.lastTime - time;
       if (site.oldest.length < OldestPerSite) site.oldest.push({ address: formatAddress(address), size, time });
+    }
     for (const [address, { site, balance, time }] of this.counters)
       if (++site.openCounters <= OldestPerSite) site.open.push({ address: formatAddress(address), balance, time });
     return this;

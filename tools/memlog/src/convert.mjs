@@ -2,6 +2,8 @@
 import { writeFile } from "node:fs/promises";
 import { join } from "node:path";
 import { readEvents } from "./aggregate.mjs";
+import { Exports } from "./exports/all.mjs";
+import { ChangeList } from "./exports/changes.mjs";
 import { Progress } from "./progress.mjs";
 import { renderReport } from "./report.mjs";
 import { readStacks } from "./stacks.mjs";
@@ -10,15 +12,14 @@ import { summarize } from "./summary.mjs";
 const Silent = { write() {} };
 
 /**
+ * Reads both files of a log.
  * @param {string} eventsPath
  * @param {string} stacksPath
- * @param {string} folder where the results go; it exists.
- * @param {{title: string, shortLived?: number, isQuiet?: boolean}} options
- * @returns {Promise<{notes: string[], files: {path: string, purpose: string}[]}>}
+ * @param {{title: string, shortLived?: number, progress?: Progress}} options
+ * @returns {Promise<{summary: object, log: import("./exports/all.mjs").Log}>} what the report and the exports are made of.
  * @throws {import("./items.mjs").LogError}
  */
-export async function convert(eventsPath, stacksPath, folder, { title, shortLived, isQuiet }) {
-  const progress = new Progress(isQuiet ? Silent : process.stderr);
+export async function readLog(eventsPath, stacksPath, { title, shortLived, progress = new Progress(Silent) }) {
   const onProgress = (done, size) => progress.update(done, size);
   const step = async (name, work) => {
     progress.begin(name);
@@ -29,9 +30,38 @@ export async function convert(eventsPath, stacksPath, folder, { title, shortLive
     }
   };
   const stacks = await step("Stacks", () => readStacks(stacksPath, onProgress));
-  const aggregation = await step("Events", () => readEvents(eventsPath, stacks, { shortLived, onProgress }));
+  const changes = new ChangeList();
+  const onChange = (...change) => changes.add(...change);
+  const aggregation = await step("Events", () => readEvents(eventsPath, stacks, { shortLived, onChange, onProgress }));
   const summary = summarize(aggregation, stacks, { title });
+  const log = {
+    sites: [...aggregation.sites.values()],
+    frames: stacks.frames,
+    title,
+    times: {
+      first: aggregation.firstTime,
+      last: aggregation.lastTime,
+      peak: aggregation.peak.time,
+      shortLived: aggregation.shortLived,
+    },
+    changes,
+    byTime: summary.byTime,
+  };
+  return { summary, log };
+}
 
+/**
+ * Reads both files of a log and writes the report and all exports.
+ * @param {string} eventsPath
+ * @param {string} stacksPath
+ * @param {string} folder where the results go; it exists.
+ * @param {{title: string, shortLived?: number, isQuiet?: boolean}} options
+ * @returns {Promise<{notes: string[], files: {path: string, purpose: string}[]}>}
+ * @throws {import("./items.mjs").LogError}
+ */
+export async function convert(eventsPath, stacksPath, folder, { title, shortLived, isQuiet }) {
+  const progress = new Progress(isQuiet ? Silent : process.stderr);
+  const { summary, log } = await readLog(eventsPath, stacksPath, { title, shortLived, progress });
   const files = [];
   const write = async (name, purpose, content) => {
     const path = join(folder, name);
@@ -39,5 +69,6 @@ export async function convert(eventsPath, stacksPath, folder, { title, shortLive
     files.push({ path, purpose });
   };
   await write("report.html", "the report, for any browser", await renderReport(summary));
+  for (const { name, purpose, render } of Exports) await write(name, purpose, render(log));
   return { notes: summary.notes, files };
 }

@@ -40,6 +40,10 @@ async function readLicence(folder) {
   throw new Error(`${name} has no licence text.`);
 }
 
+function renderLicence({ name, version, license, text }) {
+  return `<h3>${name} ${version} (${license})</h3><pre>${escapeText(text)}</pre>`;
+}
+
 /** JSON that may stand inside a script element. */
 function embed(data) {
   return JSON.stringify(data).replace(/</g, "\\u003c");
@@ -60,15 +64,10 @@ export async function renderReport(summary) {
   ]);
   const licences = await Promise.all(packages.map(readLicence));
   const parts = {
-    title: escapeText(summary.title),
-    style,
-    data: embed(summary),
-    licences: licences
-      .map(
-        ({ name, version, license, text }) => `<h3>${name} ${version} (${license})</h3><pre>${escapeText(text)}</pre>`,
-      )
-      .join("\n"),
-    script: script.replace(/<\/script/gi, "<\\/script"),
+    style: `<style>${style}</style>`,
+    data: `<script id="data" type="application/json">${embed(summary)}</script>`,
+    script: `<script>${script.replace(/<\/script/gi, "<\\/script")}</script>`,
+    licences: licences.map(renderLicence).join("\n"),
   };
-  return template.replace(/\{\{(\w+)\}\}/g, (_, name) => parts[name]);
+  return template.replace(/<!-- (\w+) -->/g, (_, name) => parts[name]);
 }

@@ -13,6 +13,7 @@ export class Site {
     /** Blocks from here that were freed again, wherever that happened. */
     this.freedBlocks = 0;
     this.lifetime = 0; // of these, sum, ms
+    this.liveTime = 0; // of the blocks live at the end, sum, ms
     this.shortLived = 0;
     this.shortLivedBytes = 0;
     this.liveBlocks = 0;
@@ -46,7 +47,7 @@ export class PeakTracker {
     this.epoch = 0;
     this.bytes = 0;
     this.blocks = 0;
-    this.time = 0;
+    this.time = undefined;
   }
 
   /** To be called before the live numbers of a site change. */

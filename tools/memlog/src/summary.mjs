@@ -100,7 +100,7 @@ export function summarize(aggregation, stacks, { title, siteLimit = 20000 }) {
     peakTime: aggregation.peak.time,
     heapPeak: aggregation.heapPeak,
     heapEnd: aggregation.heapEnd,
-    firstTime: aggregation.firstTime ?? 0,
+    firstTime: aggregation.firstTime,
     lastTime: aggregation.lastTime,
     shortLivedMs: aggregation.shortLived,
     openCounters: aggregation.counters.size,
