@@ -17,6 +17,8 @@ VlmCore: ./build.sh COMMAND
   fuzz [SECONDS]       run every fuzz target that long (60)
   check                format, header hygiene, seam and documentation checks
   tidy [FILE...]       clang-tidy on the library's sources
+  memlog FOLDER        a report of the memory event log in FOLDER (events.json, stacks.json), and files for other
+                       viewers; also: memlog EVENTS STACKS [--out FOLDER]
   package [PRESET]     install the library below build/package/PRESET (windows-x64)
   clean                remove build/
 TXT
@@ -78,7 +80,13 @@ need_preset() {
             need xauth xauth
             ;;
         linux-gcc) need g++ g++ ;;
-        linux) need /usr/lib/*/libbenchmark.* libbenchmark-dev ;;
+        linux)
+            need /usr/lib/*/libbenchmark.* libbenchmark-dev
+            need node nodejs
+            need npm npm
+            need chromium chromium
+            need /usr/libexec/valgrind/dh_view.html valgrind
+            ;;
     esac
 }
 
@@ -141,7 +149,7 @@ command_test() {
 
 case ${1:-} in
     build | test) command=command_$1; shift; "$command" "$@" ;;
-    demo | bench | fuzz | check | tidy | package) name=$1; shift; source "tools/build/$name.sh"; "command_$name" "$@" ;;
+    demo | bench | fuzz | check | tidy | memlog | package) name=$1; shift; source "tools/build/$name.sh"; "command_$name" "$@" ;;
     clean) rm -rf build ;;
     "" | help | -h | --help) usage ;;
     *) echo "Unknown command: $1" >&2; usage >&2; exit 2 ;;

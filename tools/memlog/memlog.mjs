@@ -1,6 +1,6 @@
 #!/usr/bin/env node
 // Turns the two files of a memory event log into a report and into files that other viewers open.
-import { mkdir, stat } from "node:fs/promises";
+import { stat } from "node:fs/promises";
 import { basename, dirname, join, resolve } from "node:path";
 import { parseArgs } from "node:util";
 import { LogError } from "./src/items.mjs";
@@ -55,7 +55,6 @@ async function main() {
   const [events, stacks] = await findInputs(options.positionals);
   const out = options.out ?? join(dirname(events), "memlog");
   const title = options.title ?? basename(dirname(resolve(events)));
-  await mkdir(out, { recursive: true });
   const result = await convert(events, stacks, out, { title, shortLived: options.shortLived, isQuiet: options.quiet });
   if (options.quiet) return;
   for (const note of result.notes) console.log(`note: ${note}`);

@@ -118,7 +118,17 @@ export class FlameGraph {
       .setDetailsHandler(() => {})
       .onHover((node) => this.describe(node.data));
     select(this.parent).datum(tree).call(this.chart);
+    this.finishWidths();
     if (this.term) this.chart.search(this.term);
+  }
+
+  /** New frames grow to their width in a transition; one that has nothing left to do ends at once. */
+  finishWidths() {
+    select(this.parent)
+      .selectAll("g.frame")
+      .each(function () {
+        this.querySelector("rect").setAttribute("width", this.getAttribute("width"));
+      });
   }
 
   label({ frame, value }) {

@@ -2,12 +2,12 @@
 
 const Units = ["bytes", "KB", "MB", "GB", "TB"];
 
-/** 1536 is "1.54 KB": thousands, as in the other numbers of the page. */
+/** 1536 is "1.536 KB": thousands, as in the other numbers of the page. */
 export function formatBytes(bytes) {
   let unit = 0;
   let value = bytes;
   for (; Math.abs(value) >= 1000 && unit < Units.length - 1; ++unit) value /= 1000;
-  return unit === 0 ? `${formatCount(value)} ${Units[0]}` : `${value.toPrecision(3)} ${Units[unit]}`;
+  return `${value.toLocaleString("en-US", { maximumSignificantDigits: 4 })} ${Units[unit]}`;
 }
 
 export function formatCount(count) {

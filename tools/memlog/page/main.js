@@ -36,7 +36,7 @@ function describeTotals({ totals }) {
   if (totals.retain + totals.release > 0)
     facts.push([
       "References",
-      `${formatCount(totals.retain)} retains, ${formatCount(totals.release)} releases, ${formatCount(totals.openCounters)} counters open`,
+      `${formatCount(totals.retain)} retains, ${formatCount(totals.release)} releases, counters open: ${formatCount(totals.openCounters)}`,
     ]);
   return facts.map(([name, value]) =>
     make("div", {}, make("dt", { textContent: name }), make("dd", { textContent: value })),

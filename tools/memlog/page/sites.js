@@ -15,7 +15,7 @@ const meanLife = {
   key: "meanLife",
   label: "Mean life",
   format: formatTime,
-  of: (site) => (site.freedBlocks ? site.lifetime / site.freedBlocks : 0),
+  of: (site) => site.lifetime / site.freedBlocks,
 };
 const column = (key, label, format = formatCount) => ({ key, label, format, of: (site) => site[key] });
 const Allocations = column("allocations", "Allocations");
@@ -69,6 +69,12 @@ export const Views = [
   { label: "Refused", purpose: "Allocations that got no memory.", columns: [column("refused", "Refused")] },
 ];
 
+/** A mean of nothing is not shown. */
+function formatCell(column, site) {
+  const value = column.of(site);
+  return Number.isFinite(value) ? column.format(value) : "–";
+}
+
 export class SitesTable {
   /** @param elements {table, count, more, purpose} @param data what `unpack` returned. */
   constructor(elements, data) {
@@ -102,7 +108,7 @@ export class SitesTable {
     const sites = this.data.sites.filter(
       (site) => first.of(site) > 0 && (!this.term || site.frames.some((frame) => matchesFrame(frame, this.term))),
     );
-    return sites.sort((a, b) => this.sortBy.of(b) - this.sortBy.of(a));
+    return sites.sort((a, b) => (this.sortBy.of(b) || 0) - (this.sortBy.of(a) || 0));
   }
 
   draw() {
@@ -133,7 +139,7 @@ export class SitesTable {
   }
 
   makeRow(site) {
-    const numbers = this.view.columns.map((column) => make("td", { textContent: column.format(column.of(site)) }));
+    const numbers = this.view.columns.map((column) => make("td", { textContent: formatCell(column, site) }));
     const [first] = site.frames;
     const details = make("details", {}, make("summary", {}, this.makeFrame(first)));
     details.addEventListener("toggle", () => details.childElementCount === 1 && details.append(this.makeStack(site)), {

@@ -1,5 +1,5 @@
 // The whole way from the two files of a log to the folder of results.
-import { writeFile } from "node:fs/promises";
+import { mkdir, writeFile } from "node:fs/promises";
 import { join } from "node:path";
 import { readEvents } from "./aggregate.mjs";
 import { Exports } from "./exports/all.mjs";
@@ -54,7 +54,7 @@ export async function readLog(eventsPath, stacksPath, { title, shortLived, progr
  * Reads both files of a log and writes the report and all exports.
  * @param {string} eventsPath
  * @param {string} stacksPath
- * @param {string} folder where the results go; it exists.
+ * @param {string} folder where the results go; made when it is not there.
  * @param {{title: string, shortLived?: number, isQuiet?: boolean}} options
  * @returns {Promise<{notes: string[], files: {path: string, purpose: string}[]}>}
  * @throws {import("./items.mjs").LogError}
@@ -62,6 +62,7 @@ export async function readLog(eventsPath, stacksPath, { title, shortLived, progr
 export async function convert(eventsPath, stacksPath, folder, { title, shortLived, isQuiet }) {
   const progress = new Progress(isQuiet ? Silent : process.stderr);
   const { summary, log } = await readLog(eventsPath, stacksPath, { title, shortLived, progress });
+  await mkdir(folder, { recursive: true });
   const files = [];
   const write = async (name, purpose, content) => {
     const path = join(folder, name);
