@@ -236,11 +236,10 @@ private:
     };
 
     void Start();
-    static void Capture(SRecord& record);
-    static void Stamp(SRecord& record);
     void Record(u64 event, void const* address, u64 size);
-    void RecordUnbuffered(SRecord& record);
-    void RecordBuffered(SRecord& record);
+    static void Fill(SRecord& record, void* const* stack, u64 frameCount);
+    void RecordUnbuffered(u64 event, void const* address, u64 size);
+    void RecordBuffered(u64 event, void const* address, u64 size);
 
     CJSONMemoryLogWriter* m_writer = nullptr;
     CRecursiveSpinLock m_lock;

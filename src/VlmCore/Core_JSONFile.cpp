@@ -14,7 +14,6 @@ namespace Velmor {
 namespace {
 
 constexpr u64 PageSize = 4096;
-constexpr u64 TrailerSize = 3;
 
 void ReportLoss(u64 size)
 {
@@ -29,7 +28,8 @@ void ReportLoss(u64 size)
 
 } // namespace
 
-CJSONFile::CJSONFile(TResourcePtr<IFile> const& file) : m_file(file), m_isNative(IsNativeFile(file.Get()))
+CJSONFile::CJSONFile(TResourcePtr<IFile> const& file, CJSONFile* referred)
+    : m_file(file), m_referred(referred), m_isNative(IsNativeFile(file.Get()))
 {
     try {
         if (m_file) {
@@ -42,18 +42,11 @@ CJSONFile::CJSONFile(TResourcePtr<IFile> const& file) : m_file(file), m_isNative
     }
 }
 
-CJSONText& CJSONFile::BeginItem()
+/// The new item stays behind when the ones before it are written: alone it may leave its page.
+void CJSONFile::WriteIfDue() noexcept
 {
-    m_itemStart = m_text.GetSizeByte();
-    m_text.Append(",");
-    return m_text;
-}
-
-void CJSONFile::EndItem()
-{
-    m_text.Reserve(TrailerSize);
-    u64 const pageEnd = (m_position / PageSize + 1) * PageSize;
-    if (m_itemStart != 0 && m_position + m_text.GetSizeByte() + TrailerSize > pageEnd)
+    u64 const end = m_isNative ? Platform::GetWholeWriteEnd(m_position) : (m_position / PageSize + 1) * PageSize;
+    if (m_itemStart != 0 && m_position + m_text.GetSizeByte() + TrailerSize > end)
         WriteItems(m_itemStart);
 }
 
@@ -66,6 +59,8 @@ void CJSONFile::Flush() noexcept
 /// Writes the first `size` bytes of the text with a trailer behind them, and drops them from the text.
 void CJSONFile::WriteItems(u64 size) noexcept
 {
+    if (m_referred != nullptr)
+        m_referred->Flush();
     // The first item of the file has no comma before it.
     u64 const start = m_hasItems ? 0 : 1;
     char* const data = m_text.GetData();
@@ -160,7 +155,7 @@ bool CJSONFile::WriteAll(char const* data, u64 size)
 
 u64 CJSONFile::WriteSome(char const* data, u64 size)
 {
-    if (!m_isNative || !Platform::CanKillCutWrite(m_position, size))
+    if (!m_isNative || !Platform::NeedsWholeWrite(m_position, size))
         return m_file->Write(data, size);
     u64 done = 0;
     return Platform::WriteFileWhole(m_file->GetNativeHandle(), data, size, done) == 0 ? done : 0;

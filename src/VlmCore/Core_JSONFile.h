@@ -13,29 +13,46 @@ namespace Velmor {
 /// the items and a new trailer, after which the position moves back to the trailer. Whatever ends the process, the file
 /// is whole: before the write or after it.
 ///
-/// Items are collected until they would leave the file's current page. Where a kill can cut a write, it cuts between
-/// two pages: what lies in one page is written whole or not at all, and only the item on the border of two pages, alone,
-/// takes the dearer way of Platform_WholeWrite.h. That works for files of the system; others end with the process.
+/// Items are collected until they would pass the end of what one write may carry (Platform_WholeWrite.h). Where nothing
+/// keeps a kill from cutting a write, that is the file's current page: cuts fall between two pages, so that what lies in
+/// one page is written whole or not at all, and the item on the border of two pages is written alone.
 ///
-/// Errors: nothing throws but what builds the text. A file that fails loses the items it was given; the trailer is put
-/// back, now or before the next write, and the loss is reported with Debug::Print. No file: everything is discarded.
+/// Errors: nothing throws. A file that fails loses the items it was given; the trailer is put back, now or before the
+/// next write, and the loss is reported with Debug::Print. No file: everything is discarded.
 class CJSONFile {
 public:
-    /// Writes the opening and the trailer at the file's current position.
-    explicit CJSONFile(TResourcePtr<IFile> const& file);
+    /// Writes the opening and the trailer at the file's current position. `referred`, when given, is the file that the
+    /// items of this one refer to: whatever waits there is written before anything is written here.
+    explicit CJSONFile(TResourcePtr<IFile> const& file, CJSONFile* referred = nullptr);
     CJSONFile(CJSONFile const&) = delete;
     CJSONFile& operator=(CJSONFile const&) = delete;
 
-    /// Where to append the next item, which begins with "{". Then call EndItem or, when the item could not be built,
-    /// DropItem. Throws CBadAllocation, as EndItem does: the item is then to be dropped.
-    [[nodiscard]] CJSONText& BeginItem();
-    void EndItem();
-    void DropItem() noexcept { m_text.Truncate(m_itemStart); }
+    /// Adds the item that `build(text)` appends to a CJSONText, beginning with "{". False, and no item, when the build
+    /// throws or there is no memory.
+    template <class Build>
+    bool AddItem(Build const& build) noexcept
+    {
+        m_itemStart = m_text.GetSizeByte();
+        try {
+            m_text.Append(",");
+            build(m_text);
+            m_text.Reserve(TrailerSize);
+        }
+        catch (...) {
+            m_text.Truncate(m_itemStart);
+            return false;
+        }
+        WriteIfDue();
+        return true;
+    }
 
     /// Writes the collected items.
     void Flush() noexcept;
 
 private:
+    static constexpr u64 TrailerSize = 3;
+
+    void WriteIfDue() noexcept;
     void WriteItems(u64 size) noexcept;
     [[nodiscard]] bool TryWrite(char const* data, u64 size) noexcept;
     [[nodiscard]] bool TryRepair() noexcept;
@@ -44,6 +61,7 @@ private:
     [[nodiscard]] u64 WriteSome(char const* data, u64 size);
 
     TResourcePtr<IFile> m_file;
+    CJSONFile* m_referred;
     bool m_isNative; ///< the file is the library's own native file
     CJSONText m_text;
     u64 m_itemStart = 0;

@@ -11,8 +11,6 @@ namespace Velmor {
 namespace {
 
 constexpr u64 SmallestCapacity = 4096;
-/// Room for any 64-bit number in either form.
-constexpr u64 NumberSize = 32;
 
 /// Bytes of the well-formed UTF-8 character at `text`, 0 when there is none. By the standard's table, not by the
 /// strings' own thresholds: readers of the file know only the former. The terminator ends every character early.
@@ -74,14 +72,12 @@ void CJSONText::Append(char const* text, u64 size)
 
 void CJSONText::AppendDecimal(u64 value)
 {
-    Reserve(NumberSize);
-    m_size += IString::FromUnsignedInteger(value, m_data + m_size, NumberSize, EStringEncoding::UTF8);
+    AppendWith(CJSONCursor::NumberSize, [value](CJSONCursor& cursor) { cursor.AppendDecimal(value); });
 }
 
 void CJSONText::AppendHex(u64 value)
 {
-    Reserve(NumberSize);
-    m_size += IString::FromHex(value, m_data + m_size, NumberSize, EStringEncoding::UTF8);
+    AppendWith(CJSONCursor::NumberSize, [value](CJSONCursor& cursor) { cursor.AppendHex(value); });
 }
 
 void CJSONText::AppendEscaped(char const* text)

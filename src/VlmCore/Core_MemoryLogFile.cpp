@@ -99,53 +99,56 @@ void CFileMemoryLogger::Record(u64 event, void const* address, u64 size)
 {
     if (m_writer->IsCaller())
         return;
-    SRecord record;
-    record.address = reinterpret_cast<u64>(address);
-    record.size = size;
-    record.event = event;
     if (m_capacity == 0)
-        RecordUnbuffered(record);
+        RecordUnbuffered(event, address, size);
     else
-        RecordBuffered(record);
+        RecordBuffered(event, address, size);
 }
 
-void CFileMemoryLogger::Capture(SRecord& record)
+/// What of a record is known under the lock only, and the stack: its addresses, of which nothing but the ones in use is
+/// copied, and a null behind them.
+void CFileMemoryLogger::Fill(SRecord& record, void* const* stack, u64 frameCount)
 {
-    std::memset(record.stack, 0, sizeof record.stack);
-    record.stackHash = 0;
-    Debug::Backtrace(record.stack, &record.stackHash);
-}
-
-void CFileMemoryLogger::Stamp(SRecord& record)
-{
-    record.timestamp = Log::GetTimestamp();
     record.heapSize = MemoryLog::GetHeapSize();
+    std::memcpy(record.stack, stack, frameCount * sizeof *stack);
+    if (frameCount < Debug::MaxFrames)
+        record.stack[frameCount] = nullptr;
+    record.timestamp = Log::GetTimestamp();
 }
 
 /// The lock is recursive: a write that allocates comes back here on the same thread, and its event is dropped.
-void CFileMemoryLogger::RecordUnbuffered(SRecord& record)
+void CFileMemoryLogger::RecordUnbuffered(u64 event, void const* address, u64 size)
 {
     TScopedLock<CRecursiveSpinLock> const lock(m_lock);
     if (m_writer->IsWritingNow())
         return;
-    Capture(record);
-    Stamp(record);
+    SRecord record;
+    void* stack[Debug::MaxFrames];
+    u64 const frameCount = Debug::Backtrace(stack, &record.stackHash);
+    Fill(record, stack, frameCount);
+    record.address = reinterpret_cast<u64>(address);
+    record.size = size;
+    record.event = event;
     m_writer->WriteNow(record);
 }
 
 /// The stack is captured before the lock is taken: a capture that allocates comes back here, and finds room or waits
-/// for it without holding anything. Under the lock there is a copy, no more.
-void CFileMemoryLogger::RecordBuffered(SRecord& record)
+/// for it without holding anything. Under the lock there is a copy, no more; a stack that is in the file already is not
+/// even copied.
+void CFileMemoryLogger::RecordBuffered(u64 event, void const* address, u64 size)
 {
-    Capture(record);
+    void* stack[Debug::MaxFrames];
+    u32 stackHash = 0;
+    u64 const captured = Debug::Backtrace(stack, &stackHash);
+    u64 const frameCount = m_writer->HasStack(stackHash) ? 0 : captured;
+
     m_lock.Acquire();
     SBuffer* buffer = &m_buffers[m_index.load(std::memory_order_relaxed)];
-    if (buffer->count.load(std::memory_order_relaxed) == m_capacity) {
-        CBackoff backoff;
-        u64 const since = Log::GetTimestamp();
+    if (buffer->count.load(std::memory_order_relaxed) == m_capacity) [[unlikely]] {
+        CJSONMemoryLogWriter::SWait wait;
         do {
             m_lock.Release();
-            if (!m_writer->WaitForRoom(backoff, since)) {
+            if (!m_writer->WaitForRoom(wait)) {
                 m_writer->CountDropped();
                 return;
             }
@@ -153,9 +156,13 @@ void CFileMemoryLogger::RecordBuffered(SRecord& record)
             buffer = &m_buffers[m_index.load(std::memory_order_relaxed)];
         } while (buffer->count.load(std::memory_order_relaxed) == m_capacity);
     }
-    Stamp(record);
     u64 const count = buffer->count.load(std::memory_order_relaxed);
-    buffer->records[count] = record;
+    SRecord& record = buffer->records[count];
+    record.address = reinterpret_cast<u64>(address);
+    record.size = size;
+    record.stackHash = stackHash;
+    record.event = event;
+    Fill(record, stack, frameCount);
     buffer->count.store(count + 1, std::memory_order_relaxed);
     m_lock.Release();
 }

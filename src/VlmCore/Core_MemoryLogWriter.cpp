@@ -8,15 +8,16 @@ namespace Velmor {
 
 namespace {
 
-constexpr char const* EventNames[4] = {"alloc", "free", "retain", "release"};
+struct SEventName {
+    char text[8];
+    u64 size;
+};
+constexpr SEventName EventNames[4] = {{"alloc", 5}, {"free", 4}, {"retain", 6}, {"release", 7}};
 
 /// Functions with one of these in their name belong to the allocator: every stack would begin with them.
 constexpr char const* AllocatorNames[] = {
     "Velmor::TBlockAllocator", "Velmor::CFileMemoryLogger", "Velmor::Debug", "Velmor::Memory",
     "Velmor::CHeap",           "Velmor::CDelete",           "operator new"};
-
-/// How long a recording thread waits for a writer that does not move.
-constexpr u64 StallMilliseconds = 5000;
 
 [[nodiscard]] bool IsAllocatorFrame(Debug::SCallstackLine const& frame)
 {
@@ -30,7 +31,7 @@ constexpr u64 StallMilliseconds = 5000;
 } // namespace
 
 CJSONMemoryLogWriter::CJSONMemoryLogWriter(CFileMemoryLogger& owner)
-    : m_owner(&owner), m_events(owner.m_events), m_stacks(owner.m_stacks)
+    : m_owner(&owner), m_stacks(owner.m_stacks), m_events(owner.m_events, &m_stacks)
 {
 }
 
@@ -72,20 +73,23 @@ bool CJSONMemoryLogWriter::Drain() noexcept
     u64 const count = buffer.count.load(std::memory_order_relaxed);
     m_owner->m_lock.TryRelease();
 
-    m_isStalled.store(false, std::memory_order_relaxed);
     WriteRecords(buffer.records, count);
     buffer.count.store(0, std::memory_order_relaxed);
     ReportDropped();
     return true;
 }
 
-bool CJSONMemoryLogWriter::WaitForRoom(CBackoff& backoff, u64 since)
+bool CJSONMemoryLogWriter::WaitForRoom(SWait& wait)
 {
-    if (Log::GetTimestamp() - since >= StallMilliseconds)
-        m_isStalled.store(true, std::memory_order_relaxed);
-    if (m_isStalled.load(std::memory_order_relaxed))
+    u64 const progress = m_progress.load(std::memory_order_relaxed);
+    // Where one thread has lost its patience the others need not wait as long.
+    if (m_stalledProgress.load(std::memory_order_relaxed) == progress)
         return false;
-    backoff.Wait();
+    if (wait.watch.HasStoodStill(progress, Log::GetTimestamp())) {
+        m_stalledProgress.store(progress, std::memory_order_relaxed);
+        return false;
+    }
+    wait.backoff.Wait();
     return true;
 }
 
@@ -108,53 +112,56 @@ void CJSONMemoryLogWriter::WriteNow(SRecord const& record) noexcept
 
 void CJSONMemoryLogWriter::WriteRecords(SRecord const* records, u64 count) noexcept
 {
+    u64 progress = m_progress.load(std::memory_order_relaxed);
     for (u64 index = 0; index < count; ++index) {
-        WriteStack(records[index]);
-        WriteEvent(records[index]);
+        AddStack(records[index]);
+        AddEvent(records[index]);
+        m_progress.store(++progress, std::memory_order_relaxed);
     }
+    m_stacks.Flush();
     m_events.Flush();
-}
-
-void CJSONMemoryLogWriter::WriteEvent(SRecord const& record) noexcept
-{
-    try {
-        CJSONText& text = m_events.BeginItem();
-        text.Append("{ \"Timestamp\": ");
-        text.AppendDecimal(record.timestamp);
-        text.Append(", \"Address\": \"");
-        text.AppendHex(record.address);
-        text.Append("\", \"Size\": ");
-        text.AppendDecimal(record.size);
-        text.Append(", \"HeapSize\": ");
-        text.AppendDecimal(record.heapSize);
-        text.Append(", \"Event\": \"");
-        text.Append(EventNames[record.event]);
-        text.Append("\", \"CSHash\": ");
-        text.AppendDecimal(record.stackHash);
-        text.Append(" }\n");
-        m_events.EndItem();
-    }
-    catch (...) {
-        m_events.DropItem();
-    }
 }
 
 /// Writes the stack of the event unless it is in the file already. One that there is no memory for is left to the next
 /// event that has it.
-void CJSONMemoryLogWriter::WriteStack(SRecord const& record) noexcept
+void CJSONMemoryLogWriter::AddStack(SRecord const& record) noexcept
 {
-    if (m_writtenStacks.Find(record.stackHash) != nullptr)
+    if (m_filter.Knows(record.stackHash))
         return;
     try {
-        CJSONText& text = m_stacks.BeginItem();
-        AppendStack(text, record);
-        m_writtenStacks.Insert(record.stackHash, true);
-        m_stacks.EndItem();
-        m_stacks.Flush();
+        if (!m_writtenStacks.Insert(record.stackHash, true).second)
+            return;
+        if (m_stacks.AddItem([&](CJSONText& text) { AppendStack(text, record); }))
+            m_filter.Note(record.stackHash);
+        else
+            m_writtenStacks.Erase(record.stackHash);
     }
-    catch (...) {
-        m_stacks.DropItem();
+    catch (CBadAllocation const&) {
     }
+}
+
+void CJSONMemoryLogWriter::AddEvent(SRecord const& record) noexcept
+{
+    constexpr u64 FixedSize = sizeof "{ \"Timestamp\": , \"Address\": \"\", \"Size\": , \"HeapSize\": , "
+                                     "\"Event\": \"\", \"CSHash\": }\n";
+    constexpr u64 LargestSize = FixedSize + 5 * CJSONCursor::NumberSize + sizeof(SEventName::text);
+    SEventName const& name = EventNames[record.event];
+    auto const write = [&](CJSONCursor& line) {
+        line.Append("{ \"Timestamp\": ");
+        line.AppendDecimal(record.timestamp);
+        line.Append(", \"Address\": \"");
+        line.AppendHex(record.address);
+        line.Append("\", \"Size\": ");
+        line.AppendDecimal(record.size);
+        line.Append(", \"HeapSize\": ");
+        line.AppendDecimal(record.heapSize);
+        line.Append(", \"Event\": \"");
+        line.Append(name.text, name.size);
+        line.Append("\", \"CSHash\": ");
+        line.AppendDecimal(record.stackHash);
+        line.Append(" }\n");
+    };
+    m_events.AddItem([&](CJSONText& text) { text.AppendWith(LargestSize, write); });
 }
 
 void CJSONMemoryLogWriter::AppendStack(CJSONText& text, SRecord const& record)

@@ -4,6 +4,8 @@
 
 #include "Core_DrainPolicy.h"
 #include "Core_JSONFile.h"
+#include "Core_StackFilter.h"
+#include "Core_StallWatch.h"
 
 #include <vlmcore/debug.h>
 #include <vlmcore/impl/Core_Map.h>
@@ -35,9 +37,16 @@ public:
     /// True while WriteNow is at work.
     [[nodiscard]] bool IsWritingNow() const { return m_isWritingNow; }
 
-    /// Waits for the writer a little. False when it has stood still for long and `since`, the time of the first wait, is
-    /// long past: the caller should give its event up.
-    [[nodiscard]] bool WaitForRoom(CBackoff& backoff, u64 since);
+    /// True when the stack of this hash is in the file: an event need not bring it. False may be wrong. Any thread.
+    [[nodiscard]] bool HasStack(u32 hash) const { return m_filter.Knows(hash); }
+
+    /// A thread's wait for room in the buffers.
+    struct SWait {
+        CBackoff backoff{CBackoff::ManyYields};
+        CStallWatch watch;
+    };
+    /// Waits for the writer a little. False when it has stood still for long: the caller should give its event up.
+    [[nodiscard]] bool WaitForRoom(SWait& wait);
     void CountDropped() { m_dropped.fetch_add(1, std::memory_order_relaxed); }
 
 protected:
@@ -48,20 +57,22 @@ private:
 
     [[nodiscard]] CFileMemoryLogger::SBuffer& GetCurrentBuffer() const;
     void WriteRecords(SRecord const* records, u64 count) noexcept;
-    void WriteEvent(SRecord const& record) noexcept;
-    void WriteStack(SRecord const& record) noexcept;
+    void AddEvent(SRecord const& record) noexcept;
+    void AddStack(SRecord const& record) noexcept;
     void AppendStack(CJSONText& text, SRecord const& record);
     void ReportDropped();
 
     CFileMemoryLogger* m_owner;
     Debug::SCallstackLine m_frames[Debug::MaxFrames];
     TMap<u32, bool> m_writtenStacks;
-    CJSONFile m_events;
+    CStackFilter m_filter; ///< of m_writtenStacks
     CJSONFile m_stacks;
+    CJSONFile m_events;
     CDrainPolicy m_policy;
     std::atomic<u32> m_self{NoThreadId};
     std::atomic<u64> m_dropped{0};
-    std::atomic<bool> m_isStalled{false};
+    std::atomic<u64> m_progress{0};              ///< records that the writer is done with
+    std::atomic<u64> m_stalledProgress{~u64{0}}; ///< the progress at which a thread lost its patience
     bool m_isWritingNow = false;
 };
 

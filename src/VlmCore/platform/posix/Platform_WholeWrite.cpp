@@ -10,21 +10,6 @@
 
 namespace Velmor::Platform {
 
-// What can be cut
-
-namespace {
-
-constexpr u64 PageSize = 4096;
-
-} // namespace
-
-bool CanKillCutWrite(u64 position, u64 size)
-{
-    return size > PageSize - position % PageSize;
-}
-
-// Whole writes
-
 #if defined(__has_feature)
 #  if __has_feature(thread_sanitizer)
 #    define VLM_THREAD_SANITIZER 1
@@ -33,6 +18,32 @@ bool CanKillCutWrite(u64 position, u64 size)
 #if defined(__SANITIZE_THREAD__)
 #  define VLM_THREAD_SANITIZER 1
 #endif
+
+// What can be cut
+
+namespace {
+
+constexpr u64 PageSize = 4096;
+/// What makes the price of a helper small beside that of the write.
+[[maybe_unused]] constexpr u64 WorthwhileSize = 256 * 1024;
+
+} // namespace
+
+u64 GetWholeWriteEnd(u64 position)
+{
+#if defined(VLM_THREAD_SANITIZER)
+    return (position / PageSize + 1) * PageSize; // no helper, see below
+#else
+    return position + WorthwhileSize;
+#endif
+}
+
+bool NeedsWholeWrite(u64 position, u64 size)
+{
+    return size > PageSize - position % PageSize;
+}
+
+// Whole writes
 
 namespace {
 
@@ -50,6 +61,7 @@ struct SHelperCall {
 int RunHelper(void* argument)
 {
     SHelperCall& call = *static_cast<SHelperCall*>(argument);
+    ::setpgid(0, 0); // a kill of the group does not reach it
     call.error = WriteFileHandle(call.handle, call.buffer, call.size, call.done);
     return 0;
 }
