@@ -17,6 +17,7 @@
 #include <vlmcore/types.h>
 
 #include <atomic>
+#include <bit>
 #include <cstring>
 
 /// Type codes of weak types as CPinnedTypeException carries them: the codes of CWeakType::EType.
@@ -73,16 +74,22 @@ public:
 
     /// An Invalid value.
     CWeakType() = default;
-    CWeakType(bool value) : m_type(Boolean) { Store(static_cast<u8>(value)); }
-    CWeakType(int value) : m_type(Integer) { Store(value); }
-    CWeakType(float value) : m_type(Float) { Store(value); }
+    CWeakType(bool value) : m_type(Boolean) { Store(u64{value}); }
+    CWeakType(int value) : m_type(Integer) { Store(u64{static_cast<u32>(value)}); }
+    CWeakType(float value) : m_type(Float) { Store(u64{std::bit_cast<u32>(value)}); }
     /// Copies the text, converted to UTF-8. Throws CBadAllocation.
     CWeakType(CString const& value);
     CWeakType(char const* value) : CWeakType(CString(value)) {}
     /// A text is copied, a reference stays a reference to the same value. Throws CBadAllocation.
-    CWeakType(CWeakType const& other);
+    CWeakType(CWeakType const& other)
+    {
+        if (other.m_type == String) [[unlikely]]
+            CopyText(other);
+        else
+            CopyPayload(other);
+    }
     /// Leaves `other` Invalid.
-    CWeakType(CWeakType&& other) noexcept;
+    CWeakType(CWeakType&& other) noexcept { Steal(other); }
     ~CWeakType()
     {
         if (m_type == String)
@@ -95,8 +102,23 @@ public:
 
     /// Replaces this value itself, also when it is a reference. Throws CException, value kept, when a reference would
     /// lead back to this value.
-    CWeakType& operator=(CWeakType const& other);
-    CWeakType& operator=(CWeakType&& other);
+    CWeakType& operator=(CWeakType const& other)
+    {
+        if (m_type == String || other.m_type == String || other.m_type == Reference) [[unlikely]]
+            Assign(other);
+        else
+            CopyPayload(other);
+        return *this;
+    }
+    /// Leaves `other` Invalid, unless it is this value.
+    CWeakType& operator=(CWeakType&& other)
+    {
+        if (m_type == String || other.m_type == Reference) [[unlikely]]
+            AssignMoved(other);
+        else
+            Steal(other);
+        return *this;
+    }
 
     /// The type as stored.
     [[nodiscard]] EType GetType() const { return m_type; }
@@ -195,7 +217,8 @@ private:
     struct SOperand;
     friend struct SOperand;
 
-    // The payload is kept in words so that its alignment is 4; a value goes in and out by its bytes.
+    // The payload is kept in words so that its alignment is 4; a value goes in and out by its bytes. Constructors write
+    // all eight, for copies read all eight, and a wider read has to wait for a narrower write.
     template <class T>
     [[nodiscard]] T Load() const
     {
@@ -230,10 +253,38 @@ private:
     static CWeakType ShiftRight(CWeakType const& left, CWeakType const& right);
 
     void CheckComparable(CWeakType const& other) const;
+    template <class Relation>
+    [[nodiscard]] bool Order(CWeakType const& other, Relation relation) const;
     void CheckCountable() const;
     void CheckNoCycle(CWeakType const& other) const;
     void FreeText() noexcept;
-    void Swap(CWeakType& other) noexcept;
+
+    void CopyPayload(CWeakType const& other)
+    {
+        m_payload[0] = other.m_payload[0];
+        m_payload[1] = other.m_payload[1];
+        m_type = other.m_type;
+    }
+    // For a value that owns no text. From itself it takes nothing away.
+    void Steal(CWeakType& other) noexcept
+    {
+        u32 const payload[2] = {other.m_payload[0], other.m_payload[1]};
+        EType const type = other.m_type;
+        other.m_payload[0] = 0;
+        other.m_payload[1] = 0;
+        other.m_type = Invalid;
+        m_payload[0] = payload[0];
+        m_payload[1] = payload[1];
+        m_type = type;
+    }
+    void CopyText(CWeakType const& other);
+    void Assign(CWeakType const& other);
+    void AssignMoved(CWeakType& other);
+    void AdoptText(char* text) noexcept
+    {
+        Store(text);
+        m_type = String;
+    }
 
     u32 m_payload[2] = {};
     EType m_type = Invalid;
@@ -310,9 +361,34 @@ protected:
     IWeakTypeStorage& operator=(IWeakTypeStorage const&) = default;
 };
 
-/// Variables in the order they were added, searched one by one: for a few.
-class VLM_API CWeakTypeList final : public IWeakTypeStorage {
+/// What all storages do with a name: the operation of the same kind with its hash as the id, by a virtual call.
+class VLM_API CWeakTypeStorageByName : public IWeakTypeStorage {
 public:
+    using IWeakTypeStorage::IsRegistered;
+    using IWeakTypeStorage::operator[];
+    using IWeakTypeStorage::TryGet;
+    using IWeakTypeStorage::Unregister;
+
+    ~CWeakTypeStorageByName() override;
+    [[nodiscard]] bool IsRegistered(CString const& name) const override;
+    void Unregister(CString const& name) override;
+    CManagedWeakType& operator[](CString const& name) override;
+    [[nodiscard]] CManagedWeakType* TryGet(CString const& name) const override;
+
+protected:
+    CWeakTypeStorageByName() = default;
+    CWeakTypeStorageByName(CWeakTypeStorageByName const&) = default;
+    CWeakTypeStorageByName& operator=(CWeakTypeStorageByName const&) = default;
+};
+
+/// Variables in the order they were added, searched one by one: for a few.
+class VLM_API CWeakTypeList final : public CWeakTypeStorageByName {
+public:
+    using CWeakTypeStorageByName::IsRegistered;
+    using CWeakTypeStorageByName::operator[];
+    using CWeakTypeStorageByName::TryGet;
+    using CWeakTypeStorageByName::Unregister;
+
     CWeakTypeList() = default;
     CWeakTypeList(CWeakTypeList const&) = delete;
     CWeakTypeList& operator=(CWeakTypeList const&) = delete;
@@ -320,15 +396,11 @@ public:
 
     [[nodiscard]] unsigned int GetVariableId(CManagedWeakType const& variable) const override;
     [[nodiscard]] bool IsRegistered(unsigned int id) const override;
-    [[nodiscard]] bool IsRegistered(CString const& name) const override;
     void Unregister(unsigned int id) override;
-    void Unregister(CString const& name) override;
     /// Removes from the tail.
     void Clear() override;
     CManagedWeakType& operator[](unsigned int id) override;
-    CManagedWeakType& operator[](CString const& name) override;
     [[nodiscard]] CManagedWeakType* TryGet(unsigned int id) const override;
-    [[nodiscard]] CManagedWeakType* TryGet(CString const& name) const override;
     [[nodiscard]] u64 GetCount() const override;
 
 private:
@@ -343,8 +415,13 @@ private:
 };
 
 /// Variables ordered by id, found in logarithmic time.
-class VLM_API CWeakTypeMap final : public IWeakTypeStorage {
+class VLM_API CWeakTypeMap final : public CWeakTypeStorageByName {
 public:
+    using CWeakTypeStorageByName::IsRegistered;
+    using CWeakTypeStorageByName::operator[];
+    using CWeakTypeStorageByName::TryGet;
+    using CWeakTypeStorageByName::Unregister;
+
     CWeakTypeMap() = default;
     CWeakTypeMap(CWeakTypeMap const&) = delete;
     CWeakTypeMap& operator=(CWeakTypeMap const&) = delete;
@@ -352,15 +429,11 @@ public:
 
     [[nodiscard]] unsigned int GetVariableId(CManagedWeakType const& variable) const override;
     [[nodiscard]] bool IsRegistered(unsigned int id) const override;
-    [[nodiscard]] bool IsRegistered(CString const& name) const override;
     void Unregister(unsigned int id) override;
-    void Unregister(CString const& name) override;
     /// Removes in ascending order of the ids.
     void Clear() override;
     CManagedWeakType& operator[](unsigned int id) override;
-    CManagedWeakType& operator[](CString const& name) override;
     [[nodiscard]] CManagedWeakType* TryGet(unsigned int id) const override;
-    [[nodiscard]] CManagedWeakType* TryGet(CString const& name) const override;
     [[nodiscard]] u64 GetCount() const override;
 
     /// The variables in ascending order of their ids.

@@ -1,3 +1,5 @@
+#include "Core_WeakTypeText.h"
+
 #include <vlmcore/weak_types.h>
 
 #include <cmath>
@@ -75,31 +77,17 @@ char const* const CWeakType::TypeName[6] = {"Reference", "Boolean", "Integer", "
 CWeakType::CWeakType(CString const& value)
 {
     u64 const size = value.IsEmpty() ? 1 : value.GetAllocatedSizeAs(EStringEncoding::UTF8);
-    auto* const text = static_cast<char*>(Memory::Malloc(size, EHeap::Pool));
-    if (text == nullptr)
-        throw CBadAllocation();
+    char* const text = WeakTypeText::Allocate(size);
     if (value.IsEmpty())
         *text = 0;
     else
         value.CopyAs(EStringEncoding::UTF8, text, false);
-    Store(text);
-    m_type = String;
+    AdoptText(text);
 }
 
-CWeakType::CWeakType(CWeakType const& other)
+void CWeakType::CopyText(CWeakType const& other)
 {
-    if (other.m_type == String) {
-        CWeakType copy{CString(other.GetText())};
-        Swap(copy);
-        return;
-    }
-    std::memcpy(m_payload, other.m_payload, sizeof m_payload);
-    m_type = other.m_type;
-}
-
-CWeakType::CWeakType(CWeakType&& other) noexcept
-{
-    Swap(other);
+    AdoptText(WeakTypeText::Join(other.GetText(), ""));
 }
 
 CWeakType CWeakType::MakeReference(CWeakType& target)
@@ -110,35 +98,26 @@ CWeakType CWeakType::MakeReference(CWeakType& target)
     return reference;
 }
 
-CWeakType& CWeakType::operator=(CWeakType const& other)
+void CWeakType::Assign(CWeakType const& other)
 {
-    if (this != &other) {
-        CheckNoCycle(other);
-        CWeakType copy(other);
-        Swap(copy);
-    }
-    return *this;
+    if (this == &other)
+        return;
+    CWeakType copy(other);
+    AssignMoved(copy);
 }
 
-CWeakType& CWeakType::operator=(CWeakType&& other)
+void CWeakType::AssignMoved(CWeakType& other)
 {
-    if (this != &other) {
-        CheckNoCycle(other);
-        CWeakType taken(std::move(other));
-        Swap(taken);
-    }
-    return *this;
+    if (this == &other)
+        return;
+    CheckNoCycle(other);
+    CWeakType const before(std::move(*this)); // frees the text that was
+    Steal(other);
 }
 
 void CWeakType::FreeText() noexcept
 {
     Memory::FreeQuietly(Load<char*>());
-}
-
-void CWeakType::Swap(CWeakType& other) noexcept
-{
-    std::swap(m_payload, other.m_payload);
-    std::swap(m_type, other.m_type);
 }
 
 // A chain always ends: this value must not become part of a chain that comes back to it.

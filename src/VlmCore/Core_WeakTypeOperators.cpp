@@ -1,3 +1,5 @@
+#include "Core_WeakTypeText.h"
+
 #include <vlmcore/weak_types.h>
 
 #include <cmath>
@@ -52,12 +54,19 @@ struct CWeakType::SOperand {
     [[nodiscard]] bool IsMissing() const { return value.m_type == Invalid; }
     [[nodiscard]] int AsInteger() const { return IsMissing() ? 0 : value.AsInteger(); }
     [[nodiscard]] float AsFloat() const { return IsMissing() ? 0.0f : value.AsFloat(); }
-    [[nodiscard]] CString AsText() const { return IsMissing() ? CString("") : CString(value.GetText()); }
-    [[nodiscard]] CMutableString AsString() const
+    // Of anything but a number.
+    [[nodiscard]] char const* GetTextForm() const
     {
-        if (!IsMissing())
-            return value.AsString();
-        return CWeakType(type == Boolean ? CString("false") : CString("")).AsString();
+        if (value.m_type == Boolean)
+            return value.Load<u8>() != 0 ? "true" : "false";
+        return IsMissing() ? "" : value.GetText();
+    }
+
+    [[nodiscard]] static CWeakType Join(SOperand const& left, SOperand const& right)
+    {
+        CWeakType joined;
+        joined.AdoptText(WeakTypeText::Join(left.GetTextForm(), right.GetTextForm()));
+        return joined;
     }
 
     // The first byte of the payload. Of a text that is a byte of its address, which as a block's address is even and
@@ -122,7 +131,7 @@ CWeakType CWeakType::Add(CWeakType const& left, CWeakType const& right)
         [](int x, int y) { return Wrap(Bits(x) + Bits(y)); },
         [](SOperand const& x, SOperand const& y) {
             if (x.type == String || y.type == String)
-                return CWeakType(CString(x.AsString().Append(y.AsString())));
+                return SOperand::Join(x, y);
             return CWeakType(x.GetPayloadByte() != 0 || y.GetPayloadByte() != 0);
         });
 }
@@ -136,7 +145,7 @@ CWeakType CWeakType::Subtract(CWeakType const& left, CWeakType const& right)
         [](int x, int y) { return Wrap(Bits(x) - Bits(y)); },
         [](SOperand const& x, SOperand const& y) {
             if (x.type == String && y.type == String)
-                return CWeakType(CString(x.AsText().Replace(y.AsText(), "", 0)));
+                return CWeakType(CString(CString(x.GetTextForm()).Replace(CString(y.GetTextForm()), "", 0)));
             return CWeakType((x.GetPayloadByte() ^ y.GetPayloadByte()) != 0);
         });
 }
@@ -243,27 +252,23 @@ bool CWeakType::operator!=(CWeakType const& other) const
     return !(*this == other);
 }
 
-namespace {
-
 // The promotion that <, <=, > and >= share.
 template <class Relation>
-bool Order(CWeakType const& left, CWeakType const& right, Relation relation)
+bool CWeakType::Order(CWeakType const& other, Relation relation) const
 {
-    CWeakType::EType const leftType = left.GetResolvedType();
-    CWeakType::EType const rightType = right.GetResolvedType();
-    if (leftType == CWeakType::String && rightType == CWeakType::String)
-        return relation(CString(left.AsString()), CString(right.AsString()));
-    if (leftType == CWeakType::Float || rightType == CWeakType::Float)
+    CheckComparable(other);
+    CWeakType const& left = Resolve();
+    CWeakType const& right = other.Resolve();
+    if (left.m_type == String && right.m_type == String)
+        return relation(CString(left.GetText()), CString(right.GetText()));
+    if (left.m_type == Float || right.m_type == Float)
         return relation(left.AsFloat(), right.AsFloat());
     return relation(left.AsInteger(), right.AsInteger());
 }
 
-} // namespace
-
 bool CWeakType::operator<(CWeakType const& other) const
 {
-    CheckComparable(other);
-    return Order(*this, other, []<class T>(T const& left, T const& right) {
+    return Order(other, []<class T>(T const& left, T const& right) {
         if constexpr (std::is_same_v<T, CString>)
             return left < right;
         else
@@ -273,8 +278,7 @@ bool CWeakType::operator<(CWeakType const& other) const
 
 bool CWeakType::operator<=(CWeakType const& other) const
 {
-    CheckComparable(other);
-    return Order(*this, other, []<class T>(T const& left, T const& right) {
+    return Order(other, []<class T>(T const& left, T const& right) {
         if constexpr (std::is_same_v<T, CString>)
             return !(left > right);
         else
@@ -284,14 +288,12 @@ bool CWeakType::operator<=(CWeakType const& other) const
 
 bool CWeakType::operator>(CWeakType const& other) const
 {
-    CheckComparable(other);
-    return Order(*this, other, [](auto const& left, auto const& right) { return left > right; });
+    return Order(other, [](auto const& left, auto const& right) { return left > right; });
 }
 
 bool CWeakType::operator>=(CWeakType const& other) const
 {
-    CheckComparable(other);
-    return Order(*this, other, []<class T>(T const& left, T const& right) {
+    return Order(other, []<class T>(T const& left, T const& right) {
         if constexpr (std::is_same_v<T, CString>)
             return !(left < right);
         else

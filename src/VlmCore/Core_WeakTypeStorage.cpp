@@ -4,6 +4,30 @@ namespace Velmor {
 
 IWeakTypeStorage::~IWeakTypeStorage() = default;
 
+// ---- CWeakTypeStorageByName ----
+
+CWeakTypeStorageByName::~CWeakTypeStorageByName() = default;
+
+bool CWeakTypeStorageByName::IsRegistered(CString const& name) const
+{
+    return IsRegistered(name.GetHash());
+}
+
+void CWeakTypeStorageByName::Unregister(CString const& name)
+{
+    Unregister(name.GetHash());
+}
+
+CManagedWeakType& CWeakTypeStorageByName::operator[](CString const& name)
+{
+    return (*this)[name.GetHash()];
+}
+
+CManagedWeakType* CWeakTypeStorageByName::TryGet(CString const& name) const
+{
+    return TryGet(name.GetHash());
+}
+
 // ---- CWeakTypeList ----
 
 struct CWeakTypeList::SNode {
@@ -45,22 +69,10 @@ bool CWeakTypeList::IsRegistered(unsigned int id) const
     return FindNode(id) != nullptr;
 }
 
-bool CWeakTypeList::IsRegistered(CString const& name) const
-{
-    IWeakTypeStorage const& self = *this;
-    return self.IsRegistered(name.GetHash());
-}
-
 void CWeakTypeList::Unregister(unsigned int id)
 {
     if (SNode* const node = FindNode(id); node != nullptr)
         Remove(node);
-}
-
-void CWeakTypeList::Unregister(CString const& name)
-{
-    IWeakTypeStorage& self = *this;
-    self.Unregister(name.GetHash());
 }
 
 void CWeakTypeList::Clear()
@@ -98,22 +110,10 @@ CManagedWeakType& CWeakTypeList::operator[](unsigned int id)
     return node->value;
 }
 
-CManagedWeakType& CWeakTypeList::operator[](CString const& name)
-{
-    IWeakTypeStorage& self = *this;
-    return self[name.GetHash()];
-}
-
 CManagedWeakType* CWeakTypeList::TryGet(unsigned int id) const
 {
     SNode* const node = FindNode(id);
     return node == nullptr ? nullptr : &node->value;
-}
-
-CManagedWeakType* CWeakTypeList::TryGet(CString const& name) const
-{
-    IWeakTypeStorage const& self = *this;
-    return self.TryGet(name.GetHash());
 }
 
 u64 CWeakTypeList::GetCount() const
@@ -138,21 +138,9 @@ bool CWeakTypeMap::IsRegistered(unsigned int id) const
     return m_variables.Find(id) != nullptr;
 }
 
-bool CWeakTypeMap::IsRegistered(CString const& name) const
-{
-    IWeakTypeStorage const& self = *this;
-    return self.IsRegistered(name.GetHash());
-}
-
 void CWeakTypeMap::Unregister(unsigned int id)
 {
     m_variables.Erase(id);
-}
-
-void CWeakTypeMap::Unregister(CString const& name)
-{
-    IWeakTypeStorage& self = *this;
-    self.Unregister(name.GetHash());
 }
 
 void CWeakTypeMap::Clear()
@@ -165,22 +153,10 @@ CManagedWeakType& CWeakTypeMap::operator[](unsigned int id)
     return *m_variables.Insert(id, this).first;
 }
 
-CManagedWeakType& CWeakTypeMap::operator[](CString const& name)
-{
-    IWeakTypeStorage& self = *this;
-    return self[name.GetHash()];
-}
-
 CManagedWeakType* CWeakTypeMap::TryGet(unsigned int id) const
 {
     // The map is const, its variables are the host's to change.
     return const_cast<CManagedWeakType*>(m_variables.Find(id));
-}
-
-CManagedWeakType* CWeakTypeMap::TryGet(CString const& name) const
-{
-    IWeakTypeStorage const& self = *this;
-    return self.TryGet(name.GetHash());
 }
 
 u64 CWeakTypeMap::GetCount() const
