@@ -4,8 +4,9 @@
 #include <vlmcore/exceptions.h>
 
 #include "TestHeap.h"
+#include "support/ThreadHelpers.h"
 
-#include <cstdlib>
+#include <algorithm>
 #include <map>
 #include <random>
 #include <string>
@@ -25,11 +26,12 @@ std::vector<u32> KeysOf(CIntMap const& map)
     return keys;
 }
 
-u64 Scale()
-{
-    char const* const text = std::getenv("VLMCORE_STRESS");
-    return text == nullptr ? 1 : std::strtoull(text, nullptr, 10);
-}
+// The whole tree is walked after every step in debug builds, now and then in others.
+#if defined(NDEBUG)
+constexpr u64 StepsPerCheck = 97;
+#else
+constexpr u64 StepsPerCheck = 1;
+#endif
 
 } // namespace
 
@@ -177,7 +179,7 @@ TEST(Map, RandomStepsAgreeWithAStandardMap)
     std::mt19937 random(20261121);
     CIntMap map;
     std::map<u32, u64> expected;
-    u64 const steps = 200000 * Scale();
+    u64 const steps = u64{200000} * TestSupport::GetStressFactor();
     for (u64 step = 0; step < steps; ++step) {
         u32 const key = static_cast<u32>(random() % 700);
         switch (random() % 3) {
@@ -200,7 +202,7 @@ TEST(Map, RandomStepsAgreeWithAStandardMap)
         }
         }
         ASSERT_EQ(map.GetCount(), expected.size());
-        if (step % 97 == 0)
+        if (step % StepsPerCheck == 0)
             map.CheckConsistency();
     }
     auto theirs = expected.begin();

@@ -3,9 +3,9 @@
 #include <vlmcore/weak_types.h>
 
 #include "TestHeap.h"
+#include "support/ThreadHelpers.h"
 
 #include <cmath>
-#include <cstdlib>
 #include <limits>
 #include <map>
 #include <random>
@@ -22,6 +22,13 @@ std::string Utf8(CString const& text)
     CMutableString const utf8 = text.ToUTF8();
     return utf8.GetData() == nullptr ? "" : static_cast<char const*>(utf8.GetData());
 }
+
+// The whole tree is walked after every step in debug builds, now and then in others.
+#if defined(NDEBUG)
+constexpr u64 StepsPerCheck = 61;
+#else
+constexpr u64 StepsPerCheck = 1;
+#endif
 
 u64 CountLiveBlocks()
 {
@@ -158,6 +165,61 @@ TEST(WeakType, TextsAreCopiedMovedAndFreed)
         copy = self;
         EXPECT_EQ(Utf8(copy.AsString()), "a text");
         EXPECT_EQ(CountLiveBlocks(), before + 1);
+    }
+    EXPECT_EQ(CountLiveBlocks(), before);
+}
+
+// Every type over every type, by copy and by move: the text and type that arrive, what the source keeps, and no block left.
+TEST(WeakType, AssignmentOfEveryTypeOverEveryType)
+{
+    struct SKind {
+        CWeakType::EType type;
+        char const* text;
+    };
+    constexpr SKind Kinds[] = {{CWeakType::Reference, "12"}, {CWeakType::Boolean, "true"}, {CWeakType::Integer, "-7"},
+                               {CWeakType::Float, "1.5"},    {CWeakType::String, "text"},  {CWeakType::Invalid, ""}};
+    u64 const before = CountLiveBlocks();
+    {
+        CWeakType const target(12);
+        auto const make = [&](CWeakType::EType type) -> CWeakType {
+            switch (type) {
+            case CWeakType::Reference:
+                return CWeakType::MakeReference(const_cast<CWeakType&>(target));
+            case CWeakType::Boolean:
+                return true;
+            case CWeakType::Integer:
+                return -7;
+            case CWeakType::Float:
+                return 1.5f;
+            case CWeakType::String:
+                return "text";
+            default:
+                return {};
+            }
+        };
+        auto const expect = [](CWeakType const& value, SKind const& kind) {
+            EXPECT_EQ(value.GetType(), kind.type);
+            EXPECT_EQ(Utf8(value.AsString()), kind.text);
+        };
+        for (SKind const& to : Kinds) {
+            for (SKind const& from : Kinds) {
+                CWeakType source = make(from.type);
+                CWeakType copied = make(to.type);
+                copied = source;
+                expect(copied, from);
+                expect(source, from);
+                CWeakType moved = make(to.type);
+                moved = std::move(source);
+                expect(moved, from);
+                expect(source, {CWeakType::Invalid, ""});
+            }
+            CWeakType value = make(to.type);
+            CWeakType& self = value;
+            value = self;
+            expect(value, to);
+            value = std::move(self);
+            expect(value, to);
+        }
     }
     EXPECT_EQ(CountLiveBlocks(), before);
 }
@@ -311,8 +373,7 @@ TYPED_TEST(WeakTypeStorage, RemovingFreesTextsAndMovesNobody)
 
 TYPED_TEST(WeakTypeStorage, RandomStepsAgreeWithAStandardMap)
 {
-    char const* const scale = std::getenv("VLMCORE_STRESS");
-    u64 const steps = 100000 * (scale == nullptr ? 1 : std::strtoull(scale, nullptr, 10));
+    u64 const steps = u64{100000} * TestSupport::GetStressFactor();
     std::mt19937 random(6);
     TypeParam storage;
     IWeakTypeStorage& variables = storage;
@@ -346,7 +407,7 @@ TYPED_TEST(WeakTypeStorage, RandomStepsAgreeWithAStandardMap)
         }
         ASSERT_EQ(variables.GetCount(), expected.size());
         if constexpr (std::is_same_v<TypeParam, CWeakTypeMap>) {
-            if (step % 61 == 0)
+            if (step % StepsPerCheck == 0)
                 storage.GetVariables().CheckConsistency();
         }
     }
