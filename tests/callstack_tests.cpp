@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace Velmor;
@@ -254,6 +255,54 @@ TEST(ResolveSymbol, KnowsNothingOfAnAddressWithoutCode)
     EXPECT_STREQ(frame.file, "unknown_file");
     EXPECT_STREQ(frame.symbol, "");
     EXPECT_STREQ(frame.module, "");
+}
+
+namespace {
+
+struct SSite {
+    void* address;
+    unsigned line;
+};
+
+} // namespace
+
+/// One function of many, each with an address of its own.
+template <int Number>
+VLM_NOINLINE SSite CaptureInSite()
+{
+    SCapture capture;
+    CaptureInnermost(capture);
+    g_sink = Number;
+    return {capture.addresses[2], __LINE__ - 2};
+}
+
+namespace {
+
+template <int... Numbers>
+std::vector<SSite> CaptureInSites(std::integer_sequence<int, Numbers...>)
+{
+    return {CaptureInSite<Numbers>()...};
+}
+
+} // namespace
+
+TEST(ResolveSymbols, FindsEachOfManyFunctions)
+{
+    std::vector<SSite> const sites = CaptureInSites(std::make_integer_sequence<int, 300>());
+    for (int round = 0; round < 2; ++round) { // met for the first time and known already
+        for (std::size_t site = 0; site < sites.size(); ++site) {
+            Debug::SCallstackLine frame;
+            std::memset(&frame, 'x', sizeof frame);
+            Debug::ResolveSymbol(sites[site].address, frame);
+            EXPECT_TRUE(Contains(frame.symbol, ("CaptureInSite<" + std::to_string(site) + ">").c_str()))
+                << frame.symbol;
+            EXPECT_EQ(FileOf(frame), "callstack_tests.cpp");
+            EXPECT_GE(frame.line, sites[site].line);
+            EXPECT_LE(frame.line, sites[site].line + 1); // the address is that behind the call
+            EXPECT_TRUE(Contains(frame.module, "callstack_tests")) << frame.module;
+            EXPECT_EQ(frame.address, reinterpret_cast<u64>(sites[site].address));
+        }
+    }
 }
 
 TEST(ResolveSymbols, DoesNothingWithoutFramesOrWithoutAddresses)

@@ -1,5 +1,7 @@
 #include "../Platform_Symbols.h"
 
+#include "Posix_SymbolIndex.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <cxxabi.h>
@@ -11,42 +13,10 @@ namespace Velmor::Platform {
 
 // The debugging library
 
+SDebugLibrary g_debugLibrary{};
+
 namespace {
 
-// What is used of libdw, as its interface defines it. Declared here and looked up at run time: neither its headers nor
-// the library itself are needed to build or to start.
-struct Dwfl;
-struct Dwfl_Module;
-struct Dwfl_Line;
-struct Dwarf_Die;
-struct Dwarf_Line;
-
-struct Dwfl_Callbacks {
-    void (*findElf)();
-    void (*findDebugInfo)();
-    void (*sectionAddress)();
-    char** debugInfoPath;
-};
-
-struct SDebugLibrary {
-    Dwfl* (*begin)(Dwfl_Callbacks const*);
-    void (*reportBegin)(Dwfl*);
-    int (*reportProcess)(Dwfl*, pid_t);
-    int (*reportEnd)(Dwfl*, void*, void*);
-    Dwfl_Module* (*findModule)(Dwfl*, u64);
-    char const* (*findSymbol)(Dwfl_Module*, u64);
-    Dwfl_Line* (*findLine)(Dwfl_Module*, u64);
-    char const* (*describeLine)(Dwfl_Line*, u64*, int*, int*, u64*, u64*);
-    Dwarf_Die* (*nextUnit)(Dwfl_Module*, Dwarf_Die*, u64*);
-    int (*unitHasAddress)(Dwarf_Die*, u64);
-    Dwarf_Line* (*findUnitLine)(Dwarf_Die*, u64);
-    char const* (*getLineFile)(Dwarf_Line*, u64*, u64*);
-    int (*getLineNumber)(Dwarf_Line*, int*);
-    void (*findElf)();
-    void (*findDebugInfo)();
-};
-
-SDebugLibrary g_library{};
 Dwfl_Callbacks g_callbacks{};
 Dwfl* g_session = nullptr;
 
@@ -63,14 +33,16 @@ Dwfl* OpenSession()
     void* const library = ::dlopen("libdw.so.1", RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr)
         return nullptr;
-    SDebugLibrary& dw = g_library;
+    SDebugLibrary& dw = g_debugLibrary;
     bool const complete =
         LookUp(library, dw.begin, "dwfl_begin") && LookUp(library, dw.reportBegin, "dwfl_report_begin") &&
         LookUp(library, dw.reportProcess, "dwfl_linux_proc_report") &&
         LookUp(library, dw.reportEnd, "dwfl_report_end") && LookUp(library, dw.findModule, "dwfl_addrmodule") &&
+        LookUp(library, dw.countSymbols, "dwfl_module_getsymtab") &&
+        LookUp(library, dw.getSymbol, "dwfl_module_getsym_info") &&
         LookUp(library, dw.findSymbol, "dwfl_module_addrname") && LookUp(library, dw.findLine, "dwfl_module_getsrc") &&
         LookUp(library, dw.describeLine, "dwfl_lineinfo") && LookUp(library, dw.nextUnit, "dwfl_module_nextcu") &&
-        LookUp(library, dw.unitHasAddress, "dwarf_haspc") && LookUp(library, dw.findUnitLine, "dwarf_getsrc_die") &&
+        LookUp(library, dw.nextRange, "dwarf_ranges") && LookUp(library, dw.findUnitLine, "dwarf_getsrc_die") &&
         LookUp(library, dw.getLineFile, "dwarf_linesrc") && LookUp(library, dw.getLineNumber, "dwarf_lineno") &&
         LookUp(library, dw.findElf, "dwfl_linux_proc_find_elf") &&
         LookUp(library, dw.findDebugInfo, "dwfl_standard_find_debuginfo");
@@ -80,6 +52,73 @@ Dwfl* OpenSession()
     g_callbacks.findDebugInfo = dw.findDebugInfo;
     return dw.begin(&g_callbacks);
 }
+
+} // namespace
+
+// What was resolved before
+
+namespace {
+
+/// Names of addresses that were asked for: the same few thousand come again in stack after stack. An address that needs
+/// the place of another pushes it out.
+class CFrameCache {
+public:
+    /// False, and nothing changed, for an address that is not here.
+    bool Find(u64 address, Debug::SCallstackLine& frame) const
+    {
+        SEntry const* const entry = m_entries[GetPlace(address)];
+        if (entry == nullptr || entry->address != address)
+            return false;
+        char const* const texts = reinterpret_cast<char const*>(entry + 1);
+        frame.line = entry->line;
+        std::memcpy(frame.symbol, texts, entry->symbolSize);
+        std::memcpy(frame.module, texts + entry->symbolSize, entry->moduleSize);
+        std::memcpy(frame.file, texts + entry->symbolSize + entry->moduleSize, entry->fileSize);
+        return true;
+    }
+
+    void Note(u64 address, Debug::SCallstackLine const& frame)
+    {
+        SEntry entry{address, frame.line, GetSize(frame.symbol), GetSize(frame.module), GetSize(frame.file)};
+        void* const memory = std::malloc(sizeof entry + entry.symbolSize + entry.moduleSize + entry.fileSize);
+        if (memory == nullptr)
+            return;
+        char* const texts = static_cast<char*>(memory) + sizeof entry;
+        std::memcpy(memory, &entry, sizeof entry);
+        std::memcpy(texts, frame.symbol, entry.symbolSize);
+        std::memcpy(texts + entry.symbolSize, frame.module, entry.moduleSize);
+        std::memcpy(texts + entry.symbolSize + entry.moduleSize, frame.file, entry.fileSize);
+        SEntry*& place = m_entries[GetPlace(address)];
+        std::free(place);
+        place = static_cast<SEntry*>(memory);
+    }
+
+    void Clear()
+    {
+        for (SEntry*& entry : m_entries) {
+            std::free(entry);
+            entry = nullptr;
+        }
+    }
+
+private:
+    /// Behind it lie the three texts with their terminators, whose sizes these are.
+    struct SEntry {
+        u64 address;
+        u32 line;
+        u32 symbolSize;
+        u32 moduleSize;
+        u32 fileSize;
+    };
+
+    static constexpr u32 CountBits = 13;
+    static u64 GetPlace(u64 address) { return (address * 0x9E3779B97F4A7C15u) >> (64 - CountBits); }
+    static u32 GetSize(char const* text) { return static_cast<u32>(std::strlen(text) + 1); }
+
+    SEntry* m_entries[1u << CountBits]{};
+};
+
+CFrameCache g_cache;
 
 } // namespace
 
@@ -114,9 +153,11 @@ bool PrepareSymbols()
     ::dl_iterate_phdr(&ReadChanges, &now);
     if (now.loaded != known.loaded || now.unloaded != known.unloaded) {
         known = now;
-        g_library.reportBegin(g_session);
-        g_library.reportProcess(g_session, ::getpid());
-        g_library.reportEnd(g_session, nullptr, nullptr);
+        g_cache.Clear();
+        DropModuleIndices();
+        g_debugLibrary.reportBegin(g_session);
+        g_debugLibrary.reportProcess(g_session, ::getpid());
+        g_debugLibrary.reportEnd(g_session, nullptr, nullptr);
     }
     return true;
 }
@@ -150,27 +191,18 @@ void CopyModule(char const* path, Debug::SCallstackLine& frame)
         *extension = '\0';
 }
 
-/// Source file and line. The quick way needs a table of addresses that some compilers leave out; without it the
-/// compilation units are asked one after the other.
-void DescribeLine(Dwfl_Module* module, u64 place, Debug::SCallstackLine& frame)
+/// Source file and line. The library's own way needs a table of addresses that some compilers leave out.
+void DescribeLine(Dwfl_Module* module, CModuleIndex const* index, u64 place, Debug::SCallstackLine& frame)
 {
-    SDebugLibrary const& dw = g_library;
+    SDebugLibrary const& dw = g_debugLibrary;
     char const* file = nullptr;
     int line = 0;
     if (Dwfl_Line* const source = dw.findLine(module, place)) {
         file = dw.describeLine(source, nullptr, &line, nullptr, nullptr, nullptr);
     }
-    else {
-        u64 bias = 0;
-        for (Dwarf_Die* unit = nullptr; (unit = dw.nextUnit(module, unit, &bias)) != nullptr;) {
-            if (dw.unitHasAddress(unit, place - bias) <= 0)
-                continue;
-            if (Dwarf_Line* const found = dw.findUnitLine(unit, place - bias)) {
-                file = dw.getLineFile(found, nullptr, nullptr);
-                static_cast<void>(dw.getLineNumber(found, &line));
-            }
-            break;
-        }
+    else if (Dwarf_Line* const found = index != nullptr ? index->FindLine(place) : nullptr) {
+        file = dw.getLineFile(found, nullptr, nullptr);
+        static_cast<void>(dw.getLineNumber(found, &line));
     }
     if (file == nullptr)
         return;
@@ -178,20 +210,32 @@ void DescribeLine(Dwfl_Module* module, u64 place, Debug::SCallstackLine& frame)
     frame.line = static_cast<u32>(line);
 }
 
+void DescribeByLibrary(Dwfl_Module* module, u64 place, Debug::SCallstackLine& frame)
+{
+    CModuleIndex const* const index = GetModuleIndex(module);
+    char const* symbol = index != nullptr ? index->FindFunction(place) : nullptr;
+    if (symbol == nullptr)
+        symbol = g_debugLibrary.findSymbol(module, place); // knows labels without a size, too
+    if (symbol != nullptr)
+        CopySymbol(symbol, frame);
+    DescribeLine(module, index, place, frame);
+}
+
 } // namespace
 
 void DescribeAddress(void const* address, Debug::SCallstackLine& frame)
 {
-    DescribeAddressPlainly(address, frame);
-    if (g_session == nullptr)
+    if (g_session == nullptr) {
+        DescribeAddressPlainly(address, frame);
         return;
+    }
     auto const place = reinterpret_cast<u64>(address);
-    Dwfl_Module* const module = g_library.findModule(g_session, place);
-    if (module == nullptr)
+    if (g_cache.Find(place, frame))
         return;
-    if (char const* const symbol = g_library.findSymbol(module, place))
-        CopySymbol(symbol, frame);
-    DescribeLine(module, place, frame);
+    DescribeAddressPlainly(address, frame);
+    if (Dwfl_Module* const module = g_debugLibrary.findModule(g_session, place))
+        DescribeByLibrary(module, place, frame);
+    g_cache.Note(place, frame);
 }
 
 void DescribeAddressPlainly(void const* address, Debug::SCallstackLine& frame)
