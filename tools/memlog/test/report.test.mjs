@@ -58,10 +58,10 @@ const waitForFlame = (page) =>
 
 test("the log written by hand", needsBrowser, async (context) => {
   const browser = await startBrowser(context);
-  const out = await report(context, await makeLog(context), "by <hand> & heart");
+  const out = await report(context, await makeLog(context), "by <hand> & </script> heart");
   const page = await openFile(browser, join(out, "report.html"));
   await waitForFlame(page);
-  assert.equal(await page.$eval("#title", (title) => title.textContent), "by <hand> & heart");
+  assert.equal(await page.$eval("#title", (title) => title.textContent), "by <hand> & </script> heart");
   assert.deepEqual(await textsOf(page, "#notes li"), [
     "1 hash has no stack in the stacks file.",
     "1 free of blocks that were allocated before the log began.",
