@@ -188,13 +188,13 @@ export function formatAddress(key) {
  * Reads the events file of a log and counts it.
  * @param {string} path
  * @param {import("./stacks.mjs").Stacks} stacks
- * @param {object} [options] as of Aggregation, and onProgress(done, size) in bytes.
+ * @param {object} [options] as of Aggregation, and onProgress and limit as of readItems.
  * @returns {Promise<Aggregation>} finished.
  * @throws {import("./items.mjs").LogError}
  */
 export async function readEvents(path, stacks, options = {}) {
   const aggregation = new Aggregation(stacks, options);
-  const { isCut } = await readItems(path, (item) => aggregation.add(item), options.onProgress);
+  const { isCut } = await readItems(path, (item) => aggregation.add(item), options.onProgress, options.limit);
   aggregation.isCut = isCut;
   return aggregation.finish();
 }

@@ -4,6 +4,7 @@ import { join } from "node:path";
 import { readEvents } from "./aggregate.mjs";
 import { Exports } from "./exports/all.mjs";
 import { ChangeList } from "./exports/changes.mjs";
+import { measureFile } from "./items.mjs";
 import { Progress } from "./progress.mjs";
 import { renderReport } from "./report.mjs";
 import { readStacks } from "./stacks.mjs";
@@ -29,10 +30,14 @@ export async function readLog(eventsPath, stacksPath, { title, shortLived, progr
       progress.end();
     }
   };
+  // The stack of an event is written before the event: what is there of the events now has its stacks then.
+  const limit = await measureFile(eventsPath);
   const stacks = await step("Stacks", () => readStacks(stacksPath, onProgress));
   const changes = new ChangeList();
   const onChange = (...change) => changes.add(...change);
-  const aggregation = await step("Events", () => readEvents(eventsPath, stacks, { shortLived, onChange, onProgress }));
+  const aggregation = await step("Events", () =>
+    readEvents(eventsPath, stacks, { shortLived, onChange, onProgress, limit }),
+  );
   const summary = summarize(aggregation, stacks, { title });
   const log = {
     sites: [...aggregation.sites.values()],

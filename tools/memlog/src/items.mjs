@@ -1,6 +1,5 @@
 // Streams the items of a JSON document `{ "Data": [ {...}, {...} ] }`, however it is laid out and however large it is.
 import { open } from "node:fs/promises";
-import { basename } from "node:path";
 import { StringDecoder } from "node:string_decoder";
 
 const ChunkSize = 1 << 20;
@@ -172,6 +171,16 @@ async function openFile(path) {
 }
 
 /**
+ * Size of a file in bytes, for `readItems`.
+ * @throws {LogError} it cannot be read.
+ */
+export async function measureFile(path) {
+  const [file, size] = await openFile(path);
+  await file.close();
+  return size;
+}
+
+/**
  * Reads `{ "Data": [...] }` from a file in pieces and calls `onItem(item, index)` for every item, in order.
  *
  * Only what is in the file at the start is read, so that a log which is being written can be looked at. Its end may be
@@ -180,11 +189,13 @@ async function openFile(path) {
  * @param {string} path the file.
  * @param {(item: object, index: number) => string | void} onItem returns what is wrong with the item, nothing if it is good.
  * @param {(done: number, size: number) => void} [onProgress] bytes read and bytes in all.
+ * @param {number} [limit] bytes to read at most, as `measureFile` found them earlier.
  * @returns {Promise<{count: number, size: number, isCut: boolean}>} isCut: the document ends before its closing brackets.
  * @throws {LogError} the file cannot be read, is no such document, or holds an item that `onItem` refused.
  */
-export async function readItems(path, onItem, onProgress = () => {}) {
-  const [file, size] = await openFile(path);
+export async function readItems(path, onItem, onProgress = () => {}, limit = Infinity) {
+  const [file, wholeSize] = await openFile(path);
+  const size = Math.min(wholeSize, limit);
   try {
     if (size === 0) throw new LogError(`${path} is empty.`);
     const parser = new ItemParser(onItem);
@@ -203,9 +214,4 @@ export async function readItems(path, onItem, onProgress = () => {}) {
   } finally {
     await file.close();
   }
-}
-
-/** The name of a file in messages of the report, where its folder says nothing. */
-export function nameOf(path) {
-  return basename(path);
 }

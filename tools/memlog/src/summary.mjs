@@ -1,8 +1,7 @@
 // What the page of the report shows, as plain data.
+import { Site } from "./sites.mjs";
 
-const Columns = [
-  "hash",
-  "isKnown",
+const Sums = [
   "allocations",
   "allocatedBytes",
   "freedBlocks",
@@ -24,24 +23,40 @@ const Columns = [
 
 const Ranks = ["liveBytes", "peakBytes", "allocatedBytes", "allocations", "shortLived", "retains"];
 
-/** The sites that lead in any respect, at most about `limit`; the numbers of the others are in the totals only. */
+/** The sites that lead in any respect, at most about `limit`. The numbers of the others add up in one more. */
 function selectSites(sites, limit) {
-  if (sites.length <= limit) return sites;
+  if (sites.length <= limit) return { sites, hidden: 0 };
   const share = Math.ceil(limit / Ranks.length);
   const chosen = new Set();
   for (const rank of Ranks) {
     const best = [...sites].sort((a, b) => b[rank] - a[rank]).slice(0, share);
     for (const site of best) chosen.add(site);
   }
-  return [...chosen];
+  const other = new Site(0, [], true);
+  for (const site of sites) if (!chosen.has(site)) for (const name of Sums) other[name] += site[name];
+  return { sites: [...chosen, other], hidden: sites.length - chosen.size };
 }
+
+/** The frames that the sites have, and the sites' stacks as indices into these. */
+function selectFrames(sites, frames) {
+  const used = [];
+  const newIndices = new Map();
+  const renumber = (frame) => {
+    if (!newIndices.has(frame)) newIndices.set(frame, used.push(frames[frame]) - 1);
+    return newIndices.get(frame);
+  };
+  const stacks = sites.map((site) => site.frames.map(renumber));
+  return { stacks, frames: used.map(({ name, file, line, module }) => [name, file, line, module]) };
+}
+
+const OtherSites = "(other call stacks)";
 
 function plural(count, one, many = `${one}s`) {
   return `${count.toLocaleString("en-US")} ${count === 1 ? one : many}`;
 }
 
 /** Remarks about the log itself, in words. */
-export function describeLog(aggregation, stacks, shown) {
+export function describeLog(aggregation, stacks, hidden) {
   const notes = [];
   const add = (count, text) => count > 0 && notes.push(text);
   const unknown = [...aggregation.sites.values()].filter((site) => !site.isKnown).length;
@@ -71,8 +86,7 @@ export function describeLog(aggregation, stacks, shown) {
     aggregation.backwards,
     `${plural(aggregation.backwards, "event is", "events are")} older than the one before; they count at its time.`,
   );
-  const hidden = aggregation.sites.size - shown;
-  add(hidden, `${plural(hidden, "call stack")} with small numbers are in the totals only.`);
+  add(hidden, `${plural(hidden, "call stack")} with small numbers are shown as one, "${OtherSites}".`);
   return notes;
 }
 
@@ -83,7 +97,9 @@ export function describeLog(aggregation, stacks, shown) {
  * @returns {object} plain data, ready for JSON.
  */
 export function summarize(aggregation, stacks, { title, siteLimit = 20000 }) {
-  const sites = selectSites([...aggregation.sites.values()], siteLimit);
+  const { sites, hidden } = selectSites([...aggregation.sites.values()], siteLimit);
+  if (hidden > 0) sites.at(-1).frames = [stacks.intern(OtherSites, "", 0, "")];
+  const selected = selectFrames(sites, stacks.frames);
   const [alloc, free, retain, release] = aggregation.events;
   const totals = {
     events: alloc + free + retain + release,
@@ -107,14 +123,14 @@ export function summarize(aggregation, stacks, { title, siteLimit = 20000 }) {
   };
   return {
     title,
-    notes: describeLog(aggregation, stacks, sites.length),
+    notes: describeLog(aggregation, stacks, hidden),
     totals,
     byTime: aggregation.byTime.toObject(),
     byEvent: aggregation.byEvent.toObject(),
-    frames: stacks.frames.map(({ name, file, line, module }) => [name, file, line, module]),
+    frames: selected.frames,
     sites: {
-      ...Object.fromEntries(Columns.map((name) => [name, sites.map((site) => site[name])])),
-      frames: sites.map((site) => site.frames),
+      ...Object.fromEntries(["hash", ...Sums].map((name) => [name, sites.map((site) => site[name])])),
+      frames: selected.stacks,
       oldest: sites.map((site) => site.oldest),
       open: sites.map((site) => site.open),
     },

@@ -2,7 +2,7 @@ import assert from "node:assert/strict";
 import { writeFile } from "node:fs/promises";
 import { join } from "node:path";
 import test from "node:test";
-import { LogError, readItems } from "../src/items.mjs";
+import { LogError, measureFile, readItems } from "../src/items.mjs";
 import { eventsText, Events, makeFolder, Stacks, stacksText } from "./logs.mjs";
 
 async function read(context, text, onItem = () => {}) {
@@ -109,4 +109,13 @@ test("progress reaches the size of the file", async (context) => {
     (done, all) => seen.push([done, all]),
   );
   assert.deepEqual(seen.at(-1), [size, size]);
+});
+
+test("what was added since the file was measured is left out", async (context) => {
+  const folder = await makeFolder(context, { "log.json": eventsText(Events.slice(0, 3)) });
+  const path = join(folder, "log.json");
+  const limit = await measureFile(path);
+  await writeFile(path, eventsText(Events));
+  const { count, size, isCut } = await readItems(path, () => {}, undefined, limit);
+  assert.deepEqual([count, size, isCut], [3, limit, true]);
 });
