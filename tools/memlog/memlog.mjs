@@ -57,8 +57,9 @@ async function main() {
   const title = options.title ?? basename(dirname(resolve(events)));
   const result = await convert(events, stacks, out, { title, shortLived: options.shortLived, isQuiet: options.quiet });
   if (options.quiet) return;
-  for (const note of result.notes) console.log(`note: ${note}`);
-  for (const { path, purpose } of result.files) console.log(`${path}  ${purpose}`);
+  const width = Math.max(...result.files.map(({ path }) => path.length));
+  for (const line of result.outcome) console.log(line);
+  for (const { path, purpose } of result.files) console.log(`${path.padEnd(width)}  ${purpose}`);
 }
 
 main().catch((error) => {

@@ -8,6 +8,7 @@ import { measureFile } from "./items.mjs";
 import { Progress } from "./progress.mjs";
 import { renderReport } from "./report.mjs";
 import { readStacks } from "./stacks.mjs";
+import { describe } from "./text.mjs";
 import { summarize } from "./summary.mjs";
 
 const Silent = { write() {} };
@@ -61,7 +62,7 @@ export async function readLog(eventsPath, stacksPath, { title, shortLived, progr
  * @param {string} stacksPath
  * @param {string} folder where the results go; made when it is not there.
  * @param {{title: string, shortLived?: number, isQuiet?: boolean}} options
- * @returns {Promise<{notes: string[], files: {path: string, purpose: string}[]}>}
+ * @returns {Promise<{outcome: string[], files: {path: string, purpose: string}[]}>} outcome: lines for the terminal.
  * @throws {import("./items.mjs").LogError}
  */
 export async function convert(eventsPath, stacksPath, folder, { title, shortLived, isQuiet }) {
@@ -76,5 +77,5 @@ export async function convert(eventsPath, stacksPath, folder, { title, shortLive
   };
   await write("report.html", "the report, for any browser", await renderReport(summary));
   for (const { name, purpose, render } of Exports) await write(name, purpose, render(log));
-  return { notes: summary.notes, files };
+  return { outcome: describe({ summary, log }), files };
 }

@@ -187,6 +187,8 @@ test("the leaks of leak_hunt", needsPrograms, async (context) => {
   await choose(page, "view", "Never freed");
   if (process.env.MEMLOG_SCREENSHOT) {
     await page.click("#sites summary");
+    await page.waitForSelector("#sites ol");
+    await page.mouse.move(1, 1);
     const height = await page.$eval("main", (main) => Math.ceil(main.getBoundingClientRect().bottom + scrollY));
     await page.evaluate(() => scrollTo(0, 0));
     await page.setViewport({ width: 1200, height });
