@@ -80,14 +80,28 @@ void TBlockAllocator<AlignmentBits>::Purge(CGlobalHeap& heap)
 // ---- Teardown and statistics ----
 
 template <u32 AlignmentBits>
-void TBlockAllocator<AlignmentBits>::Report()
+u64 TBlockAllocator<AlignmentBits>::GetAllocationCount(CGlobalHeap const& heap) const
+{
+    CHeapExtension const* const extension = heap.GetExtension();
+    return m_allocationCount.Get() + (extension != nullptr ? extension->GetAllocationCount(Kind) : 0);
+}
+
+template <u32 AlignmentBits>
+u64 TBlockAllocator<AlignmentBits>::GetLiveCount(CGlobalHeap const& heap) const
+{
+    CHeapExtension const* const extension = heap.GetExtension();
+    return m_liveCount.Get() + (extension != nullptr ? extension->GetLiveCount(Kind) : 0);
+}
+
+template <u32 AlignmentBits>
+void TBlockAllocator<AlignmentBits>::Report(CGlobalHeap const& heap)
 {
     u32 const alignment = static_cast<u32>(Alignment);
-    u32 const live = static_cast<u32>(m_liveCount.Get());
+    u32 const live = static_cast<u32>(GetLiveCount(heap));
     Debug::Print("Block allocator (%u byte align) statistics:\n", alignment);
     Debug::Print("This allocator counted a total of %lu allocations.\n",
-                 static_cast<unsigned long>(m_allocationCount.Get()));
-    if (m_liveCount.Get() != 0) {
+                 static_cast<unsigned long>(GetAllocationCount(heap)));
+    if (GetLiveCount(heap) != 0) {
         Debug::Print("\nWARNING: %u block memory leak(s) detected.\n\n", live);
         RunQuietly([&] { Log::WarningF("%u block<%u> memory leak(s) detected.", live, alignment); });
     }
@@ -108,18 +122,18 @@ void TBlockAllocator<AlignmentBits>::Report()
 template <u32 AlignmentBits>
 void TBlockAllocator<AlignmentBits>::TearDown(CGlobalHeap& heap) noexcept
 {
-    if (m_report != 0 && m_allocationCount.Get() > 0)
-        Report();
+    if (m_report != 0 && GetAllocationCount(heap) > 0)
+        Report(heap);
     for (u32 index = 0; index < ClassCount; ++index)
         m_classes[index].TearDown(heap, GetShape(index));
 }
 
 template <u32 AlignmentBits>
-void TBlockAllocator<AlignmentBits>::GetStatistics(Memory::SStatistics::SPool& pool)
+void TBlockAllocator<AlignmentBits>::GetStatistics(CGlobalHeap const& heap, Memory::SStatistics::SPool& pool)
 {
     pool.alignment = Alignment;
-    pool.allocationCount = m_allocationCount.Get();
-    pool.liveCount = m_liveCount.Get();
+    pool.allocationCount = GetAllocationCount(heap);
+    pool.liveCount = GetLiveCount(heap);
     pool.classCount = ClassCount;
     for (u32 index = 0; index < ClassCount; ++index)
         pool.classes[index] = {GetShape(index).blockSize, m_classes[index].GetBlocksPerChunk(),

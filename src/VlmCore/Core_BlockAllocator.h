@@ -2,7 +2,8 @@
 //
 // A block allocator keeps no pointer to its heap, since modules share both; every operation is handed the heap. Its
 // counters are changed under the heap lock together with the block's record (see CGlobalHeap), its classes under a lock
-// each. Order of locks: a class lock before the heap lock, never the other way round.
+// each. Order of locks: a class lock before the heap lock, never the other way round. Once the heap is extended, blocks
+// come and go by lanes, rows of them at a time (see CHeapExtension).
 #pragma once
 
 #include "Core_MemoryAlignment.h"
@@ -61,11 +62,7 @@ private:
 /// One size class. Its block size is not stored: the allocator knows it from the index.
 class CBlockClass {
 public:
-    /// Block size, and the bytes that each chunk has in front for alignment.
-    struct SShape {
-        u64 blockSize;
-        u64 alignment;
-    };
+    using SShape = SBlockShape;
 
     void SetBlocksPerChunk(u32 count) { m_blocksPerChunk = count; }
 
@@ -84,15 +81,34 @@ public:
     /// Takes a block back that was requested with `size` bytes.
     void GiveBack(void* memory, SShape const& shape, u64 size)
     {
-        MemoryDebug::Unpoison(memory, shape.blockSize);
-        MemoryDebug::CheckGuard(memory, size, shape.blockSize);
-        MemoryDebug::FillFree(memory, shape.blockSize);
-        SFreeBlock* const block = static_cast<SFreeBlock*>(memory);
-        MemoryDebug::Poison(memory, shape.blockSize);
+        SFreeBlock* const block = PrepareFree(memory, shape, size);
         m_lock.Acquire();
         MemoryDebug::WriteNext(block, m_free);
         m_free = block;
         m_lock.Release();
+    }
+
+    /// Fills an empty magazine with what the class has, growing it when that is nothing; false when it cannot grow.
+    [[nodiscard]] bool TakeRow(CGlobalHeap& heap, SShape const& shape, SMagazine& row);
+
+    /// Takes a magazine's blocks back and empties it.
+    void GiveBackRow(SMagazine& row);
+
+    /// What a block in use goes through before it may join a list, and a free one before it is handed out.
+    [[nodiscard]] static SFreeBlock* PrepareFree(void* memory, SShape const& shape, u64 size)
+    {
+        MemoryDebug::Unpoison(memory, shape.blockSize);
+        MemoryDebug::CheckGuard(memory, size, shape.blockSize);
+        MemoryDebug::FillFree(memory, shape.blockSize);
+        MemoryDebug::Poison(memory, shape.blockSize);
+        return static_cast<SFreeBlock*>(memory);
+    }
+    static void PrepareUse(void* block, SShape const& shape, u64 size)
+    {
+        MemoryDebug::Unpoison(block, shape.blockSize);
+        MemoryDebug::HandOut(block, size, shape.blockSize);
+        MemoryDebug::Poison(block, shape.blockSize);
+        MemoryDebug::Unpoison(block, size);
     }
 
     /// Gives wholly free chunks back. False when there is no working memory for it; the class is whole then, too.
@@ -119,14 +135,13 @@ private:
         // The next one's link is what the next request will wait for.
         __builtin_prefetch(next, 1);
 #endif
-        MemoryDebug::Unpoison(block, shape.blockSize);
-        MemoryDebug::HandOut(block, size, shape.blockSize);
-        MemoryDebug::Poison(block, shape.blockSize);
-        MemoryDebug::Unpoison(block, size);
+        PrepareUse(block, shape, size);
         return block;
     }
 
     [[nodiscard]] void* TakeAfterGrowth(CGlobalHeap& heap, SShape const& shape, u64 size);
+    [[nodiscard]] bool AcquireWithFreeBlock(CGlobalHeap& heap, SShape const& shape);
+    void AddChunksToMap(CGlobalHeap& heap, SShape const& shape);
     [[nodiscard]] bool Grow(CGlobalHeap& heap, SShape const& shape);
     void ChainBlocks(u8* start, SShape const& shape);
     void BeginPurge();
@@ -138,7 +153,8 @@ private:
     u32 m_blocksPerChunk = 0;
     u32 m_chunkCount = 0;
     CSpinLock m_lock;
-    u32 m_isPurging = 0; // a purge holds the free list; under the lock
+    u16 m_isPurging = 0; // a purge holds the free list; under the lock
+    u16 m_isMapped = 0;  // the chunks have been offered to the heap's chunk map; under the lock
     SFreeBlock* m_free = nullptr;
     u8** m_chunks = nullptr;
 };
@@ -154,6 +170,10 @@ public:
     static constexpr u32 LargestBits = 10;
     static constexpr u32 ClassCount = LargestBits - SmallestBits + 1;
     static constexpr u64 LargestBlock = u64{1} << LargestBits;
+    static constexpr EHeap::Type Kind = AlignmentBits == 0   ? EHeap::Pool
+                                        : AlignmentBits == 2 ? EHeap::Pool4
+                                        : AlignmentBits == 3 ? EHeap::Pool8
+                                                             : EHeap::Pool16;
 
     explicit TBlockAllocator(bool report);
     TBlockAllocator(TBlockAllocator const&) = delete;
@@ -168,6 +188,26 @@ public:
             return TakeLarge(heap, size);
         u32 const index = GetClass(size);
         return m_classes[index].Take(heap, GetShape(index), size);
+    }
+
+    /// The same for an extended heap: the block is recorded and counted, or has to be by the caller.
+    [[nodiscard]] CHeapExtension::STaken Take(CGlobalHeap& heap, CHeapExtension& extension, u64 size)
+    {
+        if (size > LargestBlock) [[unlikely]]
+            return {TakeLarge(heap, size), false};
+        u32 const index = GetClass(size);
+        CHeapExtension::STaken const taken = extension.Take(heap, m_classes[index], GetShape(index), size);
+        if (taken.block != nullptr)
+            CBlockClass::PrepareUse(taken.block, GetShape(index), size);
+        return taken;
+    }
+
+    /// Takes back a block whose record was found in its chunk and taken out.
+    void GiveBack(CGlobalHeap& heap, CHeapExtension& extension, void* block, u64 size)
+    {
+        u32 const index = GetClass(size);
+        extension.GiveBack(heap, m_classes[index], GetShape(index),
+                           CBlockClass::PrepareFree(block, GetShape(index), size));
     }
 
     /// Takes back a block that was recorded with `size` bytes.
@@ -200,7 +240,6 @@ public:
         m_allocationCount.Add(1);
         m_liveCount.Add(1);
     }
-    void CountMove() { m_allocationCount.Add(1); }
     void CountRelease() { m_liveCount.Subtract(1); }
 
     void Purge(CGlobalHeap& heap);
@@ -208,7 +247,7 @@ public:
     /// Prints the statistics when asked to at creation, and gives every chunk back. Never throws.
     void TearDown(CGlobalHeap& heap) noexcept;
 
-    void GetStatistics(Memory::SStatistics::SPool& pool);
+    void GetStatistics(CGlobalHeap const& heap, Memory::SStatistics::SPool& pool);
 
 private:
     [[nodiscard]] static u32 GetClass(u64 size)
@@ -216,14 +255,17 @@ private:
         u32 const bits = static_cast<u32>(std::bit_width(size - 1));
         return std::max(bits, SmallestBits) - SmallestBits;
     }
-    [[nodiscard]] static constexpr CBlockClass::SShape GetShape(u32 index)
+    [[nodiscard]] static constexpr SBlockShape GetShape(u32 index)
     {
-        return {u64{1} << (index + SmallestBits), Alignment};
+        u32 const bits = index + SmallestBits;
+        return {u64{1} << bits, Alignment, bits, Kind};
     }
 
     [[nodiscard]] static void* TakeLarge(CGlobalHeap& heap, u64 size);
     static void GiveBackLarge(CGlobalHeap& heap, void* block, u64 size);
-    void Report();
+    [[nodiscard]] u64 GetAllocationCount(CGlobalHeap const& heap) const;
+    [[nodiscard]] u64 GetLiveCount(CGlobalHeap const& heap) const;
+    void Report(CGlobalHeap const& heap);
 
     CBlockClass m_classes[ClassCount];
     CStatisticsCounter m_allocationCount;

@@ -11,17 +11,59 @@ namespace Velmor {
 
 void* CBlockClass::TakeAfterGrowth(CGlobalHeap& heap, SShape const& shape, u64 size)
 {
+    return AcquireWithFreeBlock(heap, shape) ? HandOut(m_free, shape, size) : nullptr;
+}
+
+// Takes the lock with at least one block in the free list; false, and the lock not taken, when the class cannot grow.
+bool CBlockClass::AcquireWithFreeBlock(CGlobalHeap& heap, SShape const& shape)
+{
     for (;;) {
         m_lock.Acquire();
         if (m_free != nullptr || Grow(heap, shape))
-            return HandOut(m_free, shape, size);
+            return true;
         // A purge may hold free blocks: nothing is refused before they are back.
         bool const blocksAreComing = m_isPurging != 0;
         m_lock.Release();
         if (!blocksAreComing)
-            return nullptr;
+            return false;
         Thread::Reschedule();
     }
+}
+
+bool CBlockClass::TakeRow(CGlobalHeap& heap, SShape const& shape, SMagazine& row)
+{
+    if (!AcquireWithFreeBlock(heap, shape))
+        return false;
+    if (m_isMapped == 0)
+        AddChunksToMap(heap, shape);
+    u32 const wanted = CHeapLane::GetMagazineSize(shape);
+    row.first = m_free;
+    for (SFreeBlock* block = m_free; block != nullptr && row.count < wanted; block = MemoryDebug::ReadNext(block)) {
+        row.last = block;
+        ++row.count;
+    }
+    m_free = MemoryDebug::ReadNext(row.last);
+    m_lock.Release();
+    return true;
+}
+
+void CBlockClass::GiveBackRow(SMagazine& row)
+{
+    if (row.count == 0)
+        return;
+    m_lock.Acquire();
+    MemoryDebug::WriteNext(row.last, m_free);
+    m_free = row.first;
+    m_lock.Release();
+    row = SMagazine{};
+}
+
+// The chunks from before the heap was extended. Their blocks in use keep their records until they are freed.
+void CBlockClass::AddChunksToMap(CGlobalHeap& heap, SShape const& shape)
+{
+    for (u32 index = 0; index < m_chunkCount; ++index)
+        heap.AddChunk(m_chunks[index], m_blocksPerChunk, shape);
+    m_isMapped = 1;
 }
 
 // Nothing is counted before both the table and the chunk are there.
@@ -54,6 +96,7 @@ bool CBlockClass::Grow(CGlobalHeap& heap, SShape const& shape)
         heap.AddBytes(sizeof(u8*));
         heap.AddBytes(chunkSize);
     }
+    heap.AddChunk(start, m_blocksPerChunk, shape);
     ChainBlocks(start, shape);
     return true;
 }
@@ -119,6 +162,8 @@ void CBlockClass::BeginPurge()
 // away cannot be in use.
 bool CBlockClass::Purge(CGlobalHeap& heap, SShape const& shape, CPurgeScratch& scratch)
 {
+    if (CHeapExtension* const extension = heap.GetExtension())
+        static_cast<void>(extension->Drain(*this, shape));
     BeginPurge();
     u64 const chunkCount = m_chunkCount;
     if (chunkCount == 0 || !scratch.Reserve(chunkCount)) {
@@ -157,6 +202,7 @@ bool CBlockClass::Purge(CGlobalHeap& heap, SShape const& shape, CPurgeScratch& s
     // The chunks go back when nobody waits any more.
     for (u32 index = 0; index < removed; ++index) {
         u8* const chunk = chunks[index].start;
+        heap.RemoveChunk(chunk);
         MemoryDebug::Unpoison(chunk, m_blocksPerChunk * shape.blockSize);
         {
             CGlobalHeap::CLock const lock(heap.GetLock());
@@ -226,6 +272,7 @@ void CBlockClass::ShrinkTable(CGlobalHeap& heap, u32 removed)
 void CBlockClass::TearDown(CGlobalHeap& heap, SShape const& shape)
 {
     for (u32 index = 0; index < m_chunkCount; ++index) {
+        heap.RemoveChunk(m_chunks[index]);
         MemoryDebug::Unpoison(m_chunks[index], m_blocksPerChunk * shape.blockSize);
         heap.HookRelease(MemoryAlignment::MoveBack(m_chunks[index], shape.alignment));
     }

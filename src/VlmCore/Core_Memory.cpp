@@ -166,6 +166,7 @@ void Purge()
 {
     if (g_heapModule.FetchHeap().IsPassthrough())
         return;
+    g_heapModule.heap->BeginPurge();
     CThreadPool workers;
     g_heapModule.VisitPools([&](auto* pool) {
         using Job = TPurgeJob<std::remove_pointer_t<decltype(pool)>>;
@@ -195,7 +196,7 @@ bool GetStatistics(SStatistics& statistics)
     u64 index = 0;
     g_heapModule.VisitPools([&](auto* pool) {
         if (pool != nullptr)
-            pool->GetStatistics(statistics.pools[index]);
+            pool->GetStatistics(*heap, statistics.pools[index]);
         ++index;
     });
     return true;

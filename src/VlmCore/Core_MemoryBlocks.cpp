@@ -112,65 +112,108 @@ void* ResizeFromHooks(CGlobalHeap& heap, void* block, u64 size, EHeap::Type kind
 
 // ---- Blocks of the pools ----
 
+// An extended heap's: taken and recorded in one go.
 template <class Pool>
-void* AllocateFromPool(CGlobalHeap& heap, Pool* pool, u64 size, EHeap::Type kind)
+CHeapExtension::STaken TakeFromPool(CGlobalHeap& heap, Pool& pool, u64 size)
 {
-    void* const block = pool != nullptr ? pool->Take(heap, size) : nullptr;
-    if (block == nullptr)
+    if (CHeapExtension* const extension = heap.GetExtension())
+        return pool.Take(heap, *extension, size);
+    return {pool.Take(heap, size), false};
+}
+
+template <class Pool>
+void* AllocateFromPool(CGlobalHeap& heap, Pool* pool, u64 size)
+{
+    CHeapExtension::STaken const taken =
+        pool != nullptr ? TakeFromPool(heap, *pool, size) : CHeapExtension::STaken{nullptr, false};
+    if (taken.block == nullptr)
         return nullptr;
-    ReportAllocation(block, size);
-    if (heap.Enter(block, size, kind, [&] { pool->CountAllocation(); })) [[likely]]
-        return block;
-    ReportFree(block);
-    pool->GiveBack(heap, block, size);
+    ReportAllocation(taken.block, size);
+    if (taken.isRecorded || heap.Enter(taken.block, size, Pool::Kind, [&] { pool->CountAllocation(); })) [[likely]]
+        return taken.block;
+    ReportFree(taken.block);
+    pool->GiveBack(heap, taken.block, size);
     return nullptr;
 }
 
-// To a new place; the block did not fit where it is.
+// Where the record of a block that is no longer recorded was.
+enum class ERecordPlace : u8 { None, Chunk, Table };
+
+// Takes a pool block's record out, wherever it is; its counters stay as they are.
+ERecordPlace TakeRecord(CGlobalHeap& heap, void const* block)
+{
+    if (CHeapExtension* const extension = heap.GetExtension())
+        if (CChunkRecords::Record* const record = extension->FindRecord(block);
+            record != nullptr && record->exchange(0, std::memory_order_acq_rel) != 0)
+            return ERecordPlace::Chunk;
+    return heap.Take(block, [](u64, EHeap::Type) {}) ? ERecordPlace::Table : ERecordPlace::None;
+}
+
+// To a new place; the block did not fit where it is. Its record goes first: when there is no new place to be had, the
+// block stays allocated, but known no more; kept, as with a refused resize of the hooks.
 template <class Pool>
 void* MoveInPool(CGlobalHeap& heap, Pool& pool, void* block, u64 oldSize, u64 size)
 {
-    void* const moved = pool.Take(heap, size);
-    if (moved == nullptr) {
-        // Allocated, but known no more: kept, as with a refused resize of the hooks.
-        heap.Take(block, [](u64, EHeap::Type) {});
+    ERecordPlace const place = TakeRecord(heap, block);
+    if (place == ERecordPlace::None)
         return nullptr;
+    void* const moved = AllocateFromPool(heap, &pool, size);
+    if (moved != nullptr) {
+        std::memcpy(moved, block, std::min(oldSize, size));
+        ReportFree(block);
     }
-    ReportAllocation(moved, size);
-    std::memcpy(moved, block, std::min(oldSize, size));
-    ReportFree(block);
-    if (!heap.Move(block, moved, size, [&] { pool.CountMove(); })) {
-        pool.GiveBack(heap, moved, size);
-        return nullptr;
+    if (place == ERecordPlace::Chunk) {
+        if (moved != nullptr)
+            pool.GiveBack(heap, *heap.GetExtension(), block, oldSize);
+        else
+            heap.GetExtension()->GiveBackCredit();
     }
-    pool.GiveBack(heap, block, oldSize);
+    else if (moved != nullptr) {
+        {
+            CGlobalHeap::CLock const lock(heap.GetLock());
+            pool.CountRelease();
+        }
+        pool.GiveBack(heap, block, oldSize);
+    }
     return moved;
 }
 
 template <class Pool>
-void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 size)
+void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 oldSize, u64 size)
 {
     if (pool == nullptr)
         return nullptr;
-    u64 oldSize = 0;
-    bool isInPlace = false;
-    bool const isKnown = heap.Find(block, [&](SAllocationRecord& record) {
-        oldSize = record.GetSize();
-        isInPlace = Pool::StaysInPlace(oldSize, size);
-        if (isInPlace) {
-            Pool::ResizeInPlace(heap, block, oldSize, size);
-            record.SetSize(size);
-        }
-    });
-    if (!isKnown)
-        return nullptr;
-    return isInPlace ? block : MoveInPool(heap, *pool, block, oldSize, size);
+    if (!Pool::StaysInPlace(oldSize, size))
+        return MoveInPool(heap, *pool, block, oldSize, size);
+    heap.SetSize(block, size, [&] { Pool::ResizeInPlace(heap, block, oldSize, size); });
+    return block;
 }
+
+// ---- Release ----
 
 void ReportKnownFree(CGlobalHeap& heap, void* block)
 {
-    if (heap.Find(block, [](SAllocationRecord const&) {}))
+    if (heap.Find(block).size != 0)
         LogFree(block);
+}
+
+// A pool block of an extended heap: its record is found without a lock. False when it is not to be found there.
+bool FreeRecordedInChunk(CGlobalHeap& heap, CHeapExtension& extension, void* block)
+{
+    CChunkRecords* const chunk = extension.FindChunk(block);
+    CChunkRecords::Record* const record = chunk != nullptr ? chunk->Find(reinterpret_cast<u64>(block)) : nullptr;
+    // Of two threads that free it at once, one finds the record.
+    u64 const size = record != nullptr ? record->exchange(0, std::memory_order_acq_rel) : u64{0};
+    if (size == 0)
+        return false;
+    g_heapModule.Dispatch(
+        chunk->GetKind(),
+        [&](auto* pool) {
+            if (pool != nullptr)
+                pool->GiveBack(heap, extension, block, size);
+        },
+        [] {});
+    return true;
 }
 
 } // namespace
@@ -186,8 +229,7 @@ void* Malloc(u64 size, EHeap::Type heap)
     auto const useHooks = [&] { return AllocateFromHooks(global, size, kind); };
     if (global.IsPassthrough())
         return useHooks();
-    return g_heapModule.Dispatch(
-        kind, [&](auto* pool) { return AllocateFromPool(global, pool, size, kind); }, useHooks);
+    return g_heapModule.Dispatch(kind, [&](auto* pool) { return AllocateFromPool(global, pool, size); }, useHooks);
 }
 
 void* Realloc(void* block, u64 size, EHeap::Type heap)
@@ -199,13 +241,14 @@ void* Realloc(void* block, u64 size, EHeap::Type heap)
         return nullptr;
     }
     CGlobalHeap& global = g_heapModule.FetchHeap();
-    EHeap::Type kind = EHeap::General;
-    if (!global.Find(block, [&](SAllocationRecord const& record) { kind = record.GetKind(); }))
+    CGlobalHeap::SKnown const known = global.Find(block);
+    if (known.size == 0)
         return nullptr;
-    auto const useHooks = [&] { return ResizeFromHooks(global, block, size, kind); };
+    auto const useHooks = [&] { return ResizeFromHooks(global, block, size, known.kind); };
     if (global.IsPassthrough())
         return useHooks();
-    return g_heapModule.Dispatch(kind, [&](auto* pool) { return ResizeInPool(global, pool, block, size); }, useHooks);
+    return g_heapModule.Dispatch(
+        known.kind, [&](auto* pool) { return ResizeInPool(global, pool, block, known.size, size); }, useHooks);
 }
 
 void Free(void* block)
@@ -220,6 +263,9 @@ void Free(void* block)
     __builtin_prefetch(block, 1); // a pool writes its link there
 #endif
     // The record goes before the block: once that is free, its address may be handed out and recorded anew.
+    if (CHeapExtension* const extension = heap.GetExtension())
+        if (FreeRecordedInChunk(heap, *extension, block))
+            return;
     bool const isPassthrough = heap.IsPassthrough();
     u64 size = 0;
     EHeap::Type kind = EHeap::General;
@@ -271,16 +317,12 @@ void FreeQuietly(void* block) noexcept
 
 u64 GetSize(void const* block)
 {
-    u64 size = 0;
-    g_heapModule.FetchHeap().Find(block, [&](SAllocationRecord const& record) { size = record.GetSize(); });
-    return size;
+    return g_heapModule.FetchHeap().Find(block).size;
 }
 
 EHeap::Type GetHeap(void* block)
 {
-    EHeap::Type kind = EHeap::General;
-    g_heapModule.FetchHeap().Find(block, [&](SAllocationRecord const& record) { kind = record.GetKind(); });
-    return kind;
+    return g_heapModule.FetchHeap().Find(block).kind;
 }
 
 } // namespace Velmor::Memory

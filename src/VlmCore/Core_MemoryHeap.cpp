@@ -1,5 +1,6 @@
 #include "Core_MemoryHeap.h"
 
+#include <algorithm>
 #include <new>
 #include <type_traits>
 
@@ -45,14 +46,15 @@ void CGlobalHeap::ReleaseRecords()
     if (m_recordChunks != nullptr)
         m_hooks.free(m_recordChunks);
     SubtractBytes(chunkCount * sizeof(SAllocationRecord*));
-    if (m_bucketBits.load(std::memory_order_relaxed) != OwnBucketBits)
-        m_hooks.free(m_buckets.larger);
+    CHeapExtension* const extension = GetExtension();
 
     m_growthExponent = 0;
     m_recordChunks = nullptr;
     m_freeRecords = nullptr;
     m_buckets = UBuckets{};
-    m_bucketBits.store(OwnBucketBits, std::memory_order_relaxed);
+    m_isExtended.store(0, std::memory_order_relaxed);
+    if (extension != nullptr)
+        extension->Release(m_hooks);
 }
 
 // ---- Hook calls ----
@@ -100,15 +102,12 @@ bool CGlobalHeap::GrowRecordStore()
     if (table == nullptr)
         return false;
     m_recordChunks = static_cast<SAllocationRecord**>(table);
-
-    SAllocationRecord* const freeBefore = m_freeRecords;
     for (u64 index = oldCount; index < newCount; ++index) {
         void* const chunk = m_hooks.malloc(ChunkSize);
         if (chunk == nullptr) {
             // As it was, but for a table with room to spare.
             while (index > oldCount)
                 m_hooks.free(m_recordChunks[--index]);
-            m_freeRecords = freeBefore;
             if (oldCount == 0) {
                 m_hooks.free(m_recordChunks);
                 m_recordChunks = nullptr;
@@ -116,48 +115,136 @@ bool CGlobalHeap::GrowRecordStore()
             return false;
         }
         m_recordChunks[index] = static_cast<SAllocationRecord*>(chunk);
-        for (u64 slot = 0; slot < RecordsPerChunk; ++slot) {
-            SAllocationRecord* const record = ::new (m_recordChunks[index] + slot) SAllocationRecord;
-            record->next = m_freeRecords;
-            m_freeRecords = record;
-        }
     }
-
     ++m_growthExponent;
     AddBytes((newCount - oldCount) * (ChunkSize + sizeof(SAllocationRecord*)));
-    if (newCount * RecordsPerChunk > OwnBucketsServe)
-        GrowBuckets();
+
+    if (GetExtension() != nullptr)
+        m_buckets.beyond.freeRecords += (newCount - oldCount) * RecordsPerChunk;
+    else {
+        for (u64 index = oldCount; index < newCount; ++index)
+            ThreadRecords(index);
+        if (newCount * RecordsPerChunk > OwnBucketsServe)
+            Extend();
+    }
     return true;
 }
 
-// Two buckets per record of the store: most chains are one record long. Without memory for them the chains just grow longer.
-void CGlobalHeap::GrowBuckets()
+void CGlobalHeap::ThreadRecords(u64 chunkIndex)
 {
-    u8 const oldBits = m_bucketBits.load(std::memory_order_relaxed);
-    u8 const newBits = static_cast<u8>(m_growthExponent + OwnBucketBits + 1);
-    u64 const oldCount = u64{1} << oldBits;
-    u64 const newCount = u64{1} << newBits;
-    void* const memory = m_hooks.malloc(newCount * sizeof(SAllocationRecord*));
-    if (memory == nullptr)
-        return;
-    SAllocationRecord** const buckets = static_cast<SAllocationRecord**>(memory);
-    for (u64 index = 0; index < newCount; ++index)
-        buckets[index] = nullptr;
+    for (u64 slot = 0; slot < RecordsPerChunk; ++slot) {
+        SAllocationRecord* const record = ::new (m_recordChunks[chunkIndex] + slot) SAllocationRecord;
+        record->next = m_freeRecords;
+        m_freeRecords = record;
+    }
+}
 
-    bool const wereOwn = oldBits == OwnBucketBits;
-    SAllocationRecord** const oldBuckets = wereOwn ? m_buckets.own : m_buckets.larger;
-    for (u64 index = 0; index < oldCount; ++index)
-        for (SAllocationRecord* record = oldBuckets[index]; record != nullptr;) {
+// Without memory for it the heap goes on with longer chains, and tries again when the store grows the next time.
+void CGlobalHeap::Extend()
+{
+    CHeapExtension* const extension = CHeapExtension::Create(m_hooks);
+    if (extension == nullptr)
+        return;
+    CRecordBuckets& buckets = extension->GetBuckets();
+    for (SAllocationRecord* record : m_buckets.own)
+        while (record != nullptr) {
             SAllocationRecord* const next = record->next;
-            SAllocationRecord*& head = buckets[GetLargerIndex(record->address, newBits)];
+            SAllocationRecord*& head = buckets.FindBucket(record->address);
+            record->next = head;
+            head = record;
+            buckets.CountEntry(m_hooks);
+            record = next;
+        }
+    u64 freeRecords = 0;
+    for (SAllocationRecord const* record = m_freeRecords; record != nullptr; record = record->next)
+        ++freeRecords;
+    m_buckets.beyond = {extension, freeRecords, 0, GetRecordChunkCount()};
+    m_isExtended.store(1, std::memory_order_release);
+}
+
+// With an extension: one free record that is not reserved, at the head of the free list. False when there is none.
+bool CGlobalHeap::PrepareFreeRecord()
+{
+    auto& beyond = m_buckets.beyond;
+    if (beyond.freeRecords == beyond.reserved)
+        return false;
+    // The records that stand for those in the chunks are never written: their memory need not even be there.
+    if (m_freeRecords == nullptr)
+        ThreadRecords(beyond.threadedChunks++);
+    --beyond.freeRecords;
+    return true;
+}
+
+u32 CGlobalHeap::ReserveRecords(u32 wanted)
+{
+    do {
+        CLock const lock(m_lock);
+        auto& beyond = m_buckets.beyond;
+        u64 const count = std::min<u64>(wanted, beyond.freeRecords - beyond.reserved);
+        beyond.reserved += count;
+        if (count != 0)
+            return static_cast<u32>(count);
+    } while (MakeFreeRecords());
+    return 0;
+}
+
+// Before the store grows, the lanes' unused credits are called in: it grows only when every record is in use.
+bool CGlobalHeap::MakeFreeRecords()
+{
+    u64 const collected = GetExtension() != nullptr ? GetExtension()->CollectCredits() : 0;
+    CLock const lock(m_lock);
+    if (GetExtension() == nullptr)
+        return m_freeRecords != nullptr || GrowRecordStore();
+    auto& beyond = m_buckets.beyond;
+    beyond.reserved -= collected;
+    return beyond.freeRecords != beyond.reserved || GrowRecordStore();
+}
+
+// ---- Buckets that grow ----
+
+SAllocationRecord** CRecordBuckets::MakeHeads(SMemoryHooks const& hooks, u32 bits)
+{
+    u64 const count = u64{1} << bits;
+    void* const memory = hooks.malloc(count * sizeof(SAllocationRecord*));
+    if (memory == nullptr)
+        return nullptr;
+    SAllocationRecord** const heads = static_cast<SAllocationRecord**>(memory);
+    std::fill_n(heads, count, nullptr);
+    return heads;
+}
+
+bool CRecordBuckets::Create(SMemoryHooks const& hooks)
+{
+    m_heads.store(MakeHeads(hooks, FirstBits), std::memory_order_relaxed);
+    return GetHeads() != nullptr;
+}
+
+void CRecordBuckets::Release(SMemoryHooks const& hooks)
+{
+    hooks.free(GetHeads());
+    m_heads.store(nullptr, std::memory_order_relaxed);
+}
+
+// Without memory for more of them, the chains just grow longer.
+void CRecordBuckets::Grow(SMemoryHooks const& hooks)
+{
+    u32 const oldBits = m_bits.load(std::memory_order_relaxed);
+    u32 const newBits = oldBits + GrowthBits;
+    SAllocationRecord** const heads = MakeHeads(hooks, newBits);
+    if (heads == nullptr)
+        return;
+    SAllocationRecord** const oldHeads = GetHeads();
+    for (u64 index = 0; index < u64{1} << oldBits; ++index)
+        for (SAllocationRecord* record = oldHeads[index]; record != nullptr;) {
+            SAllocationRecord* const next = record->next;
+            SAllocationRecord*& head = heads[GetIndex(record->address, newBits)];
             record->next = head;
             head = record;
             record = next;
         }
-    if (!wereOwn)
-        m_hooks.free(oldBuckets);
-    std::atomic_ref(m_buckets.larger).store(buckets, std::memory_order_relaxed);
-    m_bucketBits.store(newBits, std::memory_order_release); // PrefetchBucket looks without the lock
+    m_heads.store(heads, std::memory_order_relaxed);
+    m_bits.store(newBits, std::memory_order_relaxed);
+    hooks.free(oldHeads);
 }
 
 } // namespace Velmor

@@ -2,6 +2,9 @@
 // so everything that it needs lies in the object itself or in memory that it points to.
 #pragma once
 
+#include "Core_MemoryExtension.h"
+#include "Core_MemoryRecords.h"
+
 #include <vlmcore/impl/Core_Lock.h>
 #include <vlmcore/memory.h>
 #include <vlmcore/types.h>
@@ -10,47 +13,6 @@
 #include <cstddef>
 
 namespace Velmor {
-
-/// The functions that a heap takes its memory from.
-struct SMemoryHooks {
-    void* (*malloc)(u64);
-    void* (*realloc)(void*, u64);
-    void (*free)(void*);
-};
-
-/// A statistics counter. Every change is made under the heap lock or while one thread alone has the heap; readers take
-/// it as it is, without a lock and without a data race.
-class CStatisticsCounter {
-public:
-    [[nodiscard]] u64 Get() const { return m_value.load(std::memory_order_relaxed); }
-    void Set(u64 value) { m_value.store(value, std::memory_order_relaxed); }
-    void Add(u64 value) { Set(Get() + value); }
-    void Subtract(u64 value) { Set(Get() - value); }
-
-private:
-    std::atomic<u64> m_value{0};
-};
-
-/// What the heap knows about one block: 61 bits of size, three bits of heap kind.
-struct SAllocationRecord {
-    u64 address;
-    SAllocationRecord* next; ///< in the same bucket, or in the free list
-    u64 sizeAndKind;
-
-    static constexpr u32 KindShift = 61;
-    static constexpr u64 SizeMask = (u64{1} << KindShift) - 1;
-
-    [[nodiscard]] u64 GetSize() const { return sizeAndKind & SizeMask; }
-    [[nodiscard]] EHeap::Type GetKind() const { return static_cast<EHeap::Type>(sizeAndKind >> KindShift); }
-    void Set(void const* block, u64 size, EHeap::Type kind)
-    {
-        address = reinterpret_cast<u64>(block);
-        sizeAndKind = size | (u64{kind} << KindShift);
-    }
-    void SetSize(u64 size) { sizeAndKind = size | (sizeAndKind & ~SizeMask); }
-};
-
-static_assert(sizeof(SAllocationRecord) == 24);
 
 class CGlobalHeap {
 public:
@@ -112,25 +74,38 @@ public:
 
     // ---- The record table ----
 
-    /// Records a block and runs `count` under the same lock. False, and `count` not run, when there is no record to be
-    /// had.
+    /// What the heap has beyond its own fields; null up to 1,024 records.
+    [[nodiscard]] CHeapExtension* GetExtension() const
+    {
+        return m_isExtended.load(std::memory_order_acquire) != 0 ? m_buckets.beyond.extension : nullptr;
+    }
+
+    /// What is known of a block; size 0 for an unknown one.
+    struct SKnown {
+        u64 size = 0;
+        EHeap::Type kind = EHeap::General;
+    };
+
+    /// Enters a record in the table and runs `count` under the same lock. False, and `count` not run, when there is no
+    /// record to be had.
     template <class Count>
     [[nodiscard]] bool Enter(void* block, u64 size, EHeap::Type kind, Count&& count)
     {
         PrefetchBucket(block);
-        CLock const lock(m_lock);
-        if (m_freeRecords == nullptr && !GrowRecordStore()) [[unlikely]]
-            return false;
-        SAllocationRecord* const record = m_freeRecords;
-        m_freeRecords = record->next;
-        record->Set(block, size, kind);
-        Link(record);
-        count();
-        return true;
+        do {
+            CLock const lock(m_lock);
+            if (SAllocationRecord* const record = PopFreeRecord()) [[likely]] {
+                record->Set(block, size, kind);
+                Link(record);
+                count();
+                return true;
+            }
+        } while (MakeFreeRecords());
+        return false;
     }
 
-    /// Takes the block's record out, runs `count(size, kind)` under the same lock and returns true; false for an
-    /// unknown block. From here on the address may be recorded anew.
+    /// Takes the block's record out of the table, runs `count(size, kind)` under the same lock and returns true; false
+    /// for a block that is not in the table. From here on the address may be recorded anew.
     template <class Count>
     bool Take(void const* block, Count&& count)
     {
@@ -139,14 +114,13 @@ public:
         SAllocationRecord* const record = Unlink(block);
         if (record == nullptr)
             return false;
-        record->next = m_freeRecords;
-        m_freeRecords = record;
+        PushFreeRecord(record);
         count(record->GetSize(), record->GetKind());
         return true;
     }
 
     /// Takes the block's record out of the table but keeps it for Attach or Discard, so that a resize never lacks one.
-    /// Null for an unknown block. Runs `count(size, kind)` under the same lock.
+    /// Null for a block that is not in the table. Runs `count(size, kind)` under the same lock.
     template <class Count>
     [[nodiscard]] SAllocationRecord* Detach(void const* block, Count&& count)
     {
@@ -172,76 +146,99 @@ public:
     void Discard(SAllocationRecord* record, Count&& count)
     {
         CLock const lock(m_lock);
-        record->next = m_freeRecords;
-        m_freeRecords = record;
+        PushFreeRecord(record);
         count();
     }
 
-    /// Records `to` in the place of `from`; false, and nothing changed, when `from` is unknown. Runs `count` under the
-    /// same lock.
+    /// What is known of a block, wherever its record lies.
+    [[nodiscard]] SKnown Find(void const* block)
+    {
+        if (CHeapExtension* const extension = GetExtension())
+            if (CChunkRecords* const chunk = extension->FindChunk(block))
+                if (CChunkRecords::Record* const record = chunk->Find(reinterpret_cast<u64>(block)))
+                    if (u64 const size = record->load(std::memory_order_relaxed); size != 0)
+                        return {size, chunk->GetKind()};
+        CLock const lock(m_lock);
+        SAllocationRecord const* const record = FindInTable(block);
+        return record != nullptr ? SKnown{record->GetSize(), record->GetKind()} : SKnown{};
+    }
+
+    /// Records another size for a known block that stays where it is; runs `count` under the heap lock.
     template <class Count>
-    [[nodiscard]] bool Move(void const* from, void const* to, u64 size, Count&& count)
+    void SetSize(void const* block, u64 size, Count&& count)
     {
         CLock const lock(m_lock);
-        SAllocationRecord* const record = Unlink(from);
-        if (record == nullptr)
-            return false;
-        record->Set(to, size, record->GetKind());
-        Link(record);
         count();
-        return true;
+        if (CHeapExtension* const extension = GetExtension())
+            if (CChunkRecords::Record* const record = extension->FindRecord(block);
+                record != nullptr && record->load(std::memory_order_relaxed) != 0) {
+                record->store(static_cast<u16>(size), std::memory_order_relaxed);
+                return;
+            }
+        if (SAllocationRecord* const record = FindInTable(block))
+            record->SetSize(size);
     }
 
-    /// Runs `inspect(record)` under the lock; false for an unknown block.
-    template <class Inspect>
-    bool Find(void const* block, Inspect&& inspect)
+    // ---- The chunks of the pools, once the heap is extended ----
+
+    /// Offers a chunk to the chunk map, so that its blocks' records are found without a lock.
+    void AddChunk(void const* start, u32 blockCount, SBlockShape const& shape)
     {
         CLock const lock(m_lock);
-        for (SAllocationRecord* record = BucketOf(reinterpret_cast<u64>(block)); record != nullptr;
-             record = record->next)
-            if (record->address == reinterpret_cast<u64>(block)) {
-                inspect(*record);
-                return true;
-            }
-        return false;
+        if (CHeapExtension* const extension = GetExtension())
+            extension->AddChunk(m_hooks, start, blockCount, shape);
+    }
+    /// Before the chunk goes back to the hooks.
+    void RemoveChunk(void const* start)
+    {
+        CLock const lock(m_lock);
+        if (CHeapExtension* const extension = GetExtension())
+            extension->RemoveChunk(start);
+    }
+    /// Before the pools are purged.
+    void BeginPurge()
+    {
+        CLock const lock(m_lock);
+        if (CHeapExtension* const extension = GetExtension())
+            extension->ReuseRemoved();
+    }
+
+    // ---- Credits: records of the store that stand for records in the chunks ----
+
+    /// Sets up to `wanted` records aside; how many, and 0 only when there is none to be had. No lane lock held.
+    [[nodiscard]] u32 ReserveRecords(u32 wanted);
+    void ReturnRecords(u64 count)
+    {
+        CLock const lock(m_lock);
+        m_buckets.beyond.reserved -= count;
     }
 
 private:
     CGlobalHeap(SMemoryHooks const& hooks, u8 flags, u64 budget);
 
-    // The bucket heads: the heap's own 256, or, once the store has outgrown them, a larger array of the same scheme.
+    // The bucket heads: the heap's own 256, or, once the store has outgrown them, what the heap is extended by.
     union UBuckets {
         SAllocationRecord* own[OwnBucketCount];
-        SAllocationRecord** larger;
+        struct {
+            CHeapExtension* extension;
+            u64 freeRecords;    ///< in the free list or in chunks not threaded yet
+            u64 reserved;       ///< so many of them are the lanes' to use
+            u64 threadedChunks; ///< chunks of the store whose records have been in the free list
+        } beyond;
     };
-    static constexpr u8 OwnBucketBits = 8;
 
     [[nodiscard]] SAllocationRecord*& BucketOf(u64 address)
     {
-        u32 const bits = m_bucketBits.load(std::memory_order_relaxed);
-        if (bits == OwnBucketBits)
-            return m_buckets.own[((address >> 8) ^ address) & (OwnBucketCount - 1)];
-        return GetLarger()[GetLargerIndex(address, bits)];
+        if (CHeapExtension* const extension = GetExtension())
+            return extension->GetBuckets().FindBucket(address);
+        return m_buckets.own[((address >> 8) ^ address) & (OwnBucketCount - 1)];
     }
 
-    // Blocks lie at least 8, mostly 16 bytes apart; neighbours get neighbouring buckets, which suits the cache.
-    [[nodiscard]] static u64 GetLargerIndex(u64 address, u32 bits)
-    {
-        return ((address >> 4) ^ (address >> (4 + bits))) & ((u64{1} << bits) - 1);
-    }
-
-    // Before the lock is taken, so that it is held while the memory answers, not while it is asked. The array may be
-    // replaced meanwhile: a prefetch of memory that is gone does no harm.
+    // Before the lock is taken, so that it is held while the memory answers, not while it is asked.
     void PrefetchBucket(void const* block)
     {
-        u32 const bits = m_bucketBits.load(std::memory_order_acquire);
-        if (bits != OwnBucketBits)
-            __builtin_prefetch(GetLarger() + GetLargerIndex(reinterpret_cast<u64>(block), bits), 1);
-    }
-
-    [[nodiscard]] SAllocationRecord** GetLarger()
-    {
-        return std::atomic_ref(m_buckets.larger).load(std::memory_order_relaxed);
+        if (CHeapExtension* const extension = GetExtension())
+            extension->GetBuckets().Prefetch(reinterpret_cast<u64>(block));
     }
 
     void Link(SAllocationRecord* record)
@@ -249,6 +246,8 @@ private:
         SAllocationRecord*& head = BucketOf(record->address);
         record->next = head;
         head = record;
+        if (CHeapExtension* const extension = GetExtension())
+            extension->GetBuckets().CountEntry(m_hooks);
     }
 
     [[nodiscard]] SAllocationRecord* Unlink(void const* block)
@@ -258,14 +257,47 @@ private:
             if ((*link)->address == address) {
                 SAllocationRecord* const record = *link;
                 *link = record->next;
+                if (CHeapExtension* const extension = GetExtension())
+                    extension->GetBuckets().CountExit();
                 return record;
             }
         return nullptr;
     }
 
+    [[nodiscard]] SAllocationRecord* FindInTable(void const* block)
+    {
+        u64 const address = reinterpret_cast<u64>(block);
+        SAllocationRecord* record = BucketOf(address);
+        while (record != nullptr && record->address != address)
+            record = record->next;
+        return record;
+    }
+
+    void PushFreeRecord(SAllocationRecord* record)
+    {
+        record->next = m_freeRecords;
+        m_freeRecords = record;
+        if (GetExtension() != nullptr)
+            ++m_buckets.beyond.freeRecords;
+    }
+
+    // Null when all are in use or reserved.
+    [[nodiscard]] SAllocationRecord* PopFreeRecord()
+    {
+        if (GetExtension() != nullptr && !PrepareFreeRecord()) [[unlikely]]
+            return nullptr;
+        SAllocationRecord* const record = m_freeRecords;
+        if (record != nullptr)
+            m_freeRecords = record->next;
+        return record;
+    }
+
     [[nodiscard]] u64 GetRecordChunkCount() const { return m_growthExponent == 0 ? 0 : u64{1} << m_growthExponent; }
+    [[nodiscard]] bool PrepareFreeRecord();
+    [[nodiscard]] bool MakeFreeRecords();
     [[nodiscard]] bool GrowRecordStore();
-    void GrowBuckets();
+    void ThreadRecords(u64 chunkIndex);
+    void Extend();
 
     u64 m_growthExponent = 0;
     SAllocationRecord** m_recordChunks = nullptr;
@@ -279,7 +311,7 @@ private:
     CRecursiveSpinLock m_lock;
     u8 m_report;
     u8 m_passthrough;
-    std::atomic<u8> m_bucketBits{OwnBucketBits};
+    std::atomic<u8> m_isExtended{0};
 };
 
 } // namespace Velmor
