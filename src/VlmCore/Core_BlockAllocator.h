@@ -81,7 +81,7 @@ public:
     /// Takes a block back that was requested with `size` bytes.
     void GiveBack(void* memory, SShape const& shape, u64 size)
     {
-        SFreeBlock* const block = PrepareFree(memory, shape, size);
+        SFreeBlock* const block = PrepareFree(memory, shape.blockSize, size);
         m_lock.Acquire();
         MemoryDebug::WriteNext(block, m_free);
         m_free = block;
@@ -95,19 +95,19 @@ public:
     void GiveBackRow(SMagazine& row);
 
     /// What a block in use goes through before it may join a list, and a free one before it is handed out.
-    [[nodiscard]] static SFreeBlock* PrepareFree(void* memory, SShape const& shape, u64 size)
+    [[nodiscard]] static SFreeBlock* PrepareFree(void* memory, u64 blockSize, u64 size)
     {
-        MemoryDebug::Unpoison(memory, shape.blockSize);
-        MemoryDebug::CheckGuard(memory, size, shape.blockSize);
-        MemoryDebug::FillFree(memory, shape.blockSize);
-        MemoryDebug::Poison(memory, shape.blockSize);
+        MemoryDebug::Unpoison(memory, blockSize);
+        MemoryDebug::CheckGuard(memory, size, blockSize);
+        MemoryDebug::FillFree(memory, blockSize);
+        MemoryDebug::Poison(memory, blockSize);
         return static_cast<SFreeBlock*>(memory);
     }
-    static void PrepareUse(void* block, SShape const& shape, u64 size)
+    static void PrepareUse(void* block, u64 blockSize, u64 size)
     {
-        MemoryDebug::Unpoison(block, shape.blockSize);
-        MemoryDebug::HandOut(block, size, shape.blockSize);
-        MemoryDebug::Poison(block, shape.blockSize);
+        MemoryDebug::Unpoison(block, blockSize);
+        MemoryDebug::HandOut(block, size, blockSize);
+        MemoryDebug::Poison(block, blockSize);
         MemoryDebug::Unpoison(block, size);
     }
 
@@ -135,7 +135,7 @@ private:
         // The next one's link is what the next request will wait for.
         __builtin_prefetch(next, 1);
 #endif
-        PrepareUse(block, shape, size);
+        PrepareUse(block, shape.blockSize, size);
         return block;
     }
 
@@ -198,16 +198,15 @@ public:
         u32 const index = GetClass(size);
         CHeapExtension::STaken const taken = extension.Take(heap, m_classes[index], GetShape(index), size);
         if (taken.block != nullptr)
-            CBlockClass::PrepareUse(taken.block, GetShape(index), size);
+            CBlockClass::PrepareUse(taken.block, GetShape(index).blockSize, size);
         return taken;
     }
 
-    /// Takes back a block whose record was found in its chunk and taken out.
-    void GiveBack(CGlobalHeap& heap, CHeapExtension& extension, void* block, u64 size)
+    /// Takes back a block whose record was found in its chunk and taken out. The block is prepared.
+    void GiveBack(CGlobalHeap& heap, CHeapExtension& extension, SFreeBlock* block, u64 size)
     {
         u32 const index = GetClass(size);
-        extension.GiveBack(heap, m_classes[index], GetShape(index),
-                           CBlockClass::PrepareFree(block, GetShape(index), size));
+        extension.GiveBack(heap, m_classes[index], GetShape(index), block);
     }
 
     /// Takes back a block that was recorded with `size` bytes.
@@ -220,6 +219,9 @@ public:
         u32 const index = GetClass(size);
         m_classes[index].GiveBack(block, GetShape(index), size);
     }
+
+    /// The size of the blocks that serve `size` bytes, up to 1,024.
+    [[nodiscard]] static u64 GetBlockSize(u64 size) { return GetShape(GetClass(size)).blockSize; }
 
     /// True when a block of `oldSize` bytes serves `newSize` bytes where it is.
     [[nodiscard]] static bool StaysInPlace(u64 oldSize, u64 newSize)
@@ -234,11 +236,13 @@ public:
     /// Follows a resize in place: the guard of a small block, the bytes of a large one. Under the heap lock.
     static void ResizeInPlace(CGlobalHeap& heap, void* block, u64 oldSize, u64 newSize);
 
-    // Under the heap lock.
-    void CountAllocation()
+    // Under the heap lock. A heap that is used a lot is extended even when it never holds much.
+    void CountAllocation(CGlobalHeap& heap)
     {
         m_allocationCount.Add(1);
         m_liveCount.Add(1);
+        if (m_allocationCount.Get() % ManyAllocations == 0)
+            heap.Extend();
     }
     void CountRelease() { m_liveCount.Subtract(1); }
 
@@ -250,11 +254,9 @@ public:
     void GetStatistics(CGlobalHeap const& heap, Memory::SStatistics::SPool& pool);
 
 private:
-    [[nodiscard]] static u32 GetClass(u64 size)
-    {
-        u32 const bits = static_cast<u32>(std::bit_width(size - 1));
-        return std::max(bits, SmallestBits) - SmallestBits;
-    }
+    static constexpr u64 ManyAllocations = 4096;
+
+    [[nodiscard]] static u32 GetClass(u64 size) { return SBlockShape::GetBlockBits(Kind, size) - SmallestBits; }
     [[nodiscard]] static constexpr SBlockShape GetShape(u32 index)
     {
         u32 const bits = index + SmallestBits;

@@ -36,7 +36,7 @@ bool CBlockClass::TakeRow(CGlobalHeap& heap, SShape const& shape, SMagazine& row
         return false;
     if (m_isMapped == 0)
         AddChunksToMap(heap, shape);
-    u32 const wanted = CHeapLane::GetMagazineSize(shape);
+    u32 const wanted = CHeapLane::GetMagazineSize(shape.blockBits);
     row.first = m_free;
     for (SFreeBlock* block = m_free; block != nullptr && row.count < wanted; block = MemoryDebug::ReadNext(block)) {
         row.last = block;

@@ -129,7 +129,7 @@ void* AllocateFromPool(CGlobalHeap& heap, Pool* pool, u64 size)
     if (taken.block == nullptr)
         return nullptr;
     ReportAllocation(taken.block, size);
-    if (taken.isRecorded || heap.Enter(taken.block, size, Pool::Kind, [&] { pool->CountAllocation(); })) [[likely]]
+    if (taken.isRecorded || heap.Enter(taken.block, size, Pool::Kind, [&] { pool->CountAllocation(heap); })) [[likely]]
         return taken.block;
     ReportFree(taken.block);
     pool->GiveBack(heap, taken.block, size);
@@ -143,8 +143,7 @@ enum class ERecordPlace : u8 { None, Chunk, Table };
 ERecordPlace TakeRecord(CGlobalHeap& heap, void const* block)
 {
     if (CHeapExtension* const extension = heap.GetExtension())
-        if (CChunkRecords::Record* const record = extension->FindRecord(block);
-            record != nullptr && record->exchange(0, std::memory_order_acq_rel) != 0)
+        if (CHeapExtension::TakeRecord(extension->Find(block)) != 0)
             return ERecordPlace::Chunk;
     return heap.Take(block, [](u64, EHeap::Type) {}) ? ERecordPlace::Table : ERecordPlace::None;
 }
@@ -164,7 +163,8 @@ void* MoveInPool(CGlobalHeap& heap, Pool& pool, void* block, u64 oldSize, u64 si
     }
     if (place == ERecordPlace::Chunk) {
         if (moved != nullptr)
-            pool.GiveBack(heap, *heap.GetExtension(), block, oldSize);
+            pool.GiveBack(heap, *heap.GetExtension(),
+                          CBlockClass::PrepareFree(block, Pool::GetBlockSize(oldSize), oldSize), oldSize);
         else
             heap.GetExtension()->GiveBackCredit();
     }
@@ -197,75 +197,36 @@ void ReportKnownFree(CGlobalHeap& heap, void* block)
         LogFree(block);
 }
 
-// A pool block of an extended heap: its record is found without a lock. False when it is not to be found there.
-bool FreeRecordedInChunk(CGlobalHeap& heap, CHeapExtension& extension, void* block)
+// A pool block of an extended heap, its record taken out of its chunk.
+void GiveBackToLane(CGlobalHeap& heap, CHeapExtension& extension, CChunkRecords const& chunk, void* block, u64 size)
 {
-    CChunkRecords* const chunk = extension.FindChunk(block);
-    CChunkRecords::Record* const record = chunk != nullptr ? chunk->Find(reinterpret_cast<u64>(block)) : nullptr;
-    // Of two threads that free it at once, one finds the record.
-    u64 const size = record != nullptr ? record->exchange(0, std::memory_order_acq_rel) : u64{0};
-    if (size == 0)
-        return false;
+    u32 const blockBits = chunk.GetBlockBits();
+    SFreeBlock* const prepared = CBlockClass::PrepareFree(block, u64{1} << blockBits, size);
+    if (extension.TryGiveBack(chunk.GetKind(), blockBits, prepared)) [[likely]]
+        return;
     g_heapModule.Dispatch(
-        chunk->GetKind(),
+        chunk.GetKind(),
         [&](auto* pool) {
             if (pool != nullptr)
-                pool->GiveBack(heap, extension, block, size);
+                pool->GiveBack(heap, extension, prepared, size);
         },
         [] {});
-    return true;
 }
 
-} // namespace
-
-void* Malloc(u64 size, EHeap::Type heap)
+[[gnu::noinline]] void* AllocateSlowly(CGlobalHeap& heap, u64 size, EHeap::Type kind)
 {
-    if (size == 0)
+    if (size > CGlobalHeap::LargestSize)
         return nullptr;
-    CGlobalHeap& global = g_heapModule.FetchHeap();
-    if (size > CGlobalHeap::LargestSize) [[unlikely]]
-        return nullptr;
-    EHeap::Type const kind = CutKind(heap);
-    auto const useHooks = [&] { return AllocateFromHooks(global, size, kind); };
-    if (global.IsPassthrough())
+    auto const useHooks = [&] { return AllocateFromHooks(heap, size, kind); };
+    if (heap.IsPassthrough())
         return useHooks();
-    return g_heapModule.Dispatch(kind, [&](auto* pool) { return AllocateFromPool(global, pool, size); }, useHooks);
+    return g_heapModule.Dispatch(kind, [&](auto* pool) { return AllocateFromPool(heap, pool, size); }, useHooks);
 }
 
-void* Realloc(void* block, u64 size, EHeap::Type heap)
+// A block whose record is in the heap's table, or unknown.
+[[gnu::noinline]] void FreeInTable(CGlobalHeap& heap, void* block)
 {
-    if (block == nullptr)
-        return Malloc(size, heap);
-    if (size == 0) {
-        Free(block);
-        return nullptr;
-    }
-    CGlobalHeap& global = g_heapModule.FetchHeap();
-    CGlobalHeap::SKnown const known = global.Find(block);
-    if (known.size == 0)
-        return nullptr;
-    auto const useHooks = [&] { return ResizeFromHooks(global, block, size, known.kind); };
-    if (global.IsPassthrough())
-        return useHooks();
-    return g_heapModule.Dispatch(
-        known.kind, [&](auto* pool) { return ResizeInPool(global, pool, block, known.size, size); }, useHooks);
-}
-
-void Free(void* block)
-{
-    if (block == nullptr)
-        return;
-    CGlobalHeap& heap = g_heapModule.FetchHeap();
-    if (MemoryLog::IsInstalled()) [[unlikely]]
-        ReportKnownFree(heap, block);
-
-#if !defined(VLM_ADDRESS_SANITIZER)
-    __builtin_prefetch(block, 1); // a pool writes its link there
-#endif
     // The record goes before the block: once that is free, its address may be handed out and recorded anew.
-    if (CHeapExtension* const extension = heap.GetExtension())
-        if (FreeRecordedInChunk(heap, *extension, block))
-            return;
     bool const isPassthrough = heap.IsPassthrough();
     u64 size = 0;
     EHeap::Type kind = EHeap::General;
@@ -301,6 +262,63 @@ void Free(void* block)
                     pool->GiveBack(heap, block, size);
             },
             useHooks);
+}
+
+} // namespace
+
+void* Malloc(u64 size, EHeap::Type heap)
+{
+    if (size == 0)
+        return nullptr;
+    CGlobalHeap& global = g_heapModule.FetchHeap();
+    EHeap::Type const kind = CutKind(heap);
+    if (CHeapExtension* const extension = global.GetExtension())
+        if (void* const block = extension->TryTake(kind, size)) [[likely]] {
+            CBlockClass::PrepareUse(block, u64{1} << SBlockShape::GetBlockBits(kind, size), size);
+            ReportAllocation(block, size);
+            return block;
+        }
+    return AllocateSlowly(global, size, kind);
+}
+
+void* Realloc(void* block, u64 size, EHeap::Type heap)
+{
+    if (block == nullptr)
+        return Malloc(size, heap);
+    if (size == 0) {
+        Free(block);
+        return nullptr;
+    }
+    CGlobalHeap& global = g_heapModule.FetchHeap();
+    CGlobalHeap::SKnown const known = global.Find(block);
+    if (known.size == 0)
+        return nullptr;
+    auto const useHooks = [&] { return ResizeFromHooks(global, block, size, known.kind); };
+    if (global.IsPassthrough())
+        return useHooks();
+    return g_heapModule.Dispatch(
+        known.kind, [&](auto* pool) { return ResizeInPool(global, pool, block, known.size, size); }, useHooks);
+}
+
+void Free(void* block)
+{
+    if (block == nullptr)
+        return;
+    CGlobalHeap& heap = g_heapModule.FetchHeap();
+    if (MemoryLog::IsInstalled()) [[unlikely]]
+        ReportKnownFree(heap, block);
+
+#if !defined(VLM_ADDRESS_SANITIZER)
+    __builtin_prefetch(block, 1); // a pool writes its link there
+#endif
+    if (CHeapExtension* const extension = heap.GetExtension()) {
+        CChunkMap::SFound const found = extension->Find(block);
+        if (u64 const size = CHeapExtension::TakeRecord(found); size != 0) [[likely]] {
+            GiveBackToLane(heap, *extension, *found.chunk, block, size);
+            return;
+        }
+    }
+    FreeInTable(heap, block);
 }
 
 void FreeQuietly(void* block) noexcept

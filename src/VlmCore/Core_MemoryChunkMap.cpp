@@ -18,14 +18,15 @@ Node* MakeNode(SMemoryHooks const& hooks, std::atomic<Node*>& slot)
     void* const memory = hooks.malloc(sizeof(Node));
     if (memory == nullptr)
         return nullptr;
-    node = ::new (memory) Node{};
+    node = ::new (memory) Node;
     slot.store(node, std::memory_order_release);
     return node;
 }
 
 } // namespace
 
-CChunkMap::SGranule* CChunkMap::MakeGranule(SMemoryHooks const& hooks, u64 number)
+template <u32 GranuleBits>
+auto TChunkTree<GranuleBits>::MakeGranule(SMemoryHooks const& hooks, u64 number) -> SGranule*
 {
     u64 const address = number << GranuleBits;
     SBranch* const branch = MakeNode(hooks, m_branches[address >> BranchShift]);
@@ -34,20 +35,35 @@ CChunkMap::SGranule* CChunkMap::MakeGranule(SMemoryHooks const& hooks, u64 numbe
     return leaf != nullptr ? &leaf->granules[number & LevelMask] : nullptr;
 }
 
-CChunkMap::SGranule* CChunkMap::FindGranule(u64 number) const
+// One that MakeGranule made before.
+template <u32 GranuleBits>
+auto TChunkTree<GranuleBits>::GetGranule(u64 number) const -> SGranule&
 {
     u64 const address = number << GranuleBits;
     SBranch* const branch = m_branches[address >> BranchShift].load(std::memory_order_relaxed);
-    SLeaf* const leaf = branch != nullptr
-                            ? branch->leaves[(address >> LeafShift) & LevelMask].load(std::memory_order_relaxed)
-                            : nullptr;
-    return leaf != nullptr ? &leaf->granules[number & LevelMask] : nullptr;
+    SLeaf* const leaf = branch->leaves[(address >> LeafShift) & LevelMask].load(std::memory_order_relaxed);
+    return leaf->granules[number & LevelMask];
 }
 
-bool CChunkMap::Add(SMemoryHooks const& hooks, CChunkRecords* chunk)
+template <u32 GranuleBits>
+void TChunkTree<GranuleBits>::SetEntry(CChunkRecords const* chunk, u64 number, bool isPresent)
+{
+    SGranule& granule = GetGranule(number);
+    u64 const granuleStart = number << GranuleBits;
+    u64 const address = reinterpret_cast<u64>(chunk);
+    if (chunk->GetStart() <= granuleStart)
+        granule.across.store(isPresent ? address : 0, std::memory_order_release);
+    else
+        granule.inside.store(isPresent ? address | (chunk->GetStart() - granuleStart) << AddressBits : NoneInside,
+                             std::memory_order_release);
+}
+
+template <u32 GranuleBits>
+bool TChunkTree<GranuleBits>::Add(SMemoryHooks const& hooks, CChunkRecords* chunk)
 {
     u64 const last = chunk->GetEnd() - 1;
-    if (chunk->GetEnd() - chunk->GetStart() < SmallestChunk || last >> AddressBits != 0)
+    if (chunk->GetEnd() - chunk->GetStart() < SmallestChunk || last >> AddressBits != 0 ||
+        reinterpret_cast<u64>(chunk) >> AddressBits != 0)
         return false;
     u64 const firstGranule = chunk->GetStart() >> GranuleBits;
     u64 const lastGranule = last >> GranuleBits;
@@ -56,18 +72,20 @@ bool CChunkMap::Add(SMemoryHooks const& hooks, CChunkRecords* chunk)
         if (MakeGranule(hooks, number) == nullptr)
             return false;
     for (u64 number = firstGranule; number <= lastGranule; ++number)
-        GetSlot(*FindGranule(number), number, chunk).store(chunk, std::memory_order_release);
+        SetEntry(chunk, number, true);
     return true;
 }
 
-void CChunkMap::Remove(CChunkRecords const* chunk)
+template <u32 GranuleBits>
+void TChunkTree<GranuleBits>::Remove(CChunkRecords const* chunk)
 {
     u64 const lastGranule = (chunk->GetEnd() - 1) >> GranuleBits;
     for (u64 number = chunk->GetStart() >> GranuleBits; number <= lastGranule; ++number)
-        GetSlot(*FindGranule(number), number, chunk).store(nullptr, std::memory_order_relaxed);
+        SetEntry(chunk, number, false);
 }
 
-void CChunkMap::Release(SMemoryHooks const& hooks)
+template <u32 GranuleBits>
+void TChunkTree<GranuleBits>::Release(SMemoryHooks const& hooks)
 {
     for (std::atomic<SBranch*>& branchSlot : m_branches) {
         SBranch* const branch = branchSlot.exchange(nullptr, std::memory_order_relaxed);
@@ -79,5 +97,8 @@ void CChunkMap::Release(SMemoryHooks const& hooks)
         hooks.free(branch);
     }
 }
+
+template class TChunkTree<14>;
+template class TChunkTree<11>;
 
 } // namespace Velmor

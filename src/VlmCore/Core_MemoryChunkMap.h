@@ -63,19 +63,21 @@ private:
 static_assert(sizeof(CChunkRecords) == 24);
 static_assert(CChunkRecords::Record::is_always_lock_free && sizeof(CChunkRecords::Record) == 2);
 
-/// The radix tree. Looking up needs no lock; adding and removing need one of the caller's.
-class CChunkMap {
+/// One radix tree. Looking up needs no lock; adding and removing need one of the caller's.
+/// \tparam GranuleBits  base-2 logarithm of the bytes that one entry stands for.
+template <u32 GranuleBits>
+class TChunkTree {
 public:
     /// Smaller chunks cannot be added: at most one may begin inside a granule, and one more reach into it.
-    static constexpr u64 SmallestChunk = 2048;
+    static constexpr u64 SmallestChunk = u64{1} << GranuleBits;
 
-    CChunkMap() = default;
-    CChunkMap(CChunkMap const&) = delete;
-    CChunkMap& operator=(CChunkMap const&) = delete;
-    ~CChunkMap() = default;
+    TChunkTree() = default;
+    TChunkTree(TChunkTree const&) = delete;
+    TChunkTree& operator=(TChunkTree const&) = delete;
+    ~TChunkTree() = default;
 
-    /// The records of the chunk that holds the address, if it is in the map. The address may be any.
-    [[nodiscard]] CChunkRecords* FindChunk(u64 address) const
+    /// The only chunk of the tree that may hold the address, which may be any; null when there is none.
+    [[nodiscard]] CChunkRecords* Find(u64 address) const
     {
         if (address >> AddressBits != 0) [[unlikely]]
             return nullptr;
@@ -86,56 +88,104 @@ public:
         if (leaf == nullptr)
             return nullptr;
         SGranule const& granule = leaf->granules[(address >> GranuleBits) & LevelMask];
-        CChunkRecords* const inside = granule.inside.load(std::memory_order_acquire);
-        if (inside != nullptr && address >= inside->GetStart())
-            return inside;
-        return granule.across.load(std::memory_order_acquire);
-    }
-
-    /// The record of the block that begins at the address; null when no chunk in the map has one there.
-    [[nodiscard]] CChunkRecords::Record* FindRecord(u64 address) const
-    {
-        CChunkRecords* const chunk = FindChunk(address);
-        return chunk != nullptr ? chunk->Find(address) : nullptr;
+        u64 const inside = granule.inside.load(std::memory_order_acquire);
+        u64 const across = granule.across.load(std::memory_order_acquire);
+        u64 const entry = (address & (SmallestChunk - 1)) >= inside >> AddressBits ? inside : across;
+        return reinterpret_cast<CChunkRecords*>(entry & AddressMask);
     }
 
     /// False when the hooks refuse the memory for a part of the tree, or the address is beyond what a program gets; the
-    /// map is as before then.
+    /// tree holds what it held then.
     [[nodiscard]] bool Add(SMemoryHooks const& hooks, CChunkRecords* chunk);
 
     void Remove(CChunkRecords const* chunk);
 
-    /// Gives the tree's memory back; the map is empty.
+    /// Gives the tree's memory back; it is empty.
     void Release(SMemoryHooks const& hooks);
 
 private:
-    static constexpr u32 GranuleBits = 11;
-    static constexpr u32 LevelBits = 12;
+    static constexpr u32 AddressBits = 47;
+    static constexpr u32 LevelBits = (AddressBits - GranuleBits) / 3;
     static constexpr u32 LeafShift = GranuleBits + LevelBits;
     static constexpr u32 BranchShift = LeafShift + LevelBits;
-    static constexpr u32 AddressBits = BranchShift + LevelBits;
     static constexpr u64 LevelSize = u64{1} << LevelBits;
     static constexpr u64 LevelMask = LevelSize - 1;
+    static_assert(BranchShift + LevelBits == AddressBits && GranuleBits < 64 - AddressBits);
 
+    static constexpr u64 AddressMask = (u64{1} << AddressBits) - 1;
+    static constexpr u64 NoneInside = ~AddressMask; // begins behind everything
+
+    // An entry is the address of a chunk's records and, above it, how far behind the granule's first byte the chunk
+    // begins: the look-up of one chunk reads nothing of another.
     struct SGranule {
-        std::atomic<CChunkRecords*> across; // the chunk that holds the granule's first byte
-        std::atomic<CChunkRecords*> inside; // the chunk that begins behind it
+        std::atomic<u64> across{0};          // the chunk that holds the granule's first byte
+        std::atomic<u64> inside{NoneInside}; // the chunk that begins behind it; NoneInside without one
     };
+
     struct SLeaf {
         SGranule granules[LevelSize];
     };
     struct SBranch {
-        std::atomic<SLeaf*> leaves[LevelSize];
+        std::atomic<SLeaf*> leaves[LevelSize] = {};
     };
 
     [[nodiscard]] SGranule* MakeGranule(SMemoryHooks const& hooks, u64 number);
-    [[nodiscard]] SGranule* FindGranule(u64 number) const;
-    [[nodiscard]] std::atomic<CChunkRecords*>& GetSlot(SGranule& granule, u64 number, CChunkRecords const* chunk) const
-    {
-        return chunk->GetStart() > number << GranuleBits ? granule.inside : granule.across;
-    }
+    [[nodiscard]] SGranule& GetGranule(u64 number) const;
+    void SetEntry(CChunkRecords const* chunk, u64 number, bool isPresent);
 
     std::atomic<SBranch*> m_branches[LevelSize] = {};
+};
+
+/// All chunks: those of 16 KB and more, the usual ones, in a tree that is small enough for the cache, smaller ones in
+/// another.
+class CChunkMap {
+public:
+    struct SFound {
+        CChunkRecords::Record* record = nullptr; ///< null when no chunk in the map has a block at the address
+        CChunkRecords* chunk = nullptr;
+    };
+
+    /// The record of the block that begins at the address, which may be any.
+    [[nodiscard]] SFound Find(u64 address) const
+    {
+        if (CChunkRecords* const chunk = m_large.Find(address))
+            if (CChunkRecords::Record* const record = chunk->Find(address)) [[likely]]
+                return {record, chunk};
+        if (CChunkRecords* const chunk = m_small.Find(address))
+            if (CChunkRecords::Record* const record = chunk->Find(address))
+                return {record, chunk};
+        return {};
+    }
+
+    /// False, and the map as before, when the chunk cannot be added: smaller than 2 KB, or no memory for the map.
+    [[nodiscard]] bool Add(SMemoryHooks const& hooks, CChunkRecords* chunk)
+    {
+        return IsLarge(chunk) ? m_large.Add(hooks, chunk) : m_small.Add(hooks, chunk);
+    }
+    void Remove(CChunkRecords const* chunk)
+    {
+        if (IsLarge(chunk))
+            m_large.Remove(chunk);
+        else
+            m_small.Remove(chunk);
+    }
+    void Release(SMemoryHooks const& hooks)
+    {
+        m_large.Release(hooks);
+        m_small.Release(hooks);
+    }
+
+private:
+    using LargeTree = TChunkTree<14>;
+    using SmallTree = TChunkTree<11>;
+
+    [[nodiscard]] static bool IsLarge(CChunkRecords const* chunk)
+    {
+        return chunk->GetEnd() - chunk->GetStart() >= LargeTree::SmallestChunk;
+    }
+
+    LargeTree m_large;
+    SmallTree m_small;
 };
 
 } // namespace Velmor

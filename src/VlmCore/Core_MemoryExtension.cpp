@@ -42,18 +42,57 @@ void CHeapExtension::Release(SMemoryHooks const& hooks)
 
 // ---- Lanes ----
 
+auto CHeapExtension::Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, u64 size) -> STaken
+{
+    u64 const threadKey = Platform::GetThreadKey();
+    CHeapLane& lane = GetLane(threadKey);
+    EBiasedHold hold = lane.lock.Acquire(threadKey);
+    if (!Refill(heap, blocks, shape, lane, hold))
+        return {nullptr, false};
+    void* const block = lane.GetClass(shape).loaded.Pop();
+    bool const isRecorded = TryRecord(lane, block, shape.kind, size);
+    lane.lock.Release(hold);
+    return {block, isRecorded};
+}
+
+void CHeapExtension::GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, SFreeBlock* block)
+{
+    u64 const threadKey = Platform::GetThreadKey();
+    CHeapLane& lane = GetLane(threadKey);
+    CBiasedGuard const guard(lane.lock, lane.lock.Acquire(threadKey));
+    CHeapLane::SClass& magazines = lane.GetClass(shape);
+    if (magazines.loaded.count == CHeapLane::GetMagazineSize(shape.blockBits)) {
+        blocks.GiveBackRow(magazines.spare);
+        magazines.spare = std::exchange(magazines.loaded, SMagazine{});
+    }
+    if (lane.credits >= MostCredits) {
+        lane.credits -= CreditsAtOnce;
+        heap.ReturnRecords(CreditsAtOnce);
+    }
+    Push(lane, magazines.loaded, shape.kind, block);
+}
+
+void CHeapExtension::GiveBackCredit()
+{
+    CHeapLane& lane = GetLane(Platform::GetThreadKey());
+    CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
+    ++lane.credits;
+}
+
 // With the lane's lock held, which it keeps on success: a block in the loaded magazine and a credit. The lock is let go
 // whenever other lanes or the record store have to be looked into; what was there before may be gone afterwards.
-bool CHeapExtension::Refill(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, CHeapLane& lane)
+bool CHeapExtension::Refill(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, CHeapLane& lane,
+                            EBiasedHold& hold)
 {
+    u64 const threadKey = Platform::GetThreadKey();
     CHeapLane::SClass& magazines = lane.GetClass(shape);
     for (;;) {
         if (lane.credits == 0) {
-            lane.lock.Release();
+            lane.lock.Release(hold);
             u32 const reserved = heap.ReserveRecords(CreditsAtOnce);
             if (reserved == 0)
                 return false;
-            lane.lock.Acquire();
+            hold = lane.lock.Acquire(threadKey);
             lane.credits += reserved;
         }
         if (magazines.loaded.count == 0)
@@ -61,30 +100,18 @@ bool CHeapExtension::Refill(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape 
         if (magazines.loaded.count != 0 || blocks.TakeRow(heap, shape, magazines.loaded))
             return true;
         // Nothing is refused while another lane has a free block.
-        lane.lock.Release();
+        lane.lock.Release(hold);
         if (!Drain(blocks, shape))
             return false;
-        lane.lock.Acquire();
+        hold = lane.lock.Acquire(threadKey);
     }
-}
-
-void CHeapExtension::Unload(CBlockClass& blocks, CHeapLane::SClass& magazines)
-{
-    blocks.GiveBackRow(magazines.spare);
-    magazines.spare = std::exchange(magazines.loaded, SMagazine{});
-}
-
-void CHeapExtension::ReturnCredits(CGlobalHeap& heap, CHeapLane& lane)
-{
-    lane.credits -= CreditsAtOnce;
-    heap.ReturnRecords(CreditsAtOnce);
 }
 
 bool CHeapExtension::Drain(CBlockClass& blocks, SBlockShape const& shape)
 {
     bool hasDrained = false;
     for (CHeapLane& lane : m_lanes) {
-        TScopedLock const guard(lane.lock);
+        CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
         CHeapLane::SClass& magazines = lane.GetClass(shape);
         hasDrained = hasDrained || magazines.loaded.count != 0 || magazines.spare.count != 0;
         blocks.GiveBackRow(magazines.spare);
@@ -97,7 +124,7 @@ u64 CHeapExtension::CollectCredits()
 {
     u64 collected = 0;
     for (CHeapLane& lane : m_lanes) {
-        TScopedLock const guard(lane.lock);
+        CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
         collected += std::exchange(lane.credits, 0u);
     }
     return collected;
@@ -107,7 +134,7 @@ u64 CHeapExtension::GetAllocationCount(EHeap::Type kind) const
 {
     u64 count = 0;
     for (CHeapLane const& lane : m_lanes)
-        count += lane.GetAllocationCount(kind).Get();
+        count += lane.GetAllocations(kind).Get();
     return count;
 }
 
@@ -115,7 +142,7 @@ u64 CHeapExtension::GetLiveCount(EHeap::Type kind) const
 {
     u64 count = 0;
     for (CHeapLane const& lane : m_lanes)
-        count += lane.GetLiveCount(kind).Get();
+        count += lane.GetAllocations(kind).Get() - lane.GetReleases(kind).Get();
     return count;
 }
 
@@ -123,8 +150,8 @@ u64 CHeapExtension::GetLiveCount(EHeap::Type kind) const
 
 void* CHeapExtension::AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, u64 byteCount)
 {
-    if (CChunkRecords* const unused = m_unused[blockBits - 3]) {
-        m_unused[blockBits - 3] = unused->next;
+    if (CChunkRecords* const unused = m_unused[blockBits - SBlockShape::SmallestBits]) {
+        m_unused[blockBits - SBlockShape::SmallestBits] = unused->next;
         return unused;
     }
     constexpr u64 LineSize = 64;
@@ -144,24 +171,23 @@ void* CHeapExtension::AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, 
 
 void CHeapExtension::AddChunk(SMemoryHooks const& hooks, void const* start, u32 blockCount, SBlockShape const& shape)
 {
-    CChunkRecords const* const known = FindChunk(start);
-    if (known != nullptr && known->GetStart() == reinterpret_cast<u64>(start))
+    if (Find(start).record != nullptr)
         return;
     void* const memory = AllocateRecords(hooks, shape.blockBits, CChunkRecords::GetByteCount(blockCount));
     if (memory == nullptr)
         return;
     CChunkRecords* const chunk = ::new (memory) CChunkRecords(start, shape.blockBits, blockCount, shape.kind);
     if (!m_map.Add(hooks, chunk))
-        chunk->next = std::exchange(m_unused[shape.blockBits - 3], chunk);
+        chunk->next = std::exchange(m_unused[shape.blockBits - SBlockShape::SmallestBits], chunk);
 }
 
 void CHeapExtension::RemoveChunk(void const* start)
 {
-    CChunkRecords* const chunk = FindChunk(start);
-    if (chunk == nullptr || chunk->GetStart() != reinterpret_cast<u64>(start))
+    CChunkRecords* const chunk = Find(start).chunk;
+    if (chunk == nullptr)
         return;
     m_map.Remove(chunk);
-    chunk->next = std::exchange(m_removed[chunk->GetBlockBits() - 3], chunk);
+    chunk->next = std::exchange(m_removed[chunk->GetBlockBits() - SBlockShape::SmallestBits], chunk);
 }
 
 void CHeapExtension::ReuseRemoved()

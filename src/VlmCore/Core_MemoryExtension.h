@@ -1,4 +1,4 @@
-// What a heap has in addition once it holds more than 1,024 records: buckets that grow, records of pool blocks that are
+// What a heap has in addition once it holds more than 1,024 records or is used a lot: buckets that grow, records of pool blocks that are
 // found without a lock, and lanes, so that threads do not stand in each other's way.
 //
 //     CGlobalHeap -- CHeapExtension -+- CRecordBuckets   blocks of the hooks, and those of chunks not in the map
@@ -15,14 +15,16 @@
 // Order of locks: lane, class, heap.
 #pragma once
 
+#include "Core_BiasedLock.h"
 #include "Core_MemoryChunkMap.h"
 #include "Core_MemoryDebug.h"
 #include "Core_MemoryRecords.h"
 
 #include <vlmcore/impl/Core_Lock.h>
-#include <vlmcore/threads.h>
 #include <vlmcore/types.h>
 
+#include <algorithm>
+#include <bit>
 #include <utility>
 
 namespace Velmor {
@@ -36,6 +38,15 @@ struct SBlockShape {
     u64 alignment; ///< bytes that each chunk has in front for it; 0 for none
     u32 blockBits; ///< base-2 logarithm of the block size, 3 to 10
     EHeap::Type kind;
+
+    static constexpr u32 SmallestBits = 3;
+    static constexpr u32 LargestBits = 10;
+
+    /// The class for `size` bytes, above 0: the base-2 logarithm of its block size, above 10 for what is no pool block.
+    [[nodiscard]] static constexpr u32 GetBlockBits(EHeap::Type kind, u64 size)
+    {
+        return std::max(static_cast<u32>(std::bit_width(size - 1)), kind == EHeap::Pool16 ? 4u : SmallestBits);
+    }
 };
 
 /// A few free blocks in a row.
@@ -57,6 +68,9 @@ struct SMagazine {
         SFreeBlock* const block = first;
         first = MemoryDebug::ReadNext(block);
         --count;
+#if !defined(VLM_ADDRESS_SANITIZER)
+        __builtin_prefetch(first, 1); // its link is what the next request will wait for
+#endif
         return block;
     }
 };
@@ -75,27 +89,27 @@ public:
         SMagazine spare;
     };
 
-    [[nodiscard]] SClass& GetClass(SBlockShape const& shape) { return m_classes[shape.kind - 1][shape.blockBits - 3]; }
-    [[nodiscard]] CStatisticsCounter& GetAllocationCount(EHeap::Type kind) { return m_allocationCount[kind - 1]; }
-    [[nodiscard]] CStatisticsCounter& GetLiveCount(EHeap::Type kind) { return m_liveCount[kind - 1]; }
-    [[nodiscard]] CStatisticsCounter const& GetAllocationCount(EHeap::Type kind) const
+    [[nodiscard]] SClass& GetClass(EHeap::Type kind, u32 blockBits)
     {
-        return m_allocationCount[kind - 1];
+        return m_classes[kind - 1][blockBits - SBlockShape::SmallestBits];
     }
-    [[nodiscard]] CStatisticsCounter const& GetLiveCount(EHeap::Type kind) const { return m_liveCount[kind - 1]; }
+    [[nodiscard]] SClass& GetClass(SBlockShape const& shape) { return GetClass(shape.kind, shape.blockBits); }
 
-    /// Blocks that a magazine holds: 16 KB of them, within bounds.
-    [[nodiscard]] static u32 GetMagazineSize(SBlockShape const& shape)
-    {
-        return shape.blockBits >= 10 ? 16u : (shape.blockBits == 9 ? 32u : 64u);
-    }
+    /// Allocations and releases that went through the lane.
+    [[nodiscard]] CStatisticsCounter& GetAllocations(EHeap::Type kind) { return m_allocations[kind - 1]; }
+    [[nodiscard]] CStatisticsCounter& GetReleases(EHeap::Type kind) { return m_releases[kind - 1]; }
+    [[nodiscard]] CStatisticsCounter const& GetAllocations(EHeap::Type kind) const { return m_allocations[kind - 1]; }
+    [[nodiscard]] CStatisticsCounter const& GetReleases(EHeap::Type kind) const { return m_releases[kind - 1]; }
 
-    CSpinLock lock;
+    /// Blocks that a magazine holds: 16 KB of them, 64 at most.
+    [[nodiscard]] static constexpr u32 GetMagazineSize(u32 blockBits) { return std::min(64u, 16384u >> blockBits); }
+
+    CBiasedLock lock;
     u32 credits = 0; ///< records that blocks may take
 
 private:
-    CStatisticsCounter m_allocationCount[KindCount];
-    CStatisticsCounter m_liveCount[KindCount]; // below zero where others' blocks are freed
+    CStatisticsCounter m_allocations[KindCount];
+    CStatisticsCounter m_releases[KindCount];
     SClass m_classes[KindCount][ClassCount];
 };
 
@@ -113,65 +127,59 @@ public:
 
     [[nodiscard]] CRecordBuckets& GetBuckets() { return m_buckets; }
 
-    /// The record of a pool block; null when it is not found this way.
-    [[nodiscard]] CChunkRecords::Record* FindRecord(void const* block) const
+    /// The record of a pool block, if it is found this way.
+    [[nodiscard]] CChunkMap::SFound Find(void const* block) const { return m_map.Find(reinterpret_cast<u64>(block)); }
+
+    /// Takes a record out: its size, 0 when there was none. Of two threads that free a block at once, one finds it.
+    [[nodiscard]] static u64 TakeRecord(CChunkMap::SFound const& found)
     {
-        return m_map.FindRecord(reinterpret_cast<u64>(block));
-    }
-    [[nodiscard]] CChunkRecords* FindChunk(void const* block) const
-    {
-        return m_map.FindChunk(reinterpret_cast<u64>(block));
+        return found.record != nullptr ? found.record->exchange(0, std::memory_order_acq_rel) : u64{0};
     }
 
     // ---- Blocks ----
 
-    /// A block for `size` bytes, recorded and counted in the calling thread's lane where its chunk is in the map.
-    [[nodiscard]] STaken Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, u64 size)
+    /// The usual case of Take, in the calling thread's own lane; null in every other case, and for what is no pool
+    /// block. The block still has to be prepared for use.
+    [[nodiscard]] void* TryTake(EHeap::Type kind, u64 size)
     {
-        CHeapLane& lane = GetLane();
-        CHeapLane::SClass& magazines = lane.GetClass(shape);
-        lane.lock.Acquire();
-        if (magazines.loaded.count == 0 || lane.credits == 0) [[unlikely]]
-            if (!Refill(heap, blocks, shape, lane))
-                return {nullptr, false};
-        SFreeBlock* const block = magazines.loaded.Pop();
-#if !defined(VLM_ADDRESS_SANITIZER)
-        // The next one's link is what the next request will wait for.
-        __builtin_prefetch(magazines.loaded.first, 1);
-#endif
-        CChunkRecords::Record* const record = FindRecord(block);
-        if (record != nullptr) [[likely]] {
-            record->store(static_cast<u16>(size), std::memory_order_relaxed);
-            --lane.credits;
-            lane.GetAllocationCount(shape.kind).Add(1);
-            lane.GetLiveCount(shape.kind).Add(1);
-        }
-        lane.lock.Release();
-        return {block, record != nullptr};
+        u32 const blockBits = SBlockShape::GetBlockBits(kind, size);
+        if (kind < EHeap::Pool || kind > EHeap::Pool16 || blockBits > SBlockShape::LargestBits)
+            return nullptr;
+        u64 const threadKey = Platform::GetThreadKey();
+        CHeapLane& lane = GetLane(threadKey);
+        if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
+            return nullptr;
+        SMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
+        void* block = nullptr;
+        if (loaded.count != 0 && lane.credits != 0 && TryRecord(lane, loaded.first, kind, size)) [[likely]]
+            block = loaded.Pop();
+        lane.lock.ReleaseAsOwner();
+        return block;
     }
+
+    /// The usual case of GiveBack, likewise; false, and nothing done, in every other case. The block is prepared.
+    [[nodiscard]] bool TryGiveBack(EHeap::Type kind, u32 blockBits, SFreeBlock* block)
+    {
+        u64 const threadKey = Platform::GetThreadKey();
+        CHeapLane& lane = GetLane(threadKey);
+        if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
+            return false;
+        SMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
+        bool const hasRoom = loaded.count != CHeapLane::GetMagazineSize(blockBits) && lane.credits != MostCredits;
+        if (hasRoom) [[likely]]
+            Push(lane, loaded, kind, block);
+        lane.lock.ReleaseAsOwner();
+        return hasRoom;
+    }
+
+    /// A block for `size` bytes, recorded and counted in the calling thread's lane where its chunk is in the map.
+    [[nodiscard]] STaken Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, u64 size);
 
     /// Takes back a block whose record has been taken out, with its credit.
-    void GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, SFreeBlock* block)
-    {
-        CHeapLane& lane = GetLane();
-        CHeapLane::SClass& magazines = lane.GetClass(shape);
-        lane.lock.Acquire();
-        if (magazines.loaded.count == CHeapLane::GetMagazineSize(shape)) [[unlikely]]
-            Unload(blocks, magazines);
-        magazines.loaded.Push(block);
-        lane.GetLiveCount(shape.kind).Subtract(1);
-        if (++lane.credits > 2 * CreditsAtOnce) [[unlikely]]
-            ReturnCredits(heap, lane);
-        lane.lock.Release();
-    }
+    void GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, SFreeBlock* block);
 
     /// A record was taken out whose block stays where it is, counted as live.
-    void GiveBackCredit()
-    {
-        CHeapLane& lane = GetLane();
-        TScopedLock const guard(lane.lock);
-        ++lane.credits;
-    }
+    void GiveBackCredit();
 
     /// Gives all lanes' blocks of the class back to it. True when there were any.
     bool Drain(CBlockClass& blocks, SBlockShape const& shape);
@@ -195,6 +203,7 @@ private:
     static constexpr u32 LaneBits = 5;
     static constexpr u32 LaneCount = 1u << LaneBits;
     static constexpr u32 CreditsAtOnce = 64;
+    static constexpr u32 MostCredits = 2 * CreditsAtOnce; // in a lane
     static constexpr u64 SlabSize = 16384;
 
     struct SSlab {
@@ -203,12 +212,34 @@ private:
 
     CHeapExtension() = default;
 
-    // Fibonacci hashing: neighbouring numbers, and those four apart, get lanes far from each other.
-    [[nodiscard]] CHeapLane& GetLane() { return m_lanes[(Thread::GetId() * 0x9E3779B9u) >> (32 - LaneBits)]; }
+    // Fibonacci hashing: keys are addresses some pages apart, and neighbours get lanes far from each other.
+    [[nodiscard]] CHeapLane& GetLane(u64 threadKey)
+    {
+        return m_lanes[(threadKey >> 12) * 0x9E3779B97F4A7C15u >> (64 - LaneBits)];
+    }
 
-    [[nodiscard]] bool Refill(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, CHeapLane& lane);
-    static void Unload(CBlockClass& blocks, CHeapLane::SClass& magazines);
-    static void ReturnCredits(CGlobalHeap& heap, CHeapLane& lane);
+    // Records and counts a block that the lane, which has a credit, is about to hand out. False when its chunk is not in
+    // the map.
+    [[nodiscard]] bool TryRecord(CHeapLane& lane, void const* block, EHeap::Type kind, u64 size)
+    {
+        CChunkRecords::Record* const record = Find(block).record;
+        if (record == nullptr) [[unlikely]]
+            return false;
+        record->store(static_cast<u16>(size), std::memory_order_relaxed);
+        --lane.credits;
+        lane.GetAllocations(kind).Add(1);
+        return true;
+    }
+
+    static void Push(CHeapLane& lane, SMagazine& loaded, EHeap::Type kind, SFreeBlock* block)
+    {
+        loaded.Push(block);
+        lane.GetReleases(kind).Add(1);
+        ++lane.credits;
+    }
+
+    [[nodiscard]] bool Refill(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, CHeapLane& lane,
+                              EBiasedHold& hold);
     [[nodiscard]] void* AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, u64 byteCount);
 
     CRecordBuckets m_buckets;

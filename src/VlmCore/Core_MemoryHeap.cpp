@@ -40,7 +40,8 @@ void CGlobalHeap::ReleaseRecords()
 {
     u64 const chunkCount = GetRecordChunkCount();
     for (u64 index = 0; index < chunkCount; ++index) {
-        m_hooks.free(m_recordChunks[index]);
+        if (m_recordChunks[index] != nullptr)
+            m_hooks.free(m_recordChunks[index]);
         SubtractBytes(ChunkSize);
     }
     if (m_recordChunks != nullptr)
@@ -102,20 +103,21 @@ bool CGlobalHeap::GrowRecordStore()
     if (table == nullptr)
         return false;
     m_recordChunks = static_cast<SAllocationRecord**>(table);
-    for (u64 index = oldCount; index < newCount; ++index) {
-        void* const chunk = m_hooks.malloc(ChunkSize);
-        if (chunk == nullptr) {
-            // As it was, but for a table with room to spare.
-            while (index > oldCount)
-                m_hooks.free(m_recordChunks[--index]);
-            if (oldCount == 0) {
-                m_hooks.free(m_recordChunks);
-                m_recordChunks = nullptr;
+    if (GetExtension() != nullptr)
+        // Counted here, but taken when they are needed: most records of an extended heap lie in the pools' chunks.
+        std::fill(m_recordChunks + oldCount, m_recordChunks + newCount, nullptr);
+    else
+        for (u64 index = oldCount; index < newCount; ++index)
+            if (!AddRecordChunk(index)) {
+                // As it was, but for a table with room to spare.
+                while (index > oldCount)
+                    m_hooks.free(m_recordChunks[--index]);
+                if (oldCount == 0) {
+                    m_hooks.free(m_recordChunks);
+                    m_recordChunks = nullptr;
+                }
+                return false;
             }
-            return false;
-        }
-        m_recordChunks[index] = static_cast<SAllocationRecord*>(chunk);
-    }
     ++m_growthExponent;
     AddBytes((newCount - oldCount) * (ChunkSize + sizeof(SAllocationRecord*)));
 
@@ -130,6 +132,12 @@ bool CGlobalHeap::GrowRecordStore()
     return true;
 }
 
+bool CGlobalHeap::AddRecordChunk(u64 index)
+{
+    m_recordChunks[index] = static_cast<SAllocationRecord*>(m_hooks.malloc(ChunkSize));
+    return m_recordChunks[index] != nullptr;
+}
+
 void CGlobalHeap::ThreadRecords(u64 chunkIndex)
 {
     for (u64 slot = 0; slot < RecordsPerChunk; ++slot) {
@@ -139,9 +147,10 @@ void CGlobalHeap::ThreadRecords(u64 chunkIndex)
     }
 }
 
-// Without memory for it the heap goes on with longer chains, and tries again when the store grows the next time.
 void CGlobalHeap::Extend()
 {
+    if (GetExtension() != nullptr)
+        return;
     CHeapExtension* const extension = CHeapExtension::Create(m_hooks);
     if (extension == nullptr)
         return;
@@ -162,15 +171,18 @@ void CGlobalHeap::Extend()
     m_isExtended.store(1, std::memory_order_release);
 }
 
-// With an extension: one free record that is not reserved, at the head of the free list. False when there is none.
+// With an extension: one free record that is not reserved, at the head of the free list. False when there is none, or
+// no memory for it.
 bool CGlobalHeap::PrepareFreeRecord()
 {
-    auto& beyond = m_buckets.beyond;
-    if (beyond.freeRecords == beyond.reserved)
+    if (!HasFreeRecords())
         return false;
-    // The records that stand for those in the chunks are never written: their memory need not even be there.
-    if (m_freeRecords == nullptr)
-        ThreadRecords(beyond.threadedChunks++);
+    auto& beyond = m_buckets.beyond;
+    if (m_freeRecords == nullptr) {
+        if (!AddRecordChunk(beyond.neededChunks))
+            return false;
+        ThreadRecords(beyond.neededChunks++);
+    }
     --beyond.freeRecords;
     return true;
 }
@@ -197,7 +209,7 @@ bool CGlobalHeap::MakeFreeRecords()
         return m_freeRecords != nullptr || GrowRecordStore();
     auto& beyond = m_buckets.beyond;
     beyond.reserved -= collected;
-    return beyond.freeRecords != beyond.reserved || GrowRecordStore();
+    return HasFreeRecords() || GrowRecordStore();
 }
 
 // ---- Buckets that grow ----

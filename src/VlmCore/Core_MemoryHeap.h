@@ -74,11 +74,14 @@ public:
 
     // ---- The record table ----
 
-    /// What the heap has beyond its own fields; null up to 1,024 records.
+    /// What the heap has beyond its own fields; null up to 1,024 records and 4,096 allocations from a pool.
     [[nodiscard]] CHeapExtension* GetExtension() const
     {
         return m_isExtended.load(std::memory_order_acquire) != 0 ? m_buckets.beyond.extension : nullptr;
     }
+
+    /// Extends the heap, if it is not. Under the heap lock. Without memory for it the heap goes on as it is.
+    void Extend();
 
     /// What is known of a block; size 0 for an unknown one.
     struct SKnown {
@@ -100,6 +103,8 @@ public:
                 count();
                 return true;
             }
+            if (HasFreeRecords())
+                return false; // the hook refused the memory for them
         } while (MakeFreeRecords());
         return false;
     }
@@ -153,11 +158,10 @@ public:
     /// What is known of a block, wherever its record lies.
     [[nodiscard]] SKnown Find(void const* block)
     {
-        if (CHeapExtension* const extension = GetExtension())
-            if (CChunkRecords* const chunk = extension->FindChunk(block))
-                if (CChunkRecords::Record* const record = chunk->Find(reinterpret_cast<u64>(block)))
-                    if (u64 const size = record->load(std::memory_order_relaxed); size != 0)
-                        return {size, chunk->GetKind()};
+        if (CHeapExtension const* const extension = GetExtension())
+            if (CChunkMap::SFound const found = extension->Find(block); found.record != nullptr)
+                if (u64 const size = found.record->load(std::memory_order_relaxed); size != 0)
+                    return {size, found.chunk->GetKind()};
         CLock const lock(m_lock);
         SAllocationRecord const* const record = FindInTable(block);
         return record != nullptr ? SKnown{record->GetSize(), record->GetKind()} : SKnown{};
@@ -170,7 +174,7 @@ public:
         CLock const lock(m_lock);
         count();
         if (CHeapExtension* const extension = GetExtension())
-            if (CChunkRecords::Record* const record = extension->FindRecord(block);
+            if (CChunkRecords::Record* const record = extension->Find(block).record;
                 record != nullptr && record->load(std::memory_order_relaxed) != 0) {
                 record->store(static_cast<u16>(size), std::memory_order_relaxed);
                 return;
@@ -221,9 +225,9 @@ private:
         SAllocationRecord* own[OwnBucketCount];
         struct {
             CHeapExtension* extension;
-            u64 freeRecords;    ///< in the free list or in chunks not threaded yet
-            u64 reserved;       ///< so many of them are the lanes' to use
-            u64 threadedChunks; ///< chunks of the store whose records have been in the free list
+            u64 freeRecords;  ///< in the free list or in chunks that have not been needed yet
+            u64 reserved;     ///< so many of them are the lanes' to use
+            u64 neededChunks; ///< chunks of the store that have been taken from the hook
         } beyond;
     };
 
@@ -293,11 +297,16 @@ private:
     }
 
     [[nodiscard]] u64 GetRecordChunkCount() const { return m_growthExponent == 0 ? 0 : u64{1} << m_growthExponent; }
+    // With an extension: records that are neither in use nor reserved.
+    [[nodiscard]] bool HasFreeRecords() const
+    {
+        return GetExtension() != nullptr && m_buckets.beyond.freeRecords != m_buckets.beyond.reserved;
+    }
     [[nodiscard]] bool PrepareFreeRecord();
     [[nodiscard]] bool MakeFreeRecords();
     [[nodiscard]] bool GrowRecordStore();
+    [[nodiscard]] bool AddRecordChunk(u64 index);
     void ThreadRecords(u64 chunkIndex);
-    void Extend();
 
     u64 m_growthExponent = 0;
     SAllocationRecord** m_recordChunks = nullptr;

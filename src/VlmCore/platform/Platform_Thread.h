@@ -60,6 +60,13 @@ using ThreadBody = void (*)(void* argument);
 /// Waits until the thread has ended and gives its handle back. Must not be called by that thread.
 void JoinThread(void* handle);
 
+/// True when SynchronizeThreads does what it says. Readies it; may be called again and again.
+[[nodiscard]] bool CanSynchronizeThreads();
+
+/// A full memory barrier in every thread of the process that is running: what any of them stored before is visible
+/// here afterwards, and what was stored here before is visible to all that they load afterwards. Takes microseconds.
+void SynchronizeThreads();
+
 // Types
 
 /// Writes the readable name of a type behind a keyword and a blank, "class Velmor::CFoo", from what

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <cxxabi.h>
 #include <linux/futex.h>
+#include <linux/membarrier.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -191,6 +192,16 @@ u32 StartThread(ThreadBody body, void* argument, u32 stackBytes, i32 priority, v
 void JoinThread(void* handle)
 {
     ::pthread_join(reinterpret_cast<pthread_t>(handle), nullptr);
+}
+
+bool CanSynchronizeThreads()
+{
+    return ::syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+}
+
+void SynchronizeThreads()
+{
+    static_cast<void>(::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0));
 }
 
 // Types

@@ -156,6 +156,16 @@ void JoinThread(void* handle)
     ::CloseHandle(handle);
 }
 
+bool CanSynchronizeThreads()
+{
+    return true;
+}
+
+void SynchronizeThreads()
+{
+    ::FlushProcessWriteBuffers();
+}
+
 // Types
 
 void DescribeType(char const* rawName, char* out, u64 size)

@@ -1,0 +1,121 @@
+// A spin lock that costs the thread which mostly takes it no locked instruction.
+//
+// Its owner only says that it is inside, and looks whether somebody else wants in. That both see each other needs a
+// barrier between a store and a load; it is paid by the others, for both sides, with a barrier in every running thread of
+// the process. So the owner takes the lock for the price of two stores, others for that of a system call. Method: David
+// Dice, Hui Huang, Mingyao Yang, "Asymmetric Dekker Synchronization" (2001).
+#pragma once
+
+#include "Core_Backoff.h"
+#include "Platform_ThreadKey.h"
+#include "platform/Platform_Thread.h"
+
+#include <vlmcore/impl/Core_Lock.h>
+#include <vlmcore/types.h>
+
+#include <atomic>
+
+namespace Velmor {
+
+/// How a biased lock is held, which its release has to know.
+enum class EBiasedHold : u8 { Owner, Guest };
+
+/// The rules, over any word with the members of std::atomic, so that they can be checked step by step.
+namespace Impl {
+
+/// The owner's attempt. False, and nothing changed, when it is not the owner (any more) or somebody wants in.
+template <class OwnerWord, class Word, class Key>
+bool TryEnterAsOwner(OwnerWord& owner, Word& isInside, Word& isWanted, Key thread)
+{
+    if (owner.load(std::memory_order_relaxed) != thread)
+        return false;
+    isInside.store(1, std::memory_order_relaxed);
+    // The processor may let the loads pass the store; MakeWanted's barrier makes up for it. The compiler may not.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    if (isWanted.load(std::memory_order_acquire) == 0 && owner.load(std::memory_order_relaxed) == thread)
+        return true;
+    isInside.store(0, std::memory_order_release);
+    return false;
+}
+
+/// What a guest, which holds the lock among guests, does before it waits for the owner to be outside.
+template <class Word, class Barrier>
+void MakeWanted(Word& isWanted, Barrier&& processBarrier)
+{
+    isWanted.store(1, std::memory_order_seq_cst);
+    processBarrier();
+}
+
+} // namespace Impl
+
+/// Not recursive; no system object, nothing to destroy. Threads are told apart by Platform::GetThreadKey.
+class CBiasedLock {
+public:
+    CBiasedLock() = default;
+    CBiasedLock(CBiasedLock const&) = delete;
+    CBiasedLock& operator=(CBiasedLock const&) = delete;
+    ~CBiasedLock() = default;
+
+    /// Takes the lock when that costs next to nothing: for its owner, when nobody else wants it.
+    [[nodiscard]] bool TryAcquireAsOwner(u64 threadKey)
+    {
+        return Impl::TryEnterAsOwner(m_owner, m_isInside, m_isWanted, threadKey);
+    }
+    void ReleaseAsOwner() { m_isInside.store(0, std::memory_order_release); }
+
+    /// Takes the lock for a thread that will take it again and again: it becomes the owner when there is none, or in
+    /// the place of another one that is probably gone. When owners change all the time, there are none any more.
+    [[nodiscard]] EBiasedHold Acquire(u64 threadKey)
+    {
+        if (TryAcquireAsOwner(threadKey))
+            return EBiasedHold::Owner;
+        EnterAsGuest();
+        ChangeOwner(threadKey);
+        return EBiasedHold::Guest;
+    }
+
+    /// Takes the lock without a claim to it.
+    [[nodiscard]] EBiasedHold AcquireAsGuest()
+    {
+        EnterAsGuest();
+        return EBiasedHold::Guest;
+    }
+
+    void Release(EBiasedHold hold)
+    {
+        if (hold == EBiasedHold::Owner) {
+            ReleaseAsOwner();
+            return;
+        }
+        m_isWanted.store(0, std::memory_order_release);
+        m_guests.Release();
+    }
+
+private:
+    static constexpr u32 MostOwners = 64;
+    static constexpr u64 NoThread = 0;
+
+    void EnterAsGuest();
+    void ChangeOwner(u64 threadKey);
+
+    std::atomic<u64> m_owner{NoThread};
+    std::atomic<u32> m_isInside{0};
+    std::atomic<u32> m_isWanted{0};
+    CSpinLock m_guests;
+    u32 m_ownerCount = 0; // so far; by guests
+};
+
+/// Holds a biased lock for the length of a scope.
+class [[nodiscard]] CBiasedGuard {
+public:
+    CBiasedGuard(CBiasedLock& lock, EBiasedHold hold) : m_lock(lock), m_hold(hold) {}
+    CBiasedGuard(CBiasedGuard const&) = delete;
+    CBiasedGuard& operator=(CBiasedGuard const&) = delete;
+    ~CBiasedGuard() { m_lock.Release(m_hold); }
+
+private:
+    CBiasedLock& m_lock;
+    EBiasedHold m_hold;
+};
+
+} // namespace Velmor
