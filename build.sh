@@ -13,7 +13,8 @@ VlmCore: ./build.sh COMMAND
   test [PRESET...]     build and test; without a name every preset:
                        windows-x64 linux linux-asan linux-tsan linux-gcc
   build [PRESET...]    build only
-  bench [FILTER]       run the benchmarks natively and print the ratios
+  bench [--windows] [FILTER]
+                       run the benchmarks natively (or as Windows programs under Wine) and print the ratios
   fuzz [SECONDS]       run every fuzz target that long (60)
   check                format, header hygiene, seam and documentation checks
   tidy [FILE...]       clang-tidy on the library's sources

@@ -1,9 +1,8 @@
 # The peers: the C runtime's malloc always; on Linux also jemalloc (static, its malloc family renamed, so that it does
 # not replace the C runtime's) and mimalloc (loaded at run time), on Windows HeapAlloc.
 find_package(Threads REQUIRED)
-add_executable(memory_bench memory_bench.cpp memory_peers_${VLMCORE_PLATFORM}.cpp)
-vlmcore_setup(memory_bench)
-target_link_libraries(memory_bench PRIVATE VlmCore Threads::Threads ${CMAKE_DL_LIBS})
+vlmcore_benchmark(memory Threads::Threads ${CMAKE_DL_LIBS})
+target_sources(memory_bench PRIVATE memory_peers_${VLMCORE_PLATFORM}.cpp)
 if(NOT WIN32)
   find_library(VLMCORE_JEMALLOC libjemalloc_pic.a)
   if(VLMCORE_JEMALLOC)

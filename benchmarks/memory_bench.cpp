@@ -1,18 +1,15 @@
 // The memory manager beside the allocators a user would otherwise pick: pairs, random replacement, threads, memory use
-// and purge. A program of its own, so that it also runs where Google Benchmark is not at hand; it prints the lines (and,
-// with --benchmark_format=json, the document) that the tools read from the other benchmarks.
-//
-//     memory_bench [--benchmark_format=json] [--benchmark_filter=<part of a name>] [--quick]
+// and purge.
 #include "memory_peers.h"
 
 #include <vlmcore/memory.h>
 
+#include <benchmark/benchmark.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,13 +20,6 @@ using MemoryBench::SAllocator;
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr int Repetitions = 5;
-
-bool isQuick = false;
-bool isJson = false;
-bool isFirstResult = true;
-std::string filter;
 
 double GetSeconds(Clock::time_point from)
 {
@@ -51,268 +41,256 @@ private:
     u64 m_state;
 };
 
-// ---- Results ----
-
-void Print(std::string const& name, std::vector<double> values, char const* unit)
+void* Allocate(SAllocator const& allocator, u64 size)
 {
-    std::sort(values.begin(), values.end());
-    double const median = values[values.size() / 2];
-    double const spread = median > 0 ? (values.back() - values.front()) / median * 100 : 0;
-    if (isJson)
-        std::printf("%s    {\"name\": \"%s\", \"run_name\": \"%s\", \"run_type\": \"aggregate\", \"aggregate_name\": "
-                    "\"median\", \"repetitions\": %zu, \"real_time\": %.3f, \"cpu_time\": %.3f, \"time_unit\": \"%s\", "
-                    "\"spread_percent\": %.1f}",
-                    isFirstResult ? "" : ",\n", name.c_str(), name.c_str(), values.size(), median, median, unit,
-                    spread);
-    else
-        std::printf("%-46s %12.2f %-3s  spread %5.1f %%\n", name.c_str(), median, unit, spread);
-    static_cast<void>(std::fflush(stdout));
-    isFirstResult = false;
+    void* const block = allocator.allocate(size);
+    *static_cast<u8 volatile*>(block) = 1;
+    return block;
 }
 
-bool IsWanted(std::string const& name)
+// 8 to 1,024 bytes.
+u64 GetSize(u64 random)
 {
-    return filter.empty() || name.find(filter) != std::string::npos;
+    return 8 + random % 1017;
 }
 
-// Runs each allocator in turn, repetition by repetition, so that a noisy machine disturbs all alike.
-void Compare(std::string const& what, std::vector<SAllocator> const& allocators,
-             std::function<double(SAllocator const&)> const& measure)
+// ---- Pairs ----
+
+void MeasurePairs(benchmark::State& state, SAllocator const& allocator, u64 size)
 {
-    if (!IsWanted("Memory/" + what + "/"))
-        return;
-    std::vector<std::vector<double>> values(allocators.size());
-    for (int repetition = 0; repetition < Repetitions; ++repetition)
-        for (u64 index = 0; index < allocators.size(); ++index)
-            values[index].push_back(measure(allocators[index]));
-    for (u64 index = 0; index < allocators.size(); ++index)
-        Print("Memory/" + what + "/" + allocators[index].name, values[index], "ns");
+    for (auto _ : state)
+        allocator.release(Allocate(allocator, size));
 }
 
-// ---- Workloads: nanoseconds per pair of an allocation and a release ----
+// ---- Random replacement ----
 
-double MeasurePairs(SAllocator const& allocator, u64 size)
-{
-    u64 const count = isQuick ? 200000 : 3000000;
-    auto const start = Clock::now();
-    for (u64 index = 0; index < count; ++index) {
-        void* const block = allocator.allocate(size);
-        *static_cast<u8 volatile*>(block) = 1;
-        allocator.release(block);
+/// Live blocks of random sizes of which random ones are freed and allocated anew.
+class CPopulation {
+public:
+    CPopulation(SAllocator const& allocator, u64 count, u64 seed) : m_allocator(allocator), m_random(seed)
+    {
+        for (u64 index = 0; index < count; ++index)
+            m_blocks.push_back(Allocate(m_allocator, GetSize(m_random.Next())));
     }
-    return GetSeconds(start) * 1e9 / static_cast<double>(count);
-}
-
-void ReplaceAtRandom(SAllocator const& allocator, std::vector<void*>& blocks, u64 count, u64 seed)
-{
-    CRandom random(seed);
-    for (u64 index = 0; index < count; ++index) {
-        u64 const number = random.Next();
-        void*& block = blocks[(number >> 16) % blocks.size()];
-        allocator.release(block);
-        block = allocator.allocate(8 + (number & 0xFFFF) % 1017);
-        *static_cast<u8 volatile*>(block) = 1;
+    CPopulation(CPopulation const&) = delete;
+    CPopulation& operator=(CPopulation const&) = delete;
+    ~CPopulation()
+    {
+        for (void* const block : m_blocks)
+            m_allocator.release(block);
     }
-}
 
-std::vector<void*> Fill(SAllocator const& allocator, u64 count, u64 seed)
-{
-    CRandom random(seed);
-    std::vector<void*> blocks;
-    for (u64 index = 0; index < count; ++index) {
-        blocks.push_back(allocator.allocate(8 + random.Next() % 1017));
-        *static_cast<u8 volatile*>(blocks.back()) = 1;
+    void ReplaceOne()
+    {
+        u64 const number = m_random.Next();
+        void*& block = m_blocks[(number >> 16) % m_blocks.size()];
+        m_allocator.release(block);
+        block = Allocate(m_allocator, GetSize(number & 0xFFFF));
     }
-    return blocks;
-}
 
-void Empty(SAllocator const& allocator, std::vector<void*> const& blocks)
+    /// Until nothing is left of the order in which the blocks were made.
+    void Mix()
+    {
+        for (u64 index = 0; index < 4 * m_blocks.size(); ++index)
+            ReplaceOne();
+    }
+
+private:
+    SAllocator const& m_allocator;
+    CRandom m_random;
+    std::vector<void*> m_blocks;
+};
+
+void MeasureReplacement(benchmark::State& state, SAllocator const& allocator, u64 live)
 {
-    for (void* const block : blocks)
-        allocator.release(block);
+    {
+        CPopulation population(allocator, live, 1);
+        population.Mix();
+        for (auto _ : state)
+            population.ReplaceOne();
+    }
+    allocator.settle();
 }
 
-double MeasureReplacement(SAllocator const& allocator, u64 live)
+// ---- Threads ----
+
+// Every thread has its own 10,000 blocks.
+void MeasureOwnBlocks(benchmark::State& state, SAllocator const& allocator)
 {
-    u64 const count = isQuick ? 100000 : 1000000;
-    std::vector<void*> blocks = Fill(allocator, live, 1);
-    ReplaceAtRandom(allocator, blocks, count / 4, 2);
-    auto const start = Clock::now();
-    ReplaceAtRandom(allocator, blocks, count, 3);
-    double const seconds = GetSeconds(start);
-    Empty(allocator, blocks);
-    return seconds * 1e9 / static_cast<double>(count);
+    {
+        CPopulation population(allocator, 10000, 10 + static_cast<u64>(state.thread_index()));
+        population.Mix();
+        for (auto _ : state)
+            population.ReplaceOne();
+    }
+    state.SetItemsProcessed(state.iterations());
+    if (state.thread_index() == 0)
+        allocator.settle();
 }
 
-// Every thread replaces its own blocks; the time is that of one operation of the whole program.
-double MeasureOwnBlocks(SAllocator const& allocator, u64 threadCount)
-{
-    u64 const count = isQuick ? 200000 : 2000000;
-    std::atomic<u64> ready{0};
-    std::atomic<bool> go{false};
-    std::vector<std::thread> threads;
-    for (u64 thread = 0; thread < threadCount; ++thread)
-        threads.emplace_back([&, thread] {
-            std::vector<void*> blocks = Fill(allocator, 10000, 10 + thread);
-            ++ready;
-            while (!go)
-                std::this_thread::yield();
-            ReplaceAtRandom(allocator, blocks, count, 20 + thread);
-            ++ready;
-            while (go)
-                std::this_thread::yield();
-            Empty(allocator, blocks);
-        });
-    while (ready < threadCount)
-        std::this_thread::yield();
-    auto const start = Clock::now();
-    go = true;
-    while (ready < 2 * threadCount)
-        std::this_thread::sleep_for(std::chrono::microseconds(50));
-    double const seconds = GetSeconds(start);
-    go = false;
-    for (std::thread& thread : threads)
-        thread.join();
-    return seconds * 1e9 / static_cast<double>(count * threadCount);
-}
-
-// One thread allocates, the other frees, by batches of 1,024.
-double MeasureForeignFrees(SAllocator const& allocator)
+// One thread allocates, the other frees, by batches.
+void MeasureForeignFrees(benchmark::State& state, SAllocator const& allocator)
 {
     constexpr u64 BatchSize = 1024;
     constexpr u64 Slots = 8;
-    u64 const batches = isQuick ? 200 : 2000;
-    std::vector<void*> slots[Slots];
-    std::atomic<u64> written{0};
-    std::atomic<u64> read{0};
-    auto const start = Clock::now();
-    std::thread consumer([&] {
-        for (u64 batch = 0; batch < batches; ++batch) {
-            while (written.load(std::memory_order_acquire) == batch)
+    constexpr u64 Batches = 2000;
+    for (auto _ : state) {
+        std::vector<void*> slots[Slots];
+        std::atomic<u64> written{0};
+        std::atomic<u64> read{0};
+        std::thread consumer([&] {
+            for (u64 batch = 0; batch < Batches; ++batch) {
+                while (written.load(std::memory_order_acquire) == batch)
+                    std::this_thread::yield();
+                for (void* const block : slots[batch % Slots])
+                    allocator.release(block);
+                read.store(batch + 1, std::memory_order_release);
+            }
+        });
+        CRandom random(5);
+        for (u64 batch = 0; batch < Batches; ++batch) {
+            while (batch - read.load(std::memory_order_acquire) >= Slots)
                 std::this_thread::yield();
-            for (void* const block : slots[batch % Slots])
-                allocator.release(block);
-            read.store(batch + 1, std::memory_order_release);
+            std::vector<void*>& slot = slots[batch % Slots];
+            slot.resize(BatchSize);
+            for (void*& block : slot)
+                block = Allocate(allocator, GetSize(random.Next()));
+            written.store(batch + 1, std::memory_order_release);
         }
-    });
-    CRandom random(5);
-    for (u64 batch = 0; batch < batches; ++batch) {
-        while (batch - read.load(std::memory_order_acquire) >= Slots)
-            std::this_thread::yield();
-        std::vector<void*>& slot = slots[batch % Slots];
-        slot.resize(BatchSize);
-        for (void*& block : slot) {
-            block = allocator.allocate(8 + random.Next() % 1017);
-            *static_cast<u8 volatile*>(block) = 1;
-        }
-        written.store(batch + 1, std::memory_order_release);
+        consumer.join();
     }
-    consumer.join();
-    return GetSeconds(start) * 1e9 / static_cast<double>(batches * BatchSize);
+    state.SetItemsProcessed(state.iterations() * static_cast<i64>(Batches * BatchSize));
+    allocator.settle();
 }
 
-// ---- Memory use and purge ----
+// ---- Memory use ----
 
-void ReportMemoryUse(std::vector<SAllocator> const& allocators)
+struct SMemoryUse {
+    double resident; ///< bytes that the process grew by, for each byte asked for
+    double counted;  ///< the same by the heap's own count; 0 for others
+};
+
+// All stay until the end, so that none is given what another one had.
+std::vector<SMemoryUse> MeasureMemoryUse(std::vector<SAllocator> const& allocators)
 {
     constexpr u64 Count = 1000000;
     constexpr u64 Size = 24;
     constexpr double Payload = Count * Size;
-    if (!IsWanted("Memory/MillionBlocks"))
-        return;
-    // All stay until the end, so that none is given what another one had.
     std::vector<std::vector<void*>> blocks(allocators.size(), std::vector<void*>(Count));
+    std::vector<SMemoryUse> uses;
     for (u64 index = 0; index < allocators.size(); ++index) {
-        u64 const before = MemoryBench::GetResidentBytes();
         Memory::SStatistics first{};
         Memory::SStatistics last{};
         Memory::GetStatistics(first);
+        u64 const before = MemoryBench::GetResidentBytes();
         for (void*& block : blocks[index]) {
             block = allocators[index].allocate(Size);
             std::memset(block, 1, Size);
         }
-        Memory::GetStatistics(last);
         u64 const after = MemoryBench::GetResidentBytes();
-        std::string const name = std::string("Memory/MillionBlocks/") + allocators[index].name;
-        Print(name + "/resident", {(static_cast<double>(after) - static_cast<double>(before)) / Payload}, "x");
-        if (last.bytesInUse != first.bytesInUse)
-            Print(name + "/counted", {static_cast<double>(last.bytesInUse - first.bytesInUse) / Payload}, "x");
+        Memory::GetStatistics(last);
+        uses.push_back({(static_cast<double>(after) - static_cast<double>(before)) / Payload,
+                        static_cast<double>(last.bytesInUse - first.bytesInUse) / Payload});
     }
-    for (u64 index = 0; index < allocators.size(); ++index)
-        Empty(allocators[index], blocks[index]);
-    Memory::Purge();
+    for (u64 index = 0; index < allocators.size(); ++index) {
+        for (void* const block : blocks[index])
+            allocators[index].release(block);
+        allocators[index].settle();
+    }
+    return uses;
 }
 
-void ReportPurge()
+void ReportMemoryUse(benchmark::State& state, SMemoryUse const& use)
 {
-    if (!IsWanted("Memory/Purge"))
-        return;
-    SAllocator const ours{"ours", [](u64 size) { return Memory::Malloc(size, EHeap::Pool); }, &Memory::Free};
-    std::vector<double> purges;
-    std::vector<double> stalls;
-    for (int repetition = 0; repetition < Repetitions; ++repetition) {
-        std::vector<void*> blocks = Fill(ours, 500000, 40); // 256 MB and a little
+    for (auto _ : state)
+        state.SetIterationTime(1e-9);
+    state.counters["resident_per_byte"] = use.resident;
+    if (use.counted > 0)
+        state.counters["counted_per_byte"] = use.counted;
+}
+
+// ---- Purge ----
+
+// 256 MB of blocks of which every other one is free, while another thread goes on.
+void MeasurePurge(benchmark::State& state, SAllocator const& allocator)
+{
+    double longestStall = 0;
+    for (auto _ : state) {
         CRandom random(41);
+        std::vector<void*> blocks;
+        for (u64 index = 0; index < 500000; ++index)
+            blocks.push_back(Allocate(allocator, GetSize(random.Next())));
         std::vector<void*> kept;
         for (void* const block : blocks)
             if (random.Next() % 2 == 0)
                 kept.push_back(block);
             else
-                Memory::Free(block);
-        std::atomic<bool> go{true};
-        double worst = 0;
+                allocator.release(block);
+        std::atomic<bool> isPurging{true};
         std::thread other([&] {
             CRandom sizes(42);
-            while (go) {
+            while (isPurging) {
                 auto const start = Clock::now();
-                Memory::Free(Memory::Malloc(8 + sizes.Next() % 1017, EHeap::Pool));
-                worst = std::max(worst, GetSeconds(start));
+                allocator.release(Allocate(allocator, GetSize(sizes.Next())));
+                longestStall = std::max(longestStall, GetSeconds(start));
             }
         });
         auto const start = Clock::now();
         Memory::Purge();
-        purges.push_back(GetSeconds(start) * 1e3);
-        go = false;
+        state.SetIterationTime(GetSeconds(start));
+        isPurging = false;
         other.join();
-        stalls.push_back(worst * 1e3);
-        Empty(ours, kept);
-        Memory::Purge();
+        for (void* const block : kept)
+            allocator.release(block);
+        allocator.settle();
     }
-    Print("Memory/PurgeHalfFree256MB/ours", purges, "ms");
-    Print("Memory/PurgeHalfFree256MB/longest_stall_of_another_thread", stalls, "ms");
+    state.counters["longest_stall_ms"] = longestStall * 1e3;
+}
+
+template <class Measure, class... Arguments>
+benchmark::internal::Benchmark* Register(char const* what, SAllocator const& allocator, Measure measure,
+                                         Arguments const&... arguments)
+{
+    std::string const name = std::string("Memory/") + what + "/" + allocator.name;
+    return benchmark::RegisterBenchmark(
+        name.c_str(), [=, &allocator](benchmark::State& state) { measure(state, allocator, arguments...); });
+}
+
+void RegisterAll(std::vector<SAllocator> const& allocators, std::vector<SMemoryUse> const& uses)
+{
+    for (u64 index = 0; index < allocators.size(); ++index) {
+        SAllocator const& allocator = allocators[index];
+        benchmark::RegisterBenchmark((std::string("Memory/MillionBlocks/") + allocator.name).c_str(), &ReportMemoryUse,
+                                     uses[index])
+            ->UseManualTime()
+            ->Iterations(1);
+        Register("Pair16", allocator, &MeasurePairs, 16u);
+        Register("Pair64", allocator, &MeasurePairs, 64u);
+        Register("Pair256", allocator, &MeasurePairs, 256u);
+        Register("Pair1024", allocator, &MeasurePairs, 1024u);
+        // A fixed number of steps: the blocks are not to be made and mixed again for each attempt at one.
+        Register("Replace100000", allocator, &MeasureReplacement, 100000u)->Iterations(2000000);
+        if (!allocator.isSlowAtScale)
+            Register("Replace1000000", allocator, &MeasureReplacement, 1000000u)->Iterations(2000000);
+        Register("OwnBlocks", allocator, &MeasureOwnBlocks)->ThreadRange(1, 2)->UseRealTime()->Iterations(2000000);
+        Register("ForeignFrees", allocator, &MeasureForeignFrees)->UseRealTime()->Iterations(1);
+    }
+    Register("PurgeHalfFree256MB", allocators.front(), &MeasurePurge)->UseManualTime()->Iterations(1);
 }
 
 } // namespace
 
 int main(int count, char** arguments)
 {
-    for (int index = 1; index < count; ++index) {
-        std::string const argument = arguments[index];
-        if (argument == "--quick")
-            isQuick = true;
-        else if (argument == "--benchmark_format=json")
-            isJson = true;
-        else if (argument.rfind("--benchmark_filter=", 0) == 0)
-            filter = argument.substr(19);
-    }
     Memory::Initialize(0, 0);
     std::vector<SAllocator> allocators = MemoryBench::FindPeers();
-    allocators.insert(allocators.begin(),
-                      {"ours", [](u64 size) { return Memory::Malloc(size, EHeap::Pool); }, &Memory::Free});
-
-    if (isJson)
-        std::printf("{\n  \"context\": {\"executable\": \"memory_bench\"},\n  \"benchmarks\": [\n");
-    ReportMemoryUse(allocators); // first, while the heaps are empty
-    for (u64 const size : {16u, 64u, 256u, 1024u})
-        Compare("Pair" + std::to_string(size), allocators, [&](auto const& a) { return MeasurePairs(a, size); });
-    Compare("Replace100000", allocators, [](auto const& a) { return MeasureReplacement(a, 100000); });
-    Compare("Replace1000000", allocators, [](auto const& a) { return MeasureReplacement(a, 1000000); });
-    Compare("OwnBlocks1Thread", allocators, [](auto const& a) { return MeasureOwnBlocks(a, 1); });
-    Compare("OwnBlocks2Threads", allocators, [](auto const& a) { return MeasureOwnBlocks(a, 2); });
-    Compare("ForeignFrees", allocators, MeasureForeignFrees);
-    ReportPurge();
-    if (isJson)
-        std::printf("\n  ]\n}\n");
+    allocators.insert(allocators.begin(), {"ours", [](u64 size) { return Memory::Malloc(size, EHeap::Pool); },
+                                           &Memory::Free, &Memory::Purge, false});
+    std::vector<SMemoryUse> const uses = MeasureMemoryUse(allocators); // first, while the heaps are empty
+    RegisterAll(allocators, uses);
+    benchmark::Initialize(&count, arguments);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
     Memory::Deinitialize();
     return 0;
 }

@@ -11,6 +11,8 @@ struct SAllocator {
     char const* name;
     void* (*allocate)(Velmor::u64 size);
     void (*release)(void* block);
+    void (*settle)();   ///< gives memory that is free back to the system, as far as the allocator can
+    bool isSlowAtScale; ///< takes minutes with a million live blocks
 };
 
 /// The allocators of this platform that are there; the C runtime's first.

@@ -1,6 +1,7 @@
 #include "memory_peers.h"
 
 #include <dlfcn.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -19,10 +20,11 @@ using Velmor::u64;
 std::vector<SAllocator> FindPeers()
 {
     std::vector<SAllocator> peers;
-    peers.push_back({"glibc", [](u64 size) { return std::malloc(size); }, [](void* block) { std::free(block); }});
+    peers.push_back({"glibc", [](u64 size) { return std::malloc(size); }, [](void* block) { std::free(block); },
+                     [] { malloc_trim(0); }, false});
 #if defined(VLMCORE_HAVE_JEMALLOC)
     peers.push_back({"jemalloc", [](u64 size) { return peer_jemalloc_malloc(size); },
-                     [](void* block) { peer_jemalloc_free(block); }});
+                     [](void* block) { peer_jemalloc_free(block); }, [] {}, false});
 #endif
     // Linked, it would replace the C runtime's malloc; loaded, it only offers its own names.
     for (char const* const name : {"libmimalloc.so", "libmimalloc.so.2", "libmimalloc.so.2.0"})
@@ -30,9 +32,10 @@ std::vector<SAllocator> FindPeers()
             static void* (*allocate)(std::size_t) =
                 reinterpret_cast<void* (*)(std::size_t)>(dlsym(library, "mi_malloc"));
             static void (*release)(void*) = reinterpret_cast<void (*)(void*)>(dlsym(library, "mi_free"));
-            if (allocate != nullptr && release != nullptr)
-                peers.push_back(
-                    {"mimalloc", [](u64 size) { return allocate(size); }, [](void* block) { release(block); }});
+            static void (*collect)(bool) = reinterpret_cast<void (*)(bool)>(dlsym(library, "mi_collect"));
+            if (allocate != nullptr && release != nullptr && collect != nullptr)
+                peers.push_back({"mimalloc", [](u64 size) { return allocate(size); },
+                                 [](void* block) { release(block); }, [] { collect(true); }, false});
             break;
         }
     return peers;

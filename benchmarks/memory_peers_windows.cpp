@@ -13,9 +13,9 @@ using Velmor::u64;
 
 std::vector<SAllocator> FindPeers()
 {
-    return {{"malloc", [](u64 size) { return std::malloc(size); }, [](void* block) { std::free(block); }},
+    return {{"malloc", [](u64 size) { return std::malloc(size); }, [](void* block) { std::free(block); }, [] {}, true},
             {"HeapAlloc", [](u64 size) -> void* { return HeapAlloc(GetProcessHeap(), 0, size); },
-             [](void* block) { HeapFree(GetProcessHeap(), 0, block); }}};
+             [](void* block) { HeapFree(GetProcessHeap(), 0, block); }, [] {}, true}};
 }
 
 u64 GetResidentBytes()

@@ -20,6 +20,11 @@ def split_name(name):
     return None
 
 
+# What Google Benchmark itself writes into a run; all other numbers are the benchmark's own counters.
+OWN_KEYS = {"family_index", "per_family_instance_index", "repetitions", "repetition_index", "threads", "iterations",
+            "real_time", "cpu_time", "bytes_per_second", "items_per_second"}
+
+
 def read(path):
     """Maps what -> who -> {median, spread, rate}."""
     with open(path, encoding="utf-8") as file:
@@ -38,6 +43,8 @@ def read(path):
             entry["time"] = run["real_time"] * scale
             entry["rate"] = run.get("bytes_per_second") or run.get("items_per_second")
             entry["unit"] = "B/s" if run.get("bytes_per_second") else "/s"
+            entry["counters"] = {key: value for key, value in run.items()
+                                 if key not in OWN_KEYS and isinstance(value, (int, float))}
         else:
             entry["spread"] = run["real_time"]
     return document["context"], table
@@ -58,6 +65,12 @@ def quantity(entry):
     return f"{rate:.1f} {entry['unit']}"
 
 
+def show_counters(who, entry):
+    if entry["counters"]:
+        text = ", ".join(f"{name} {value:.3g}" for name, value in entry["counters"].items())
+        print(f"  {'':34}{who:>14} {text}")
+
+
 def main():
     for path in sys.argv[1:]:
         context, table = read(path)
@@ -67,6 +80,7 @@ def main():
             if ours is None:
                 continue
             print(f"  {what:44} ours {quantity(ours):>12}  +-{100 * ours.get('spread', 0):.0f} %")
+            show_counters("ours", ours)
             for who, peer in sides.items():
                 if who == "ours":
                     continue
@@ -75,6 +89,7 @@ def main():
                     speed = ours["rate"] / peer["rate"]
                 print(f"  {'':34}{who:>14} {quantity(peer):>12}  +-{100 * peer.get('spread', 0):.0f} %"
                       f"   ours is {speed:.2f} x as fast, takes {1 / speed:.2f} x the time")
+                show_counters(who, peer)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,179 @@
+// Labels: threads
+#include "Core_BiasedLock.h"
+#include "support/ModelChecker.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+#include <vector>
+
+using namespace Velmor;
+using TestSupport::CModelChecker;
+using TestSupport::CModelNote;
+using TestSupport::TModelAtomic;
+using Phase = CModelChecker::Phase;
+
+namespace {
+
+// An owner and two guests, each twice inside; the guests exclude each other before. Every order of their steps, each of
+// which all others see at once: what the processor adds to that is what the barrier is for.
+CModelChecker::SResult CheckOwnerAndGuests(bool guestsWaitForTheOwner)
+{
+    CModelChecker checker;
+    TModelAtomic<u32> owner{1};
+    TModelAtomic<u32> isInside{0};
+    TModelAtomic<u32> isWanted{0};
+    TModelAtomic<u32> guests{0};
+    TModelAtomic<u32> number{0};
+    CModelNote inside;
+    auto const work = [&](std::vector<Phase>& phases) {
+        phases.push_back([&] {
+            checker.Require(inside.Add(1) == 1, "two threads are inside");
+            u32 const seen = number.load();
+            number.store(seen + 1);
+            inside.Add(~u64{0});
+        });
+    };
+    std::vector<Phase> ownerPhases;
+    for (u32 round = 0; round < 2; ++round) {
+        ownerPhases.push_back([&] {
+            if (!Impl::TryEnterAsOwner(owner, isInside, isWanted, 1u))
+                checker.Retry();
+        });
+        work(ownerPhases);
+        ownerPhases.push_back([&] { isInside.store(0); });
+    }
+    checker.AddThread(ownerPhases);
+    for (u32 guest = 0; guest < 2; ++guest) {
+        std::vector<Phase> phases;
+        phases.push_back([&] {
+            if (!Impl::TryAcquirePlain(guests))
+                checker.Retry();
+        });
+        phases.push_back([&] { Impl::MakeWanted(isWanted, [] {}); });
+        phases.push_back([&, guestsWaitForTheOwner] {
+            if (guestsWaitForTheOwner && isInside.load() != 0)
+                checker.Retry();
+        });
+        work(phases);
+        phases.push_back([&] { isWanted.store(0); });
+        phases.push_back([&] { checker.Require(Impl::TryReleasePlain(guests), "a release is refused"); });
+        checker.AddThread(phases);
+    }
+    checker.SetEndRule([&] { return number.Peek() == 4; });
+    return checker.Explore();
+}
+
+TEST(BiasedLockModel, OwnerAndGuestsExcludeEachOther)
+{
+    auto const result = CheckOwnerAndGuests(true);
+    EXPECT_EQ(result.error, "");
+    EXPECT_GE(result.ends, 1u);
+}
+
+TEST(BiasedLockModel, TheCheckerNoticesAGuestThatDoesNotWait)
+{
+    EXPECT_NE(CheckOwnerAndGuests(false).error, "");
+}
+
+TEST(BiasedLock, ItsFirstTakerOwnsIt)
+{
+    CBiasedLock lock;
+    EXPECT_FALSE(lock.TryAcquireAsOwner(7));
+    EXPECT_EQ(lock.Acquire(7), EBiasedHold::Guest);
+    lock.Release(EBiasedHold::Guest);
+    ASSERT_TRUE(Platform::CanSynchronizeThreads());
+    EXPECT_TRUE(lock.TryAcquireAsOwner(7));
+    lock.ReleaseAsOwner();
+    EXPECT_FALSE(lock.TryAcquireAsOwner(8));
+    EXPECT_EQ(lock.Acquire(7), EBiasedHold::Owner);
+    lock.Release(EBiasedHold::Owner);
+}
+
+TEST(BiasedLock, AVisitorLeavesItToItsOwner)
+{
+    CBiasedLock lock;
+    lock.Release(lock.Acquire(7));
+    EBiasedHold const hold = lock.AcquireAsGuest();
+    EXPECT_EQ(hold, EBiasedHold::Guest);
+    EXPECT_FALSE(lock.TryAcquireAsOwner(7)) << "while a guest is inside";
+    lock.Release(hold);
+    EXPECT_TRUE(lock.TryAcquireAsOwner(7));
+    lock.ReleaseAsOwner();
+}
+
+TEST(BiasedLock, AfterManyOwnersItHasNoneAnyMore)
+{
+    CBiasedLock lock;
+    for (u64 key = 1; key <= 64; ++key) {
+        lock.Release(lock.Acquire(key));
+        EXPECT_TRUE(lock.TryAcquireAsOwner(key)) << key;
+        lock.ReleaseAsOwner();
+    }
+    for (u64 key = 65; key <= 70; ++key) {
+        lock.Release(lock.Acquire(key));
+        EXPECT_FALSE(lock.TryAcquireAsOwner(key)) << key;
+    }
+}
+
+// The processor's own part: without the barrier the owner now and then would not see a guest that does not see it either,
+// and an addition would be lost. Stores to memory far away, just before, hold up the store by which the owner says that it
+// is inside: with a barrier that does nothing, this test fails on every run.
+TEST(BiasedLock, NothingThatIsDoneInsideIsLost)
+{
+    CBiasedLock lock;
+    u64 number = 0;
+    std::atomic<bool> ownerIsDone{false};
+    constexpr u64 OwnerRounds = 30000;
+    constexpr u64 LineSize = 64;
+    u64 const ownerKey = 1;
+    lock.Release(lock.Acquire(ownerKey));
+    std::thread owner([&] {
+        std::vector<u8> farAway(u64{64} << 20);
+        u64 random = 1;
+        for (u64 round = 0; round < OwnerRounds; ++round) {
+            for (u32 store = 0; store < 4; ++store) {
+                random = random * 6364136223846793005u + 1442695040888963407u;
+                *static_cast<u8 volatile*>(&farAway[(random >> 32) * LineSize % farAway.size()]) = 1;
+            }
+            EBiasedHold const hold = lock.Acquire(ownerKey);
+            number = number + 1;
+            lock.Release(hold);
+        }
+        ownerIsDone = true;
+    });
+    u64 visits = 0;
+    while (!ownerIsDone || visits == 0) {
+        CBiasedGuard const guard(lock, lock.AcquireAsGuest());
+        number = number + 1;
+        ++visits;
+    }
+    owner.join();
+    EXPECT_EQ(number, OwnerRounds + visits);
+}
+
+TEST(ThreadKey, IsOneOfItsOwnForEachThread)
+{
+    std::set<u64> keys{Platform::GetThreadKey()};
+    EXPECT_EQ(keys.count(Platform::GetThreadKey()), 1u);
+    EXPECT_EQ(keys.count(0), 0u);
+    constexpr u32 ThreadCount = 8;
+    std::vector<u64> found(ThreadCount);
+    std::atomic<u32> started{0};
+    std::vector<std::thread> threads;
+    for (u32 index = 0; index < ThreadCount; ++index)
+        threads.emplace_back([&, index] {
+            found[index] = Platform::GetThreadKey();
+            ++started;
+            while (started != ThreadCount) // all at the same time
+                std::this_thread::yield();
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    keys.insert(found.begin(), found.end());
+    EXPECT_EQ(keys.size(), ThreadCount + 1);
+}
+
+} // namespace
