@@ -14,14 +14,18 @@ void CBiasedLock::EnterAsGuest()
         backoff.Wait();
 }
 
-// By a guest. The system must have the barrier, else there never is an owner.
+// By a guest.
 void CBiasedLock::ChangeOwner(u64 threadKey)
 {
-    if (m_ownerCount > MostOwners || m_owner.load(std::memory_order_relaxed) == threadKey)
+    if (m_isShared.load(std::memory_order_relaxed) || m_owner.load(std::memory_order_relaxed) == threadKey)
         return;
     ++m_ownerCount;
-    bool const isSettled = m_ownerCount <= MostOwners && Platform::CanSynchronizeThreads();
-    m_owner.store(isSettled ? threadKey : NoThread, std::memory_order_relaxed);
+    if (m_ownerCount <= MostOwners && Platform::CanSynchronizeThreads()) {
+        m_owner.store(threadKey, std::memory_order_relaxed);
+        return;
+    }
+    m_owner.store(NoThread, std::memory_order_relaxed);
+    m_isShared.store(true, std::memory_order_relaxed);
 }
 
 } // namespace Velmor

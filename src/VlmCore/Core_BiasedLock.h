@@ -56,12 +56,18 @@ public:
     CBiasedLock& operator=(CBiasedLock const&) = delete;
     ~CBiasedLock() = default;
 
-    /// Takes the lock when that costs next to nothing: for its owner, when nobody else wants it.
+    /// The owner's quick way in, while no guest wants it, and out.
     [[nodiscard]] bool TryAcquireAsOwner(u64 threadKey)
     {
         return Impl::TryEnterAsOwner(m_owner, m_isInside, m_isWanted, threadKey);
     }
     void ReleaseAsOwner() { m_isInside.store(0, std::memory_order_release); }
+
+    /// Takes the lock when it is free and there are no owners any more: everybody's quick way in then.
+    [[nodiscard]] bool TryAcquireShared()
+    {
+        return m_isShared.load(std::memory_order_relaxed) && m_guests.TryAcquire();
+    }
 
     /// Takes the lock for a thread that will take it again and again: it becomes the owner when there is none, or in
     /// the place of another one that is probably gone. When owners change all the time, there are none any more.
@@ -101,6 +107,7 @@ private:
     std::atomic<u64> m_owner{NoThread};
     std::atomic<u32> m_isInside{0};
     std::atomic<u32> m_isWanted{0};
+    std::atomic<bool> m_isShared{false}; // there will be no owner any more
     CSpinLock m_guests;
     u32 m_ownerCount = 0; // so far; by guests
 };

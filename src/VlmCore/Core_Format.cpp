@@ -12,7 +12,7 @@ namespace Velmor::Impl {
 namespace {
 
 constexpr u64 SlotCount = 8;
-constexpr SFormatArgument EmptySlot{SFormatArgument::Signed, EStringEncoding::UTF8, {0}};
+constexpr SFormatArgument EmptySlot{SFormatArgument::Signed, EStringEncoding::UTF8, {0}, 0};
 
 /// memcpy for the few bytes that most pieces of a message have, without a call for them.
 inline u8* Append(u8* out, u8 const* from, u64 size)
@@ -290,6 +290,9 @@ private:
                                     NumberText::WriteDigits);
             return RenderHex(slot, argument.number);
         default:
+            if (argument.kind == SFormatArgument::View && argument.encoding == Rules::Encoding &&
+                argument.size != SFormatArgument::UnknownSize && !hex)
+                return {static_cast<u8 const*>(argument.text), argument.size};
             return WithText(argument, [&](IString const& text) {
                 return hex ? RenderHex(slot, text.GetHash()) : RenderText(text);
             });

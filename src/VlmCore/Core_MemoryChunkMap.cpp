@@ -98,6 +98,13 @@ void TChunkTree<GranuleBits>::Release(SMemoryHooks const& hooks)
     }
 }
 
+CChunkMap::SFound CChunkMap::FindSmall(u64 address) const
+{
+    CChunkRecords* const chunk = m_small.Find(address);
+    CChunkRecords::Record* const record = chunk != nullptr ? chunk->Find(address) : nullptr;
+    return record != nullptr ? SFound{record, chunk} : SFound{};
+}
+
 template class TChunkTree<14>;
 template class TChunkTree<11>;
 

@@ -146,15 +146,12 @@ public:
     };
 
     /// The record of the block that begins at the address, which may be any.
-    [[nodiscard]] SFound Find(u64 address) const
+    [[nodiscard, gnu::always_inline]] SFound Find(u64 address) const
     {
         if (CChunkRecords* const chunk = m_large.Find(address))
             if (CChunkRecords::Record* const record = chunk->Find(address)) [[likely]]
                 return {record, chunk};
-        if (CChunkRecords* const chunk = m_small.Find(address))
-            if (CChunkRecords::Record* const record = chunk->Find(address))
-                return {record, chunk};
-        return {};
+        return FindSmall(address);
     }
 
     /// False, and the map as before, when the chunk cannot be added: smaller than 2 KB, or no memory for the map.
@@ -179,6 +176,7 @@ private:
     using LargeTree = TChunkTree<14>;
     using SmallTree = TChunkTree<11>;
 
+    [[nodiscard]] SFound FindSmall(u64 address) const;
     [[nodiscard]] static bool IsLarge(CChunkRecords const* chunk)
     {
         return chunk->GetEnd() - chunk->GetStart() >= LargeTree::SmallestChunk;

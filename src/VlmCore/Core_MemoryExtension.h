@@ -148,11 +148,8 @@ public:
         u64 const threadKey = Platform::GetThreadKey();
         CHeapLane& lane = GetLane(threadKey);
         if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
-            return nullptr;
-        SMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
-        void* block = nullptr;
-        if (loaded.count != 0 && lane.credits != 0 && TryRecord(lane, loaded.first, kind, size)) [[likely]]
-            block = loaded.Pop();
+            return TryTakeShared(lane, kind, blockBits, size);
+        void* const block = TryPop(lane, kind, blockBits, size);
         lane.lock.ReleaseAsOwner();
         return block;
     }
@@ -163,11 +160,8 @@ public:
         u64 const threadKey = Platform::GetThreadKey();
         CHeapLane& lane = GetLane(threadKey);
         if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
-            return false;
-        SMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
-        bool const hasRoom = loaded.count != CHeapLane::GetMagazineSize(blockBits) && lane.credits != MostCredits;
-        if (hasRoom) [[likely]]
-            Push(lane, loaded, kind, block);
+            return TryGiveBackShared(lane, kind, blockBits, block);
+        bool const hasRoom = TryPush(lane, kind, blockBits, block);
         lane.lock.ReleaseAsOwner();
         return hasRoom;
     }
@@ -220,7 +214,7 @@ private:
 
     // Records and counts a block that the lane, which has a credit, is about to hand out. False when its chunk is not in
     // the map.
-    [[nodiscard]] bool TryRecord(CHeapLane& lane, void const* block, EHeap::Type kind, u64 size)
+    [[nodiscard, gnu::always_inline]] bool TryRecord(CHeapLane& lane, void const* block, EHeap::Type kind, u64 size)
     {
         CChunkRecords::Record* const record = Find(block).record;
         if (record == nullptr) [[unlikely]]
@@ -231,6 +225,15 @@ private:
         return true;
     }
 
+    // With the lane's lock.
+    [[nodiscard, gnu::always_inline]] void* TryPop(CHeapLane& lane, EHeap::Type kind, u32 blockBits, u64 size)
+    {
+        SMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
+        if (loaded.count != 0 && lane.credits != 0 && TryRecord(lane, loaded.first, kind, size)) [[likely]]
+            return loaded.Pop();
+        return nullptr;
+    }
+
     static void Push(CHeapLane& lane, SMagazine& loaded, EHeap::Type kind, SFreeBlock* block)
     {
         loaded.Push(block);
@@ -238,6 +241,18 @@ private:
         ++lane.credits;
     }
 
+    // With the lane's lock.
+    [[nodiscard]] static bool TryPush(CHeapLane& lane, EHeap::Type kind, u32 blockBits, SFreeBlock* block)
+    {
+        SMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
+        if (loaded.count == CHeapLane::GetMagazineSize(blockBits) || lane.credits == MostCredits) [[unlikely]]
+            return false;
+        Push(lane, loaded, kind, block);
+        return true;
+    }
+
+    [[nodiscard]] void* TryTakeShared(CHeapLane& lane, EHeap::Type kind, u32 blockBits, u64 size);
+    [[nodiscard]] static bool TryGiveBackShared(CHeapLane& lane, EHeap::Type kind, u32 blockBits, SFreeBlock* block);
     [[nodiscard]] bool Refill(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, CHeapLane& lane,
                               EBiasedHold& hold);
     [[nodiscard]] void* AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, u64 byteCount);

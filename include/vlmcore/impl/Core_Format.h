@@ -29,6 +29,9 @@ struct SFormatArgument {
         u64 number;
         void const* text;
     };
+    u64 size; ///< of a View, in bytes without the terminator; UnknownSize when nobody has measured it
+
+    static constexpr u64 UnknownSize = ~u64{0};
 };
 
 template <class T>
@@ -69,6 +72,11 @@ template <class T>
         argument.kind = SFormatArgument::View;
         argument.encoding = view.GetEncoding();
         argument.text = view.GetData();
+        argument.size = SFormatArgument::UnknownSize;
+        // Of literals the compiler knows it.
+        if constexpr (std::is_convertible_v<T const&, char const*>)
+            if (char const* const text = value; text != nullptr)
+                argument.size = __builtin_strlen(text);
     }
     return argument;
 }

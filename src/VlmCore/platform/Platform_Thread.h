@@ -60,7 +60,8 @@ using ThreadBody = void (*)(void* argument);
 /// Waits until the thread has ended and gives its handle back. Must not be called by that thread.
 void JoinThread(void* handle);
 
-/// True when SynchronizeThreads does what it says. Readies it; may be called again and again.
+/// True when SynchronizeThreads does what it says; not every system that this runs on has the means. Readies it; may be
+/// called again and again.
 [[nodiscard]] bool CanSynchronizeThreads();
 
 /// A full memory barrier in every thread of the process that is running: what any of them stored before is visible
