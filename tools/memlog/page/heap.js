@@ -32,14 +32,33 @@ function makeLine(label, stroke, format, more = {}) {
   return { label, stroke: () => color(stroke), width: 1.5, points: { show: false }, value, paths, ...more };
 }
 
+/** Draws a line from top to bottom where the blocks of the log took most room. */
+function drawPeak(plot, at) {
+  const { ctx, bbox } = plot;
+  const x = Math.round(plot.valToPos(at, "x", true));
+  if (x < bbox.left || x > bbox.left + bbox.width) return; // zoomed away
+  ctx.save();
+  ctx.strokeStyle = ctx.fillStyle = color("accent");
+  ctx.setLineDash([4, 4]);
+  ctx.beginPath();
+  ctx.moveTo(x, bbox.top);
+  ctx.lineTo(x, bbox.top + bbox.height);
+  ctx.stroke();
+  ctx.textAlign = "right";
+  ctx.textBaseline = "top";
+  ctx.fillText("peak ", x, bbox.top + 2);
+  ctx.restore();
+}
+
 /** The heap has an axis of its own: it holds what was there before the log began, too. */
-function makeHeapOptions(width, formatX) {
+function makeHeapOptions(width, formatX, peak) {
   const live = makeLine("Blocks of the log (left axis)", "live", formatBytes, { fill: () => color("live-fill") });
   const heap = makeLine("Heap size (right axis)", "heap", formatBytes, { scale: "heap" });
   const options = makeOptions(width, 280, formatX, formatBytes, [live, heap]);
   options.axes.push(
     makeAxis({ scale: "heap", side: 1, grid: { show: false }, values: (_, ticks) => ticks.map(formatBytes) }),
   );
+  if (peak !== undefined) options.hooks = { draw: [(plot) => drawPeak(plot, peak)] };
   return options;
 }
 
@@ -60,12 +79,13 @@ export class HeapChart {
     const isTime = axis === "byTime";
     const at = isTime ? curve.at.map((time) => time - this.data.totals.firstTime) : curve.at;
     const formatX = isTime ? formatTime : formatCount;
+    const peak = isTime ? this.data.totals.peakTime - this.data.totals.firstTime : undefined;
     const width = this.getWidth();
     const kinds = Object.keys(KindNames).filter((kind) => this.data.totals[kind] > 0);
     const step = isTime ? formatTime(curve.width) : `${formatCount(curve.width)} events`;
     const counts = kinds.map((kind) => makeLine(`${KindNames[kind]} per ${step}`, kind, formatCount));
     this.plots = [
-      new uPlot(makeHeapOptions(width, formatX), [at, curve.livePeak, curve.heapPeak], this.parent),
+      new uPlot(makeHeapOptions(width, formatX, peak), [at, curve.livePeak, curve.heapPeak], this.parent),
       new uPlot(
         { ...makeOptions(width, 140, formatX, formatCount, counts), padding: [null, AxisWidth, null, null] },
         [at, ...kinds.map((kind) => curve[kind])],

@@ -117,6 +117,39 @@ test("the log written by hand", needsBrowser, async (context) => {
   assert.deepEqual(page.troubles, []);
 });
 
+test("more call stacks than fit", needsBrowser, async (context) => {
+  const browser = await startBrowser(context);
+  const hashes = Array.from({ length: 250 }, (_, index) => index + 1);
+  const frame = (hash) => ({ Module: "game", Symbol: `Function${hash}`, File: "game.cpp", Line: hash });
+  const log = await makeFolder(context, {
+    "stacks.json": JSON.stringify({ Data: hashes.map((hash) => ({ CSHash: hash, Stack: [frame(hash)] })) }),
+    "events.json": JSON.stringify({
+      Data: hashes.map((hash) => ({
+        Timestamp: hash,
+        Address: `0x${(64 * hash).toString(16)}`,
+        Size: hash,
+        HeapSize: 0,
+        Event: "alloc",
+        CSHash: hash,
+      })),
+    }),
+  });
+  const page = await openFile(browser, join(await report(context, log, "many"), "report.html"));
+  assert.equal(await page.$eval("#count", (count) => count.textContent), "250 call stacks");
+  const places = async () => (await rowsOf(page)).map((row) => row.at(-1));
+  assert.deepEqual([(await places()).length, (await places())[0]], [100, "Function250 game.cpp:250"]);
+  await page.click("#more");
+  await page.click("#more");
+  assert.deepEqual([(await places()).length, (await places()).at(-1)], [250, "Function1 game.cpp:1"]);
+  assert.ok(await page.$eval("#more", (button) => button.hidden));
+
+  await page.click("#sites th:nth-child(2) button"); // blocks at the end: one each
+  assert.equal(await page.$eval("#sites th[aria-sort]", (cell) => cell.textContent), "Blocks at the end");
+  await search(page, "function24");
+  assert.equal((await places()).length, 11); // 24 and 240 to 249
+  assert.deepEqual(page.troubles, []);
+});
+
 test("a real run of vlmhost", needsPrograms, async (context) => {
   const browser = await startBrowser(context);
   const log = await makeFolder(context);
