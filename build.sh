@@ -79,6 +79,7 @@ need_preset() {
             need /usr/lib/wine/wine64 wine64
             need Xvfb xvfb
             need xauth xauth
+            need lldb-19 lldb-19
             ;;
         linux-gcc) need g++ g++ ;;
         linux)

@@ -1,20 +1,28 @@
 #!/usr/bin/env bash
-# check_dump.sh WINE CRASH_TESTS_EXE OBJ2YAML: lets a child crash in two ways and reads the dump it leaves.
+# check_dump.sh WINE CRASH_TESTS_EXE OBJ2YAML [LLDB]: lets children crash in every way that leaves a dump here, and reads
+# the dumps back: exception, thread and modules with obj2yaml, the stack with lldb.
 set -euo pipefail
-wine=$1 program=$2 reader=$3
+wine=$1 program=$2 reader=$3 debugger=${4:-}
+folder=$(dirname "$program")
+kept=$(mktemp -d "$folder/dumps.XXXXXX")
+trap 'rm -rf "$kept"' EXIT
 
 fail() { echo "FAILED: $*" >&2; exit 1; }
 
-check() {
-    local kind=$1 code=$2
-    local output dump yaml thread
+# One child, one dump. Dumps are named by the second, so each is put away before the next.
+crash() {
+    local kind=$1 output dump
     output=$("$wine" "$program" --vlmcore-child=LeavesADump "$kind" </dev/null 2>/dev/null | tr -d '\r') || true
-    thread=$(sed -n 's/^thread //p' <<<"$output")
     dump=$(sed -n 's/^1 Wrote minidump .*[\\]//p' <<<"$output")
     [[ -n $dump ]] || fail "$kind: no dump in: $output"
-    dump=$(dirname "$program")/$dump
-    yaml=$("$reader" "$dump") || fail "$kind: the dump cannot be read"
-    rm -f "$dump"
+    sed -n 's/^thread //p' <<<"$output" >"$kept/$kind.thread"
+    mv "$folder/$dump" "$kept/$kind.dmp"
+}
+
+check_records() {
+    local kind=$1 code=$2 yaml thread
+    thread=$(<"$kept/$kind.thread")
+    yaml=$("$reader" "$kept/$kind.dmp") || fail "$kind: the dump cannot be read"
     yaml=${yaml^^}
     grep -q "EXCEPTION CODE: *0X0*$code" <<<"$yaml" || fail "$kind: wrong exception code"
     # The thread that crashed, in the exception stream and again in the thread list.
@@ -26,5 +34,52 @@ check() {
     echo "$kind: $code in thread $thread"
 }
 
-check WriteToNull C0000005
-check DivideByZero C0000094
+# The debugger starts slowly: one run prints the stacks of all dumps, each behind the command that opened it.
+print_stacks() {
+    local commands=() kind
+    for kind in "$@"; do
+        commands+=(-o "target create -c '$kept/$kind.dmp'" -o "target symbols add '${program%.exe}.pdb'" -o "thread backtrace")
+    done
+    "$debugger" --no-lldbinit --batch "${commands[@]}" 2>/dev/null
+}
+
+# check_stack KIND CODE FUNCTION...: the thread that is shown crashed with CODE; the FUNCTIONs are its innermost frames.
+check_stack() {
+    local kind=$1 code=$2 stack frame=0 function
+    shift 2
+    stack=$(awk -v dump="/$kind.dmp'" '/^\(lldb\) target create/ { mine = index($0, dump) } mine' "$kept/stacks")
+    grep -q "stop reason = Exception 0x${code,,} " <<<"$stack" || fail "$kind: lldb sees another exception: $stack"
+    for function in "$@"; do
+        grep -q "frame #$frame: .*crash_tests.exe\`$function.* at crash_tests.cpp:[0-9]" <<<"$stack" ||
+            fail "$kind: frame $frame is not $function: $stack"
+        frame=$((frame + 1))
+    done
+    echo "$kind: $* on the stack"
+}
+
+# Each way to crash, its code, and the functions that the stack begins with. A stack overflow is not here: Wine ends the
+# thread before anybody can report it.
+ways=(
+    "WriteToNull C0000005 WriteToNull"
+    "ReadFromNowhere C0000005 ReadFromNowhere"
+    "DivideByZero C0000094 DivideByZero"
+    "ExecuteNonsense C000001D ExecuteNonsense"
+    "ExecuteSystemInstruction C0000096 ExecuteSystemInstruction"
+    "BreakIntoDebugger 80000003 BreakIntoDebugger"
+    "CorruptHeapAndCrash C0000005 WriteToNull CorruptHeapAndCrash"
+)
+kinds=()
+for way in "${ways[@]}"; do
+    read -r kind code functions <<<"$way"
+    crash "$kind"
+    check_records "$kind" "$code"
+    kinds+=("$kind")
+done
+
+[[ -n $debugger ]] || { echo "no lldb: stacks not checked"; exit 0; }
+print_stacks "${kinds[@]}" >"$kept/stacks"
+for way in "${ways[@]}"; do
+    read -r kind code functions <<<"$way"
+    # shellcheck disable=SC2086
+    check_stack "$kind" "$code" $functions VlmCoreChild_LeavesADump
+done
