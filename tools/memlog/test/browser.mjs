@@ -9,6 +9,7 @@ export const browserPath = Browsers.find((path) => path && existsSync(path));
 
 /** Starts the browser, which ends with the test `context`. */
 export async function startBrowser(context) {
+  if (!browserPath) throw new Error("No browser: install Debian's chromium, or name one in MEMLOG_BROWSER.");
   // Without its sandbox, which root cannot have; the pages are this project's own.
   const args = ["--no-sandbox", "--disable-dev-shm-usage", "--force-color-profile=srgb"];
   const browser = await puppeteer.launch({ executablePath: browserPath, args, headless: true });
