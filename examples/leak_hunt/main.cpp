@@ -1,10 +1,11 @@
 // A server of a hundred sessions with three faults on purpose, recorded by the memory event log: a buffer that is
 // forgotten when a session times out, objects that hold each other, and a text that is built anew for every message.
 //
-//   leak_hunt FOLDER    writes events.json and stacks.json there
+//   leak_hunt FOLDER [unbuffered]    writes events.json and stacks.json there; unbuffered: each event at once
 #include <vlmcore/vlmcore.h>
 
 #include <cstdio>
+#include <cstring>
 
 using namespace Velmor;
 
@@ -91,8 +92,9 @@ private:
 
 int main(int argumentCount, char** arguments)
 {
-    if (argumentCount != 2) {
-        std::fputs("leak_hunt FOLDER\n", stderr);
+    bool const isUnbuffered = argumentCount == 3 && std::strcmp(arguments[2], "unbuffered") == 0;
+    if (argumentCount != 2 && !isUnbuffered) {
+        std::fputs("leak_hunt FOLDER [unbuffered]\n", stderr);
         return 2;
     }
     Memory::Initialize(0, 0);
@@ -101,7 +103,7 @@ int main(int argumentCount, char** arguments)
         CMutableString stacks;
         Format(events, "%1/events.json", arguments[1]);
         Format(stacks, "%1/stacks.json", arguments[1]);
-        CFileMemoryLogger log(events, stacks, 8192);
+        CFileMemoryLogger log(events, stacks, isUnbuffered ? 0 : 8192);
         Memory::InitializeLog(&log);
         u64 const length = RunServer();
         Memory::ReleaseLog();

@@ -12,7 +12,7 @@ const Programs = process.env.MEMLOG_PROGRAMS;
 
 test("a log that grows", { skip: !Programs && "MEMLOG_PROGRAMS names no folder" }, async (context) => {
   const folder = await makeFolder(context);
-  const program = spawn(join(Programs, "leak_hunt"), [folder], { stdio: "ignore" });
+  const program = spawn(join(Programs, "leak_hunt"), [folder, "unbuffered"], { stdio: "ignore" });
   const exit = once(program, "exit");
   const read = () => readLog(join(folder, "events.json"), join(folder, "stacks.json"), { title: "" });
   const counts = [];
