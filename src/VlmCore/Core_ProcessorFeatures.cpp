@@ -24,6 +24,7 @@ SProcessorFeatures AskProcessor()
     features.avx2 = avxSaved && has(extended.ebx, 5) && has(extended.ebx, 3) && has(extended.ebx, 8);
     features.avx512 = avx512Saved && features.avx2 && has(extended.ebx, 16) && has(extended.ebx, 17) &&
                       has(extended.ebx, 30) && has(extended.ebx, 31);
+    features.avx512Bytes = features.avx512 && has(extended.ecx, 1) && has(extended.ecx, 6);
     features.wideCarrylessMultiply = features.avx512 && features.carrylessMultiply && has(extended.ecx, 10);
     return features;
 }

@@ -16,6 +16,7 @@ struct SProcessorFeatures {
     bool carrylessMultiply;     ///< PCLMULQDQ with SSSE3 and SSE4.1
     bool avx2;                  ///< AVX2, and BMI1 and BMI2, which came with it
     bool avx512;                ///< AVX-512 F, BW, DQ and VL
+    bool avx512Bytes;           ///< AVX-512 VBMI and VBMI2 besides, with AVX2 and BMI2
     bool wideCarrylessMultiply; ///< VPCLMULQDQ on 512-bit registers
 };
 

@@ -8,40 +8,51 @@
 
 namespace Velmor::Text {
 
-/// Shorter than this, the plain rule is done before a kernel has looked around.
-inline constexpr u64 ShortText = 16;
+/// Bytes of a text, terminator excluded, and its characters.
+struct SExtent {
+    u64 size;
+    u64 count;
+};
 
 template <class Rules>
 [[nodiscard]] u64 GetTextSize(u8 const* text)
 {
     auto const kernel = TextKernels::Get().getTextSize[TextKernels::IndexOf<Rules>];
-    return kernel != nullptr ? kernel(text, ~u64{0}) : TextRules::GetTextSize<Rules>(text);
+    return kernel != nullptr ? kernel(text) : TextRules::GetTextSize<Rules>(text);
+}
+
+template <class Rules>
+[[nodiscard]] SExtent GetExtent(u8 const* text)
+{
+    SExtent extent{};
+    if (auto const kernel = TextKernels::Get().countCharacters[TextKernels::IndexOf<Rules>])
+        extent.count = kernel(text, extent.size);
+    else
+        extent = {TextRules::GetTextSize<Rules>(text), TextRules::CountCharacters<Rules>(text)};
+    return extent;
 }
 
 template <class Rules>
 [[nodiscard]] u64 CountCharacters(u8 const* text)
 {
-    auto const& kernels = TextKernels::Get();
-    auto const kernel = kernels.countCharacters[TextKernels::IndexOf<Rules>];
-    return kernel != nullptr ? kernel(text, GetTextSize<Rules>(text)) : TextRules::CountCharacters<Rules>(text);
+    u64 size;
+    auto const kernel = TextKernels::Get().countCharacters[TextKernels::IndexOf<Rules>];
+    return kernel != nullptr ? kernel(text, size) : TextRules::CountCharacters<Rules>(text);
 }
 
 template <class From, class To>
 [[nodiscard]] u64 GetConvertedSize(u8 const* text)
 {
-    auto const& kernels = TextKernels::Get();
-    auto const kernel = kernels.getConvertedSize[TextKernels::IndexOf<From>][TextKernels::IndexOf<To>];
-    return kernel != nullptr ? kernel(text, GetTextSize<From>(text)) : TextRules::GetConvertedSize<From, To>(text);
+    auto const kernel = TextKernels::Get().getConvertedSize[TextKernels::IndexOf<From>][TextKernels::IndexOf<To>];
+    return kernel != nullptr ? kernel(text) : TextRules::GetConvertedSize<From, To>(text);
 }
 
 template <class From, class To>
 u8* ConvertCharacters(u8 const* text, u64 count, u8* out)
 {
     TextKernels::SConversion state{text, out, count};
-    if (count >= ShortText) {
-        if (auto const kernel = TextKernels::Get().convert[TextKernels::IndexOf<From>][TextKernels::IndexOf<To>])
-            kernel(state);
-    }
+    if (auto const kernel = TextKernels::Get().convert[TextKernels::IndexOf<From>][TextKernels::IndexOf<To>])
+        kernel(state);
     return TextRules::ConvertCharacters<From, To>(state.in, state.count, state.out);
 }
 
@@ -53,24 +64,47 @@ inline u8* ConvertPlaneZeroUnits(u8 const* units, u64 count, u8* out)
     return TextRules::ConvertPlaneZeroUnits(state.in, state.count, state.out);
 }
 
+/// Order of two texts of one encoding, as their units.
+template <class Rules>
+[[nodiscard]] int CompareUnits(u8 const* left, u8 const* right)
+{
+    using Unit = typename Rules::Unit;
+    auto const kernel = TextKernels::Get().findDifference[TextKernels::IndexOf<Rules>];
+    if (kernel == nullptr)
+        return TextRules::Compare<Rules, Rules>(left, right);
+    u64 const offset = kernel(left, right);
+    Unit const leftUnit = Encodings::Load<Unit>(left + offset);
+    Unit const rightUnit = Encodings::Load<Unit>(right + offset);
+    return leftUnit == rightUnit ? 0 : leftUnit < rightUnit ? -1 : 1;
+}
+
+/// Order of two texts of different encodings, as code points; the left one has the narrower units.
+template <class Narrow, class Wide>
+[[nodiscard]] int CompareMixed(u8 const* narrow, u8 const* wide)
+{
+    constexpr u64 PlainSteps = 16;
+    auto const skipSame = TextKernels::Get().skipSame[TextKernels::IndexOf<Narrow>][TextKernels::IndexOf<Wide>];
+    if (skipSame == nullptr)
+        return TextRules::Compare<Narrow, Wide>(narrow, wide);
+    for (;;) {
+        u64 const same = skipSame(narrow, wide);
+        narrow += same * Narrow::UnitSize;
+        wide += same * Wide::UnitSize;
+        bool ends = false;
+        if (int const order = TextRules::CompareSome<Narrow, Wide>(narrow, wide, PlainSteps, ends); ends)
+            return order;
+    }
+}
+
 template <class Left, class Right>
 [[nodiscard]] int Compare(u8 const* left, u8 const* right)
 {
-    if constexpr (Left::Encoding == Right::Encoding) {
-        using Unit = typename Left::Unit;
-        // Most comparisons are settled by the first unit.
-        Unit const first = Encodings::Load<Unit>(left);
-        Unit const second = Encodings::Load<Unit>(right);
-        if (first != second)
-            return first < second ? -1 : 1;
-        if (auto const kernel = TextKernels::Get().findDifference[TextKernels::IndexOf<Left>]) {
-            u64 const offset = kernel(left, right);
-            Unit const leftUnit = Encodings::Load<Unit>(left + offset);
-            Unit const rightUnit = Encodings::Load<Unit>(right + offset);
-            return leftUnit == rightUnit ? 0 : leftUnit < rightUnit ? -1 : 1;
-        }
-    }
-    return TextRules::Compare<Left, Right>(left, right);
+    if constexpr (Left::Encoding == Right::Encoding)
+        return CompareUnits<Left>(left, right);
+    else if constexpr (Left::UnitSize < Right::UnitSize)
+        return CompareMixed<Left, Right>(left, right);
+    else
+        return -CompareMixed<Right, Left>(right, left);
 }
 
 } // namespace Velmor::Text

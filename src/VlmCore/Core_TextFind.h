@@ -6,16 +6,16 @@
 #include "Core_Text.h"
 #include "Core_TextSearch.h"
 
-#include <algorithm>
-
 namespace Velmor::TextSearch {
 
-/// What a kernel looks for: the first unit of a match, and another one further on.
+/// What a kernel looks for: the beginning of the needle in the text's encoding, as far as it fits.
 struct SPlan {
+    static constexpr u64 Capacity = 64;
+
     bool isUsable = false;
-    u32 first = 0;
-    u32 last = 0;
-    u64 lastOffset = 0; ///< bytes from the start of the match to the last unit
+    u8 units[Capacity];
+    u64 size = 0;   ///< bytes
+    u64 length = 0; ///< characters
 };
 
 /// True for code points that have one form only in text without irregular blocks.
@@ -32,23 +32,17 @@ template <class Rules>
 
 /// The plan for a needle read code point by code point from `next`, which returns 0 at its end.
 template <class Rules, class Next>
-[[nodiscard]] SPlan MakePlan(Next&& next)
+void MakePlan(SPlan& plan, Next&& next)
 {
-    SPlan plan;
-    u64 size = 0;
     for (u32 codePoint = next(); codePoint != 0; codePoint = next()) {
         if (!HasOneForm<Rules>(codePoint))
-            return {};
-        u8 written[4] = {};
-        u8 const* const end = Rules::Write(codePoint, written);
-        if (size == 0)
-            plan.first = Encodings::Load<typename Rules::Unit>(written);
-        plan.last = Encodings::Load<typename Rules::Unit>(end - Rules::UnitSize);
-        size += static_cast<u64>(end - written);
+            return;
+        if (plan.size + 4 > SPlan::Capacity)
+            break;
+        plan.size = static_cast<u64>(Rules::Write(codePoint, plan.units + plan.size) - plan.units);
+        ++plan.length;
     }
-    plan.isUsable = size != 0;
-    plan.lastOffset = plan.isUsable ? size - Rules::UnitSize : 0;
-    return plan;
+    plan.isUsable = plan.size != 0;
 }
 
 /// First place at or behind `from` where `match` gives the end of an occurrence. `match` must miss wherever the text
@@ -56,24 +50,16 @@ template <class Rules, class Next>
 template <class Rules, class Match>
 [[nodiscard]] SMatch FindPlanned(SPosition from, SPlan const& plan, Match&& match)
 {
-    constexpr u64 FirstChunk = 256;
-    constexpr u64 LargestChunk = 8192;
-    constexpr u64 PlainSteps = 16;
-    auto const& kernels = TextKernels::Get();
-    auto const skipTo = plan.isUsable ? kernels.skipTo[TextKernels::IndexOf<Rules>] : nullptr;
-    auto const getTextSize = kernels.getTextSize[TextKernels::IndexOf<Rules>];
-    for (u64 chunk = FirstChunk;; chunk = std::min(2 * chunk, LargestChunk)) {
-        if (skipTo != nullptr) {
-            // Only as far ahead as will soon be read anyway: a match may be near, and the text long.
-            u64 const limit = chunk + plan.lastOffset;
-            u64 const size = std::min(getTextSize(from.place, limit), limit);
-            u8 const* const before = from.place;
-            from.place = skipTo(from.place, size, plan.first, plan.last, plan.lastOffset, from.index);
-            u64 const left = size - static_cast<u64>(from.place - before);
-            if (size == limit && from.place != before && left < TextKernels::BlockSize + plan.lastOffset)
-                continue;
+    auto const find = plan.isUsable ? TextKernels::Get().find[TextKernels::IndexOf<Rules>] : nullptr;
+    for (;;) {
+        u8 const* stop = nullptr;
+        if (find != nullptr) {
+            TextKernels::SSearch search{from.place, from.index, plan.units, plan.size, plan.length, nullptr};
+            find(search);
+            from = {search.place, search.index};
+            stop = search.resume;
         }
-        for (u64 step = 0; step < PlainSteps || skipTo == nullptr; ++step, ++from.index) {
+        for (; stop == nullptr || from.place < stop; ++from.index) {
             if (u8 const* const end = match(from.place))
                 return {from, end};
             if (Encodings::IsEnd<Rules>(from.place))
@@ -91,7 +77,7 @@ public:
     explicit CTextFinder(u8 const* needle) : m_needle(needle)
     {
         bool isWhole = true;
-        m_plan = MakePlan<Rules>([&, place = needle]() mutable -> u32 {
+        MakePlan<Rules>(m_plan, [&, place = needle]() mutable -> u32 {
             if (Encodings::IsEnd<NeedleRules>(place))
                 return 0;
             auto const [codePoint, size] = NeedleRules::Read(place);
@@ -117,7 +103,8 @@ private:
 template <class Rules>
 [[nodiscard]] SMatch FindCodePointFast(SPosition from, u32 wanted)
 {
-    SPlan const plan = MakePlan<Rules>([wanted, isDone = false]() mutable -> u32 {
+    SPlan plan;
+    MakePlan<Rules>(plan, [wanted, isDone = false]() mutable -> u32 {
         u32 const codePoint = isDone ? 0 : wanted;
         isDone = true;
         return codePoint;

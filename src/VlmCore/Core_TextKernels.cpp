@@ -13,6 +13,8 @@ namespace {
 SKernels const& GetSet(ELevel level)
 {
     switch (level) {
+    case ELevel::AVX512:
+        return AVX512Kernels;
     case ELevel::AVX2:
         return AVX2Kernels;
     case ELevel::SSE2:
@@ -43,7 +45,8 @@ SKernels const& Get()
 ELevel GetBestLevel()
 {
 #if defined(__x86_64__) || defined(_M_X64)
-    return GetProcessorFeatures().avx2 ? ELevel::AVX2 : ELevel::SSE2;
+    SProcessorFeatures const& features = GetProcessorFeatures();
+    return features.avx512Bytes ? ELevel::AVX512 : features.avx2 ? ELevel::AVX2 : ELevel::SSE2;
 #else
     return ELevel::Plain;
 #endif

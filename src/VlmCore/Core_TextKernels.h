@@ -2,9 +2,9 @@
 /// The inner loops over text, in one set per vector width and a plain one. A set is chosen once by the processor; results
 /// are those of Core_TextRules.h and Core_TextSearch.h on every input, malformed included.
 ///
-/// Each kernel takes what it can in whole blocks, leaves irregular blocks to the plain rule, and the end to its caller or
-/// to the plain rule. Reading never goes outside a text, but for GetTextSize and FindDifference: these read whole
-/// vectors that hold at least one byte of the text and lie in its page, as the C library's strlen does.
+/// Each kernel takes what it can in whole registers and leaves irregular places to the plain rule. Reading may go around
+/// a text, never beyond it: whole registers that hold at least one byte of the text and lie in its page, as the C
+/// library's strlen does. Writing never goes outside.
 #pragma once
 
 #include <vlmcore/impl/Core_Encoding.h>
@@ -19,7 +19,7 @@
 namespace Velmor::TextKernels {
 
 /// The sets, from the slowest on.
-enum class ELevel : u32 { Plain, SSE2, AVX2 };
+enum class ELevel : u32 { Plain, SSE2, AVX2, AVX512 };
 
 /// Where a conversion has come to; `count` characters are still to do.
 struct SConversion {
@@ -28,28 +28,39 @@ struct SConversion {
     u64 count;
 };
 
-/// Takes characters from the front of a conversion as long as `count` is large; leaves at least the last ones.
+/// Takes characters from the front of a conversion, as many as it can; the plain rule does the rest.
 using ConvertKernel = void (*)(SConversion& state);
+
+/// What is looked for: units in the text's own encoding that nothing else stands for in regular text. And where.
+struct SSearch {
+    u8 const* place;
+    u64 index; ///< characters in front of the place
+    u8 const* units;
+    u64 size;         ///< bytes of the units
+    u64 length;       ///< their characters
+    u8 const* resume; ///< where the kernel may be asked again
+};
 
 /// Functions for one-, two- and four-byte units stand in this order.
 struct SKernels {
-    /// Bytes up to the terminator, `limit` at the most (or a little more).
-    u64 (*getTextSize[3])(u8 const* text, u64 limit);
-    /// Characters of a text of `size` bytes.
-    u64 (*countCharacters[3])(u8 const* text, u64 size);
+    /// Bytes up to the terminator.
+    u64 (*getTextSize[3])(u8 const* text);
+    /// Characters of a text; gives its bytes, too.
+    u64 (*countCharacters[3])(u8 const* text, u64& size);
     /// Byte offset of the first unit that differs or is a common terminator.
     u64 (*findDifference[3])(u8 const* left, u8 const* right);
-    /// Bytes that a text of `size` bytes takes in another encoding: [from][to]; null where a formula does.
-    u64 (*getConvertedSize[3][3])(u8 const* text, u64 size);
+    /// [narrow][wide]: units from the front on that are single characters and the same in both texts, in whole steps.
+    u64 (*skipSame[3][3])(u8 const* narrow, u8 const* wide);
+    /// Bytes that a text takes in another encoding: [from][to]; null where a formula does.
+    u64 (*getConvertedSize[3][3])(u8 const* text);
     /// [from][to]; null on the diagonal.
     ConvertKernel convert[3][3];
     /// 16 to 8 bits with surrogates taken for plain units.
     ConvertKernel convertPlaneZero;
-    /// Moves on to the first place from which on a match may begin whose text starts with `first` (a unit or the bytes of
-    /// a character) and has `last` at byte offset `lastOffset`; `size` bytes of text, `index` counts the characters
-    /// passed. Stops in front of blocks that it cannot judge.
-    u8 const* (*skipTo[3])(u8 const* place, u64 size, u32 first, u32 last, u64 lastOffset, u64& index);
-    /// Letters from `first` to `first + 25` become those 32 up or down, in whole blocks; returns the bytes done.
+    /// Moves on to the first match, or to a place from which the plain rule must go on up to `resume`: the terminator, or
+    /// the first place whose match would reach into irregular text.
+    void (*find[3])(SSearch& search);
+    /// Letters from `first` to `first + 25` become those 32 up or down; returns the bytes done, whole characters.
     u64 (*mapCase[3])(u8* text, u64 size, u32 first);
 };
 
@@ -65,6 +76,7 @@ bool Force(ELevel level);
 extern SKernels const PlainKernels;
 extern SKernels const SSE2Kernels;
 extern SKernels const AVX2Kernels;
+extern SKernels const AVX512Kernels;
 
 /// Position of an encoding in the tables.
 template <class Rules>

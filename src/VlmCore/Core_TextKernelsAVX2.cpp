@@ -1,10 +1,13 @@
 #include "Core_ProcessorFeatures.h"
 #include "Core_TextKernels.h"
+#include "Core_TextRules.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 #if defined(__x86_64__) || defined(_M_X64)
 
@@ -17,92 +20,52 @@ using namespace Encodings;
 
 #  define VLM_KERNEL VLM_TARGET("avx2,popcnt")
 
-template <class Unit>
-VLM_KERNEL inline bool IsZero(u8 const* place)
+constexpr u64 VectorWidth = 32;
+
+using CRegister = u8 __attribute__((vector_size(VectorWidth)));
+
+VLM_KERNEL inline u64 MaskOf(CRegister bytes)
 {
-    Unit unit;
-    std::memcpy(&unit, place, sizeof(Unit));
-    return unit == 0;
+    return static_cast<u32>(_mm256_movemask_epi8(reinterpret_cast<__m256i>(bytes)));
 }
 
-/// 32 bytes.
-struct SVector {
-    static constexpr u64 Width = 32;
-    static constexpr u64 FullMask = 0xFFFFFFFF;
-
-    __m256i value;
-
-    VLM_KERNEL static SVector Load(u8 const* place)
-    {
-        return {_mm256_loadu_si256(reinterpret_cast<__m256i const*>(place))};
-    }
-    VLM_KERNEL VLM_READS_AROUND static SVector LoadAround(u8 const* place)
-    {
-        return {_mm256_loadu_si256(reinterpret_cast<__m256i const*>(place))};
-    }
-    VLM_KERNEL void Store(u8* place) const { _mm256_storeu_si256(reinterpret_cast<__m256i*>(place), value); }
-    VLM_KERNEL static SVector Zero() { return {_mm256_setzero_si256()}; }
-    template <class Unit>
-    VLM_KERNEL static SVector Set(Unit unit)
-    {
-        if constexpr (sizeof(Unit) == 1)
-            return {_mm256_set1_epi8(static_cast<char>(unit))};
-        else if constexpr (sizeof(Unit) == 2)
-            return {_mm256_set1_epi16(static_cast<short>(unit))};
-        else
-            return {_mm256_set1_epi32(static_cast<int>(unit))};
-    }
-    template <class Unit>
-    VLM_KERNEL static __m256i Equal(__m256i left, __m256i right)
-    {
-        if constexpr (sizeof(Unit) == 1)
-            return _mm256_cmpeq_epi8(left, right);
-        else if constexpr (sizeof(Unit) == 2)
-            return _mm256_cmpeq_epi16(left, right);
-        else
-            return _mm256_cmpeq_epi32(left, right);
-    }
-    VLM_KERNEL static u64 Mask(__m256i lanes) { return static_cast<u32>(_mm256_movemask_epi8(lanes)); }
-    template <class Unit>
-    VLM_KERNEL static u64 EqualMask(SVector left, SVector right)
-    {
-        return Mask(Equal<Unit>(left.value, right.value));
-    }
-    VLM_KERNEL u64 HighBits() const { return Mask(value); }
-    VLM_KERNEL u64 BelowSigned8(int limit) const
-    {
-        return Mask(_mm256_cmpgt_epi8(_mm256_set1_epi8(static_cast<char>(limit)), value));
-    }
-    VLM_KERNEL u64 AtLeast8(u8 limit) const
-    {
-        __m256i const floor = _mm256_set1_epi8(static_cast<char>(limit));
-        return Mask(_mm256_cmpeq_epi8(_mm256_max_epu8(value, floor), value));
-    }
-    VLM_KERNEL SVector And(SVector other) const { return {_mm256_and_si256(value, other.value)}; }
-    /// Lanes from `first` to `first + 25` have their bit 5 flipped.
-    template <class Unit>
-    VLM_KERNEL SVector FlipCase(u32 first) const
-    {
-        __m256i const base = Set<Unit>(static_cast<Unit>(first)).value;
-        __m256i const last = Set<Unit>(Unit{25}).value;
-        __m256i letters;
-        if constexpr (sizeof(Unit) == 1) {
-            __m256i const distance = _mm256_sub_epi8(value, base);
-            letters = _mm256_cmpeq_epi8(_mm256_min_epu8(distance, last), distance);
-        }
-        else if constexpr (sizeof(Unit) == 2) {
-            __m256i const distance = _mm256_sub_epi16(value, base);
-            letters = _mm256_cmpeq_epi16(_mm256_min_epu16(distance, last), distance);
-        }
-        else {
-            __m256i const distance = _mm256_sub_epi32(value, base);
-            letters = _mm256_cmpeq_epi32(_mm256_min_epu32(distance, last), distance);
-        }
-        return {_mm256_xor_si256(value, _mm256_and_si256(letters, Set<Unit>(Unit{0x20}).value))};
-    }
-};
+VLM_KERNEL inline u64 SumOf(CRegister bytes)
+{
+    __m256i const sums = _mm256_sad_epu8(reinterpret_cast<__m256i>(bytes), _mm256_setzero_si256());
+    __m128i const half = _mm_add_epi64(_mm256_castsi256_si128(sums), _mm256_extracti128_si256(sums, 1));
+    return static_cast<u64>(_mm_cvtsi128_si64(half) + _mm_cvtsi128_si64(_mm_unpackhi_epi64(half, half)));
+}
 
 #  include "Core_TextVector.h"
+#  include "Core_TextVectorMeasure.h"
+#  include "Core_TextVectorSearch.h"
+
+/// Characters that stay behind for the plain rule: writing whole registers may go past what was written.
+constexpr u64 SpareCharacters = 32;
+
+/// The plain rule for some characters, where a block is irregular.
+template <class From, class To>
+void ConvertPlainly(SConversion& state, u64 count)
+{
+    state.out = TextRules::ConvertCharactersFrom<From, To>(state.in, count, state.out);
+    state.count -= count;
+}
+
+VLM_KERNEL inline bool HasHigh(u8 const* block)
+{
+    return MaskOf(Load<u8>(block) | Load<u8>(block + VectorWidth)) != 0;
+}
+
+/// Bytes of a block in front of the end of its last whole character.
+VLM_KERNEL inline u64 WholeSize(u64 ends)
+{
+    return BlockSize - static_cast<u64>(std::countl_zero(ends));
+}
+
+VLM_KERNEL inline bool HasSurrogate(u8 const* place)
+{
+    return MaskWhere(SIsSurrogate::Test(Load<u16>(place))) != 0;
+}
 
 // ---- From UTF-8 -----------------------------------------------------------------------------------------------------
 
@@ -141,6 +104,23 @@ constexpr std::array<CShuffle, 256> MakeByteShuffles()
     return shuffles;
 }
 
+/// For eight 16-bit lanes: lane is longer than one byte; how to close the gaps.
+constexpr std::array<CShuffle, 256> MakePairShuffles()
+{
+    std::array<CShuffle, 256> shuffles{};
+    for (u32 longer = 0; longer < 256; ++longer) {
+        shuffles[longer].fill(0x80);
+        u32 to = 0;
+        for (u32 lane = 0; lane < 8; ++lane) {
+            shuffles[longer][to++] = static_cast<u8>(2 * lane);
+            if ((longer >> lane & 1) != 0)
+                shuffles[longer][to++] = static_cast<u8>(2 * lane + 1);
+        }
+    }
+    return shuffles;
+}
+
+alignas(64) constexpr std::array<CShuffle, 256> PairShuffles = MakePairShuffles();
 alignas(64) constexpr std::array<CShuffle, 256> LaneShuffles = MakeLaneShuffles();
 alignas(64) constexpr std::array<CShuffle, 256> ByteShuffles = MakeByteShuffles();
 
@@ -228,13 +208,13 @@ VLM_KERNEL void ConvertFrom8(SConversion& state)
         return;
     ConvertPlainly<SUTF8, To>(state, 2);
     while (state.count >= BlockSize + SpareCharacters) {
-        if (ReadHigh(state.in) == 0) {
+        if (!HasHigh(state.in)) {
             state.out = WidenBlock<To>(state.in, state.out);
             state.in += BlockSize;
             state.count -= BlockSize;
             continue;
         }
-        SBytes const bytes = ReadBytes(state.in);
+        SBytes const bytes = ReadBytes(state.in, ~u64{0});
         if (bytes.continuation != bytes.GetCovered() || bytes.four != 0) {
             ConvertPlainly<SUTF8, To>(state, 24);
             continue;
@@ -244,7 +224,7 @@ VLM_KERNEL void ConvertFrom8(SConversion& state)
         u8* out = state.out;
         for (u32 offset = 0; offset < BlockSize; offset += 16)
             out = ConvertEnds<To>(state.in + offset, static_cast<u32>(ends >> offset & 0xFFFF), out, bad);
-        if (To::UnitSize == 2 && SVector::Mask(bad) != 0) {
+        if (To::UnitSize == 2 && MaskOf(reinterpret_cast<CRegister>(bad)) != 0) {
             ConvertPlainly<SUTF8, To>(state, 24);
             continue;
         }
@@ -279,6 +259,24 @@ VLM_KERNEL inline u8* WriteUTF8(u8* out, __m256i codePoints)
     return out + 4 + std::popcount(second);
 }
 
+/// Writes sixteen code points below 0x800 as UTF-8.
+VLM_KERNEL inline u8* WriteShortUTF8(u8* out, __m256i units)
+{
+    __m256i const isLong = _mm256_cmpgt_epi16(units, _mm256_set1_epi16(0x7F));
+    __m256i const lead = _mm256_or_si256(_mm256_srli_epi16(units, 6), _mm256_set1_epi16(0xC0));
+    __m256i const tail = _mm256_or_si256(_mm256_and_si256(units, _mm256_set1_epi16(0x3F)), _mm256_set1_epi16(0x80));
+    __m256i const two = _mm256_or_si256(lead, _mm256_slli_epi16(tail, 8));
+    __m256i const bytes = _mm256_blendv_epi8(units, two, isLong);
+    u32 const longer = static_cast<u32>(
+        _mm_movemask_epi8(_mm_packs_epi16(_mm256_castsi256_si128(isLong), _mm256_extracti128_si256(isLong, 1))));
+    u32 const first = longer & 0xFF;
+    u32 const second = longer >> 8;
+    Store128(out, _mm_shuffle_epi8(_mm256_castsi256_si128(bytes), LoadShuffle(PairShuffles[first])));
+    out += 8 + std::popcount(first);
+    Store128(out, _mm_shuffle_epi8(_mm256_extracti128_si256(bytes, 1), LoadShuffle(PairShuffles[second])));
+    return out + 8 + std::popcount(second);
+}
+
 template <bool PlaneZero>
 VLM_KERNEL void Convert16To8(SConversion& state)
 {
@@ -289,7 +287,11 @@ VLM_KERNEL void Convert16To8(SConversion& state)
             state = {state.in + 32, state.out + 16, state.count - 16};
             continue;
         }
-        if (!PlaneZero && SurrogateMask(state.in) != 0) {
+        if (_mm256_testz_si256(units, _mm256_set1_epi16(static_cast<short>(0xF800))) != 0) {
+            state = {state.in + 32, WriteShortUTF8(state.out, units), state.count - 16};
+            continue;
+        }
+        if (!PlaneZero && HasSurrogate(state.in)) {
             ConvertPlainly<SUTF16, SUTF8>(state, 8);
             continue;
         }
@@ -303,7 +305,7 @@ VLM_KERNEL void Convert16To8(SConversion& state)
 VLM_KERNEL void Convert16To32(SConversion& state)
 {
     while (state.count >= 16 + SpareCharacters) {
-        if (SurrogateMask(state.in) != 0) {
+        if (HasSurrogate(state.in)) {
             ConvertPlainly<SUTF16, SUTF32>(state, 8);
             continue;
         }
@@ -337,7 +339,7 @@ VLM_KERNEL void Convert32To16(SConversion& state)
     while (state.count >= 8 + SpareCharacters) {
         __m256i const units = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(state.in));
         __m256i const isLast = _mm256_cmpeq_epi32(units, _mm256_set1_epi32(0xFFFF));
-        if (!AreBelow(units, 0x10000) || SVector::Mask(isLast) != 0) {
+        if (!AreBelow(units, 0x10000) || _mm256_movemask_epi8(isLast) != 0) {
             ConvertPlainly<SUTF32, SUTF16>(state, 8);
             continue;
         }
@@ -348,18 +350,10 @@ VLM_KERNEL void Convert32To16(SConversion& state)
 
 } // namespace
 
-SKernels const AVX2Kernels = {
-    {GetTextSize<u8>, GetTextSize<u16>, GetTextSize<u32>},
-    {CountUTF8, CountUTF16, CountUTF32},
-    {FindDifference<u8>, FindDifference<u16>, FindDifference<u32>},
-    {{nullptr, GetSize8As16, nullptr}, {GetSize16As8, nullptr, nullptr}, {nullptr, nullptr, nullptr}},
-    {{nullptr, ConvertFrom8<SUTF16>, ConvertFrom8<SUTF32>},
-     {Convert16To8<false>, nullptr, Convert16To32},
-     {Convert32To8, Convert32To16, nullptr}},
-    Convert16To8<true>,
-    {SkipTo8, SkipToUnit<SUTF16>, SkipToUnit<SUTF32>},
-    {MapCase8, MapCase16, MapCase32},
-};
+SKernels const AVX2Kernels = MakeKernels({{nullptr, ConvertFrom8<SUTF16>, ConvertFrom8<SUTF32>},
+                                          {Convert16To8<false>, nullptr, Convert16To32},
+                                          {Convert32To8, Convert32To16, nullptr}},
+                                         Convert16To8<true>);
 
 } // namespace Velmor::TextKernels
 

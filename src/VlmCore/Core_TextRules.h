@@ -52,9 +52,10 @@ template <class From, class To>
     return size;
 }
 
-/// Writes `count` characters converted, whether or not a zero unit is among them; returns the position behind them.
+/// Writes `count` characters converted, whether or not a zero unit is among them, and moves `text` behind them; returns the
+/// position behind what was written.
 template <class From, class To>
-u8* ConvertCharacters(u8 const* text, u64 count, u8* out)
+u8* ConvertCharactersFrom(u8 const*& text, u64 count, u8* out)
 {
     for (; count != 0; --count) {
         auto const [codePoint, sourceSize] = From::Read(text);
@@ -64,12 +65,40 @@ u8* ConvertCharacters(u8 const* text, u64 count, u8* out)
     return out;
 }
 
+template <class From, class To>
+u8* ConvertCharacters(u8 const* text, u64 count, u8* out)
+{
+    return ConvertCharactersFrom<From, To>(text, count, out);
+}
+
 /// Writes `count` 16-bit units as one to three bytes each, surrogates like any other unit.
 inline u8* ConvertPlaneZeroUnits(u8 const* units, u64 count, u8* out)
 {
     for (; count != 0; --count, units += 2)
         out = Encodings::SUTF8::Write(Encodings::Load<u16>(units), out);
     return out;
+}
+
+/// Order of two texts of different encodings as code points, decided within `steps` characters: negative, zero or
+/// positive, and `ends`; otherwise both positions stand behind these characters.
+template <class Left, class Right>
+[[nodiscard]] int CompareSome(u8 const*& left, u8 const*& right, u64 steps, bool& ends)
+{
+    ends = true;
+    for (; steps != 0; --steps) {
+        bool const leftEnds = Encodings::IsEnd<Left>(left);
+        bool const rightEnds = Encodings::IsEnd<Right>(right);
+        if (leftEnds || rightEnds)
+            return static_cast<int>(rightEnds) - static_cast<int>(leftEnds);
+        auto const [leftCodePoint, leftSize] = Left::Read(left);
+        auto const [rightCodePoint, rightSize] = Right::Read(right);
+        if (leftCodePoint != rightCodePoint)
+            return leftCodePoint < rightCodePoint ? -1 : 1;
+        left += leftSize;
+        right += rightSize;
+    }
+    ends = false;
+    return 0;
 }
 
 /// Order of two texts as their own units, or as code points when the encodings differ: negative, zero or positive.
@@ -88,18 +117,8 @@ template <class Left, class Right>
         }
     }
     else {
-        for (;;) {
-            bool const leftEnds = Encodings::IsEnd<Left>(left);
-            bool const rightEnds = Encodings::IsEnd<Right>(right);
-            if (leftEnds || rightEnds)
-                return static_cast<int>(rightEnds) - static_cast<int>(leftEnds);
-            auto const [leftCodePoint, leftSize] = Left::Read(left);
-            auto const [rightCodePoint, rightSize] = Right::Read(right);
-            if (leftCodePoint != rightCodePoint)
-                return leftCodePoint < rightCodePoint ? -1 : 1;
-            left += leftSize;
-            right += rightSize;
-        }
+        bool ends = false;
+        return CompareSome<Left, Right>(left, right, ~u64{0}, ends);
     }
 }
 

@@ -1,4 +1,5 @@
 // Every string operation on arbitrary texts of all encodings against the plain rules, in buffers without a spare byte.
+#include "Core_TextKernels.h"
 #include "FuzzSupport.h"
 
 #include <vlmcore/strings.h>
@@ -265,6 +266,8 @@ void CheckDistance(CString const& left, SPlainText const& leftPlain, CString con
 
 void CheckInput(std::uint8_t const* data, std::size_t size)
 {
+    // Every set of kernels that this processor has, in turn with the inputs.
+    TextKernels::Force(static_cast<TextKernels::ELevel>(data[3] / 24 % 4));
     auto const encoding = [](unsigned value) { return static_cast<EStringEncoding::Type>(value % 3); };
     u64 const start = data[1] % 40;
     u64 const end = data[2] == 255 ? IString::End : data[2] % 80;

@@ -301,9 +301,11 @@ TEST_P(CStringKernels, UnalignedText)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Sets, CStringKernels, ::testing::Values(ELevel::Plain, ELevel::SSE2, ELevel::AVX2),
+INSTANTIATE_TEST_SUITE_P(Sets, CStringKernels,
+                         ::testing::Values(ELevel::Plain, ELevel::SSE2, ELevel::AVX2, ELevel::AVX512),
                          [](auto const& instance) {
                              return instance.param == ELevel::Plain  ? "Plain"
                                     : instance.param == ELevel::SSE2 ? "SSE2"
-                                                                     : "AVX2";
+                                    : instance.param == ELevel::AVX2 ? "AVX2"
+                                                                     : "AVX512";
                          });
