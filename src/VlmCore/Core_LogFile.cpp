@@ -18,6 +18,10 @@ public:
 
     /// Swaps the buffers and writes out the one that was current. False when there was nothing in it.
     bool Drain();
+    /// Ends the thread.
+    void Finish();
+    /// What producers wake it with.
+    [[nodiscard]] CWriterBell& GetBell() { return m_bell; }
 
 protected:
     void Execute() override;
@@ -26,6 +30,7 @@ private:
     [[nodiscard]] CFileLogger::SBuffer& GetCurrentBuffer() const;
 
     CFileLogger* m_owner;
+    CWriterBell m_bell;
     CDrainPolicy m_policy;
 };
 
@@ -75,7 +80,7 @@ CFileLogger::CFileLogger(TResourcePtr<IFile> const& file, u64 bufferSize) : m_fi
 CFileLogger::~CFileLogger()
 {
     if (m_writer != nullptr) {
-        m_writer->Join();
+        m_writer->Finish();
         // What came in after the thread's last look.
         while (m_writer->Drain())
             continue;
@@ -122,6 +127,12 @@ void CFileLogger::Write(Log::EMessage::Type type, u64 timestamp, CString const& 
 void CFileLogger::WriteBuffered(u8 const* line, u64 lineSize)
 {
     u64 copied = 0;
+    bool isBellWanted = false;
+    auto const release = [&] {
+        m_lock.Release();
+        if (isBellWanted)
+            m_writer->GetBell().Ring();
+    };
     m_lock.Acquire();
     for (;;) {
         SBuffer& buffer = m_buffers[m_index.load(std::memory_order_relaxed)];
@@ -132,13 +143,14 @@ void CFileLogger::WriteBuffered(u8 const* line, u64 lineSize)
         CopyPadded(buffer.data + used, line, lineSize, copied, count);
         buffer.used.store(used + count, std::memory_order_relaxed);
         copied += count;
+        isBellWanted = m_writer->GetBell().IsWanted();
         if (copied >= lineSize)
             break;
-        m_lock.Release();
+        release();
         Thread::Reschedule();
         m_lock.Acquire();
     }
-    m_lock.Release();
+    release();
 }
 
 /// Offers the bytes until the file has taken all of them, takes none, or throws. Returns how many are lost.
@@ -163,8 +175,18 @@ u64 CFileLogger::WriteToFile(u8 const* data, u64 size) noexcept
 
 void CLogWriter::Execute()
 {
-    if (m_policy.IsDue(GetCurrentBuffer().used.load(std::memory_order_relaxed), m_owner->m_bufferSize))
+    auto const getUsed = [this] { return GetCurrentBuffer().used.load(std::memory_order_relaxed); };
+    EDrain const decision = m_policy.Decide(getUsed(), m_owner->m_bufferSize);
+    if (decision == EDrain::Now)
         Drain();
+    else if (decision == EDrain::Idle)
+        m_bell.Sleep(m_owner->m_lock, [&] { return getUsed() == 0; });
+}
+
+void CLogWriter::Finish()
+{
+    m_bell.Close(m_owner->m_lock);
+    Join();
 }
 
 CFileLogger::SBuffer& CLogWriter::GetCurrentBuffer() const

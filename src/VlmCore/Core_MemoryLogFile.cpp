@@ -41,7 +41,7 @@ CFileMemoryLogger::CFileMemoryLogger(TResourcePtr<IFile> const& events, TResourc
 
 CFileMemoryLogger::~CFileMemoryLogger()
 {
-    m_writer->Join();
+    m_writer->Finish();
     // What came in after the thread's last look.
     while (m_writer->Drain())
         continue;
@@ -164,7 +164,10 @@ void CFileMemoryLogger::RecordBuffered(u64 event, void const* address, u64 size)
     record.event = event;
     Fill(record, stack, frameCount);
     buffer->count.store(count + 1, std::memory_order_relaxed);
+    bool const isBellWanted = m_writer->GetBell().IsWanted();
     m_lock.Release();
+    if (isBellWanted) [[unlikely]]
+        m_writer->GetBell().Ring();
 }
 
 } // namespace Velmor

@@ -49,9 +49,18 @@ void CJSONMemoryLogWriter::Execute()
 {
     if (m_self.load(std::memory_order_relaxed) == NoThreadId)
         m_self.store(Thread::GetId(), std::memory_order_release);
-    u64 const count = GetCurrentBuffer().count.load(std::memory_order_relaxed);
-    if (m_policy.IsDue(count, m_owner->m_capacity))
+    auto const getCount = [this] { return GetCurrentBuffer().count.load(std::memory_order_relaxed); };
+    EDrain const decision = m_policy.Decide(getCount(), m_owner->m_capacity);
+    if (decision == EDrain::Now)
         Drain();
+    else if (decision == EDrain::Idle)
+        m_bell.Sleep(m_owner->m_lock, [&] { return getCount() == 0; });
+}
+
+void CJSONMemoryLogWriter::Finish()
+{
+    m_bell.Close(m_owner->m_lock);
+    Join();
 }
 
 CFileMemoryLogger::SBuffer& CJSONMemoryLogWriter::GetCurrentBuffer() const

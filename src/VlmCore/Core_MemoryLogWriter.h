@@ -28,6 +28,11 @@ public:
     void StartThread();
     [[nodiscard]] bool IsCaller() const { return m_self.load(std::memory_order_relaxed) == Thread::GetId(); }
 
+    /// Ends the thread.
+    void Finish();
+    /// What recording threads wake it with.
+    [[nodiscard]] CWriterBell& GetBell() { return m_bell; }
+
     /// Writes what the current buffer holds. False when there was nothing. Never throws; by the writer's thread, or when
     /// that has ended.
     bool Drain() noexcept;
@@ -62,18 +67,20 @@ private:
     void AppendStack(CJSONText& text, SRecord const& record);
     void ReportDropped();
 
+    // What recording threads look at comes first, and far from what the writer changes with every record.
     CFileMemoryLogger* m_owner;
+    std::atomic<u32> m_self{NoThreadId};
+    bool m_isWritingNow = false;
+    CWriterBell m_bell;
+    CStackFilter m_filter; ///< of m_writtenStacks
     Debug::SCallstackLine m_frames[Debug::MaxFrames];
     TMap<u32, bool> m_writtenStacks;
-    CStackFilter m_filter; ///< of m_writtenStacks
     CJSONFile m_stacks;
     CJSONFile m_events;
     CDrainPolicy m_policy;
-    std::atomic<u32> m_self{NoThreadId};
     std::atomic<u64> m_dropped{0};
     std::atomic<u64> m_progress{0};              ///< records that the writer is done with
     std::atomic<u64> m_stalledProgress{~u64{0}}; ///< the progress at which a thread lost its patience
-    bool m_isWritingNow = false;
 };
 
 } // namespace Velmor

@@ -1,11 +1,17 @@
-// The parts that the memory event log is made of: when a thread gives up its wait, and which stacks it need not bring.
+// Labels: threads
+// The parts that the writers of the logs are made of: when a thread gives up its wait, which stacks it need not bring, how
+// a writer sleeps.
+#include "Core_DrainPolicy.h"
 #include "Core_StackFilter.h"
 #include "Core_StallWatch.h"
+
+#include <vlmcore/impl/Core_Lock.h>
 
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <set>
+#include <thread>
 
 namespace {
 
@@ -98,6 +104,71 @@ TEST(StackFilter, AThousandSitesAreNearlyAllKnown)
     for (u32 const each : hashes)
         known += filter->Knows(each) ? 1 : 0;
     EXPECT_GT(known, 950u);
+}
+
+TEST(DrainPolicy, TakesAHalfFullBufferAtOnce)
+{
+    CDrainPolicy policy;
+    EXPECT_EQ(policy.Decide(51, 100), EDrain::Now);
+    EXPECT_EQ(policy.Decide(50, 100), EDrain::Later);
+    EXPECT_EQ(policy.Decide(1, 1), EDrain::Now);
+}
+
+TEST(DrainPolicy, AfterAWhileTakesALittleOrSleeps)
+{
+    CDrainPolicy policy;
+    int rounds = 0;
+    EDrain decision = EDrain::Later;
+    for (; decision == EDrain::Later; ++rounds)
+        decision = policy.Decide(1, 100);
+    EXPECT_EQ(decision, EDrain::Now);
+    EXPECT_GT(rounds, 100);
+    for (decision = EDrain::Later; decision == EDrain::Later;)
+        decision = policy.Decide(0, 100);
+    EXPECT_EQ(decision, EDrain::Idle);
+}
+
+TEST(WriterBell, NobodySleepsBesideWork)
+{
+    CSpinLock lock;
+    CWriterBell bell;
+    EXPECT_FALSE(bell.IsWanted());
+    bell.Sleep(lock, [] { return false; });
+    EXPECT_FALSE(bell.IsWanted());
+    EXPECT_TRUE(lock.TryAcquire());
+}
+
+TEST(WriterBell, RingsForASleeperOnce)
+{
+    CSpinLock lock;
+    CWriterBell bell;
+    bool isEmpty = true; // under the lock
+    std::thread sleeper([&] {
+        for (bool goesOn = true; goesOn;) {
+            bell.Sleep(lock, [&] { return isEmpty; });
+            TScopedLock const guard(lock);
+            goesOn = isEmpty;
+        }
+    });
+    for (bool isWanted = false; !isWanted;) {
+        TScopedLock const guard(lock);
+        isWanted = bell.IsWanted();
+        isEmpty = !isWanted;
+    }
+    bell.Ring();
+    sleeper.join();
+    EXPECT_FALSE(bell.IsWanted());
+}
+
+TEST(WriterBell, NobodySleepsOnceItIsClosed)
+{
+    CSpinLock lock;
+    CWriterBell bell;
+    std::thread sleeper([&] { bell.Sleep(lock, [] { return true; }); });
+    bell.Close(lock);
+    sleeper.join();
+    bell.Sleep(lock, [] { return true; });
+    EXPECT_FALSE(bell.IsWanted());
 }
 
 } // namespace

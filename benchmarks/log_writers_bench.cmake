@@ -1,0 +1,1 @@
+vlmcore_benchmark(log_writers)
