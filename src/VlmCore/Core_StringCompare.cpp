@@ -11,7 +11,7 @@ namespace {
 
 constexpr u64 HashStart = 0x14650FB0739D0383;
 
-/// Order of two texts that are not empty.
+/// Order of two texts that are not null. An empty one is in front of all others, as its terminator tells.
 int Compare(IString const& left, IString const& right)
 {
     return Dispatch(left.GetEncoding(), [&](auto leftRules) {
@@ -31,10 +31,10 @@ u32 Fold(u64 hash)
 
 bool IString::operator==(CString const& other) const
 {
-    bool const empty = IsEmpty();
-    if (empty || other.IsEmpty())
-        return empty && other.IsEmpty();
-    return m_data == other.m_data || Compare(*this, other) == 0;
+    if (m_data == nullptr || other.m_data == nullptr)
+        return IsEmpty() && other.IsEmpty();
+    return m_data == other.m_data ? m_encoding == other.m_encoding || IsEmpty() == other.IsEmpty()
+                                  : Compare(*this, other) == 0;
 }
 
 bool IString::operator!=(CString const& other) const
@@ -44,17 +44,15 @@ bool IString::operator!=(CString const& other) const
 
 bool IString::operator<(CString const& other) const
 {
-    bool const empty = IsEmpty();
-    if (empty || other.IsEmpty())
-        return empty && !other.IsEmpty();
+    if (m_data == nullptr || other.m_data == nullptr)
+        return IsEmpty() && !other.IsEmpty();
     return Compare(*this, other) < 0;
 }
 
 bool IString::operator>(CString const& other) const
 {
-    bool const empty = IsEmpty();
-    if (empty || other.IsEmpty())
-        return !empty && other.IsEmpty();
+    if (m_data == nullptr || other.m_data == nullptr)
+        return !IsEmpty() && other.IsEmpty();
     return Compare(*this, other) > 0;
 }
 

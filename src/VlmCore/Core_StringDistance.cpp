@@ -3,6 +3,7 @@
 #include <vlmcore/strings.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 namespace Velmor {
@@ -149,45 +150,88 @@ struct SColumn {
     u64 minus;
 };
 
-/// Moves a word of the column on by one code point of the longer text, whose places in the shorter one are `equal`.
-/// The carries hold, in their lowest bit, how the cell above the word changed from column to column, and afterwards how
-/// the word's cell `last` did.
-inline void Advance(SColumn& column, u64 equal, u64 last, u64& plusCarry, u64& minusCarry)
+/// What one word of a column hands to the word below it: the carry of the addition, and how the cell between them changed
+/// from column to column.
+struct SCarries {
+    u64 sum;
+    u64 plus;
+    u64 minus;
+};
+
+/// Moves a word of the column on by one code point of the longer text, whose places in the shorter one are `equal`. The
+/// words are one long number: only the carry of its addition goes from word to word without delay.
+inline SCarries Advance(SColumn& column, u64 equal, SCarries carries)
 {
-    u64 const vertical = equal | column.minus;
-    equal |= minusCarry;
-    u64 const horizontal = (((equal & column.plus) + column.plus) ^ column.plus) | equal;
-    u64 plus = column.minus | ~(horizontal | column.plus);
-    u64 minus = column.plus & horizontal;
-    u64 const plusOut = plus >> last & 1;
-    u64 const minusOut = minus >> last & 1;
-    plus = plus << 1 | plusCarry;
-    minus = minus << 1 | minusCarry;
-    column = {minus | ~(vertical | plus), plus & vertical};
-    plusCarry = plusOut;
-    minusCarry = minusOut;
+    u64 const sum = (equal & column.plus) + column.plus;
+    u64 const whole = sum + carries.sum;
+    u64 const carry = static_cast<u64>(sum < column.plus) | static_cast<u64>(whole < sum);
+    u64 const diagonal = (whole ^ column.plus) | equal | column.minus;
+    u64 const plus = column.minus | ~(diagonal | column.plus);
+    u64 const minus = column.plus & diagonal;
+    u64 const plusBelow = plus << 1 | carries.plus;
+    u64 const minusBelow = minus << 1 | carries.minus;
+    column = {minusBelow | ~(diagonal | plusBelow), plusBelow & diagonal};
+    return {carry, plus >> 63, minus >> 63};
 }
 
-/// The distance column by column, 64 cells at a time (Myers' method, in Hyyro's form for longer texts).
+/// The distance column by column, 64 cells at a time (Myers' bit-vector method, its words joined by carries).
 u64 GetColumnDistance(SCodePoints const& longer, SCodePoints const& shorter, CPlaces const& places, SColumn* columns)
 {
     u64 const words = CPlaces::GetWordCount(shorter.count);
-    u64 const lastOfAll = (shorter.count - 1) % WordBits;
     for (u64 word = 0; word < words; ++word)
         columns[word] = {~u64{0}, 0};
-    u64 distance = shorter.count;
     for (u64 index = 0; index < longer.count; ++index) {
         u64 const* const equal = places.GetRow(longer.data[index]);
-        u64 plusCarry = 1;
-        u64 minusCarry = 0;
-        for (u64 word = 0; word + 1 < words; ++word)
-            Advance(columns[word], equal[word], WordBits - 1, plusCarry, minusCarry);
-        Advance(columns[words - 1], equal[words - 1], lastOfAll, plusCarry, minusCarry);
-        distance += plusCarry;
-        distance -= minusCarry;
+        SCarries carries = {0, 1, 0};
+        for (u64 word = 0; word < words; ++word)
+            carries = Advance(columns[word], equal[word], carries);
+    }
+    // The last column, added up from its top.
+    u64 distance = longer.count;
+    for (u64 word = 0; word < words; ++word) {
+        u64 const cells = std::min(shorter.count - word * WordBits, WordBits);
+        u64 const used = ~u64{0} >> (WordBits - cells);
+        distance += static_cast<u64>(std::popcount(columns[word].plus & used));
+        distance -= static_cast<u64>(std::popcount(columns[word].minus & used));
     }
     return distance;
 }
+
+/// The same for 64 cells at the most: one word, which stays in registers.
+u64 GetWordDistance(SCodePoints const& longer, SCodePoints const& shorter, CPlaces const& places)
+{
+    SColumn column = {~u64{0}, 0};
+    for (u64 index = 0; index < longer.count; ++index)
+        Advance(column, *places.GetRow(longer.data[index]), {0, 1, 0});
+    u64 const used = ~u64{0} >> (WordBits - shorter.count);
+    return longer.count + static_cast<u64>(std::popcount(column.plus & used)) -
+           static_cast<u64>(std::popcount(column.minus & used));
+}
+
+/// Memory for one call: a little from the stack, more from the heap.
+class CScratch {
+public:
+    static constexpr u64 StackSize = 6144;
+
+    explicit CScratch(u64 size) : m_block(size <= StackSize ? nullptr : Memory::Malloc(size, EHeap::Pool8))
+    {
+        if (size > StackSize && m_block == nullptr)
+            throw CBadAllocation();
+    }
+    ~CScratch()
+    {
+        if (m_block != nullptr)
+            Memory::FreeQuietly(m_block);
+    }
+    CScratch(CScratch const&) = delete;
+    CScratch& operator=(CScratch const&) = delete;
+
+    [[nodiscard]] u8* Get() { return m_block != nullptr ? static_cast<u8*>(m_block) : m_stack; }
+
+private:
+    void* m_block;
+    alignas(8) u8 m_stack[StackSize];
+};
 
 } // namespace
 
@@ -203,11 +247,10 @@ u64 IString::GetDistance(CString const& other) const
     u64 const columnsSize = CPlaces::GetWordCount(shorterLength) * sizeof(SColumn);
     u64 const codePointsSize = (ownLength + otherLength + 1) / 2 * 2 * sizeof(u32);
     // One block for everything, of eight-byte cells first.
-    void* const block = Memory::Malloc(columnsSize + codePointsSize + CPlaces::GetSize(shorterLength), EHeap::Pool8);
-    if (block == nullptr)
-        throw CBadAllocation();
-    SColumn* const columns = static_cast<SColumn*>(block);
-    u32* const own = reinterpret_cast<u32*>(static_cast<u8*>(block) + columnsSize);
+    CScratch scratch(columnsSize + codePointsSize + CPlaces::GetSize(shorterLength));
+    u8* const block = scratch.Get();
+    SColumn* const columns = reinterpret_cast<SColumn*>(block);
+    u32* const own = reinterpret_cast<u32*>(block + columnsSize);
     u32* const others = own + ownLength;
     Dispatch(m_encoding, [&](auto rules) {
         using Rules = decltype(rules);
@@ -222,13 +265,11 @@ u64 IString::GetDistance(CString const& other) const
     Trim(longer, shorter);
     if (longer.count < shorter.count)
         std::swap(longer, shorter);
-    u64 distance = longer.count;
-    if (shorter.count != 0) {
-        CPlaces const places(shorter, static_cast<u8*>(block) + columnsSize + codePointsSize);
-        distance = GetColumnDistance(longer, shorter, places, columns);
-    }
-    Memory::Free(block);
-    return distance;
+    if (shorter.count == 0)
+        return longer.count;
+    CPlaces const places(shorter, block + columnsSize + codePointsSize);
+    return shorter.count <= WordBits ? GetWordDistance(longer, shorter, places)
+                                     : GetColumnDistance(longer, shorter, places, columns);
 }
 
 } // namespace Velmor

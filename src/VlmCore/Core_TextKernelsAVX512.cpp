@@ -108,6 +108,12 @@ struct SForm {
     }
 };
 
+/// Moves the three lower bytes of each lane to the front.
+VLM_KERNEL inline __m512i CloseGaps(__m512i bytes)
+{
+    return _mm512_maskz_compress_epi8(0x7777777777777777, bytes);
+}
+
 /// Writes those of sixteen code points that are chosen.
 template <bool MayHaveFour>
 VLM_KERNEL inline u8* WriteUTF8(u8* out, __m512i codePoints, u32 chosen)
@@ -115,6 +121,8 @@ VLM_KERNEL inline u8* WriteUTF8(u8* out, __m512i codePoints, u32 chosen)
     __mmask16 const wanted = static_cast<__mmask16>(chosen);
     __mmask16 const two = _mm512_mask_cmpge_epu32_mask(wanted, codePoints, Fill32(0x80));
     __mmask16 const three = _mm512_mask_cmpge_epu32_mask(wanted, codePoints, Fill32(0x800));
+    if (!MayHaveFour && three == 0xFFFF)
+        return StoreFirst(out, CloseGaps(SForm(0x0000060C, 0x003F3F0F, 0x008080E0).Apply(codePoints)), 48);
     __m512i bytes = _mm512_maskz_mov_epi32(wanted, codePoints);
     bytes = _mm512_mask_mov_epi32(bytes, two, SForm(0x00000006, 0x00003F1F, 0x000080C0).Apply(codePoints));
     bytes = _mm512_mask_mov_epi32(bytes, three, SForm(0x0000060C, 0x003F3F0F, 0x008080E0).Apply(codePoints));
@@ -261,12 +269,14 @@ VLM_KERNEL inline __m512i Join(__m256i firstBytes, __m256i secondBytes, __m256i 
     return _mm512_mask_mov_epi16(joined, _mm512_cmpge_epu16_mask(first, Fill16(0xE0)), three);
 }
 
-/// The bytes of a block, and at the same places those one, two and three places further on.
+/// The bytes of a block, and those one, two and three places further on: at the same places, or at places `shift` further
+/// on for each of them.
 struct SBlock8 {
     __m512i bytes;
     __m512i next1;
     __m512i next2;
     __m512i next3;
+    u32 shift;
 };
 
 /// Converts the characters that begin at `starts`, three bytes each at the most; null when one of them is two units.
@@ -275,8 +285,8 @@ VLM_KERNEL inline u8* ConvertShort(u8* out, SBlock8 const& block, u64 starts)
 {
     u64 const count = CountBits(starts);
     __m512i const first = _mm512_maskz_compress_epi8(starts, block.bytes);
-    __m512i const second = _mm512_maskz_compress_epi8(starts, block.next1);
-    __m512i const third = _mm512_maskz_compress_epi8(starts, block.next2);
+    __m512i const second = _mm512_maskz_compress_epi8(starts << block.shift, block.next1);
+    __m512i const third = _mm512_maskz_compress_epi8(starts << 2 * block.shift, block.next2);
     __m512i const units =
         Join(_mm512_castsi512_si256(first), _mm512_castsi512_si256(second), _mm512_castsi512_si256(third));
     if (To::UnitSize == 2 && _mm512_cmpeq_epi16_mask(units, Fill16(0xFFFF)) != 0)
@@ -307,9 +317,9 @@ VLM_KERNEL inline u8* ConvertLong(u8* out, SBlock8 const& block, u64 starts)
         starts &= ~group;
         u64 const count = CountBits(group);
         __m512i const first = TakeBytes(block.bytes, group);
-        __m512i const second = _mm512_and_si512(TakeBytes(block.next1, group), low);
-        __m512i const third = _mm512_and_si512(TakeBytes(block.next2, group), low);
-        __m512i const fourth = _mm512_and_si512(TakeBytes(block.next3, group), low);
+        __m512i const second = _mm512_and_si512(TakeBytes(block.next1, group << block.shift), low);
+        __m512i const third = _mm512_and_si512(TakeBytes(block.next2, group << 2 * block.shift), low);
+        __m512i const fourth = _mm512_and_si512(TakeBytes(block.next3, group << 3 * block.shift), low);
         __m512i const upper = _mm512_and_si512(first, Fill32(0x0F));
         __m512i const two = _mm512_or_si512(_mm512_slli_epi32(_mm512_and_si512(first, Fill32(0x1F)), 6), second);
         __m512i const three =
@@ -365,7 +375,7 @@ VLM_KERNEL void ConvertBlocks(SConversion& state)
     u64 count = state.count;
     for (; count >= 2 * BlockSize; in += BlockSize) {
         SBlock8 const block = {LoadFirst(in, BlockSize), LoadFirst(in + 1, BlockSize), LoadFirst(in + 2, BlockSize),
-                               LoadFirst(in + 3, BlockSize)};
+                               LoadFirst(in + 3, BlockSize), 0};
         if ((static_cast<u64>(_mm512_movepi8_mask(block.bytes)) | carried) == 0) {
             out = WidenASCII<To>(out, block.bytes, BlockSize);
             count -= BlockSize;
@@ -407,9 +417,7 @@ VLM_KERNEL void ConvertFrom8(SConversion& state)
             continue;
         }
         u64 const starts = ~bytes.continuation & whole;
-        SBlock8 const shifted = {block, _mm512_maskz_compress_epi8(~u64{0} << 1, block),
-                                 _mm512_maskz_compress_epi8(~u64{0} << 2, block),
-                                 _mm512_maskz_compress_epi8(~u64{0} << 3, block)};
+        SBlock8 const shifted = {block, block, block, block, 1};
         state.out = ConvertCharactersAt<To>(state.out, shifted, starts, (bytes.four & whole) != 0);
         state.in += size;
         state.count -= CountBits(starts);

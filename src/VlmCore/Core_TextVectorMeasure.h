@@ -116,7 +116,8 @@ struct SUnits8 : SMeasure8 {
             irregular |= (leads << 1 | before) & (EqualBytes(block, Fill<u8>(0xBF)) | BytesBelow(block, 0x90));
         }
         u64 const amount = CountBits(~bytes.continuation & inText) + CountBits(bytes.four & inText);
-        return {bytes.zero, irregular & inText, bytes.GetCarried(), amount};
+        // The terminator counts as a byte below 90: what it cuts short may be smaller, too.
+        return {bytes.zero, irregular & (inText | (bytes.zero & -bytes.zero)), bytes.GetCarried(), amount};
     }
     VLM_KERNEL static void Take(u8 const* place, CLanes8& irregular, CLanes8& least, CLanes8& amount)
     {

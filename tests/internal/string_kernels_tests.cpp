@@ -301,6 +301,35 @@ TEST_P(CStringKernels, UnalignedText)
     }
 }
 
+// Every combination of kinds of units, at every place around the end of a block, up to the terminator.
+TEST_P(CStringKernels, EveryShortEnding)
+{
+    u8 const kinds[] = {0x41, 0x8F, 0x90, 0xA0, 0xBF, 0xC1, 0xC3, 0xE0, 0xEF, 0xF0, 0xF4, 0xFF};
+    u64 const lengths[] = {0, 61, 62, 63, 64, 126, 250, 253, 255, 256};
+    for (u64 const length : lengths) {
+        std::vector<u8> bytes(length + 4, 'a');
+        bytes.back() = 0;
+        u64 const combinations = std::size(kinds) * std::size(kinds) * std::size(kinds);
+        for (u64 combination = 0; combination < combinations; ++combination) {
+            bytes[length] = kinds[combination % std::size(kinds)];
+            bytes[length + 1] = kinds[combination / std::size(kinds) % std::size(kinds)];
+            bytes[length + 2] = kinds[combination / std::size(kinds) / std::size(kinds)];
+            for (u64 cut = 0; cut < 3; ++cut) {
+                CString const text(m_text.PlaceAtEnd(bytes.data() + cut, bytes.size() - cut), EStringEncoding::UTF8);
+                auto const results = Both([&] {
+                    return std::vector<u64>{text.GetLength(),      text.GetAllocatedSizeAs(EStringEncoding::UTF16),
+                                            text.GetHash(),        text.Find(u"\uFFFF"),
+                                            text.Find("\xC3\x81"), text.Find(0xC1),
+                                            text.Find('A'),        text.Find("\xEF\x80\x80")};
+                });
+                ASSERT_EQ(results.first, results.second) << length << ' ' << combination << ' ' << cut;
+                auto const converted = Both([&] { return BytesOf(text.ToUTF16()); });
+                ASSERT_EQ(converted.first, converted.second) << length << ' ' << combination << ' ' << cut;
+            }
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Sets, CStringKernels,
                          ::testing::Values(ELevel::Plain, ELevel::SSE2, ELevel::AVX2, ELevel::AVX512),
                          [](auto const& instance) {
