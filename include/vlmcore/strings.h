@@ -24,6 +24,7 @@
 
 #include <vlmcore/export.h>
 #include <vlmcore/impl/Core_Encoding.h>
+#include <vlmcore/impl/Core_ShortNumber.h>
 #include <vlmcore/impl/Core_StringIterator.h>
 #include <vlmcore/impl/Core_UniquePtr.h>
 #include <vlmcore/impl/Core_Vector.h>
@@ -235,11 +236,27 @@ public:
     // refused: nothing written, 0 returned. So is a null `out`. `out` needs no alignment. Nothing here allocates.
 
     /// Decimal digits, "-" in front of a negative value, never a "+". At most 20 characters and the terminator.
-    static u64 FromInteger(i64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
+    static u64 FromInteger(i64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
+    {
+        if (static_cast<u64>(value) < Impl::ShortNumberLimit &&
+            IsPlainOutput(out, outSize, Impl::ShortNumberSize, encoding))
+            return Impl::WriteShortNumber(static_cast<u32>(value), out);
+        return RenderInteger(value, out, outSize, encoding);
+    }
     /// Decimal digits. At most 20 characters and the terminator.
-    static u64 FromUnsignedInteger(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
+    static u64 FromUnsignedInteger(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
+    {
+        if (value < Impl::ShortNumberLimit && IsPlainOutput(out, outSize, Impl::ShortNumberSize, encoding))
+            return Impl::WriteShortNumber(static_cast<u32>(value), out);
+        return RenderUnsignedInteger(value, out, outSize, encoding);
+    }
     /// "0x" and upper-case digits without leading zeros; "0x0" for 0. At most 18 characters and the terminator.
-    static u64 FromHex(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
+    static u64 FromHex(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
+    {
+        if (value < Impl::ShortHexLimit && IsPlainOutput(out, outSize, Impl::ShortHexSize, encoding))
+            return Impl::WriteShortHex(static_cast<u32>(value), out);
+        return RenderHex(value, out, outSize, encoding);
+    }
     /// Whole part, a point, and 1 to 7 digits of fraction, cut where less than 1e-6 is left; "Inf", "-Inf", "NaN".
     /// Values between -1 and 0 lose their sign ("-0.5" gives "0.5"; kept: hosts depend on it), and a whole part outside
     /// 64 bits prints as the smallest integer. At most 28 characters and the terminator.
@@ -253,10 +270,18 @@ public:
     // there: 0 for null, empty and foreign text. No blanks, no "+", no exponent. Overflow wraps. Never throws.
 
     /// As ToUnsignedInteger, negated when the text begins with "-".
-    [[nodiscard]] i64 ToInteger(EBinaryEncoding::Type order) const;
+    [[nodiscard]] i64 ToInteger(EBinaryEncoding::Type order) const
+    {
+        u64 value;
+        return TryReadPlainNumber(value) ? static_cast<i64>(value) : ParseInteger(order);
+    }
     /// Decimal digits; behind an "x" ("0x1F", "x1f") hexadecimal digits in the given order. Any "-" in front of the
     /// first digit other than 0 is skipped.
-    [[nodiscard]] u64 ToUnsignedInteger(EBinaryEncoding::Type order) const;
+    [[nodiscard]] u64 ToUnsignedInteger(EBinaryEncoding::Type order) const
+    {
+        u64 value;
+        return TryReadPlainNumber(value) ? value : ParseUnsignedInteger(order);
+    }
     /// Digits with one "." or ","; a "-" in the whole part is skipped, in first place it negates the result.
     [[nodiscard]] f64 ToDouble() const;
 
@@ -361,6 +386,22 @@ protected:
     static u64 ConvertUTF32(void const* source, void* destination, u64 count, EStringEncoding::Type target);
 
     /// The text and its encoding; null behaves as empty.
+    // Numbers of every length and encoding; the public operations do the short ones themselves.
+    static u64 RenderInteger(i64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
+    static u64 RenderUnsignedInteger(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
+    static u64 RenderHex(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
+    [[nodiscard]] i64 ParseInteger(EBinaryEncoding::Type order) const;
+    [[nodiscard]] u64 ParseUnsignedInteger(EBinaryEncoding::Type order) const;
+
+    static bool IsPlainOutput(char const* out, u64 outSize, u64 needed, EStringEncoding::Type encoding)
+    {
+        return encoding == EStringEncoding::UTF8 && out != nullptr && outSize >= needed;
+    }
+    [[nodiscard]] bool TryReadPlainNumber(u64& value) const
+    {
+        return m_encoding == EStringEncoding::UTF8 && m_data != nullptr && Impl::TryReadPlainNumber(m_data, value);
+    }
+
     void const* m_data = nullptr;
     EStringEncoding::Type m_encoding = EStringEncoding::UTF8;
 };

@@ -51,30 +51,10 @@ constexpr u32 CountHexDigits(u64 value)
     return (static_cast<u32>(std::bit_width(value | 1)) + 3) / 4;
 }
 
-/// The hundred pairs "00" to "99".
-struct SDigitPairs {
-    char text[200];
-};
-constexpr SDigitPairs MakeDigitPairs()
-{
-    SDigitPairs pairs{};
-    for (u32 i = 0; i < 100; ++i) {
-        pairs.text[2 * i] = static_cast<char>('0' + i / 10);
-        pairs.text[2 * i + 1] = static_cast<char>('0' + i % 10);
-    }
-    return pairs;
-}
-inline constexpr SDigitPairs DigitPairs = MakeDigitPairs();
-
-inline void WritePair(u32 below100, char* out)
-{
-    std::memcpy(out, DigitPairs.text + 2 * u64{below100}, 2);
-}
-
 inline void WriteFour(u32 below10000, char* out)
 {
-    WritePair(below10000 / 100, out);
-    WritePair(below10000 % 100, out + 2);
+    Impl::WriteDigitPair(below10000 / 100, out);
+    Impl::WriteDigitPair(below10000 % 100, out + 2);
 }
 
 /// Writes the CountDigits(value) digits of the value so that they end before `end`.
@@ -95,11 +75,11 @@ inline void WriteDigits(u64 value, char* end)
     }
     if (rest >= 100) {
         end -= 2;
-        WritePair(rest % 100, end);
+        Impl::WriteDigitPair(rest % 100, end);
         rest /= 100;
     }
     if (rest >= 10)
-        WritePair(rest, end - 2);
+        Impl::WriteDigitPair(rest, end - 2);
     else
         end[-1] = static_cast<char>('0' + rest);
 }

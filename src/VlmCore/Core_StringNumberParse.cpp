@@ -150,14 +150,14 @@ bool StartsWithMinus(IString const& text)
 
 } // namespace
 
-u64 IString::ToUnsignedInteger(EBinaryEncoding::Type order) const
+u64 IString::ParseUnsignedInteger(EBinaryEncoding::Type order) const
 {
     return WithReader(*this, [order](auto reader) { return ReadUnsigned(reader, order); });
 }
 
-i64 IString::ToInteger(EBinaryEncoding::Type order) const
+i64 IString::ParseInteger(EBinaryEncoding::Type order) const
 {
-    u64 const magnitude = ToUnsignedInteger(order);
+    u64 const magnitude = ParseUnsignedInteger(order);
     return static_cast<i64>(StartsWithMinus(*this) ? 0 - magnitude : magnitude);
 }
 

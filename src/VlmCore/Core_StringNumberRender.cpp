@@ -155,17 +155,17 @@ inline u64 Render(Value value, char* out, u64 outSize, EStringEncoding::Type enc
 
 } // namespace
 
-u64 IString::FromInteger(i64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
+u64 IString::RenderInteger(i64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
 {
     return Render<SSignedText>(value, out, outSize, encoding);
 }
 
-u64 IString::FromUnsignedInteger(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
+u64 IString::RenderUnsignedInteger(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
 {
     return Render<SUnsignedText>(value, out, outSize, encoding);
 }
 
-u64 IString::FromHex(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
+u64 IString::RenderHex(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding)
 {
     return Render<SHexText>(value, out, outSize, encoding);
 }
