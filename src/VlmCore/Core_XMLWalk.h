@@ -52,10 +52,15 @@ XML_TARGET inline __attribute__((always_inline)) u64 FirstBit(u64 bits)
     return static_cast<u64>(__builtin_ctzll(bits));
 }
 
-/// Bits `begin` to `end`, both included; `end` is below 63.
-XML_TARGET inline __attribute__((always_inline)) u64 BitRange(u64 begin, u64 end)
+/// Everything up to the lowest bit, that one included.
+XML_TARGET inline __attribute__((always_inline)) u64 UpToFirst(u64 bits)
 {
-    return ((u64{2} << end) - 1) & (~u64{0} << begin);
+    return bits ^ (bits - 1);
+}
+
+XML_TARGET inline __attribute__((always_inline)) u64 LowestBit(u64 bits)
+{
+    return bits & (0 - bits);
 }
 
 class CWalk {
@@ -74,11 +79,12 @@ private:
         u64 ampersand;
         u64 high;
         u64 suspect;
+        u64 unusual; // what an ordinary attribute has not: suspects, "&", ">", white space beside a quote
         // What is searched for, within Findable:
         u64 open;
         u64 nameEnd;      // of elements: white space, ">", "/"
-        u64 attributeEnd; // white space, "=", ">"
-        u64 valueEnd;     // quotes, ">"
+        u64 attributeEnd; // white space, "="
+        u64 quotes;
         u64 nonspace;
     };
 
@@ -96,8 +102,9 @@ private:
 
     [[nodiscard]] CString View(u64 offset) const { return CString(m_buffer + offset, EStringEncoding::UTF8); }
 
-    XML_TARGET void ReportText(u64 begin, u64 end);
-    XML_TARGET void ReportAttribute(u64 nameBegin, u64 nameEnd, u64 valueBegin, u64 valueEnd);
+    XML_TARGET void ReportText(u64 begin, u64 size);
+    XML_TARGET void ReportAttribute(u64 nameBegin, u64 nameSize, u64 valueSize);
+    XML_TARGET bool ReportUnusualAttribute(u64 nameBegin, u64 nameSize, u64 valueEnd);
 
     CXMLTokenizer& m_tokenizer;
     CXMLStream& m_stream;
@@ -125,16 +132,21 @@ XML_TARGET __attribute__((noinline)) void CWalk::Look(u64 base)
     XML_VECTOR const text(m_buffer + base);
     u64 const space = text.IsSpace();
     u64 const close = text.Is('>');
+    u64 const ampersand = text.Is('&');
+    u64 const quotes = text.IsEither('"', '\'');
+    u64 const high = text.IsHigh();
+    u64 const suspect = high != 0 ? FindSuspects(text, high) : 0;
     m_base = base;
     m_window.space = space;
-    m_window.ampersand = text.Is('&');
-    m_window.high = text.IsHigh();
+    m_window.ampersand = ampersand;
+    m_window.high = high;
+    m_window.suspect = suspect;
+    m_window.unusual = suspect | ampersand | close | ((quotes << 1 | quotes >> 1) & space);
     m_window.open = text.Is('<') & Findable;
     m_window.nameEnd = (space | close | text.Is('/')) & Findable;
-    m_window.attributeEnd = (space | close | text.Is('=')) & Findable;
-    m_window.valueEnd = (close | text.IsEither('"', '\'')) & Findable;
+    m_window.attributeEnd = (space | text.Is('=')) & Findable;
+    m_window.quotes = quotes & Findable;
     m_window.nonspace = ~space & Findable;
-    m_window.suspect = m_window.high != 0 ? FindSuspects(text, m_window.high) : 0;
 }
 
 /// Looks for one of three bytes, window by window, from a character's begin on.
@@ -202,38 +214,52 @@ XML_INLINE void CWalk::Copy(u64 target, u64 source, u64 size)
 }
 
 /// A text of this window, without suspects.
-XML_INLINE void CWalk::ReportText(u64 begin, u64 end)
+XML_INLINE void CWalk::ReportText(u64 begin, u64 size)
 {
-    u64 const range = (u64{1} << (end - m_base)) - (u64{1} << (begin - m_base));
-    u64 const kept = range & ~m_window.space;
+    u64 const shift = begin - m_base;
+    u64 const range = (u64{1} << size) - 1;
+    u64 const kept = ~(m_window.space >> shift) & range;
     if (kept == 0) {
         m_stream.OnText(nullptr);
         return;
     }
-    if ((m_window.ampersand & range) != 0 || begin < RoomyOffset) {
-        m_tokenizer.ReportText({static_cast<u32>(begin), static_cast<u32>(end)});
+    if ((m_window.ampersand >> shift & range) != 0 || begin < RoomyOffset) [[unlikely]] {
+        m_tokenizer.ReportText({static_cast<u32>(begin), static_cast<u32>(begin + size)});
         return;
     }
     u64 const first = FirstBit(kept);
-    Copy(0, m_base + first, WindowSize - static_cast<u64>(__builtin_clzll(kept)) - first);
+    Copy(0, begin + first, WindowSize - static_cast<u64>(__builtin_clzll(kept)) - first);
     CString const text = View(0);
     m_stream.OnText(&text);
 }
 
-/// An attribute of this window, without suspects.
-XML_INLINE void CWalk::ReportAttribute(u64 nameBegin, u64 nameEnd, u64 valueBegin, u64 valueEnd)
+/// An ordinary attribute.
+XML_INLINE void CWalk::ReportAttribute(u64 nameBegin, u64 nameSize, u64 valueSize)
 {
-    u64 const value = (u64{1} << (valueEnd - m_base)) - (u64{1} << (valueBegin - m_base));
-    u64 const ends = (u64{1} << (valueEnd - 1 - m_base)) | (u64{1} << (valueBegin - m_base));
-    if (((m_window.ampersand | (m_window.space & ends)) & value) != 0 || nameBegin < RoomyOffset) {
-        m_tokenizer.ReportAttribute({static_cast<u32>(nameBegin), static_cast<u32>(nameEnd)},
-                                    {static_cast<u32>(valueBegin), static_cast<u32>(valueEnd)});
+    u64 const valueBegin = nameBegin + nameSize + 2;
+    if (nameBegin < RoomyOffset) [[unlikely]] {
+        m_tokenizer.ReportAttribute({static_cast<u32>(nameBegin), static_cast<u32>(nameBegin + nameSize)},
+                                    {static_cast<u32>(valueBegin), static_cast<u32>(valueBegin + valueSize)});
         return;
     }
-    u64 const nameSize = nameEnd - nameBegin;
     Copy(0, nameBegin, nameSize);
-    Copy(nameSize + 1, valueBegin, valueEnd - valueBegin);
+    Copy(nameSize + 1, valueBegin, valueSize);
     m_stream.OnAttribute({View(0), View(nameSize + 1)});
+}
+
+/// An attribute of this window with something unusual in it; false when it is one for the plain scan.
+XML_TARGET __attribute__((noinline)) bool CWalk::ReportUnusualAttribute(u64 nameBegin, u64 nameSize, u64 valueEnd)
+{
+    u64 const nameEnd = nameBegin + nameSize;
+    u64 const shift = nameBegin - m_base;
+    u64 const range = (u64{2} << (valueEnd - nameBegin)) - 1;
+    if ((m_window.suspect >> shift & range) != 0 || m_buffer[nameEnd] != '=' ||
+        std::memchr(m_buffer + nameBegin, '>', valueEnd - nameBegin) != nullptr)
+        return false;
+    if (m_stream.OnAttribute)
+        m_tokenizer.ReportAttribute({static_cast<u32>(nameBegin), static_cast<u32>(nameEnd)},
+                                    {static_cast<u32>(nameEnd + 2), static_cast<u32>(valueEnd)});
+    return true;
 }
 
 /// Walks from cursor.mark, where a state has just begun, and returns from where the plain scan goes on; the cursor then
@@ -286,7 +312,7 @@ text: {
     }
     if (found != 0) {
         end = offset + FirstBit(found);
-        if ((m_window.suspect & BitRange(offset - m_base, end - m_base)) != 0)
+        if ((m_window.suspect >> (offset - m_base) & UpToFirst(found)) != 0)
             return leave(EXMLState::Text, offset);
     }
     else {
@@ -302,7 +328,7 @@ text: {
         return leave(EXMLState::Text, offset);
     if (m_stream.OnText) {
         if (found != 0)
-            ReportText(offset, end);
+            ReportText(offset, end - offset);
         else
             m_tokenizer.ReportText({static_cast<u32>(offset), static_cast<u32>(end)});
     }
@@ -332,7 +358,7 @@ elementName: {
     }
     u64 const end = offset + FirstBit(found);
     u8 const delimiter = m_buffer[end];
-    if ((m_window.high & BitRange(offset - m_base, end - m_base)) != 0 ||
+    if ((m_window.high >> (offset - m_base) & UpToFirst(found)) != 0 ||
         (delimiter == '/' && m_buffer[end + 1] != '>'))
         return leave(EXMLState::ElementName, offset);
     if (m_stream.OnElementBegin) {
@@ -364,7 +390,7 @@ endTagName: {
             return leave(EXMLState::EndTagName, offset);
     }
     u64 const end = offset + FirstBit(found);
-    if ((m_window.high & BitRange(offset - m_base, end - m_base)) != 0 || m_buffer[end] != '>')
+    if ((m_window.high >> (offset - m_base) & UpToFirst(found)) != 0 || m_buffer[end] != '>')
         return leave(EXMLState::EndTagName, offset);
     if (m_stream.OnElementEnd) {
         if (offset >= RoomyOffset)
@@ -408,32 +434,42 @@ betweenAttributes: {
 
 attributeName: {
     // As a rule the name ends at "=", the first quote follows at once, and the second one ends the value.
-    u64 const nameEnds = m_window.attributeEnd >> (offset - m_base);
-    u64 const quotes = m_window.valueEnd >> (offset - m_base);
+    u64 const shift = offset - m_base;
+    u64 const quotes = m_window.quotes >> shift;
     u64 const closingQuotes = quotes & (quotes - 1);
-    if (closingQuotes == 0 && m_base != offset) {
+    u64 const nameEnds = m_window.attributeEnd >> shift;
+    if (closingQuotes == 0) {
+        if (shift == 0)
+            goto longAttribute;
         if (offset > m_limit)
             return leave(EXMLState::AttributeName, offset);
         Look(offset);
         goto attributeName;
     }
-    if (nameEnds == 0)
+    if (LowestBit(nameEnds) << 1 != LowestBit(quotes))
         return leave(EXMLState::AttributeName, offset);
-    u64 const nameSize = FirstBit(nameEnds);
+    u64 const nameSize = FirstBit(quotes) - 1;
+    u64 const valueEnd = offset + FirstBit(closingQuotes);
+    if ((m_window.unusual >> shift & UpToFirst(closingQuotes)) == 0) [[likely]] {
+        if (m_stream.OnAttribute)
+            ReportAttribute(offset, nameSize, valueEnd - offset - nameSize - 2);
+    }
+    else if (!ReportUnusualAttribute(offset, nameSize, valueEnd))
+        return leave(EXMLState::AttributeName, offset);
+    offset = valueEnd + 1;
+    goto betweenAttributes;
+}
+
+longAttribute: {
+    // It begins with the window and does not end in it.
+    if (m_window.attributeEnd == 0)
+        return leave(EXMLState::AttributeName, offset);
+    u64 const nameSize = FirstBit(m_window.attributeEnd);
     u64 const nameEnd = offset + nameSize;
     u8 const quote = m_buffer[nameEnd + 1];
-    if ((quotes != 0 && FirstBit(quotes) != nameSize + 1) || m_buffer[nameEnd] != '=' ||
-        (quote != '"' && quote != '\'') || (m_window.high & BitRange(offset - m_base, nameEnd - m_base)) != 0)
+    bool const isQuoted = (quote == '"' || quote == '\'') && (m_window.quotes & ((u64{2} << nameSize) - 1)) == 0;
+    if (!isQuoted || m_buffer[nameEnd] != '=' || (m_window.unusual & ((u64{2} << nameSize) - 1)) != 0)
         return leave(EXMLState::AttributeName, offset);
-    if (closingQuotes != 0) {
-        u64 const valueEnd = offset + FirstBit(closingQuotes);
-        if ((m_window.suspect & BitRange(offset - m_base, valueEnd - m_base)) != 0 || m_buffer[valueEnd] == '>')
-            return leave(EXMLState::AttributeName, offset);
-        if (m_stream.OnAttribute)
-            ReportAttribute(offset, nameEnd, nameEnd + 2, valueEnd);
-        offset = valueEnd + 1;
-        goto betweenAttributes;
-    }
     SFound const far = FindFar<'"', '\'', '>'>(nameEnd + 2);
     if (!far.found || far.offset > m_limit || m_buffer[far.offset] == '>')
         return leave(EXMLState::AttributeName, offset);
