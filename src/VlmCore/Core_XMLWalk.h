@@ -99,6 +99,7 @@ private:
     XML_TARGET SFound FindFar(u64 offset) const;
     XML_TARGET SFound FindTerminator(u32 state, u64 offset) const;
     XML_TARGET void Copy(u64 target, u64 source, u64 size);
+    XML_TARGET void CopyName(u64 target, u64 source, u64 size);
 
     [[nodiscard]] CString View(u64 offset) const { return CString(m_buffer + offset, EStringEncoding::UTF8); }
 
@@ -118,13 +119,16 @@ private:
 
 XML_INLINE u64 CWalk::FindSuspects(XML_VECTOR const& text, u64 high)
 {
-    u64 const continuation = text.IsBelow(-64);   // 0x80 to 0xBF, as signed bytes the lowest
-    u64 const third = high & ~text.IsBelow(-32);  // 0xE0 and above: two more bytes
+    u64 const lead = high & ~text.IsBelow(-64);   // 0xC0 and above, as signed bytes the highest: one more byte
+    u64 const third = high & ~text.IsBelow(-32);  // 0xE0 and above: two more
     u64 const fourth = high & ~text.IsBelow(-16); // 0xF0 and above: three more
-    u64 const claimed = (high & ~continuation) << 1 | third << 2 | fourth << 3;
+    u64 const claimed = lead << 1 | third << 2 | fourth << 3;
     // Long spellings begin with 0xC0, 0xC1, or with 0xE0 or 0xF0 and a byte whose bits 4 and 5 are clear.
-    u64 const spelling = text.IsMasked(0xFE, 0xC0) | (text.IsMasked(0xEF, 0xE0) << 1 & text.IsMasked(0x30, 0));
-    return (claimed & ~continuation) | spelling;
+    u64 spelling = text.IsMasked(0xFE, 0xC0);
+    u64 const longest = text.IsMasked(0xEF, 0xE0);
+    if (longest != 0)
+        spelling |= longest << 1 & text.IsMasked(0x30, 0);
+    return (claimed & (~high | lead)) | spelling;
 }
 
 XML_TARGET __attribute__((noinline)) void CWalk::Look(u64 base)
@@ -207,9 +211,21 @@ XML_TARGET inline CWalk::SFound CWalk::FindTerminator(u32 state, u64 offset) con
     }
 }
 
+/// Copies up to 64 bytes and terminates them; may write any byte of a window at `target`.
 XML_INLINE void CWalk::Copy(u64 target, u64 source, u64 size)
 {
-    XML_VECTOR::Copy(m_buffer + target, m_buffer + source, size);
+    // All of it, since lengths around a half would be guessed wrong too often.
+    XML_VECTOR::CopyHalf(m_buffer + target, m_buffer + source);
+    XML_VECTOR::CopyHalf(m_buffer + target + WindowSize / 2, m_buffer + source + WindowSize / 2);
+    m_buffer[target + size] = 0;
+}
+
+/// The same for names, which are short as a rule.
+XML_INLINE void CWalk::CopyName(u64 target, u64 source, u64 size)
+{
+    XML_VECTOR::CopyHalf(m_buffer + target, m_buffer + source);
+    if (size > WindowSize / 2) [[unlikely]]
+        XML_VECTOR::CopyHalf(m_buffer + target + WindowSize / 2, m_buffer + source + WindowSize / 2);
     m_buffer[target + size] = 0;
 }
 
@@ -242,7 +258,7 @@ XML_INLINE void CWalk::ReportAttribute(u64 nameBegin, u64 nameSize, u64 valueSiz
                                     {static_cast<u32>(valueBegin), static_cast<u32>(valueBegin + valueSize)});
         return;
     }
-    Copy(0, nameBegin, nameSize);
+    CopyName(0, nameBegin, nameSize);
     Copy(nameSize + 1, valueBegin, valueSize);
     m_stream.OnAttribute({View(0), View(nameSize + 1)});
 }
@@ -266,6 +282,7 @@ XML_TARGET __attribute__((noinline)) bool CWalk::ReportUnusualAttribute(u64 name
 /// says in which state, and where its token begins.
 XML_TARGET u64 CWalk::Run(CXMLTokenizer::SCursor& cursor)
 {
+    u8 const* const buffer = m_buffer; // a member would be read again after every byte that is written
     u64 offset = cursor.mark;
     auto const leave = [&cursor](u32 state, u64 mark) {
         cursor.state = state;
@@ -323,8 +340,9 @@ text: {
         }
         end = far.offset;
     }
-    u8 const kind = ByteClasses.classes[m_buffer[end + 1]];
-    if (kind == EByte::Other || kind == EByte::Close)
+    u8 const next = buffer[end + 1];
+    u8 const kind = ByteClasses.classes[next];
+    if (next != '/' && (kind == EByte::Other || kind == EByte::Close))
         return leave(EXMLState::Text, offset);
     if (m_stream.OnText) {
         if (found != 0)
@@ -335,10 +353,10 @@ text: {
     if (found == 0)
         Look(end);
     offset = end + 1;
-    if (kind == EByte::NameStart)
+    if (next != '/' && kind == EByte::NameStart)
         goto elementName;
     ++offset;
-    if (kind == EByte::Slash)
+    if (next == '/')
         goto endTagName;
     if (kind == EByte::Exclamation)
         return leave(EXMLState::Markup, offset);
@@ -357,13 +375,12 @@ elementName: {
             return leave(EXMLState::ElementName, offset);
     }
     u64 const end = offset + FirstBit(found);
-    u8 const delimiter = m_buffer[end];
-    if ((m_window.high >> (offset - m_base) & UpToFirst(found)) != 0 ||
-        (delimiter == '/' && m_buffer[end + 1] != '>'))
+    u8 const delimiter = buffer[end];
+    if ((m_window.high >> (offset - m_base) & UpToFirst(found)) != 0 || (delimiter == '/' && buffer[end + 1] != '>'))
         return leave(EXMLState::ElementName, offset);
     if (m_stream.OnElementBegin) {
         if (offset >= RoomyOffset)
-            Copy(0, offset, end - offset);
+            CopyName(0, offset, end - offset);
         else
             m_tokenizer.ExtractTrimmed({static_cast<u32>(offset), static_cast<u32>(end)}, 0);
         m_stream.OnElementBegin(View(0));
@@ -371,8 +388,11 @@ elementName: {
     offset = end + 1;
     if (delimiter == '>')
         goto text;
-    if (delimiter != '/')
+    if (delimiter != '/') {
+        if (ByteClasses.classes[buffer[offset]] == EByte::NameStart)
+            goto attributeName;
         goto betweenAttributes;
+    }
     ++offset;
     if (m_stream.OnText)
         m_stream.OnText(nullptr);
@@ -390,11 +410,11 @@ endTagName: {
             return leave(EXMLState::EndTagName, offset);
     }
     u64 const end = offset + FirstBit(found);
-    if ((m_window.high >> (offset - m_base) & UpToFirst(found)) != 0 || m_buffer[end] != '>')
+    if ((m_window.high >> (offset - m_base) & UpToFirst(found)) != 0 || buffer[end] != '>')
         return leave(EXMLState::EndTagName, offset);
     if (m_stream.OnElementEnd) {
         if (offset >= RoomyOffset)
-            Copy(0, offset, end - offset);
+            CopyName(0, offset, end - offset);
         else
             m_tokenizer.ExtractTrimmed({static_cast<u32>(offset), static_cast<u32>(end)}, 0);
         CString const name = View(0);
@@ -415,7 +435,7 @@ betweenAttributes: {
             return leave(EXMLState::BetweenAttributes, offset);
     }
     u64 const next = offset + FirstBit(found);
-    u8 const kind = ByteClasses.classes[m_buffer[next]];
+    u8 const kind = ByteClasses.classes[buffer[next]];
     if (kind == EByte::NameStart) {
         offset = next;
         goto attributeName;
@@ -424,7 +444,7 @@ betweenAttributes: {
         offset = next + 1;
         goto text;
     }
-    if (kind != EByte::Slash || m_buffer[next + 1] != '>')
+    if (kind != EByte::Slash || buffer[next + 1] != '>')
         return leave(EXMLState::BetweenAttributes, offset);
     offset = next + 2;
     if (m_stream.OnText)
@@ -456,7 +476,14 @@ attributeName: {
     }
     else if (!ReportUnusualAttribute(offset, nameSize, valueEnd))
         return leave(EXMLState::AttributeName, offset);
-    offset = valueEnd + 1;
+    // What mostly follows, without a look at the window.
+    u8 const next = buffer[valueEnd + 1];
+    offset = valueEnd + 2;
+    if (next == ' ' && ByteClasses.classes[buffer[offset]] == EByte::NameStart)
+        goto attributeName;
+    if (next == '>')
+        goto text;
+    --offset;
     goto betweenAttributes;
 }
 
@@ -466,12 +493,12 @@ longAttribute: {
         return leave(EXMLState::AttributeName, offset);
     u64 const nameSize = FirstBit(m_window.attributeEnd);
     u64 const nameEnd = offset + nameSize;
-    u8 const quote = m_buffer[nameEnd + 1];
+    u8 const quote = buffer[nameEnd + 1];
     bool const isQuoted = (quote == '"' || quote == '\'') && (m_window.quotes & ((u64{2} << nameSize) - 1)) == 0;
-    if (!isQuoted || m_buffer[nameEnd] != '=' || (m_window.unusual & ((u64{2} << nameSize) - 1)) != 0)
+    if (!isQuoted || buffer[nameEnd] != '=' || (m_window.unusual & ((u64{2} << nameSize) - 1)) != 0)
         return leave(EXMLState::AttributeName, offset);
     SFound const far = FindFar<'"', '\'', '>'>(nameEnd + 2);
-    if (!far.found || far.offset > m_limit || m_buffer[far.offset] == '>')
+    if (!far.found || far.offset > m_limit || buffer[far.offset] == '>')
         return leave(EXMLState::AttributeName, offset);
     if (m_stream.OnAttribute)
         m_tokenizer.ReportAttribute({static_cast<u32>(offset), static_cast<u32>(nameEnd)},
@@ -484,7 +511,7 @@ longAttribute: {
 }
 
 behindSelfClosing:
-    if (m_buffer[offset] >= 0x80)
+    if (buffer[offset] >= 0x80)
         return leave(EXMLState::BehindSelfClosing, offset);
     if (m_stream.OnElementEnd)
         m_stream.OnElementEnd(nullptr);

@@ -60,15 +60,11 @@ public:
                     _mm256_cmpeq_epi8(_mm256_and_si256(m_high, bits), wanted));
     }
 
-    /// Copies up to 64 bytes; may write any of the 64 at `target`.
-    XML_VECTOR_FUNCTION static void Copy(u8* target, u8 const* source, u64 size)
+    /// Copies 32 bytes.
+    XML_VECTOR_FUNCTION static void CopyHalf(u8* target, u8 const* source)
     {
-        __m256i const first = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(source));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(target), first);
-        if (size > 32) {
-            __m256i const second = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(source + 32));
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(target + 32), second);
-        }
+        __m256i const bytes = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(source));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(target), bytes);
     }
 
 private:

@@ -56,15 +56,13 @@ public:
         return Join([&](__m128i part) { return _mm_cmpeq_epi8(_mm_and_si128(part, Fill(mask)), Fill(value)); });
     }
 
-    /// Copies up to 64 bytes; may write any of the 64 at `target`.
-    static void Copy(u8* target, u8 const* source, u64 size)
+    /// Copies 32 bytes.
+    static void CopyHalf(u8* target, u8 const* source)
     {
         __m128i const first = _mm_loadu_si128(reinterpret_cast<__m128i const*>(source));
         __m128i const second = _mm_loadu_si128(reinterpret_cast<__m128i const*>(source + 16));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(target), first);
         _mm_storeu_si128(reinterpret_cast<__m128i*>(target + 16), second);
-        if (size > 32)
-            std::memcpy(target + 32, source + 32, 32);
     }
 
 private:

@@ -285,6 +285,19 @@ TEST_P(XMLOracle, RandomBytes)
 }
 
 // Delimiters at every distance from the beginning of a vector, in every state that scans for them.
+// A lead byte that claims another lead byte leaves that one without its own claims, wherever a window ends.
+TEST_P(XMLOracle, LeadBytesThatClaimLeadBytesAtEveryDistance)
+{
+    std::string const before = Ordinary(200);
+    for (char const* piece :
+         {"\xF0\xC3\xA9<", "\xF0\xE3<!", "\xE3\xC3<", "\xC3\xE3\xA9<", "\xC3\xC3<", "\xF0\xF0\xF0<"})
+        for (std::size_t distance = 0; distance < 150; ++distance) {
+            std::string const document =
+                before + std::string(distance, 'x') + piece + "b>y</b><c d='" + piece + "'>" + Ordinary(200);
+            ExpectSame(document, [&] { return document.size(); });
+        }
+}
+
 TEST_P(XMLOracle, DelimitersAtEveryDistance)
 {
     struct SFrame {
