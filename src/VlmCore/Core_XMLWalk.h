@@ -99,7 +99,7 @@ private:
     XML_TARGET SFound FindFar(u64 offset) const;
     XML_TARGET SFound FindTerminator(u32 state, u64 offset) const;
     XML_TARGET void Copy(u64 target, u64 source, u64 size);
-    XML_TARGET void CopyName(u64 target, u64 source, u64 size);
+    XML_TARGET void CopyShort(u64 target, u64 source, u64 size);
 
     [[nodiscard]] CString View(u64 offset) const { return CString(m_buffer + offset, EStringEncoding::UTF8); }
 
@@ -220,8 +220,8 @@ XML_INLINE void CWalk::Copy(u64 target, u64 source, u64 size)
     m_buffer[target + size] = 0;
 }
 
-/// The same for names, which are short as a rule.
-XML_INLINE void CWalk::CopyName(u64 target, u64 source, u64 size)
+/// The same for names and values, which are short as a rule.
+XML_INLINE void CWalk::CopyShort(u64 target, u64 source, u64 size)
 {
     XML_VECTOR::CopyHalf(m_buffer + target, m_buffer + source);
     if (size > WindowSize / 2) [[unlikely]]
@@ -258,8 +258,8 @@ XML_INLINE void CWalk::ReportAttribute(u64 nameBegin, u64 nameSize, u64 valueSiz
                                     {static_cast<u32>(valueBegin), static_cast<u32>(valueBegin + valueSize)});
         return;
     }
-    CopyName(0, nameBegin, nameSize);
-    Copy(nameSize + 1, valueBegin, valueSize);
+    CopyShort(0, nameBegin, nameSize);
+    CopyShort(nameSize + 1, valueBegin, valueSize);
     m_stream.OnAttribute({View(0), View(nameSize + 1)});
 }
 
@@ -380,7 +380,7 @@ elementName: {
         return leave(EXMLState::ElementName, offset);
     if (m_stream.OnElementBegin) {
         if (offset >= RoomyOffset)
-            CopyName(0, offset, end - offset);
+            CopyShort(0, offset, end - offset);
         else
             m_tokenizer.ExtractTrimmed({static_cast<u32>(offset), static_cast<u32>(end)}, 0);
         m_stream.OnElementBegin(View(0));
@@ -414,7 +414,7 @@ endTagName: {
         return leave(EXMLState::EndTagName, offset);
     if (m_stream.OnElementEnd) {
         if (offset >= RoomyOffset)
-            CopyName(0, offset, end - offset);
+            CopyShort(0, offset, end - offset);
         else
             m_tokenizer.ExtractTrimmed({static_cast<u32>(offset), static_cast<u32>(end)}, 0);
         CString const name = View(0);
