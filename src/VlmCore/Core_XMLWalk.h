@@ -76,14 +76,12 @@ public:
 private:
     struct SWindow {
         u64 space;
-        u64 ampersand;
         u64 high;
         u64 suspect;
-        u64 unusual; // what an ordinary attribute has not: suspects, "&", ">", white space beside a quote
+        u64 special; // "=", white space beside a quote; each "<", "&", ">" and suspect, and the byte behind it
         // What is searched for, within Findable:
-        u64 open;
-        u64 nameEnd;      // of elements: white space, ">", "/"
-        u64 attributeEnd; // white space, "="
+        u64 textEnd; // "<"; "&" and ">", which make the text one for a closer look
+        u64 nameEnd; // of elements: white space, ">", "/"
         u64 quotes;
         u64 nonspace;
     };
@@ -119,15 +117,14 @@ private:
 
 XML_INLINE u64 CWalk::FindSuspects(XML_VECTOR const& text, u64 high)
 {
-    u64 const lead = high & ~text.IsBelow(-64);   // 0xC0 and above, as signed bytes the highest: one more byte
-    u64 const third = high & ~text.IsBelow(-32);  // 0xE0 and above: two more
-    u64 const fourth = high & ~text.IsBelow(-16); // 0xF0 and above: three more
-    u64 const claimed = lead << 1 | third << 2 | fourth << 3;
-    // Long spellings begin with 0xC0, 0xC1, or with 0xE0 or 0xF0 and a byte whose bits 4 and 5 are clear.
-    u64 spelling = text.IsMasked(0xFE, 0xC0);
-    u64 const longest = text.IsMasked(0xEF, 0xE0);
-    if (longest != 0)
-        spelling |= longest << 1 & text.IsMasked(0x30, 0);
+    u64 const lead = text.IsAtLeast(0xC0); // one more byte
+    u64 claimed = lead << 1 | text.IsAtLeast(0xE0) << 2;
+    u64 spelling = 0;
+    if (text.HasRareLead()) {
+        claimed |= text.IsAtLeast(0xF0) << 3;
+        // Long spellings begin with 0xC0, 0xC1, or with 0xE0 or 0xF0 and a byte whose bits 4 and 5 are clear.
+        spelling = text.IsMasked(0xFE, 0xC0) | (text.IsMasked(0xEF, 0xE0) << 1 & text.IsMasked(0x30, 0));
+    }
     return (claimed & (~high | lead)) | spelling;
 }
 
@@ -135,20 +132,18 @@ XML_TARGET __attribute__((noinline)) void CWalk::Look(u64 base)
 {
     XML_VECTOR const text(m_buffer + base);
     u64 const space = text.IsSpace();
-    u64 const close = text.Is('>');
-    u64 const ampersand = text.Is('&');
+    u64 const textEnd = text.IsAnyOf('<', '&', '>');
     u64 const quotes = text.IsEither('"', '\'');
     u64 const high = text.IsHigh();
     u64 const suspect = high != 0 ? FindSuspects(text, high) : 0;
     m_base = base;
     m_window.space = space;
-    m_window.ampersand = ampersand;
     m_window.high = high;
     m_window.suspect = suspect;
-    m_window.unusual = suspect | ampersand | close | ((quotes << 1 | quotes >> 1) & space);
-    m_window.open = text.Is('<') & Findable;
-    m_window.nameEnd = (space | close | text.Is('/')) & Findable;
-    m_window.attributeEnd = (space | text.Is('=')) & Findable;
+    u64 const odd = textEnd | suspect;
+    m_window.special = odd | odd << 1 | text.Is('=') | ((quotes << 1 | quotes >> 1) & space);
+    m_window.textEnd = textEnd & Findable;
+    m_window.nameEnd = text.IsSpaceOrEither('>', '/') & Findable;
     m_window.quotes = quotes & Findable;
     m_window.nonspace = ~space & Findable;
 }
@@ -229,7 +224,7 @@ XML_INLINE void CWalk::CopyShort(u64 target, u64 source, u64 size)
     m_buffer[target + size] = 0;
 }
 
-/// A text of this window, without suspects.
+/// A text of this window, without suspects and references.
 XML_INLINE void CWalk::ReportText(u64 begin, u64 size)
 {
     u64 const shift = begin - m_base;
@@ -239,7 +234,7 @@ XML_INLINE void CWalk::ReportText(u64 begin, u64 size)
         m_stream.OnText(nullptr);
         return;
     }
-    if ((m_window.ampersand >> shift & range) != 0 || begin < RoomyOffset) [[unlikely]] {
+    if (begin < RoomyOffset) [[unlikely]] {
         m_tokenizer.ReportText({static_cast<u32>(begin), static_cast<u32>(begin + size)});
         return;
     }
@@ -263,13 +258,13 @@ XML_INLINE void CWalk::ReportAttribute(u64 nameBegin, u64 nameSize, u64 valueSiz
     m_stream.OnAttribute({View(0), View(nameSize + 1)});
 }
 
-/// An attribute of this window with something unusual in it; false when it is one for the plain scan.
+/// An attribute of this window that has more in it than its "="; false when it is one for the plain scan.
 XML_TARGET __attribute__((noinline)) bool CWalk::ReportUnusualAttribute(u64 nameBegin, u64 nameSize, u64 valueEnd)
 {
     u64 const nameEnd = nameBegin + nameSize;
-    u64 const shift = nameBegin - m_base;
     u64 const range = (u64{2} << (valueEnd - nameBegin)) - 1;
-    if ((m_window.suspect >> shift & range) != 0 || m_buffer[nameEnd] != '=' ||
+    if ((m_window.suspect >> (nameBegin - m_base) & range) != 0 ||
+        std::memchr(m_buffer + nameBegin, '=', nameSize + 1) != m_buffer + nameEnd ||
         std::memchr(m_buffer + nameBegin, '>', valueEnd - nameBegin) != nullptr)
         return false;
     if (m_stream.OnAttribute)
@@ -320,19 +315,20 @@ XML_TARGET u64 CWalk::Run(CXMLTokenizer::SCursor& cursor)
 
 text: {
     u64 end = 0;
-    u64 found = m_window.open >> (offset - m_base);
+    u64 found = m_window.textEnd >> (offset - m_base);
     if (found == 0) {
         if (offset > m_limit)
             return leave(EXMLState::Text, offset);
         Look(offset);
-        found = m_window.open;
+        found = m_window.textEnd;
     }
     if (found != 0) {
         end = offset + FirstBit(found);
         if ((m_window.suspect >> (offset - m_base) & UpToFirst(found)) != 0)
             return leave(EXMLState::Text, offset);
     }
-    else {
+    if (found == 0 || buffer[end] != '<') {
+        found = 0;
         SFound const far = FindFar<'<', '<', '<'>(offset);
         if (!far.found || far.offset > m_limit) {
             leave(EXMLState::Text, offset);
@@ -453,11 +449,11 @@ betweenAttributes: {
 }
 
 attributeName: {
-    // As a rule the name ends at "=", the first quote follows at once, and the second one ends the value.
+    // As a rule the name ends at "=", the first quote follows at once, the second one ends the value, and nothing else
+    // up to there is special. Anything odd in the place of the "=" would show behind it, too.
     u64 const shift = offset - m_base;
     u64 const quotes = m_window.quotes >> shift;
     u64 const closingQuotes = quotes & (quotes - 1);
-    u64 const nameEnds = m_window.attributeEnd >> shift;
     if (closingQuotes == 0) {
         if (shift == 0)
             goto longAttribute;
@@ -466,11 +462,12 @@ attributeName: {
         Look(offset);
         goto attributeName;
     }
-    if (LowestBit(nameEnds) << 1 != LowestBit(quotes))
-        return leave(EXMLState::AttributeName, offset);
     u64 const nameSize = FirstBit(quotes) - 1;
     u64 const valueEnd = offset + FirstBit(closingQuotes);
-    if ((m_window.unusual >> shift & UpToFirst(closingQuotes)) == 0) [[likely]] {
+    bool const isPlain = (m_window.special >> shift & UpToFirst(closingQuotes)) == LowestBit(quotes) >> 1;
+    if (((m_window.space >> shift) & UpToFirst(quotes)) != 0)
+        return leave(EXMLState::AttributeName, offset);
+    if (isPlain) [[likely]] {
         if (m_stream.OnAttribute)
             ReportAttribute(offset, nameSize, valueEnd - offset - nameSize - 2);
     }
@@ -489,13 +486,11 @@ attributeName: {
 
 longAttribute: {
     // It begins with the window and does not end in it.
-    if (m_window.attributeEnd == 0)
+    if (m_window.quotes == 0)
         return leave(EXMLState::AttributeName, offset);
-    u64 const nameSize = FirstBit(m_window.attributeEnd);
-    u64 const nameEnd = offset + nameSize;
-    u8 const quote = buffer[nameEnd + 1];
-    bool const isQuoted = (quote == '"' || quote == '\'') && (m_window.quotes & ((u64{2} << nameSize) - 1)) == 0;
-    if (!isQuoted || buffer[nameEnd] != '=' || (m_window.unusual & ((u64{2} << nameSize) - 1)) != 0)
+    u64 const nameEnd = offset + FirstBit(m_window.quotes) - 1;
+    u64 const range = UpToFirst(m_window.quotes);
+    if ((m_window.special & range) != LowestBit(m_window.quotes) >> 1 || (m_window.space & range) != 0)
         return leave(EXMLState::AttributeName, offset);
     SFound const far = FindFar<'"', '\'', '>'>(nameEnd + 2);
     if (!far.found || far.offset > m_limit || buffer[far.offset] == '>')

@@ -28,36 +28,44 @@ public:
 
     [[nodiscard]] XML_VECTOR_FUNCTION u64 IsEither(u8 first, u8 second) const
     {
-        __m256i const a = Fill(first);
-        __m256i const b = Fill(second);
-        return Join(_mm256_or_si256(_mm256_cmpeq_epi8(m_low, a), _mm256_cmpeq_epi8(m_low, b)),
-                    _mm256_or_si256(_mm256_cmpeq_epi8(m_high, a), _mm256_cmpeq_epi8(m_high, b)));
+        return Join(IsEither(m_low, first, second), IsEither(m_high, first, second));
     }
 
-    [[nodiscard]] XML_VECTOR_FUNCTION u64 IsSpace() const
+    [[nodiscard]] XML_VECTOR_FUNCTION u64 IsAnyOf(u8 first, u8 second, u8 third) const
     {
-        // By its lower four bits each byte meets the only white space it can be; bytes of 0x80 and above meet 0.
-        __m256i const spaces = _mm256_setr_epi8(' ', 0, 0, 0, 0, 0, 0, 0, 0, '\t', '\n', 0, 0, '\r', 0, 0, ' ', 0, 0, 0,
-                                                0, 0, 0, 0, 0, '\t', '\n', 0, 0, '\r', 0, 0);
-        return Join(_mm256_cmpeq_epi8(m_low, _mm256_shuffle_epi8(spaces, m_low)),
-                    _mm256_cmpeq_epi8(m_high, _mm256_shuffle_epi8(spaces, m_high)));
+        __m256i const wanted = Fill(third);
+        return Join(_mm256_or_si256(IsEither(m_low, first, second), _mm256_cmpeq_epi8(m_low, wanted)),
+                    _mm256_or_si256(IsEither(m_high, first, second), _mm256_cmpeq_epi8(m_high, wanted)));
+    }
+
+    [[nodiscard]] XML_VECTOR_FUNCTION u64 IsSpace() const { return Join(IsSpace(m_low), IsSpace(m_high)); }
+
+    [[nodiscard]] XML_VECTOR_FUNCTION u64 IsSpaceOrEither(u8 first, u8 second) const
+    {
+        return Join(_mm256_or_si256(IsSpace(m_low), IsEither(m_low, first, second)),
+                    _mm256_or_si256(IsSpace(m_high), IsEither(m_high, first, second)));
     }
 
     [[nodiscard]] XML_VECTOR_FUNCTION u64 IsHigh() const { return Join(m_low, m_high); }
 
-    /// Compares as signed bytes.
-    [[nodiscard]] XML_VECTOR_FUNCTION u64 IsBelow(int bound) const
+    [[nodiscard]] XML_VECTOR_FUNCTION u64 IsAtLeast(u8 bound) const
     {
-        __m256i const limit = _mm256_set1_epi8(static_cast<char>(bound));
-        return Join(_mm256_cmpgt_epi8(limit, m_low), _mm256_cmpgt_epi8(limit, m_high));
+        return Join(IsAtLeast(m_low, bound), IsAtLeast(m_high, bound));
     }
 
     [[nodiscard]] XML_VECTOR_FUNCTION u64 IsMasked(u8 mask, u8 value) const
     {
-        __m256i const bits = Fill(mask);
-        __m256i const wanted = Fill(value);
-        return Join(_mm256_cmpeq_epi8(_mm256_and_si256(m_low, bits), wanted),
-                    _mm256_cmpeq_epi8(_mm256_and_si256(m_high, bits), wanted));
+        return Join(IsMasked(m_low, mask, value), IsMasked(m_high, mask, value));
+    }
+
+    /// True for any byte of 0xC0, 0xC1, 0xE0, 0xF0 and above.
+    [[nodiscard]] XML_VECTOR_FUNCTION bool HasRareLead() const
+    {
+        __m256i const shorter = _mm256_or_si256(IsMasked(m_low, 0xFE, 0xC0), IsMasked(m_high, 0xFE, 0xC0));
+        __m256i const longer = _mm256_or_si256(IsAtLeast(m_low, 0xF0), IsAtLeast(m_high, 0xF0));
+        __m256i const third =
+            _mm256_or_si256(_mm256_cmpeq_epi8(m_low, Fill(0xE0)), _mm256_cmpeq_epi8(m_high, Fill(0xE0)));
+        return _mm256_movemask_epi8(_mm256_or_si256(_mm256_or_si256(shorter, longer), third)) != 0;
     }
 
     /// Copies 32 bytes.
@@ -69,6 +77,29 @@ public:
 
 private:
     XML_VECTOR_FUNCTION static __m256i Fill(u8 byte) { return _mm256_set1_epi8(static_cast<char>(byte)); }
+
+    XML_VECTOR_FUNCTION static __m256i IsEither(__m256i text, u8 first, u8 second)
+    {
+        return _mm256_or_si256(_mm256_cmpeq_epi8(text, Fill(first)), _mm256_cmpeq_epi8(text, Fill(second)));
+    }
+
+    XML_VECTOR_FUNCTION static __m256i IsSpace(__m256i text)
+    {
+        // By its lower four bits each byte meets the only white space it can be; bytes of 0x80 and above meet 0.
+        __m256i const spaces = _mm256_setr_epi8(' ', 0, 0, 0, 0, 0, 0, 0, 0, '\t', '\n', 0, 0, '\r', 0, 0, ' ', 0, 0, 0,
+                                                0, 0, 0, 0, 0, '\t', '\n', 0, 0, '\r', 0, 0);
+        return _mm256_cmpeq_epi8(text, _mm256_shuffle_epi8(spaces, text));
+    }
+
+    XML_VECTOR_FUNCTION static __m256i IsAtLeast(__m256i text, u8 bound)
+    {
+        return _mm256_cmpeq_epi8(_mm256_max_epu8(text, Fill(bound)), text);
+    }
+
+    XML_VECTOR_FUNCTION static __m256i IsMasked(__m256i text, u8 mask, u8 value)
+    {
+        return _mm256_cmpeq_epi8(_mm256_and_si256(text, Fill(mask)), Fill(value));
+    }
 
     XML_VECTOR_FUNCTION static u64 Join(__m256i low, __m256i high)
     {

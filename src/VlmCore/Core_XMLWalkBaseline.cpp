@@ -25,18 +25,24 @@ public:
 
     [[nodiscard]] u64 IsEither(u8 first, u8 second) const
     {
+        return Join([&](__m128i part) { return IsEither(part, first, second); });
+    }
+
+    [[nodiscard]] u64 IsAnyOf(u8 first, u8 second, u8 third) const
+    {
         return Join([&](__m128i part) {
-            return _mm_or_si128(_mm_cmpeq_epi8(part, Fill(first)), _mm_cmpeq_epi8(part, Fill(second)));
+            return _mm_or_si128(IsEither(part, first, second), _mm_cmpeq_epi8(part, Fill(third)));
         });
     }
 
     [[nodiscard]] u64 IsSpace() const
     {
-        return Join([&](__m128i part) {
-            __m128i const inLine = _mm_or_si128(_mm_cmpeq_epi8(part, Fill(' ')), _mm_cmpeq_epi8(part, Fill('\t')));
-            __m128i const lineEnd = _mm_or_si128(_mm_cmpeq_epi8(part, Fill('\n')), _mm_cmpeq_epi8(part, Fill('\r')));
-            return _mm_or_si128(inLine, lineEnd);
-        });
+        return Join([](__m128i part) { return IsSpace(part); });
+    }
+
+    [[nodiscard]] u64 IsSpaceOrEither(u8 first, u8 second) const
+    {
+        return Join([&](__m128i part) { return _mm_or_si128(IsSpace(part), IsEither(part, first, second)); });
     }
 
     [[nodiscard]] u64 IsHigh() const
@@ -44,16 +50,25 @@ public:
         return Join([](__m128i part) { return part; });
     }
 
-    /// Compares as signed bytes.
-    [[nodiscard]] u64 IsBelow(int bound) const
+    [[nodiscard]] u64 IsAtLeast(u8 bound) const
     {
-        __m128i const limit = _mm_set1_epi8(static_cast<char>(bound));
-        return Join([&](__m128i part) { return _mm_cmplt_epi8(part, limit); });
+        return Join([&](__m128i part) { return IsAtLeast(part, bound); });
     }
 
     [[nodiscard]] u64 IsMasked(u8 mask, u8 value) const
     {
-        return Join([&](__m128i part) { return _mm_cmpeq_epi8(_mm_and_si128(part, Fill(mask)), Fill(value)); });
+        return Join([&](__m128i part) { return IsMasked(part, mask, value); });
+    }
+
+    /// True for any byte of 0xC0, 0xC1, 0xE0, 0xF0 and above.
+    [[nodiscard]] bool HasRareLead() const
+    {
+        __m128i found = _mm_setzero_si128();
+        for (__m128i const part : m_parts) {
+            __m128i const threeAtMost = _mm_or_si128(IsMasked(part, 0xFE, 0xC0), _mm_cmpeq_epi8(part, Fill(0xE0)));
+            found = _mm_or_si128(found, _mm_or_si128(threeAtMost, IsAtLeast(part, 0xF0)));
+        }
+        return _mm_movemask_epi8(found) != 0;
     }
 
     /// Copies 32 bytes.
@@ -67,6 +82,20 @@ public:
 
 private:
     static __m128i Fill(u8 byte) { return _mm_set1_epi8(static_cast<char>(byte)); }
+
+    static __m128i IsEither(__m128i text, u8 first, u8 second)
+    {
+        return _mm_or_si128(_mm_cmpeq_epi8(text, Fill(first)), _mm_cmpeq_epi8(text, Fill(second)));
+    }
+
+    static __m128i IsSpace(__m128i text) { return _mm_or_si128(IsEither(text, ' ', '\t'), IsEither(text, '\n', '\r')); }
+
+    static __m128i IsAtLeast(__m128i text, u8 bound) { return _mm_cmpeq_epi8(_mm_max_epu8(text, Fill(bound)), text); }
+
+    static __m128i IsMasked(__m128i text, u8 mask, u8 value)
+    {
+        return _mm_cmpeq_epi8(_mm_and_si128(text, Fill(mask)), Fill(value));
+    }
 
     template <class Question>
     [[nodiscard]] u64 Join(Question const& question) const
