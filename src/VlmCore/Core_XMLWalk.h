@@ -96,10 +96,10 @@ private:
     template <u8 First, u8 Second, u8 Third>
     XML_TARGET SFound FindFar(u64 offset) const;
     XML_TARGET SFound FindTerminator(u32 state, u64 offset) const;
-    XML_TARGET void Copy(u64 target, u64 source, u64 size);
-    XML_TARGET void CopyShort(u64 target, u64 source, u64 size);
+    XML_TARGET static void Copy(u8* target, u8 const* source, u64 size);
+    XML_TARGET static void CopyShort(u8* target, u8 const* source, u64 size);
 
-    [[nodiscard]] CString View(u64 offset) const { return CString(m_buffer + offset, EStringEncoding::UTF8); }
+    [[nodiscard]] static CString View(u8 const* text) { return CString(text, EStringEncoding::UTF8); }
 
     XML_TARGET void ReportText(u64 begin, u64 size);
     XML_TARGET void ReportAttribute(u64 nameBegin, u64 nameSize, u64 valueSize);
@@ -207,21 +207,21 @@ XML_TARGET inline CWalk::SFound CWalk::FindTerminator(u32 state, u64 offset) con
 }
 
 /// Copies up to 64 bytes and terminates them; may write any byte of a window at `target`.
-XML_INLINE void CWalk::Copy(u64 target, u64 source, u64 size)
+XML_INLINE void CWalk::Copy(u8* target, u8 const* source, u64 size)
 {
     // All of it, since lengths around a half would be guessed wrong too often.
-    XML_VECTOR::CopyHalf(m_buffer + target, m_buffer + source);
-    XML_VECTOR::CopyHalf(m_buffer + target + WindowSize / 2, m_buffer + source + WindowSize / 2);
-    m_buffer[target + size] = 0;
+    XML_VECTOR::CopyHalf(target, source);
+    XML_VECTOR::CopyHalf(target + WindowSize / 2, source + WindowSize / 2);
+    target[size] = 0;
 }
 
 /// The same for names and values, which are short as a rule.
-XML_INLINE void CWalk::CopyShort(u64 target, u64 source, u64 size)
+XML_INLINE void CWalk::CopyShort(u8* target, u8 const* source, u64 size)
 {
-    XML_VECTOR::CopyHalf(m_buffer + target, m_buffer + source);
+    XML_VECTOR::CopyHalf(target, source);
     if (size > WindowSize / 2) [[unlikely]]
-        XML_VECTOR::CopyHalf(m_buffer + target + WindowSize / 2, m_buffer + source + WindowSize / 2);
-    m_buffer[target + size] = 0;
+        XML_VECTOR::CopyHalf(target + WindowSize / 2, source + WindowSize / 2);
+    target[size] = 0;
 }
 
 /// A text of this window, without suspects and references.
@@ -239,8 +239,9 @@ XML_INLINE void CWalk::ReportText(u64 begin, u64 size)
         return;
     }
     u64 const first = FirstBit(kept);
-    Copy(0, begin + first, WindowSize - static_cast<u64>(__builtin_clzll(kept)) - first);
-    CString const text = View(0);
+    u8* const buffer = m_buffer;
+    Copy(buffer, buffer + begin + first, WindowSize - static_cast<u64>(__builtin_clzll(kept)) - first);
+    CString const text = View(buffer);
     m_stream.OnText(&text);
 }
 
@@ -253,9 +254,11 @@ XML_INLINE void CWalk::ReportAttribute(u64 nameBegin, u64 nameSize, u64 valueSiz
                                     {static_cast<u32>(valueBegin), static_cast<u32>(valueBegin + valueSize)});
         return;
     }
-    CopyShort(0, nameBegin, nameSize);
-    CopyShort(nameSize + 1, valueBegin, valueSize);
-    m_stream.OnAttribute({View(0), View(nameSize + 1)});
+    u8* const name = m_buffer;
+    u8* const value = name + nameSize + 1;
+    CopyShort(name, name + nameBegin, nameSize);
+    CopyShort(value, name + valueBegin, valueSize);
+    m_stream.OnAttribute({View(name), View(value)});
 }
 
 /// An attribute of this window that has more in it than its "="; false when it is one for the plain scan.
@@ -376,10 +379,10 @@ elementName: {
         return leave(EXMLState::ElementName, offset);
     if (m_stream.OnElementBegin) {
         if (offset >= RoomyOffset)
-            CopyShort(0, offset, end - offset);
+            CopyShort(m_buffer, buffer + offset, end - offset);
         else
             m_tokenizer.ExtractTrimmed({static_cast<u32>(offset), static_cast<u32>(end)}, 0);
-        m_stream.OnElementBegin(View(0));
+        m_stream.OnElementBegin(View(buffer));
     }
     offset = end + 1;
     if (delimiter == '>')
@@ -410,10 +413,10 @@ endTagName: {
         return leave(EXMLState::EndTagName, offset);
     if (m_stream.OnElementEnd) {
         if (offset >= RoomyOffset)
-            CopyShort(0, offset, end - offset);
+            CopyShort(m_buffer, buffer + offset, end - offset);
         else
             m_tokenizer.ExtractTrimmed({static_cast<u32>(offset), static_cast<u32>(end)}, 0);
-        CString const name = View(0);
+        CString const name = View(buffer);
         m_stream.OnElementEnd(&name);
     }
     offset = end + 1;
@@ -473,15 +476,12 @@ attributeName: {
     }
     else if (!ReportUnusualAttribute(offset, nameSize, valueEnd))
         return leave(EXMLState::AttributeName, offset);
-    // What mostly follows, without a look at the window.
-    u8 const next = buffer[valueEnd + 1];
-    offset = valueEnd + 2;
-    if (next == ' ' && ByteClasses.classes[buffer[offset]] == EByte::NameStart)
-        goto attributeName;
-    if (next == '>')
-        goto text;
-    --offset;
-    goto betweenAttributes;
+    // What mostly follows the last one, without a look at the window.
+    offset = valueEnd + 1;
+    if (buffer[offset] != '>')
+        goto betweenAttributes;
+    ++offset;
+    goto text;
 }
 
 longAttribute: {
