@@ -101,6 +101,16 @@ private:
     }
 }
 
+void LogNobodyAsked()
+{
+    try {
+        Log::Warning("Nobody could be asked what to do: the process ends.");
+    }
+    catch (...) {
+        // It ends without this line.
+    }
+}
+
 bool IsIgnored(u32 site)
 {
     for (u32 i = 0; i < g_ignoredSiteCount; ++i)
@@ -191,6 +201,11 @@ bool Assert(char const* file, long line, char const* title, char const* format, 
     case Platform::EAnswer::Ignore:
         return false;
     case Platform::EAnswer::None:
+        if (!IsReportingCrash())
+            LogNobodyAsked();
+        else if (IsLogUsable())
+            Platform::RunCrashStage([](void*) { LogNobodyAsked(); }, nullptr, 0);
+        break;
     case Platform::EAnswer::Abort:
         break;
     }

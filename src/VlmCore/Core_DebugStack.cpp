@@ -1,5 +1,6 @@
 #include "Core_DebugStack.h"
 
+#include "Core_Log.h"
 #include "platform/Platform_Stack.h"
 #include "platform/Platform_Symbols.h"
 
@@ -36,12 +37,31 @@ void Describe(void* address, SCallstackLine& frame)
     frame.address = reinterpret_cast<u64>(address);
 }
 
+/// Says once, to the first logger that is there to hear it, why stacks have no names. Not under the symbol lock.
+void ReportMissingLibrary() noexcept
+{
+    static std::atomic<bool> reported{false};
+    if (!Log::HasLogger() || reported.exchange(true))
+        return;
+    try {
+        Log::WarningF("No debugging library (%s): call stacks lack names and lines.", Platform::DebugLibraryName);
+    }
+    catch (...) {
+        Print("The log failed to take a warning about the debugging library.\n");
+    }
+}
+
 } // namespace
 
 void LoadSymbols()
 {
-    TScopedLock const guard(GetSymbolLock());
-    Platform::PrepareSymbols();
+    bool hasLibrary = false;
+    {
+        TScopedLock const guard(GetSymbolLock());
+        hasLibrary = Platform::PrepareSymbols();
+    }
+    if (!hasLibrary)
+        ReportMissingLibrary();
 }
 
 unsigned char Backtrace(void** addresses, unsigned int* hash)
@@ -68,8 +88,8 @@ void ResolveSymbols(void** addresses, SCallstackLine* frames, u64 count)
 {
     if (frames == nullptr || count == 0)
         return;
+    LoadSymbols();
     TScopedLock const guard(GetSymbolLock());
-    Platform::PrepareSymbols();
     for (u64 i = 0; i < count; ++i)
         Describe(addresses[i], frames[i]);
 }

@@ -1,5 +1,6 @@
 #include "platform/Platform_EventLog.h"
 
+#include <vlmcore/debug.h>
 #include <vlmcore/logging.h>
 #include <vlmcore/memory.h>
 
@@ -28,6 +29,9 @@ constexpr Platform::EEventType EventTypes[4] = {Platform::EEventType::Informatio
 
 CSystemLogger::CSystemLogger() : m_eventLog(Memory::New<SEventLog>(EHeap::General, Platform::OpenEventSource(Source)))
 {
+    // The log to be is out of order, so the debugger is told.
+    if (m_eventLog->handle == nullptr)
+        Debug::Print("System logger: the system's event log cannot be opened, messages are lost.\n");
 }
 
 CSystemLogger::~CSystemLogger()

@@ -76,6 +76,18 @@ for way in "${ways[@]}"; do
     kinds+=("$kind")
 done
 
+# A disk that takes no more than 64 KB: the log says that there is no dump, and none misleads anybody.
+check_full_disk() {
+    local output dump
+    output=$(trap '' XFSZ && ulimit -f 64 &&
+        "$wine" "$program" --vlmcore-child=LeavesADump WriteToNull </dev/null 2>/dev/null | tr -d '\r') || true
+    dump=$(sed -n 's/^2 Failed to write minidump .*[\\]//p' <<<"$output")
+    [[ -n $dump ]] || fail "full disk: not in the log: $output"
+    [[ ! -e $folder/$dump ]] || fail "full disk: half a dump is left"
+    echo "full disk: no dump, and the log says so"
+}
+check_full_disk
+
 [[ -n $debugger ]] || { echo "no lldb: stacks not checked"; exit 0; }
 print_stacks "${kinds[@]}" >"$kept/stacks"
 for way in "${ways[@]}"; do

@@ -3,9 +3,11 @@
 #include "Core_MemoryLog.h"
 #include "TestHeap.h"
 #include "platform/Platform_EventLog.h"
+#include "support/DebuggedProcess.h"
 
 #include <vlmcore/exceptions.h>
 #include <vlmcore/logging.h>
+#include <vlmcore/memory.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -135,6 +137,23 @@ TEST_F(SystemLoggerTest, ASystemWithoutALogIsDoneWithout)
     CSystemLogger logger;
     logger.Write(Log::EMessage::Error, 0, "nobody listens");
     EXPECT_EQ(events.size(), 1u);
+}
+
+VLMCORE_CHILD(OpensNoEventLog)
+{
+    Memory::Initialize(0, 0);
+    handleToGive = nullptr;
+    CSystemLogger const logger;
+    return 7;
+}
+
+TEST_F(SystemLoggerTest, ASystemWithoutALogIsReportedToTheDebugger)
+{
+    TestSupport::SChildResult const child = TestSupport::RunDebugged("OpensNoEventLog");
+    EXPECT_EQ(child.exitCode, 7u);
+    EXPECT_NE(child.debuggerOutput.find("System logger: the system's event log cannot be opened, messages are lost.\n"),
+              std::string::npos)
+        << child.debuggerOutput;
 }
 
 template <class Lookup>

@@ -13,6 +13,8 @@ namespace Velmor::Platform {
 
 // The debugging library
 
+char const* const DebugLibraryName = "libdw.so.1";
+
 SDebugLibrary g_debugLibrary{};
 
 namespace {
@@ -30,7 +32,7 @@ bool LookUp(void* library, Function& function, char const* name)
 /// Opens a session of the debugging library; null when there is none to be had. Kept until the process ends.
 Dwfl* OpenSession()
 {
-    void* const library = ::dlopen("libdw.so.1", RTLD_NOW | RTLD_LOCAL);
+    void* const library = ::dlopen(DebugLibraryName, RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr)
         return nullptr;
     SDebugLibrary& dw = g_debugLibrary;

@@ -132,6 +132,54 @@ void InstallCrashHandler(CrashHandler handler)
 
 // Dumps
 
+namespace {
+
+template <class T>
+bool ReadAt(HANDLE file, u64 position, T& value)
+{
+    LARGE_INTEGER offset{};
+    offset.QuadPart = static_cast<LONGLONG>(position);
+    DWORD done = 0;
+    return ::SetFilePointerEx(file, offset, nullptr, FILE_BEGIN) != FALSE &&
+           ::ReadFile(file, &value, sizeof value, &done, nullptr) != FALSE && done == sizeof value;
+}
+
+/// True when everything that a list of pieces of memory names lies within the file.
+bool HasMemory(HANDLE file, u64 fileSize, u64 position)
+{
+    ULONG32 count = 0;
+    if (!ReadAt(file, position, count))
+        return false;
+    position += sizeof count;
+    for (ULONG32 index = 0; index < count; ++index, position += sizeof(MINIDUMP_MEMORY_DESCRIPTOR)) {
+        MINIDUMP_MEMORY_DESCRIPTOR piece;
+        if (!ReadAt(file, position, piece) || u64{piece.Memory.Rva} + piece.Memory.DataSize > fileSize)
+            return false;
+    }
+    return true;
+}
+
+/// True when every stream of the dump lies within the file: who wrote it may not have noticed that the disk was full.
+bool HasAllStreams(HANDLE file)
+{
+    LARGE_INTEGER size{};
+    MINIDUMP_HEADER header;
+    if (::GetFileSizeEx(file, &size) == FALSE || !ReadAt(file, 0, header) || header.Signature != MINIDUMP_SIGNATURE)
+        return false;
+    u64 const fileSize = static_cast<u64>(size.QuadPart);
+    u64 position = header.StreamDirectoryRva;
+    for (ULONG32 index = 0; index < header.NumberOfStreams; ++index, position += sizeof(MINIDUMP_DIRECTORY)) {
+        MINIDUMP_DIRECTORY stream;
+        if (!ReadAt(file, position, stream) || u64{stream.Location.Rva} + stream.Location.DataSize > fileSize)
+            return false;
+        if (stream.StreamType == MemoryListStream && !HasMemory(file, fileSize, stream.Location.Rva))
+            return false;
+    }
+    return header.NumberOfStreams != 0;
+}
+
+} // namespace
+
 bool WriteMinidump(char const* path, u32 threadId, void* exceptionPointers)
 {
     SDebugHelp const& help = GetDebugHelp();
@@ -151,11 +199,9 @@ bool WriteMinidump(char const* path, u32 threadId, void* exceptionPointers)
                                MiniDumpWithIndirectlyReferencedMemory,
                                exceptionPointers != nullptr ? &exception : nullptr, nullptr, nullptr) != FALSE;
     static_assert(MiniDumpWithIndirectlyReferencedMemory == 64);
-    bool const flushed = ::FlushFileBuffers(file) != FALSE;
-    LARGE_INTEGER size{};
-    bool const filled = ::GetFileSizeEx(file, &size) != FALSE && size.QuadPart != 0;
+    bool const isWhole = written && ::FlushFileBuffers(file) != FALSE && HasAllStreams(file);
     ::CloseHandle(file);
-    if (written && flushed && filled)
+    if (isWhole)
         return true;
     ::DeleteFileA(path); // half a dump only misleads
     return false;

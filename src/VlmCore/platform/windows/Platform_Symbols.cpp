@@ -9,6 +9,8 @@ namespace Velmor::Platform {
 
 // The debugging library
 
+char const* const DebugLibraryName = "dbghelp.dll";
+
 namespace {
 
 SDebugHelp g_help{};
@@ -36,7 +38,7 @@ SDebugHelp const& GetDebugHelp()
     if (g_helpTried)
         return g_help;
     g_helpTried = true;
-    g_help.library = ::LoadLibraryA("dbghelp.dll");
+    g_help.library = ::LoadLibraryA(DebugLibraryName);
     if (g_help.library == nullptr)
         return g_help;
     LookUp(g_help.symInitialize, "SymInitialize");
