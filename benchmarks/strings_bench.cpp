@@ -26,31 +26,57 @@ char const* const Samples[] = {
 char const* const SampleNames[] = {"ASCII", "Latin", "Cyrillic", "CJK", "Emoji"};
 u64 const Sizes[] = {32, 4096, 1 << 20};
 
-/// About `size` bytes of whole characters.
-std::string MakeText(unsigned sample, u64 size)
+/// The words of a sample; of one without blanks, its characters.
+std::vector<std::string> SplitWords(std::string const& sample)
 {
-    std::string text;
-    std::string const source = Samples[sample];
-    u64 at = 0;
-    for (;;) {
-        u64 const lead = static_cast<unsigned char>(source[at]);
-        u64 const character = lead < 0xC0 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-        if (text.size() + character > size)
-            return text;
-        text.append(source, at, character);
-        at = (at + character) % source.size();
+    std::vector<std::string> words;
+    bool const hasBlanks = sample.find(' ') != std::string::npos;
+    for (u64 at = 0; at < sample.size();) {
+        u64 size = Encodings::SUTF8::LeadSize(static_cast<u8>(sample[at]));
+        if (hasBlanks)
+            size = sample.find(' ', at) + 1 - at;
+        words.push_back(sample.substr(at, size));
+        at += size;
     }
+    return words;
 }
 
-/// The buffers of one conversion.
+/// About `size` bytes of whole characters: words in an order that no branch predictor learns by heart.
+std::string MakeText(unsigned sample, u64 size, u32 seed = 1)
+{
+    std::vector<std::string> const words = SplitWords(Samples[sample]);
+    std::string text;
+    while (text.size() < size) {
+        seed = seed * 1664525 + 1013904223;
+        text += words[(seed >> 16) % words.size()];
+    }
+    u64 end = 0;
+    for (u64 next = 0; next <= size; next += Encodings::SUTF8::LeadSize(static_cast<u8>(text[next])))
+        end = next;
+    text.resize(end);
+    return text;
+}
+
+/// The texts of one conversion, taken in turn: short ones come in many kinds.
 struct SConversion {
-    CMutableString source;
+    std::vector<CMutableString> sources;
     std::vector<u8> out;
+    u64 round = 0;
+    u64 bytes = 0;
+
+    CMutableString const& Next()
+    {
+        CMutableString const& source = sources[round++ % sources.size()];
+        bytes += source.GetAllocatedSize() - 1;
+        return source;
+    }
 };
 
 SConversion Prepare(unsigned sample, u64 size, EStringEncoding::Type from)
 {
-    SConversion conversion{CMutableString(MakeText(sample, size).c_str(), from), {}};
+    SConversion conversion;
+    for (u32 seed = 1; seed <= (size < 100 ? 256u : 1u); ++seed)
+        conversion.sources.emplace_back(MakeText(sample, size, seed * 7919).c_str(), from);
     conversion.out.resize(4 * size + 64);
     return conversion;
 }
@@ -60,14 +86,19 @@ void Report(benchmark::State& state, u64 bytes)
     state.SetBytesProcessed(static_cast<i64>(state.iterations()) * static_cast<i64>(bytes));
 }
 
+void Report(benchmark::State& state, SConversion const& conversion)
+{
+    state.SetBytesProcessed(static_cast<i64>(conversion.bytes));
+}
+
 void CopyAs(benchmark::State& state, unsigned sample, u64 size, EStringEncoding::Type from, EStringEncoding::Type to)
 {
     SConversion conversion = Prepare(sample, size, from);
     for (auto _ : state) {
-        conversion.source.CopyAs(to, conversion.out.data(), false);
+        conversion.Next().CopyAs(to, conversion.out.data(), false);
         benchmark::ClobberMemory();
     }
-    Report(state, conversion.source.GetAllocatedSize() - 1);
+    Report(state, conversion);
 }
 
 // The scalar loops that a user would write for the same rules, lengths known.
@@ -75,9 +106,10 @@ void CopyAs(benchmark::State& state, unsigned sample, u64 size, EStringEncoding:
 void LoopFromUTF8(benchmark::State& state, unsigned sample, u64 size, EStringEncoding::Type to)
 {
     SConversion conversion = Prepare(sample, size, EStringEncoding::UTF8);
-    u8 const* const source = static_cast<u8 const*>(conversion.source.GetData());
-    u64 const sourceSize = conversion.source.GetAllocatedSize() - 1;
     for (auto _ : state) {
+        CMutableString const& text = conversion.Next();
+        u8 const* const source = static_cast<u8 const*>(text.GetData());
+        u64 const sourceSize = text.GetAllocatedSize() - 1;
         u8* out = conversion.out.data();
         for (u8 const* in = source; in < source + sourceSize;) {
             u32 codePoint = *in;
@@ -103,15 +135,16 @@ void LoopFromUTF8(benchmark::State& state, unsigned sample, u64 size, EStringEnc
         benchmark::DoNotOptimize(out);
         benchmark::ClobberMemory();
     }
-    Report(state, sourceSize);
+    Report(state, conversion);
 }
 
 void LoopToUTF8(benchmark::State& state, unsigned sample, u64 size)
 {
     SConversion conversion = Prepare(sample, size, EStringEncoding::UTF16);
-    u8 const* const source = static_cast<u8 const*>(conversion.source.GetData());
-    u64 const sourceSize = conversion.source.GetAllocatedSize() - 2;
     for (auto _ : state) {
+        CMutableString const& text = conversion.Next();
+        u8 const* const source = static_cast<u8 const*>(text.GetData());
+        u64 const sourceSize = text.GetAllocatedSize() - 2;
         u8* out = conversion.out.data();
         for (u8 const* in = source; in < source + sourceSize;) {
             u32 codePoint = Encodings::Load<u16>(in);
@@ -125,16 +158,23 @@ void LoopToUTF8(benchmark::State& state, unsigned sample, u64 size)
         benchmark::DoNotOptimize(out);
         benchmark::ClobberMemory();
     }
-    Report(state, sourceSize);
+    Report(state, conversion);
 }
 
 void Length(benchmark::State& state, unsigned sample, u64 size, EStringEncoding::Type encoding)
 {
-    CMutableString const text(MakeText(sample, size).c_str(), encoding);
-    CString const view(text);
+    SConversion texts = Prepare(sample, size, encoding);
     for (auto _ : state)
-        benchmark::DoNotOptimize(view.GetLength());
-    Report(state, text.GetAllocatedSize() - 1);
+        benchmark::DoNotOptimize(CString(texts.Next()).GetLength());
+    Report(state, texts);
+}
+
+void SizeAsUTF16(benchmark::State& state, unsigned sample, u64 size)
+{
+    SConversion texts = Prepare(sample, size, EStringEncoding::UTF8);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(CString(texts.Next()).GetAllocatedSizeAs(EStringEncoding::UTF16));
+    Report(state, texts);
 }
 
 void LengthByStrlen(benchmark::State& state, u64 size)
@@ -150,14 +190,14 @@ void LengthByStrlen(benchmark::State& state, u64 size)
 
 void LengthByLoop(benchmark::State& state, unsigned sample, u64 size)
 {
-    std::string const text = MakeText(sample, size);
+    SConversion texts = Prepare(sample, size, EStringEncoding::UTF8);
     for (auto _ : state) {
         u64 count = 0;
-        for (u8 const* place = reinterpret_cast<u8 const*>(text.c_str()); *place != 0; ++count)
+        for (u8 const* place = static_cast<u8 const*>(texts.Next().GetData()); *place != 0; ++count)
             place += Encodings::SUTF8::LeadSize(*place);
         benchmark::DoNotOptimize(count);
     }
-    Report(state, text.size());
+    Report(state, texts);
 }
 
 void Equal(benchmark::State& state, u64 size, EStringEncoding::Type left, EStringEncoding::Type right)
@@ -169,6 +209,18 @@ void Equal(benchmark::State& state, u64 size, EStringEncoding::Type left, EStrin
     CString const secondView(second);
     for (auto _ : state)
         benchmark::DoNotOptimize(firstView == secondView);
+    Report(state, first.GetAllocatedSize() - 1);
+}
+
+void Order(benchmark::State& state, u64 size)
+{
+    std::string const text = MakeText(0, size);
+    CMutableString const first(text.c_str(), EStringEncoding::UTF8);
+    CMutableString const second(text.c_str(), EStringEncoding::UTF8);
+    CString const firstView(first);
+    CString const secondView(second);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(firstView < secondView);
     Report(state, first.GetAllocatedSize() - 1);
 }
 
@@ -331,11 +383,14 @@ void RegisterAll()
                      [=](benchmark::State& state) { CopyAs(state, sample, size, UTF16, UTF8); });
             Register("16to8" + where + "/loop", [=](benchmark::State& state) { LoopToUTF8(state, sample, size); });
             Register("Length8" + where + "/ours", [=](benchmark::State& state) { Length(state, sample, size, UTF8); });
+            Register("SizeAs16" + where + "/ours", [=](benchmark::State& state) { SizeAsUTF16(state, sample, size); });
             Register("Length8" + where + "/loop", [=](benchmark::State& state) { LengthByLoop(state, sample, size); });
         }
         Register("Length16/ASCII" + bytes + "/ours", [=](benchmark::State& state) { Length(state, 0, size, UTF16); });
         Register("Length8/ASCII" + bytes + "/strlen", [=](benchmark::State& state) { LengthByStrlen(state, size); });
         Register("Equal8" + bytes + "/ours", [=](benchmark::State& state) { Equal(state, size, UTF8, UTF8); });
+        Register("Order8" + bytes + "/ours", [=](benchmark::State& state) { Order(state, size); });
+        Register("Order8" + bytes + "/memcmp", [=](benchmark::State& state) { EqualByMemcmp(state, size); });
         Register("Equal8" + bytes + "/memcmp", [=](benchmark::State& state) { EqualByMemcmp(state, size); });
         Register("Equal8and16" + bytes + "/ours", [=](benchmark::State& state) { Equal(state, size, UTF8, UTF16); });
         Register("Hash" + bytes + "/ours", [=](benchmark::State& state) { Hash(state, size); });

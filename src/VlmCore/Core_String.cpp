@@ -223,11 +223,28 @@ void CMutableString::Convert(void const* data, EStringEncoding::Type from, EStri
         Adopt(nullptr, to, 0, m_allocatedSize);
         return;
     }
-    CString const source(data, from);
-    u64 const size = source.GetAllocatedSizeAs(to);
-    u8* const buffer = TextBuilder::Allocate(size);
-    source.CopyAs(to, buffer, false);
-    Adopt(buffer, to, CString(buffer, to).GetLength(), size);
+    // Each text is walked once for what has to be known about it; only the copy's own length is counted anew, since what
+    // a malformed character was converted to may be read differently.
+    Dispatch(from, [&](auto fromRules) {
+        Dispatch(to, [&](auto toRules) {
+            using From = decltype(fromRules);
+            using To = decltype(toRules);
+            Text::SExtent const extent = Text::GetExtent<From>(AsBytes(data));
+            if constexpr (From::Encoding == To::Encoding) {
+                u64 const size = extent.size + To::UnitSize;
+                u8* const buffer = TextBuilder::Allocate(size);
+                std::memcpy(buffer, data, size);
+                Adopt(buffer, to, extent.count, size);
+            }
+            else {
+                u64 const size = To::UnitSize + (To::UnitSize == 4 ? extent.count * 4
+                                                                   : Text::GetConvertedSize<From, To>(AsBytes(data)));
+                u8* const buffer = TextBuilder::Allocate(size);
+                Store(Text::ConvertCharacters<From, To>(AsBytes(data), extent.count, buffer), typename To::Unit{0});
+                Adopt(buffer, to, Text::CountCharacters<To>(buffer), size);
+            }
+        });
+    });
 }
 
 void CMutableString::AssignUnits(void const* units, u64 count, EStringEncoding::Type encoding)
@@ -249,12 +266,15 @@ void CMutableString::AssignUnits(void const* units, u64 count, EStringEncoding::
 
 void CMutableString::SetManagedReference(void* buffer, EStringEncoding::Type encoding)
 {
-    CString const text(buffer, encoding);
-    u64 const length = text.GetLength();
-    u64 const size = text.GetAllocatedSize();
+    Text::SExtent extent{};
+    u64 size = 0;
+    if (buffer != nullptr) {
+        extent = Dispatch(encoding, [buffer](auto rules) { return Text::GetExtent<decltype(rules)>(AsBytes(buffer)); });
+        size = extent.size + GetUnitSize(encoding);
+    }
     if (buffer == m_data)
         m_data = nullptr;
-    Adopt(buffer, encoding, length, size);
+    Adopt(buffer, encoding, extent.count, size);
 }
 
 CMutableString& CMutableString::ToLowercaseASCII()

@@ -197,15 +197,38 @@ u64 GetColumnDistance(SCodePoints const& longer, SCodePoints const& shorter, CPl
     return distance;
 }
 
-/// The same for 64 cells at the most: one word, which stays in registers.
-u64 GetWordDistance(SCodePoints const& longer, SCodePoints const& shorter, CPlaces const& places)
+/// The distance when the shorter text has 64 code points at the most: one word, which stays in registers. `getRow` gives
+/// the places of a code point in it.
+template <class GetRow>
+u64 GetWordDistance(SCodePoints const& longer, SCodePoints const& shorter, GetRow const& getRow)
 {
     SColumn column = {~u64{0}, 0};
     for (u64 index = 0; index < longer.count; ++index)
-        Advance(column, *places.GetRow(longer.data[index]), {0, 1, 0});
+        Advance(column, getRow(longer.data[index]), {0, 1, 0});
     u64 const used = ~u64{0} >> (WordBits - shorter.count);
     return longer.count + static_cast<u64>(std::popcount(column.plus & used)) -
            static_cast<u64>(std::popcount(column.minus & used));
+}
+
+/// The same for code points below 256 in both texts: a table of which only the entries that are used are cleared.
+u64 GetSmallDistance(SCodePoints const& longer, SCodePoints const& shorter)
+{
+    u64 rows[CPlaces::DirectCount];
+    for (u64 index = 0; index < longer.count; ++index)
+        rows[longer.data[index]] = 0;
+    for (u64 index = 0; index < shorter.count; ++index)
+        rows[shorter.data[index]] = 0;
+    for (u64 index = 0; index < shorter.count; ++index)
+        rows[shorter.data[index]] |= u64{1} << index;
+    return GetWordDistance(longer, shorter, [&rows](u32 codePoint) { return rows[codePoint]; });
+}
+
+bool AreDirect(SCodePoints const& text)
+{
+    u32 all = 0;
+    for (u64 index = 0; index < text.count; ++index)
+        all |= text.data[index];
+    return all < CPlaces::DirectCount;
 }
 
 /// Memory for one call: a little from the stack, more from the heap.
@@ -267,9 +290,12 @@ u64 IString::GetDistance(CString const& other) const
         std::swap(longer, shorter);
     if (shorter.count == 0)
         return longer.count;
+    if (shorter.count <= WordBits && AreDirect(longer) && AreDirect(shorter))
+        return GetSmallDistance(longer, shorter);
     CPlaces const places(shorter, block + columnsSize + codePointsSize);
-    return shorter.count <= WordBits ? GetWordDistance(longer, shorter, places)
-                                     : GetColumnDistance(longer, shorter, places, columns);
+    if (shorter.count <= WordBits)
+        return GetWordDistance(longer, shorter, [&places](u32 codePoint) { return *places.GetRow(codePoint); });
+    return GetColumnDistance(longer, shorter, places, columns);
 }
 
 } // namespace Velmor

@@ -2,6 +2,8 @@
 /// Building a text in two passes of one description: the first measures, the second writes into a buffer that fits.
 #pragma once
 
+#include "Core_Text.h"
+
 #include <vlmcore/impl/Core_Encoding.h>
 #include <vlmcore/memory.h>
 #include <vlmcore/strings.h>
@@ -43,7 +45,7 @@ private:
     u64 m_size = 0;
 };
 
-/// Second pass: writes. The buffer has room for the terminator, which Convert writes and the next piece overwrites.
+/// Second pass: writes.
 template <class Rules>
 class CWriter {
 public:
@@ -57,10 +59,16 @@ public:
     void Put(u32 codePoint) { m_out = Rules::Write(codePoint, m_out); }
     void Convert(CString const& text)
     {
-        if (u64 const size = text.GetAllocatedSizeAs(Rules::Encoding); size != 0) {
-            text.CopyAs(Rules::Encoding, m_out, false);
-            m_out += size - Rules::UnitSize;
-        }
+        if (text.GetData() == nullptr)
+            return;
+        u8 const* const from = Encodings::AsBytes(text.GetData());
+        Encodings::Dispatch(text.GetEncoding(), [&](auto rules) {
+            using From = decltype(rules);
+            if constexpr (From::Encoding == Rules::Encoding)
+                Copy(from, Text::GetTextSize<From>(from));
+            else
+                m_out = Text::ConvertCharacters<From, Rules>(from, Text::CountCharacters<From>(from), m_out);
+        });
     }
     void Terminate() { Encodings::Store(m_out, typename Rules::Unit{0}); }
 

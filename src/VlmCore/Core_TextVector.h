@@ -169,18 +169,22 @@ VLM_KERNEL u64 FindDifference(u8 const* left, u8 const* right)
     for (u64 offset = 0;;) {
         // Both go on to the end of a page before either has to be asked whether it has ended.
         u64 const stop = offset + std::min(BytesToPageEnd(left + offset), BytesToPageEnd(right + offset));
-        for (u64 step = 1; stop - offset >= VectorWidth; offset += VectorWidth, ++step) {
+        if (stop - offset >= VectorWidth) {
             if (u64 const mask = StopMask<Unit>(left + offset, right + offset); mask != 0)
                 return offset + LowestBit(mask);
-            for (; step == 1 && stop - offset >= VectorWidth + ChunkSize; offset += ChunkSize) {
-                u8 const* const first = left + offset + VectorWidth;
-                u8 const* const second = right + offset + VectorWidth;
-                if (HasZero(
-                        Least(Least(GoOn<Unit>(first, second), GoOn<Unit>(first + VectorWidth, second + VectorWidth)),
+            offset += VectorWidth - BytesBehind(left + offset, VectorWidth);
+        }
+        for (; stop - offset >= ChunkSize; offset += ChunkSize) {
+            u8 const* const first = left + offset;
+            u8 const* const second = right + offset;
+            if (HasZero(Least(Least(GoOn<Unit>(first, second), GoOn<Unit>(first + VectorWidth, second + VectorWidth)),
                               Least(GoOn<Unit>(first + 2 * VectorWidth, second + 2 * VectorWidth),
                                     GoOn<Unit>(first + 3 * VectorWidth, second + 3 * VectorWidth)))))
-                    break;
-            }
+                break;
+        }
+        for (; stop - offset >= VectorWidth; offset += VectorWidth) {
+            if (u64 const mask = StopMask<Unit>(left + offset, right + offset); mask != 0)
+                return offset + LowestBit(mask);
         }
         if (offset == stop)
             continue;

@@ -330,6 +330,31 @@ TEST_P(CStringKernels, EveryShortEnding)
     }
 }
 
+// Every run of surrogates, well-formed or not, at every place around the end of a register, up to the terminator.
+TEST_P(CStringKernels, EverySurrogateRun)
+{
+    char16_t const kinds[] = {u'a', char16_t{0xD83D}, char16_t{0xDE00}, char16_t{0xFE00}, char16_t{0xFFFF}};
+    u64 const lengths[] = {0, 1, 12, 27, 28, 29, 30, 31, 60, 62, 126};
+    for (u64 const length : lengths) {
+        std::u16string units(length + 5, u'z');
+        for (u64 combination = 0; combination < 5 * 5 * 5 * 5 * 5; ++combination) {
+            u64 rest = combination;
+            for (u64 place = 0; place < 5; ++place, rest /= 5)
+                units[length + place] = kinds[rest % 5];
+            CString const text(m_text.PlaceAtEnd(units.c_str(), 2 * units.size() + 2), EStringEncoding::UTF16);
+            auto const results = Both([&] {
+                return std::vector<u64>{text.GetLength(), text.GetAllocatedSizeAs(EStringEncoding::UTF8),
+                                        text.Find(u"a\uFE00"), text.Find(0x7A00), text.Find(u'a')};
+            });
+            ASSERT_EQ(results.first, results.second) << length << ' ' << combination;
+            auto const narrow = Both([&] { return BytesOf(text.ToUTF8()); });
+            ASSERT_EQ(narrow.first, narrow.second) << length << ' ' << combination;
+            auto const wide = Both([&] { return BytesOf(text.ToUTF32()); });
+            ASSERT_EQ(wide.first, wide.second) << length << ' ' << combination;
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Sets, CStringKernels,
                          ::testing::Values(ELevel::Plain, ELevel::SSE2, ELevel::AVX2, ELevel::AVX512),
                          [](auto const& instance) {

@@ -10,14 +10,21 @@ import re
 import sys
 
 
-def split_name(name):
-    """Gives what is compared, and who did it; None for a benchmark without that form."""
-    name = re.sub(r"/(real_time|process_time|repeats:\d+|threads:1)\b", "", name)
-    parts = name.split("/")
-    for position, part in enumerate(parts):
-        if part == "ours" or position == 2:
-            return "/".join(parts[:position] + parts[position + 1:]), part
-    return None
+def split_names(names):
+    """Maps each name to what is compared and who did it: ours, and the names that differ from one of ours there alone."""
+    parts_of = {name: re.sub(r"/(real_time|process_time|repeats:\d+|threads:1)\b", "", name).split("/") for name in names}
+
+    def places(parts):
+        return [(tuple(parts[:place]), tuple(parts[place + 1:]), parts[place]) for place in range(len(parts))]
+
+    ours = {(before, behind) for parts in parts_of.values() for before, behind, who in places(parts) if who == "ours"}
+    split = {}
+    for name, parts in parts_of.items():
+        for before, behind, who in places(parts):
+            if (before, behind) in ours:
+                split[name] = "/".join(before + behind), who
+                break
+    return split
 
 
 # What Google Benchmark itself writes into a run; all other numbers are the benchmark's own counters.
@@ -29,15 +36,17 @@ def read(path):
     """Maps what -> who -> {median, spread, rate}."""
     with open(path, encoding="utf-8") as file:
         document = json.load(file)
+    runs = [run for run in document["benchmarks"] if run.get("aggregate_name") in ("median", "cv")]
+    # Interleaved runs are reported in a random order.
+    runs.sort(key=lambda run: (run.get("family_index", 0), run.get("per_family_instance_index", 0)))
+    split = split_names({run["run_name"] for run in runs})
     table = {}
-    for run in document["benchmarks"]:
-        aggregate = run.get("aggregate_name")
-        if aggregate not in ("median", "cv"):
+    for run in runs:
+        if run["run_name"] not in split:
             continue
-        split = split_name(run["run_name"])
-        if split is None:
-            continue
-        entry = table.setdefault(split[0], {}).setdefault(split[1], {})
+        aggregate = run["aggregate_name"]
+        what, who = split[run["run_name"]]
+        entry = table.setdefault(what, {}).setdefault(who, {})
         if aggregate == "median":
             scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}[run["time_unit"]]
             entry["time"] = run["real_time"] * scale
@@ -46,7 +55,7 @@ def read(path):
             entry["counters"] = {key: value for key, value in run.items()
                                  if key not in OWN_KEYS and isinstance(value, (int, float))}
         else:
-            entry["spread"] = run["real_time"]
+            entry["spread"] = run.get("bytes_per_second") or run.get("items_per_second") or run["real_time"]
     return document["context"], table
 
 
@@ -63,6 +72,13 @@ def quantity(entry):
         if rate >= scale:
             return f"{rate / scale:.2f} {prefix}{entry['unit']}"
     return f"{rate:.1f} {entry['unit']}"
+
+
+def speed(ours, peer):
+    """How many times as fast ours is."""
+    if ours["rate"] and peer["rate"]:
+        return ours["rate"] / peer["rate"]
+    return peer["time"] / ours["time"]
 
 
 def show_counters(who, entry):
@@ -84,11 +100,9 @@ def main():
             for who, peer in sides.items():
                 if who == "ours":
                     continue
-                speed = peer["time"] / ours["time"]
-                if ours["rate"] and peer["rate"]:
-                    speed = ours["rate"] / peer["rate"]
+                factor = speed(ours, peer)
                 print(f"  {'':34}{who:>14} {quantity(peer):>12}  +-{100 * peer.get('spread', 0):.0f} %"
-                      f"   ours is {speed:.2f} x as fast, takes {1 / speed:.2f} x the time")
+                      f"   ours is {factor:.2f} x as fast, takes {1 / factor:.2f} x the time")
                 show_counters(who, peer)
 
 

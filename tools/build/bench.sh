@@ -55,6 +55,7 @@ command_bench() {
         [[ $name == *$filter* ]] || continue
         say "$name"
         "${run[@]}" "$program" --benchmark_repetitions="${VLMCORE_BENCH_REPETITIONS:-5}" \
+            --benchmark_min_time="${VLMCORE_BENCH_SECONDS:-0.5}" \
             --benchmark_report_aggregates_only=true --benchmark_enable_random_interleaving=true \
             --benchmark_out="$results/$name.json" --benchmark_out_format=json </dev/null >"$results/$name.txt" 2>&1 ||
             { cat "$results/$name.txt"; exit 1; }
