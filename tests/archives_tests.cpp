@@ -1,6 +1,7 @@
 // Folder archives and collections on real trees.
 #include "TestHeap.h"
 #include "Texts.h"
+#include "support/Files.h"
 #include "support/Folders.h"
 
 #include <vlmcore/archives.h>
@@ -16,7 +17,10 @@
 #include <gtest/gtest.h>
 
 using namespace Velmor;
+using TestSupport::CCurrentFolder;
 using TestSupport::CTemporaryFolder;
+using TestSupport::FileErrorOf;
+using TestSupport::ReadAll;
 using TestSupport::ReadText;
 using TestSupport::WriteText;
 using VlmTest::Bytes;
@@ -47,38 +51,6 @@ SListing List(IArchive const& archive, CString const& path)
         listing.folders.insert(Bytes(folder));
     return listing;
 }
-
-template <class Action>
-EFileError::Type FileErrorOf(Action action)
-{
-    try {
-        action();
-    }
-    catch (CFileException const& error) {
-        EXPECT_EQ(error.GetKind(), 1);
-        return error.GetFileError();
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return static_cast<EFileError::Type>(99);
-}
-
-std::string ReadAll(TResourcePtr<IFile> const& file)
-{
-    std::string content(static_cast<std::size_t>(file->GetSizeByte()), '\0');
-    content.resize(static_cast<std::size_t>(file->Read(content.data(), content.size())));
-    return content;
-}
-
-class CCurrentFolder {
-public:
-    explicit CCurrentFolder(fs::path const& folder) : m_before(fs::current_path()) { fs::current_path(folder); }
-    CCurrentFolder(CCurrentFolder const&) = delete;
-    CCurrentFolder& operator=(CCurrentFolder const&) = delete;
-    ~CCurrentFolder() { fs::current_path(m_before); }
-
-private:
-    fs::path m_before;
-};
 
 // An archive on a fresh folder.
 class FolderArchive : public ::testing::Test {
@@ -138,9 +110,9 @@ TEST_F(FolderArchive, OpensBelowItsRoot)
     TResourcePtr<IFile> const file = archive.OpenFile("sub\\a.txt", EFileOpen::Read);
     ASSERT_TRUE(file);
     EXPECT_EQ(file->GetRefCount(), 1);
-    EXPECT_EQ(ReadAll(file), "abc");
+    EXPECT_EQ(ReadAll(*file), "abc");
     EXPECT_EQ(Units(file->GetPath()), rootText + u"\\sub");
-    EXPECT_EQ(ReadAll(archive.OpenFile(u"sub/a.txt", EFileOpen::Read)), "abc");
+    EXPECT_EQ(ReadAll(*archive.OpenFile(u"sub/a.txt", EFileOpen::Read)), "abc");
 }
 
 TEST_F(FolderArchive, CreatesByModeAlone)
@@ -238,7 +210,7 @@ TEST_F(FolderArchive, EveryNameOfAWideListingOpensAgain)
     for (CMutableString const& file : files) {
         EXPECT_NE(std::find(std::begin(names), std::end(names), Units(file)), std::end(names));
         EXPECT_TRUE(archive.Contains(file));
-        EXPECT_EQ(ReadAll(archive.OpenFile(file, EFileOpen::Read)), "here");
+        EXPECT_EQ(ReadAll(*archive.OpenFile(file, EFileOpen::Read)), "here");
     }
 }
 
@@ -354,24 +326,33 @@ public:
     void List(CString const& path, TVector<CMutableString, 1>& files,
               TVector<CMutableString, 1>& folders) const override
     {
-        calls.push_back("list " + Bytes(path));
+        Record("list " + Bytes(path));
         CFolderArchive::List(path, files, folders);
     }
     void RemoveFile(CString const& path) override
     {
-        calls.push_back("file " + Bytes(path));
+        Record("file " + Bytes(path));
         if (Bytes(path) == refused)
             throw CFileException("refused", EFileError::Corrupt);
         CFolderArchive::RemoveFile(path);
     }
     void RemoveFolder(CString const& path) override
     {
-        calls.push_back("folder " + Bytes(path));
+        Record("folder " + Bytes(path));
         CFolderArchive::RemoveFolder(path);
     }
 
     mutable std::vector<std::string> calls;
     std::string refused;
+    std::size_t failingCall = ~std::size_t{0}; // counted from 0
+
+private:
+    void Record(std::string call) const
+    {
+        calls.push_back(std::move(call));
+        if (calls.size() - 1 == failingCall)
+            throw CFileException("refused", EFileError::Corrupt);
+    }
 };
 
 } // namespace
@@ -402,6 +383,79 @@ TEST_F(FolderArchive, TheFirstFailureEndsARemoval)
     recording.refused.clear();
     recording.RemoveFolder("t");
     EXPECT_FALSE(fs::exists(Root() / "t"));
+}
+
+TEST_F(FolderArchive, RemovalMayFailAtAnyCall)
+{
+    auto const makeTree = [&] {
+        fs::create_directories(Root() / "t" / "a" / "b");
+        WriteText(Root() / "t" / "a" / "b" / "1", "");
+        WriteText(Root() / "t" / "a" / "2", "");
+        WriteText(Root() / "t" / "3", "");
+    };
+    makeTree();
+    CRecordingArchive whole{CString(rootText)};
+    whole.RemoveFolder("t");
+    ASSERT_EQ(whole.calls.size(), 9u); // three folders, a list each, three files
+    for (std::size_t failing = 0; failing < whole.calls.size(); ++failing) {
+        makeTree();
+        CRecordingArchive recording{CString(rootText)};
+        recording.failingCall = failing;
+        EXPECT_EQ(FileErrorOf([&] { recording.RemoveFolder("t"); }), EFileError::Corrupt);
+        // The first failure is the end; what was to be removed before it is gone, the rest stands.
+        EXPECT_EQ(recording.calls,
+                  std::vector<std::string>(whole.calls.begin(), whole.calls.begin() + static_cast<int>(failing) + 1));
+        EXPECT_TRUE(fs::exists(Root() / "t"));
+        EXPECT_EQ(fs::exists(Root() / "t" / "a" / "b" / "1"),
+                  std::find(whole.calls.begin(), whole.calls.begin() + static_cast<int>(failing), "file t/a/b/1") ==
+                      whole.calls.begin() + static_cast<int>(failing));
+        CFolderArchive{CString(rootText)}.RemoveFolder("t");
+        EXPECT_FALSE(fs::exists(Root() / "t"));
+    }
+}
+
+TEST_F(Collection, EveryArchiveMayFailAtEveryCall)
+{
+    // The failure of the archive that is asked passes through, and no later one is tried.
+    class CFailing : public CFolderArchive {
+    public:
+        using CFolderArchive::CFolderArchive;
+        bool Contains(CString const& path) const override
+        {
+            if (failsContains)
+                throw CFileException("gone", EFileError::Corrupt);
+            return CFolderArchive::Contains(path);
+        }
+        TResourcePtr<IFile> OpenFile(CString const&, EFileOpen::Type) override
+        {
+            throw CFileException("gone", EFileError::Corrupt);
+        }
+        void List(CString const&, TVector<CMutableString, 1>&, TVector<CMutableString, 1>&) const override
+        {
+            throw CFileException("gone", EFileError::Corrupt);
+        }
+        bool failsContains = false;
+    };
+    WriteText(Root() / "file", "here");
+    CTemporaryFolder empty;
+    std::u16string const emptyText = empty.Text();
+    for (std::size_t failing = 0; failing < 3; ++failing) {
+        CFailing without{CString(emptyText)};
+        CFailing with{CString(rootText)};
+        CFolderArchive last{CString(rootText)};
+        CArchiveCollection all;
+        for (std::size_t index = 0; index < failing; ++index)
+            all.Add(without);
+        all.Add(with);
+        all.Add(last);
+        EXPECT_TRUE(all.Contains("file"));
+        EXPECT_EQ(FileErrorOf([&] { (void)all.OpenFile("file", EFileOpen::Read); }), EFileError::Corrupt);
+        EXPECT_EQ(FileErrorOf([&] { (void)List(all, ""); }), EFileError::Corrupt);
+        with.failsContains = true;
+        EXPECT_EQ(FileErrorOf([&] { (void)all.Contains("file"); }), EFileError::Corrupt);
+        EXPECT_EQ(FileErrorOf([&] { (void)all.OpenFile("file", EFileOpen::Read); }), EFileError::Corrupt);
+        EXPECT_EQ(FileErrorOf([&] { (void)List(all, "file"); }), EFileError::Corrupt);
+    }
 }
 
 // ---- links and the root ----
@@ -537,9 +591,9 @@ TEST_F(Collection, TheFirstThatContainsAnswers)
     ASSERT_EQ(all.archives.GetCount(), 2u);
     EXPECT_EQ(all.archives[1], &b);
 
-    EXPECT_EQ(ReadAll(all.OpenFile("both\\file", EFileOpen::Read)), "from A");
-    EXPECT_EQ(ReadAll(all.OpenFile("only\\file", EFileOpen::Read)), "only B");
-    EXPECT_EQ(ReadAll(all.OpenFile("both\\more", EFileOpen::Read)), "B");
+    EXPECT_EQ(ReadAll(*all.OpenFile("both\\file", EFileOpen::Read)), "from A");
+    EXPECT_EQ(ReadAll(*all.OpenFile("only\\file", EFileOpen::Read)), "only B");
+    EXPECT_EQ(ReadAll(*all.OpenFile("both\\more", EFileOpen::Read)), "B");
     EXPECT_EQ(List(all, "both").files, (Names{"file"})); // nothing is merged
     EXPECT_EQ(List(all, "only").files, (Names{"file"}));
     EXPECT_EQ(List(all, "").folders, (Names{"both"}));
@@ -551,7 +605,7 @@ TEST_F(Collection, TheFirstThatContainsAnswers)
     EXPECT_THROW((void)all.OpenFile("both", EFileOpen::Read), CFileException);
 
     std::swap(all.archives[0], all.archives[1]);
-    EXPECT_EQ(ReadAll(all.OpenFile("both\\file", EFileOpen::Read)), "from B");
+    EXPECT_EQ(ReadAll(*all.OpenFile("both\\file", EFileOpen::Read)), "from B");
 }
 
 TEST_F(Collection, CreatesNothing)
@@ -572,7 +626,7 @@ TEST_F(Collection, NestsAndDoesNotOwn)
         CArchiveCollection inner;
         inner.Add(archive);
         outer.Add(inner);
-        EXPECT_EQ(ReadAll(outer.OpenFile("file", EFileOpen::Read)), "content");
+        EXPECT_EQ(ReadAll(*outer.OpenFile("file", EFileOpen::Read)), "content");
         outer.archives.Clear();
     }
     EXPECT_FALSE(outer.Contains("file"));

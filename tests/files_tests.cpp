@@ -1,6 +1,7 @@
 // Files of every kind through the public interface.
 #include "TestHeap.h"
 #include "Texts.h"
+#include "support/Files.h"
 #include "support/Folders.h"
 
 #include <vlmcore/files.h>
@@ -9,13 +10,18 @@
 #include <cstring>
 #include <filesystem>
 #include <limits>
+#include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 using namespace Velmor;
+using TestSupport::CCurrentFolder;
 using TestSupport::CTemporaryFolder;
+using TestSupport::FileErrorOf;
+using TestSupport::ReadAll;
 using TestSupport::ReadText;
 using TestSupport::WriteText;
 using VlmTest::Bytes;
@@ -28,46 +34,11 @@ namespace {
 constexpr EFileOpen::Type NoMode = static_cast<EFileOpen::Type>(0);
 constexpr EFileOpen::Type ReadWrite = EFileOpen::Read | EFileOpen::Write;
 
-// The error kind that `action` throws; fails the test when it throws nothing.
-template <class Action>
-EFileError::Type FileErrorOf(Action action)
-{
-    try {
-        action();
-    }
-    catch (CFileException const& error) {
-        EXPECT_EQ(error.GetKind(), 1);
-        return error.GetFileError();
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return static_cast<EFileError::Type>(99);
-}
-
-std::string ReadAll(IFile& file)
-{
-    std::string content(static_cast<std::size_t>(file.GetSizeByte()), '\0');
-    file.Seek(ESeek::Begin, 0);
-    content.resize(static_cast<std::size_t>(file.Read(content.data(), content.size())));
-    return content;
-}
-
 // True where full paths begin with a drive.
 bool HasDrives()
 {
     return fs::current_path().has_root_name();
 }
-
-// Sets the current folder for a test.
-class CCurrentFolder {
-public:
-    explicit CCurrentFolder(fs::path const& folder) : m_before(fs::current_path()) { fs::current_path(folder); }
-    CCurrentFolder(CCurrentFolder const&) = delete;
-    CCurrentFolder& operator=(CCurrentFolder const&) = delete;
-    ~CCurrentFolder() { fs::current_path(m_before); }
-
-private:
-    fs::path m_before;
-};
 
 } // namespace
 
@@ -584,6 +555,17 @@ TEST(NativeFile, MissingFilesSayWhatTheSystemSays)
                   CNativeFile file(folder.Text(u"no\\such").c_str(), EFileOpen::Write | EFileOpen::CreateAlways);
               }),
               EFileError::NotFound);
+}
+
+// The device that swallows everything never looks at the bytes, so that they need no memory behind them.
+TEST(NativeFile, WritesOfFourGiBAndMoreAreCarriedOutInFull)
+{
+    u64 const size = (u64{4} << 30) + 3;
+    std::unique_ptr<char[]> const bytes(new (std::nothrow) char[size]);
+    if (bytes == nullptr)
+        GTEST_SKIP() << "no address space of that size";
+    CNativeFile device(HasDrives() ? "NUL" : "/dev/null", EFileOpen::Write);
+    EXPECT_EQ(device.Write(bytes.get(), size), size);
 }
 
 TEST(NativeFile, FoldersAreNoFiles)

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 
 using namespace Velmor;
 using namespace Velmor::Test;
@@ -307,4 +308,79 @@ TEST(XMLRead, HostileTextEnds)
     }
     auto const declaration = MakeResource<CGeneratedFile>(Size, Size, [](u64 i) { return i < 2 ? "<!"[i] : '['; });
     EXPECT_THROW(ReadXML(*declaration, stream, 4096), CXMLException);
+}
+
+namespace {
+
+/// A file in memory whose read calls are given to `onRead` first: it may throw, or lower the count.
+class CFaultyFile : public CByteStreamFile {
+public:
+    CFaultyFile(std::string_view text, std::function<u64(u64 call, u64 size)> onRead)
+        : CByteStreamFile("faulty.xml", static_cast<void const*>(text.data()), text.size()), m_onRead(std::move(onRead))
+    {
+    }
+    u64 Read(void* buffer, u64 size) override { return CByteStreamFile::Read(buffer, m_onRead(m_call++, size)); }
+    [[nodiscard]] u64 GetCallCount() const { return m_call; }
+
+private:
+    std::function<u64(u64 call, u64 size)> m_onRead;
+    u64 m_call = 0;
+};
+
+} // namespace
+
+TEST(XMLRead, AReadMayFailAtAnyCall)
+{
+    constexpr u64 BufferSize = 16;
+    Memory::SStatistics before{};
+    CXMLRecorder whole;
+    auto const counted = MakeResource<CFaultyFile>(Document, [](u64, u64 size) { return size; });
+    ReadXML(*counted, whole.stream, BufferSize);
+    ASSERT_GT(counted->GetCallCount(), 8u);
+    for (u64 failing = 0; failing < counted->GetCallCount(); ++failing) {
+        CXMLRecorder recorder;
+        auto const file = MakeResource<CFaultyFile>(Document, [failing](u64 call, u64 size) {
+            if (call == failing)
+                throw CFileException("gone", EFileError::Corrupt);
+            return size;
+        });
+        try {
+            ReadXML(*file, recorder.stream, BufferSize);
+            ADD_FAILURE() << "read " << failing << " did not fail";
+        }
+        catch (CFileException const& error) {
+            EXPECT_EQ(Describe(error.GetText()), "gone");
+            EXPECT_EQ(error.GetFileError(), EFileError::Corrupt);
+        }
+        EXPECT_EQ(file->GetCallCount(), failing + 1);
+        // What came before the failure was reported; the stream serves again.
+        std::vector<std::string> const lines = ToLines(recorder.events);
+        std::vector<std::string> const expected = ToLines(whole.events);
+        ASSERT_LE(lines.size(), expected.size());
+        EXPECT_TRUE(std::equal(lines.begin(), lines.end(), expected.begin()));
+        recorder.events.clear();
+        Read(recorder.stream, Document, BufferSize);
+        EXPECT_EQ(ToLines(recorder.events), expected);
+        if (failing == 0)
+            Memory::GetStatistics(before); // the pools have grown to what they need
+    }
+    Memory::SStatistics after{};
+    Memory::GetStatistics(after);
+    EXPECT_EQ(after.liveCount, before.liveCount);
+}
+
+TEST(XMLRead, AReadMayBeShortAtAnyCall)
+{
+    CXMLRecorder whole;
+    Read(whole.stream, Document, 64);
+    std::vector<std::string> const expected = Join(whole.events);
+    for (u64 shortCall = 0; shortCall < 12; ++shortCall) {
+        CXMLRecorder recorder;
+        auto const file = MakeResource<CFaultyFile>(
+            Document, [shortCall](u64 call, u64 size) { return call == shortCall ? std::min<u64>(size, 1) : size; });
+        SXMLReadStatistics const statistics = ReadXML(*file, recorder.stream, 64);
+        EXPECT_EQ(statistics.byteCount, std::string_view(Document).size());
+        EXPECT_TRUE(statistics.complete);
+        EXPECT_EQ(Join(recorder.events), expected) << shortCall;
+    }
 }

@@ -1,11 +1,12 @@
 #include "Core_FileError.h"
+#include "Core_FileTransfer.h"
 #include "Core_Path.h"
 
 #include "platform/Platform_File.h"
 
 #include <vlmcore/files.h>
 
-#include <algorithm>
+#include <iterator>
 
 namespace Velmor {
 
@@ -68,33 +69,16 @@ bool CNativeFile::IsReadable() const
 
 u64 CNativeFile::Read(void* buffer, u64 size)
 {
-    u64 total = 0;
-    for (;;) {
-        u64 const wanted = std::min(size - total, Platform::LargestTransfer);
-        u64 done = 0;
-        u32 const error = Platform::ReadFileHandle(m_handle, static_cast<u8*>(buffer) + total, wanted, done);
-        if (error != 0 && total == 0)
-            RaiseFileError(error); // after a partial transfer the count goes first, the error comes with the next call
-        total += done;
-        // A short count is all there is for now: asking again would wait at a pipe or a terminal.
-        if (error != 0 || done < wanted || total == size)
-            return total;
-    }
+    return TransferInPieces<EShortCount::Ends>(size, [&](u64 offset, u64 count, u64& done) {
+        return Platform::ReadFileHandle(m_handle, static_cast<u8*>(buffer) + offset, count, done);
+    });
 }
 
 u64 CNativeFile::Write(void const* buffer, u64 size)
 {
-    u64 total = 0;
-    for (;;) {
-        u64 const wanted = std::min(size - total, Platform::LargestTransfer);
-        u64 done = 0;
-        u32 const error = Platform::WriteFileHandle(m_handle, static_cast<u8 const*>(buffer) + total, wanted, done);
-        if (error != 0 && total == 0)
-            RaiseFileError(error);
-        total += done;
-        if (error != 0 || done == 0 || total == size)
-            return total;
-    }
+    return TransferInPieces<EShortCount::GoesOn>(size, [&](u64 offset, u64 count, u64& done) {
+        return Platform::WriteFileHandle(m_handle, static_cast<u8 const*>(buffer) + offset, count, done);
+    });
 }
 
 u64 CNativeFile::Seek(ESeek::Type origin, i64 offset)

@@ -321,3 +321,24 @@ TEST_P(XMLOracle, DelimitersAtEveryDistance)
                 ASSERT_FALSE(HasFatalFailure());
             }
 }
+
+// The walk never asks for it: a token that moves to the front has room there. The guard is tried by hand.
+TEST(XMLTokenizer, ATokenThatWouldReachUnreadTextIsRefused)
+{
+    char buffer[] = "name and more";
+    CXMLStream stream;
+    CXMLTokenizer tokenizer(stream, buffer, 13);
+    EXPECT_EQ(tokenizer.ExtractTrimmed({5, 8}, 0), 4u);
+    EXPECT_STREQ(buffer, "and");
+    try {
+        tokenizer.ExtractTrimmed({5, 8}, 6);
+        ADD_FAILURE();
+    }
+    catch (CException const& error) {
+        EXPECT_STREQ(static_cast<char const*>(error.GetText().GetData()),
+                     "src/VlmCore/Core_XMLStream.cpp(188): Stack collides with unread buffer data. XML Data corruption "
+                     "imminent.");
+    }
+    EXPECT_STREQ(buffer + 4, " and more");
+    EXPECT_EQ(tokenizer.ExtractTrimmed({5, 8}, 5), 9u); // up to the token's own end there is room
+}

@@ -2,6 +2,7 @@
 #include "TestHeap.h"
 #include "Texts.h"
 #include "support/DebuggedProcess.h"
+#include "support/Files.h"
 #include "support/Folders.h"
 
 #include <vlmcore/archives.h>
@@ -16,6 +17,7 @@
 #include <gtest/gtest.h>
 
 using namespace Velmor;
+using TestSupport::ReadAll;
 using VlmTest::Bytes;
 using VlmTest::Units;
 
@@ -47,13 +49,6 @@ public:
 private:
     fs::path m_path;
 };
-
-std::string ReadAll(IFile& file)
-{
-    std::string content(static_cast<std::size_t>(file.GetSizeByte()), '\0');
-    content.resize(static_cast<std::size_t>(file.Read(content.data(), content.size())));
-    return content;
-}
 
 std::string ContentOf(CString const& path)
 {
