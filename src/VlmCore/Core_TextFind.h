@@ -10,12 +10,8 @@ namespace Velmor::TextSearch {
 
 /// What a kernel looks for: the beginning of the needle in the text's encoding, as far as it fits.
 struct SPlan {
-    static constexpr u64 Capacity = 64;
-
     bool isUsable = false;
-    u8 units[Capacity];
-    u64 size = 0;   ///< bytes
-    u64 length = 0; ///< characters
+    TextKernels::SNeedle needle;
 };
 
 /// True for code points that have one form only in text without irregular blocks.
@@ -37,12 +33,13 @@ void MakePlan(SPlan& plan, Next&& next)
     for (u32 codePoint = next(); codePoint != 0; codePoint = next()) {
         if (!HasOneForm<Rules>(codePoint))
             return;
-        if (plan.size + 4 > SPlan::Capacity)
+        if (plan.needle.size + 4 > TextKernels::SNeedle::Capacity)
             break;
-        plan.size = static_cast<u64>(Rules::Write(codePoint, plan.units + plan.size) - plan.units);
-        ++plan.length;
+        plan.needle.size =
+            static_cast<u64>(Rules::Write(codePoint, plan.needle.units + plan.needle.size) - plan.needle.units);
+        ++plan.needle.length;
     }
-    plan.isUsable = plan.size != 0;
+    plan.isUsable = plan.needle.size != 0;
 }
 
 /// First place at or behind `from` where `match` gives the end of an occurrence. `match` must miss wherever the text
@@ -51,21 +48,21 @@ template <class Rules, class Match>
 [[nodiscard]] SMatch FindPlanned(SPosition from, SPlan const& plan, Match&& match)
 {
     auto const find = plan.isUsable ? TextKernels::Get().find[TextKernels::IndexOf<Rules>] : nullptr;
+    TextKernels::SSearch search{from.place, from.index, nullptr};
     for (;;) {
-        u8 const* stop = nullptr;
-        if (find != nullptr) {
-            TextKernels::SSearch search{from.place, from.index, plan.units, plan.size, plan.length, nullptr};
-            find(search);
-            from = {search.place, search.index};
-            stop = search.resume;
+        if (find != nullptr)
+            find(plan.needle, search);
+        u8 const* place = search.place;
+        u64 index = search.index;
+        for (; find == nullptr || place < search.resume; ++index) {
+            if (u8 const* const end = match(place))
+                return {{place, index}, end};
+            if (Encodings::IsEnd<Rules>(place))
+                return {{place, index}, nullptr};
+            place += Rules::GetSize(place);
         }
-        for (; stop == nullptr || from.place < stop; ++from.index) {
-            if (u8 const* const end = match(from.place))
-                return {from, end};
-            if (Encodings::IsEnd<Rules>(from.place))
-                return {from, nullptr};
-            from.place += Rules::GetSize(from.place);
-        }
+        search.place = place;
+        search.index = index;
     }
 }
 

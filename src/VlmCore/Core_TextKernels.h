@@ -31,13 +31,19 @@ struct SConversion {
 /// Takes characters from the front of a conversion, as many as it can; the plain rule does the rest.
 using ConvertKernel = void (*)(SConversion& state);
 
-/// What is looked for: units in the text's own encoding that nothing else stands for in regular text. And where.
+/// What is looked for: units in the text's own encoding that nothing else stands for in regular text.
+struct SNeedle {
+    static constexpr u64 Capacity = 64;
+
+    u8 units[Capacity];
+    u64 size = 0;   ///< bytes
+    u64 length = 0; ///< characters
+};
+
+/// Where a search has come to.
 struct SSearch {
     u8 const* place;
-    u64 index; ///< characters in front of the place
-    u8 const* units;
-    u64 size;         ///< bytes of the units
-    u64 length;       ///< their characters
+    u64 index;        ///< characters in front of the place
     u8 const* resume; ///< where the kernel may be asked again
 };
 
@@ -59,7 +65,7 @@ struct SKernels {
     ConvertKernel convertPlaneZero;
     /// Moves on to the first match, or to a place from which the plain rule must go on up to `resume`: the terminator, or
     /// the first place whose match would reach into irregular text.
-    void (*find[3])(SSearch& search);
+    void (*find[3])(SNeedle const& needle, SSearch& search);
     /// Letters from `first` to `first + 25` become those 32 up or down; returns the bytes done, whole characters.
     u64 (*mapCase[3])(u8* text, u64 size, u32 first);
 };

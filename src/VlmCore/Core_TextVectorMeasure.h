@@ -122,11 +122,17 @@ struct SUnits8 : SMeasure8 {
     VLM_KERNEL static void Take(u8 const* place, CLanes8& irregular, CLanes8& least, CLanes8& amount)
     {
         SNeighbours const lanes(place);
-        auto const last = (lanes.before1 == Fill<u8>(0xEF)) & (lanes.bytes == Fill<u8>(0xBF));
-        auto const small = (lanes.before1 == Fill<u8>(0xF0)) & (lanes.bytes < Fill<u8>(0x90));
-        irregular |= lanes.GetIrregular() | reinterpret_cast<CLanes8>(last | small);
+        irregular |= lanes.GetIrregular();
         least = Least(least, lanes.bytes);
-        amount += lanes.GetStarts() - reinterpret_cast<CLanes8>(lanes.bytes >= Fill<u8>(0xF0));
+        amount += lanes.GetStarts();
+        // Most text has no lead bytes from EF on, nor does what lies just in front of it.
+        CLanes8 const limit = Fill<u8>(0xEF - 0x80);
+        if (MaskOf(SubtractDownTo0(lanes.bytes, limit) | SubtractDownTo0(lanes.before1, limit)) != 0) {
+            auto const last = (lanes.before1 == Fill<u8>(0xEF)) & (lanes.bytes == Fill<u8>(0xBF));
+            auto const small = (lanes.before1 == Fill<u8>(0xF0)) & (lanes.bytes < Fill<u8>(0x90));
+            irregular |= reinterpret_cast<CLanes8>(last | small);
+            amount -= reinterpret_cast<CLanes8>(lanes.bytes >= Fill<u8>(0xF0));
+        }
     }
     static u64 GetAmount(SCharacter const& character) { return SUTF16::GetWrittenSize(character.codePoint) / 2; }
     static u64 GetCountedFor(u8 const* lead) { return *lead < 0xF0 ? 1 : 2; }

@@ -66,14 +66,14 @@ VLM_KERNEL inline u64 EqualUnits(u8 const* block, TLanes<Unit> wanted)
 
 /// Passes chunks of single units (ASCII, no surrogates, no terminator) that hold no candidate.
 template <class Rules, bool IsOneUnit>
-VLM_KERNEL u8 const* SkipChunks(u8 const* place, SSearch const& search)
+VLM_KERNEL u8 const* SkipChunks(u8 const* place, SNeedle const& needle)
 {
     using Unit = typename Rules::Unit;
     // For bytes a signed minimum tells the terminator and everything beyond ASCII at once.
     using Number = std::conditional_t<sizeof(Unit) == 1, i8, Unit>;
-    u64 const back = search.size - sizeof(Unit);
-    TLanes<Unit> const first = Fill<Unit>(Encodings::Load<Unit>(search.units));
-    TLanes<Unit> const last = Fill<Unit>(Encodings::Load<Unit>(search.units + back));
+    u64 const back = needle.size - sizeof(Unit);
+    TLanes<Unit> const first = Fill<Unit>(Encodings::Load<Unit>(needle.units));
+    TLanes<Unit> const last = Fill<Unit>(Encodings::Load<Unit>(needle.units + back));
     for (;; place += ChunkSize) {
         TLanes<Number> least = LoadAround<Number>(place);
         TLanes<Unit> found{};
@@ -101,11 +101,11 @@ VLM_KERNEL u8 const* SkipChunks(u8 const* place, SSearch const& search)
 /// Where the first character begins whose match would reach behind `place`; everything from `start` up to there is
 /// regular, and the search's index counts its characters.
 template <class Rules>
-void StepBack(SSearch& search, u8 const* start, u8 const* place)
+void StepBack(SNeedle const& needle, SSearch& search, u8 const* start, u8 const* place)
 {
     using Unit = typename Rules::Unit;
     u64 const distance =
-        std::min(search.size - sizeof(Unit) + (sizeof(Unit) == 1 ? 3 : 0), static_cast<u64>(place - start));
+        std::min(needle.size - sizeof(Unit) + (sizeof(Unit) == 1 ? 3 : 0), static_cast<u64>(place - start));
     u8 const* back = place - distance;
     while (sizeof(Unit) == 1 && back != start && (*back & 0xC0) == 0x80)
         --back;
@@ -115,7 +115,7 @@ void StepBack(SSearch& search, u8 const* start, u8 const* place)
 }
 
 template <class Rules>
-VLM_KERNEL void FindUnits(SSearch& search)
+VLM_KERNEL void FindUnits(SNeedle const& needle, SSearch& search)
 {
     using Unit = typename Rules::Unit;
     u8 const* const start = search.place;
@@ -124,9 +124,9 @@ VLM_KERNEL void FindUnits(SSearch& search)
         search.resume = start + BlockSize;
         return;
     }
-    u64 const back = search.size - sizeof(Unit);
-    TLanes<Unit> const first = Fill<Unit>(Encodings::Load<Unit>(search.units));
-    TLanes<Unit> const last = Fill<Unit>(Encodings::Load<Unit>(search.units + back));
+    u64 const back = needle.size - sizeof(Unit);
+    TLanes<Unit> const first = Fill<Unit>(Encodings::Load<Unit>(needle.units));
+    TLanes<Unit> const last = Fill<Unit>(Encodings::Load<Unit>(needle.units + back));
     SCarried carried{};
     u64 valid = ~u64{0} << ahead;
     for (u8 const* block = start - ahead;; block += BlockSize, valid = ~u64{0}) {
@@ -134,7 +134,7 @@ VLM_KERNEL void FindUnits(SSearch& search)
         bool const mayLookBack = block - start >= static_cast<std::ptrdiff_t>(back);
         if (BytesBehind(block, ChunkSize) == 0 && mayLookBack && block > start && carried.covered == 0) {
             u8 const* const from = block;
-            block = back == 0 ? SkipChunks<Rules, true>(block, search) : SkipChunks<Rules, false>(block, search);
+            block = back == 0 ? SkipChunks<Rules, true>(block, needle) : SkipChunks<Rules, false>(block, needle);
             search.index += static_cast<u64>(block - from) / sizeof(Unit);
         }
         SSearchBlock const units = ReadSearchBlock(Rules{}, block, valid, carried);
@@ -148,15 +148,15 @@ VLM_KERNEL void FindUnits(SSearch& search)
             u32 const bit = LowestBit(candidates);
             u8 const* const begin = block + bit - back;
             if (block + bit - start < static_cast<std::ptrdiff_t>(back) ||
-                std::memcmp(begin, search.units, search.size) != 0)
+                std::memcmp(begin, needle.units, needle.size) != 0)
                 continue;
             search.place = begin;
             search.resume = begin + 1;
-            search.index += CountBits(units.starts & BitsBelow(bit + 1)) - search.length;
+            search.index += CountBits(units.starts & BitsBelow(bit + 1)) - needle.length;
             return;
         }
         if (irregular != 0) {
-            StepBack<Rules>(search, start, std::max(start, block));
+            StepBack<Rules>(needle, search, start, std::max(start, block));
             search.resume = block + BlockSize;
             return;
         }

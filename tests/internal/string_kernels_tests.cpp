@@ -240,6 +240,11 @@ TEST_P(CStringKernels, Searching)
                             << encoding << ' ' << needleEncoding << ' ' << flavour << ' ' << length;
                         auto const replaced = Both([&] { return BytesOf(text.Replace(guarded, u"<\u20AC>", start)); });
                         ASSERT_EQ(replaced.first, replaced.second);
+                        // And with nothing in front of the text that may be looked back at.
+                        std::memcpy(m_out.GetBegin(), bytes.data(), bytes.size());
+                        CString const front(m_out.GetBegin(), encoding);
+                        ASSERT_EQ(front.Find(guarded, start), found.first[0]);
+                        ASSERT_EQ(front.FindLast(guarded, start), found.first[1]);
                     }
                 }
             }
@@ -270,6 +275,10 @@ TEST_P(CStringKernels, Comparison)
                     std::memcpy(first, bytes.data(), bytes.size());
                     CString const left(first, encoding);
                     CString const right(m_other.PlaceAtEnd(other.data(), other.size()), encoding);
+                    std::memcpy(m_out.GetBegin(), bytes.data(), bytes.size());
+                    CString const front(m_out.GetBegin(), encoding);
+                    ASSERT_EQ(front == right, left == right);
+                    ASSERT_EQ(right < front, right < left);
                     auto const results = Both([&] {
                         return std::vector<bool>{left == right, left<right, left> right, right == left,
                                                  right < left,  left != right,           left == left};
