@@ -84,7 +84,7 @@ TEST(StackFilter, ForgetsSomeButInventsNone)
         filter->Note(index * Step);
     u32 known = 0;
     for (u32 index = 1; index <= Count; ++index)
-        known += filter->Knows(index * Step) ? 1 : 0;
+        known += filter->Knows(index * Step) ? 1u : 0u;
     EXPECT_GT(known, 1000u);
     EXPECT_LE(known, 8192u);
     for (u32 index = Count + 1; index <= 2 * Count; ++index)
@@ -102,7 +102,7 @@ TEST(StackFilter, AThousandSitesAreNearlyAllKnown)
         filter->Note(each);
     u32 known = 0;
     for (u32 const each : hashes)
-        known += filter->Knows(each) ? 1 : 0;
+        known += filter->Knows(each) ? 1u : 0u;
     EXPECT_GT(known, 950u);
 }
 
