@@ -364,10 +364,10 @@ protected:
 /// What all storages do with a name: the operation of the same kind with its hash as the id, by a virtual call.
 class VLM_API CWeakTypeStorageByName : public IWeakTypeStorage {
 public:
-    using IWeakTypeStorage::IsRegistered;
-    using IWeakTypeStorage::operator[];
-    using IWeakTypeStorage::TryGet;
-    using IWeakTypeStorage::Unregister;
+    using IWeakTypeStorage::IsRegistered; ///< also by id
+    using IWeakTypeStorage::operator[];   ///< also by id
+    using IWeakTypeStorage::TryGet;       ///< also by id
+    using IWeakTypeStorage::Unregister;   ///< also by id
 
     ~CWeakTypeStorageByName() override;
     [[nodiscard]] bool IsRegistered(CString const& name) const override;
@@ -384,10 +384,10 @@ protected:
 /// Variables in the order they were added, searched one by one: for a few.
 class VLM_API CWeakTypeList final : public CWeakTypeStorageByName {
 public:
-    using CWeakTypeStorageByName::IsRegistered;
-    using CWeakTypeStorageByName::operator[];
-    using CWeakTypeStorageByName::TryGet;
-    using CWeakTypeStorageByName::Unregister;
+    using CWeakTypeStorageByName::IsRegistered; ///< also by id
+    using CWeakTypeStorageByName::operator[];   ///< also by id
+    using CWeakTypeStorageByName::TryGet;       ///< also by id
+    using CWeakTypeStorageByName::Unregister;   ///< also by id
 
     CWeakTypeList() = default;
     CWeakTypeList(CWeakTypeList const&) = delete;
@@ -417,10 +417,10 @@ private:
 /// Variables ordered by id, found in logarithmic time.
 class VLM_API CWeakTypeMap final : public CWeakTypeStorageByName {
 public:
-    using CWeakTypeStorageByName::IsRegistered;
-    using CWeakTypeStorageByName::operator[];
-    using CWeakTypeStorageByName::TryGet;
-    using CWeakTypeStorageByName::Unregister;
+    using CWeakTypeStorageByName::IsRegistered; ///< also by id
+    using CWeakTypeStorageByName::operator[];   ///< also by id
+    using CWeakTypeStorageByName::TryGet;       ///< also by id
+    using CWeakTypeStorageByName::Unregister;   ///< also by id
 
     CWeakTypeMap() = default;
     CWeakTypeMap(CWeakTypeMap const&) = delete;
