@@ -76,25 +76,20 @@ VLM_KERNEL u8 const* SkipChunks(u8 const* place, SNeedle const& needle)
     TLanes<Unit> const last = Fill<Unit>(Encodings::Load<Unit>(needle.units + back));
     for (;; place += ChunkSize) {
         TLanes<Number> least = LoadAround<Number>(place);
-        TLanes<Unit> found{};
+        TLanes<Unit> differing = Fill<Unit>(static_cast<Unit>(~Unit{0})); // 0 where a candidate is
         for (u64 offset = 0; offset < ChunkSize; offset += VectorWidth) {
             TLanes<Unit> const units = LoadAround<Unit>(place + offset);
-            auto const isLast = units == last;
-            if constexpr (IsOneUnit)
-                found |= reinterpret_cast<TLanes<Unit>>(isLast);
-            else
-                found |= reinterpret_cast<TLanes<Unit>>(isLast & (LoadAround<Unit>(place + offset - back) == first));
+            TLanes<Unit> difference = units ^ last;
+            if constexpr (!IsOneUnit)
+                difference |= LoadAround<Unit>(place + offset - back) ^ first;
+            differing = Least(differing, difference);
             least = Least(least, reinterpret_cast<TLanes<Number>>(units));
             if constexpr (sizeof(Unit) == 2)
                 least = Least(least, (units & Fill<u16>(0xF800)) ^ Fill<u16>(0xD800));
         }
-        if constexpr (sizeof(Unit) == 1) {
-            if (MaskWhere(reinterpret_cast<TLanes<Number>>(found) | (least < Fill<Number>(1))) != 0)
-                return place;
-        }
-        else if (MaskWhere(found | reinterpret_cast<TLanes<Unit>>(least == TLanes<Unit>{})) != 0) {
+        auto const isStop = least < Fill<Number>(1);
+        if (MaskWhere(reinterpret_cast<CLanes8>(isStop) | reinterpret_cast<CLanes8>(differing == TLanes<Unit>{})) != 0)
             return place;
-        }
     }
 }
 
