@@ -133,7 +133,7 @@ void MeasureForeignFrees(benchmark::State& state, SAllocator const& allocator)
 {
     constexpr u64 BatchSize = 1024;
     constexpr u64 Slots = 8;
-    constexpr u64 Batches = 2000;
+    constexpr u64 Batches = 500;
     for (auto _ : state) {
         std::vector<void*> slots[Slots];
         std::atomic<u64> written{0};
@@ -269,10 +269,12 @@ void RegisterAll(std::vector<SAllocator> const& allocators, std::vector<SMemoryU
         Register("Pair256", allocator, &MeasurePairs, 256u);
         Register("Pair1024", allocator, &MeasurePairs, 1024u);
         // A fixed number of steps: the blocks are not to be made and mixed again for each attempt at one.
-        Register("Replace100000", allocator, &MeasureReplacement, 100000u)->Iterations(2000000);
-        if (!allocator.isSlowAtScale)
-            Register("Replace1000000", allocator, &MeasureReplacement, 1000000u)->Iterations(2000000);
-        Register("OwnBlocks", allocator, &MeasureOwnBlocks)->ThreadRange(1, 2)->UseRealTime()->Iterations(2000000);
+        i64 const steps = allocator.isSlowAtScale ? 50000 : 2000000;
+        if (!allocator.isSlowAtScale) {
+            Register("Replace100000", allocator, &MeasureReplacement, 100000u)->Iterations(steps);
+            Register("Replace1000000", allocator, &MeasureReplacement, 1000000u)->Iterations(steps);
+        }
+        Register("OwnBlocks", allocator, &MeasureOwnBlocks)->ThreadRange(1, 2)->UseRealTime()->Iterations(steps);
         Register("ForeignFrees", allocator, &MeasureForeignFrees)->UseRealTime()->Iterations(1);
     }
     Register("PurgeHalfFree256MB", allocators.front(), &MeasurePurge)->UseManualTime()->Iterations(1);

@@ -12,7 +12,7 @@ struct SAllocator {
     void* (*allocate)(Velmor::u64 size);
     void (*release)(void* block);
     void (*settle)();   ///< gives memory that is free back to the system, as far as the allocator can
-    bool isSlowAtScale; ///< takes minutes with a million live blocks
+    bool isSlowAtScale; ///< takes minutes with 100,000 live blocks
 };
 
 /// The allocators of this platform that are there; the C runtime's first.

@@ -48,11 +48,15 @@ command_bench() {
         start_wine
         run=(wine)
     fi
-    configure_and_build "$preset" "${options[@]}"
+    local names=()
+    for name in benchmarks/*_bench.cpp; do
+        name=$(basename "$name" .cpp)
+        [[ $name != *$filter* ]] || names+=("$name")
+    done
+    targets="${names[*]}" configure_and_build "$preset" "${options[@]}"
     mkdir -p "$results"
-    for program in build/"$preset"/bin/*_bench$suffix; do
-        name=$(basename "$program" "$suffix")
-        [[ $name == *$filter* ]] || continue
+    for name in "${names[@]}"; do
+        program=build/$preset/bin/$name$suffix
         say "$name"
         "${run[@]}" "$program" --benchmark_repetitions="${VLMCORE_BENCH_REPETITIONS:-5}" \
             --benchmark_min_time="${VLMCORE_BENCH_SECONDS:-0.5}" \

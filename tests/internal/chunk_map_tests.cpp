@@ -1,0 +1,172 @@
+#include "Core_MemoryChunkMap.h"
+#include "Core_MemoryHeap.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <random>
+#include <vector>
+
+using namespace Velmor;
+
+namespace {
+
+u64 requestsLeft = 0;
+u64 liveRequests = 0;
+
+constexpr SMemoryHooks Hooks{[](u64 size) -> void* {
+                                 if (requestsLeft == 0)
+                                     return nullptr;
+                                 --requestsLeft;
+                                 ++liveRequests;
+                                 return std::malloc(size);
+                             },
+                             nullptr,
+                             [](void* block) {
+                                 --liveRequests;
+                                 std::free(block);
+                             }};
+
+class ChunkMap : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        requestsLeft = ~u64{0};
+        liveRequests = 0;
+    }
+    void TearDown() override
+    {
+        m_map->Release(Hooks);
+        EXPECT_EQ(liveRequests, 0u);
+    }
+
+    // Chunks at addresses that are never looked into.
+    CChunkRecords* Make(u64 start, u32 blockBits, u32 blockCount)
+    {
+        m_memory.push_back(std::make_unique<u8[]>(CChunkRecords::GetByteCount(blockCount)));
+        return ::new (m_memory.back().get())
+            CChunkRecords(reinterpret_cast<void*>(start), blockBits, blockCount, EHeap::Pool8);
+    }
+    CChunkRecords* Add(u64 start, u32 blockBits, u32 blockCount)
+    {
+        CChunkRecords* const chunk = Make(start, blockBits, blockCount);
+        EXPECT_TRUE(m_map->Add(Hooks, chunk));
+        return chunk;
+    }
+
+    std::unique_ptr<CChunkMap> m_map = std::make_unique<CChunkMap>();
+    std::vector<std::unique_ptr<u8[]>> m_memory;
+};
+
+TEST_F(ChunkMap, FindsEachBlockAtItsFirstByteOnly)
+{
+    for (u32 const blockBits : {3u, 6u, 10u}) {
+        u32 const blockCount = blockBits == 10 ? 16 : 256;
+        u64 const start = (u64{1} << 32) + (u64{blockBits} << 24) + 0x1238;
+        CChunkRecords* const chunk = Add(start, blockBits, blockCount);
+        u64 const size = u64{1} << blockBits;
+        for (u64 index = 0; index < blockCount; ++index) {
+            CChunkMap::SFound const found = m_map->Find(start + index * size);
+            ASSERT_EQ(found.chunk, chunk) << blockBits << ' ' << index;
+            ASSERT_EQ(found.record, chunk->Find(start) + index);
+            ASSERT_EQ(m_map->Find(start + index * size + 1).record, nullptr);
+            ASSERT_EQ(m_map->Find(start + index * size + size / 2).record, nullptr);
+        }
+        EXPECT_EQ(m_map->Find(start - size).record, nullptr);
+        EXPECT_EQ(m_map->Find(start + blockCount * size).record, nullptr);
+    }
+}
+
+TEST_F(ChunkMap, KnowsNothingOfOtherAddresses)
+{
+    Add(0x7000'0000'1000, 6, 256);
+    for (u64 const address : {u64{0}, u64{8}, u64{0x7000'0000'0000}, u64{0x7FFF'FFFF'FFFF}, u64{1} << 47, ~u64{0},
+                              ~u64{0} - 63, u64{0x0123'4567'89AB'CDE0}})
+        EXPECT_EQ(m_map->Find(address).record, nullptr) << std::hex << address;
+}
+
+TEST_F(ChunkMap, NeighboursInOneGranuleAreToldApart)
+{
+    // As close as a system's allocator puts them: 16 bytes between.
+    CChunkRecords* const first = Add(0x5000'0010, 6, 256);
+    CChunkRecords* const second = Add(0x5000'4020, 6, 256);
+    CChunkRecords* const third = Add(0x5000'8030, 3, 256);
+    CChunkRecords* const fourth = Add(0x5000'8840, 3, 256);
+    EXPECT_EQ(m_map->Find(0x5000'3FD0).chunk, first);
+    EXPECT_EQ(m_map->Find(0x5000'4010).record, nullptr);
+    EXPECT_EQ(m_map->Find(0x5000'4020).chunk, second);
+    EXPECT_EQ(m_map->Find(0x5000'8028).record, nullptr);
+    EXPECT_EQ(m_map->Find(0x5000'8030).chunk, third);
+    EXPECT_EQ(m_map->Find(0x5000'8828).chunk, third);
+    EXPECT_EQ(m_map->Find(0x5000'8840).chunk, fourth);
+    m_map->Remove(second);
+    EXPECT_EQ(m_map->Find(0x5000'3FD0).chunk, first);
+    EXPECT_EQ(m_map->Find(0x5000'4020).record, nullptr);
+    EXPECT_EQ(m_map->Find(0x5000'8030).chunk, third);
+    m_map->Remove(third);
+    EXPECT_EQ(m_map->Find(0x5000'8030).record, nullptr);
+    EXPECT_EQ(m_map->Find(0x5000'8840).chunk, fourth);
+}
+
+TEST_F(ChunkMap, SmallChunksAndThoseBeyondTheAddressSpaceAreRefused)
+{
+    EXPECT_FALSE(m_map->Add(Hooks, Make(0x10000, 3, 4)));
+    EXPECT_FALSE(m_map->Add(Hooks, Make(0x10000, 3, 255)));
+    EXPECT_TRUE(m_map->Add(Hooks, Make(0x10000, 3, 256)));
+    EXPECT_FALSE(m_map->Add(Hooks, Make((u64{1} << 47) - 64, 6, 256)));
+    EXPECT_EQ(m_map->Find((u64{1} << 47) - 64).record, nullptr);
+}
+
+TEST_F(ChunkMap, WithoutMemoryForTheTreeItStaysAsItWas)
+{
+    // Two chunks on both sides of a leaf's end: the tree needs two leaves for the second.
+    u64 const leafEnd = u64{1} << 40;
+    CChunkRecords* const before = Add(leafEnd - 0x8000, 6, 256);
+    for (u64 requests = 0; requests < 2; ++requests) {
+        requestsLeft = requests;
+        EXPECT_FALSE(m_map->Add(Hooks, Make(leafEnd - 0x2000, 6, 256))) << requests;
+        EXPECT_EQ(m_map->Find(leafEnd - 0x2000).record, nullptr);
+        EXPECT_EQ(m_map->Find(leafEnd).record, nullptr);
+        EXPECT_EQ(m_map->Find(leafEnd - 0x8000).chunk, before);
+    }
+    requestsLeft = 2;
+    CChunkRecords* const across = Add(leafEnd - 0x2000, 6, 256);
+    EXPECT_EQ(m_map->Find(leafEnd - 0x2000).chunk, across);
+    EXPECT_EQ(m_map->Find(leafEnd + 0x1FC0).chunk, across);
+}
+
+// Against a sorted list of the chunks, through random additions and removals.
+TEST_F(ChunkMap, AgreesWithASortedListOfChunks)
+{
+    std::mt19937_64 random(7);
+    std::map<u64, CChunkRecords*> chunks;
+    auto const findPlainly = [&](u64 address) -> CChunkRecords::Record* {
+        auto const after = chunks.upper_bound(address);
+        return after == chunks.begin() ? nullptr : std::prev(after)->second->Find(address);
+    };
+    u64 end = 0x6000'0000;
+    std::vector<u64> starts;
+    for (u32 round = 0; round < 4000; ++round) {
+        if (starts.empty() || random() % 3 != 0) {
+            u32 const blockBits = 3 + static_cast<u32>(random() % 8);
+            u64 const start = end + 16 + random() % 64 * 8;
+            chunks[start] = Add(start, blockBits, blockBits <= 6 ? 256 : 16384u >> blockBits);
+            end = chunks[start]->GetEnd();
+            starts.push_back(start);
+        }
+        else {
+            u64 const index = random() % starts.size();
+            m_map->Remove(chunks[starts[index]]);
+            chunks.erase(starts[index]);
+            starts.erase(starts.begin() + static_cast<i64>(index));
+        }
+        for (u32 look = 0; look < 50; ++look) {
+            u64 const address = 0x6000'0000 + random() % (end - 0x6000'0000 + 4096) / 8 * 8;
+            ASSERT_EQ(m_map->Find(address).record, findPlainly(address)) << std::hex << address;
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,285 @@
+// Labels: threads
+// A heap past 1,024 records or 4,096 allocations: what it counts, refuses and reports is what a small one would.
+#include "support/CountingHooks.h"
+
+#include <vlmcore/memory.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <random>
+#include <thread>
+#include <vector>
+
+using namespace Velmor;
+using Velmor::Test::CCountingHooks;
+
+namespace {
+
+constexpr u64 RecordChunk = 256 * 24 + 8; // and its place in the table
+
+Memory::SStatistics GetStatistics()
+{
+    Memory::SStatistics statistics{};
+    EXPECT_TRUE(Memory::GetStatistics(statistics));
+    return statistics;
+}
+
+// Bytes in use but for the pools' chunks: the heap object and the record store.
+u64 GetRecordBytes()
+{
+    Memory::SStatistics const statistics = GetStatistics();
+    u64 bytes = statistics.bytesInUse;
+    for (auto const& pool : statistics.pools)
+        for (u64 index = 0; index < pool.classCount; ++index) {
+            auto const& entry = pool.classes[index];
+            bytes -= entry.chunkCount * (entry.blockSize * entry.blocksPerChunk + pool.alignment + 8);
+        }
+    return bytes;
+}
+
+class ExtendedHeap : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        CCountingHooks::Reset();
+        CCountingHooks::Initialize(0);
+    }
+    void TearDown() override
+    {
+        Memory::Deinitialize();
+        EXPECT_EQ(CCountingHooks::GetForeignBlocks(), 0u);
+        EXPECT_EQ(CCountingHooks::GetLiveBlocks(), 1u) << "the heap object alone";
+        CCountingHooks::Reset();
+    }
+
+    void Fill(u64 count, u64 size = 24, EHeap::Type kind = EHeap::Pool)
+    {
+        for (u64 index = 0; index < count; ++index) {
+            m_blocks.push_back(Memory::Malloc(size, kind));
+            ASSERT_NE(m_blocks.back(), nullptr);
+        }
+    }
+    void Empty()
+    {
+        for (void* const block : m_blocks)
+            Memory::Free(block);
+        m_blocks.clear();
+    }
+
+    std::vector<void*> m_blocks;
+};
+
+TEST_F(ExtendedHeap, TheStoreGrowsWithTheRecordThatDoesNotFit)
+{
+    u64 const empty = GetRecordBytes();
+    // The four pools have a record each.
+    Fill(508);
+    EXPECT_EQ(GetRecordBytes(), empty);
+    Fill(1);
+    EXPECT_EQ(GetRecordBytes(), empty + 2 * RecordChunk);
+    Fill(1024 - 513);
+    EXPECT_EQ(GetRecordBytes(), empty + 2 * RecordChunk);
+    Fill(1);
+    EXPECT_EQ(GetRecordBytes(), empty + 6 * RecordChunk);
+    for (u64 capacity = 2048; capacity <= 32768; capacity *= 2) {
+        Fill(capacity - 4 - m_blocks.size());
+        EXPECT_EQ(GetRecordBytes(), empty + (capacity / 256 - 2) * RecordChunk) << capacity;
+        Fill(1);
+        EXPECT_EQ(GetRecordBytes(), empty + (capacity / 128 - 2) * RecordChunk) << capacity;
+    }
+    u64 const full = GetRecordBytes();
+    Empty();
+    EXPECT_EQ(GetRecordBytes(), full) << "records are kept";
+}
+
+TEST_F(ExtendedHeap, HookBlocksAndPoolBlocksDrawOnTheSameRecords)
+{
+    u64 const empty = GetRecordBytes();
+    Fill(3000);
+    std::vector<void*> const poolBlocks = m_blocks;
+    m_blocks.clear();
+    u64 generalBytes = 0;
+    for (; 4 + poolBlocks.size() + m_blocks.size() < 4096; generalBytes += 40)
+        Fill(1, 40, EHeap::General);
+    EXPECT_EQ(GetRecordBytes(), empty + 14 * RecordChunk + generalBytes);
+    Fill(1, 40, EHeap::General);
+    EXPECT_EQ(GetRecordBytes(), empty + 30 * RecordChunk + generalBytes + 40);
+    Empty();
+    m_blocks = poolBlocks;
+    Empty();
+}
+
+TEST_F(ExtendedHeap, TheStoreGrowsOnlyWhenNoThreadHasARecordToSpare)
+{
+    Fill(3000);
+    u64 const before = GetRecordBytes();
+    // Each leaves some records behind that nobody uses.
+    for (u32 index = 0; index < 8; ++index)
+        std::thread([] { Memory::Free(Memory::Malloc(24, EHeap::Pool)); }).join();
+    Fill(4096 - 4 - 3000);
+    EXPECT_EQ(GetRecordBytes(), before);
+    Fill(1);
+    EXPECT_EQ(GetRecordBytes(), before + 16 * RecordChunk);
+    Empty();
+}
+
+TEST_F(ExtendedHeap, SizesAndKindsAreKnownForEveryBlock)
+{
+    std::mt19937 random(3);
+    struct SBlock {
+        void* block;
+        u64 size;
+        EHeap::Type kind;
+    };
+    std::vector<SBlock> blocks;
+    for (u32 index = 0; index < 6000; ++index) {
+        u64 const size = 1 + random() % 1500;
+        EHeap::Type const kind = static_cast<EHeap::Type>(random() % 5);
+        blocks.push_back({Memory::Malloc(size, kind), size, kind});
+        ASSERT_NE(blocks.back().block, nullptr);
+    }
+    for (SBlock const& entry : blocks) {
+        ASSERT_EQ(Memory::GetSize(entry.block), entry.size);
+        ASSERT_EQ(Memory::GetHeap(entry.block), entry.kind);
+        ASSERT_EQ(Memory::GetSize(static_cast<u8*>(entry.block) + 1), 0u);
+    }
+    for (SBlock& entry : blocks) {
+        u64 const size = 1 + random() % 1500;
+        std::memset(entry.block, static_cast<int>(entry.size % 251), entry.size);
+        u8* const moved = static_cast<u8*>(Memory::Realloc(entry.block, size, EHeap::General));
+        ASSERT_NE(moved, nullptr);
+        for (u64 index = 0; index < std::min(size, entry.size); ++index)
+            ASSERT_EQ(moved[index], entry.size % 251);
+        entry = {moved, size, entry.kind};
+        ASSERT_EQ(Memory::GetSize(moved), size);
+        ASSERT_EQ(Memory::GetHeap(moved), entry.kind);
+    }
+    for (SBlock const& entry : blocks) {
+        Memory::Free(entry.block);
+        ASSERT_EQ(Memory::GetSize(entry.block), 0u);
+    }
+    for (auto const& pool : GetStatistics().pools)
+        EXPECT_EQ(pool.liveCount, 0u);
+}
+
+TEST_F(ExtendedHeap, ABlockThatIsFreedTwiceIsFreedOnce)
+{
+    Fill(5000);
+    u64 const live = GetStatistics().pools[0].liveCount;
+    void* const block = m_blocks[2500];
+    Memory::Free(block);
+    Memory::Free(block);
+    EXPECT_EQ(GetStatistics().pools[0].liveCount, live - 1);
+    void* const first = Memory::Malloc(24, EHeap::Pool);
+    void* const second = Memory::Malloc(24, EHeap::Pool);
+    EXPECT_EQ(first, block);
+    EXPECT_NE(second, block);
+    Memory::Free(second);
+    Empty(); // `first` among them
+}
+
+TEST_F(ExtendedHeap, OfManyThreadsThatFreeABlockAtOnceOneDoes)
+{
+    Fill(2000);
+    constexpr u32 ThreadCount = 4;
+    for (u32 round = 0; round < 200; ++round) {
+        void* const block = Memory::Malloc(64, EHeap::Pool);
+        std::atomic<u32> ready{0};
+        std::vector<std::thread> threads;
+        for (u32 index = 0; index < ThreadCount; ++index)
+            threads.emplace_back([&] {
+                ++ready;
+                while (ready != ThreadCount) {
+                }
+                Memory::Free(block);
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+        ASSERT_EQ(GetStatistics().pools[0].liveCount, 2000u);
+    }
+    Empty();
+}
+
+TEST_F(ExtendedHeap, FewRecordsAreEnoughForAHeapThatIsUsedALot)
+{
+    u64 const empty = GetRecordBytes();
+    for (u32 index = 0; index < 20000; ++index)
+        Memory::Free(Memory::Malloc(1 + index % 1024, EHeap::Pool16));
+    EXPECT_EQ(GetRecordBytes(), empty);
+    EXPECT_EQ(GetStatistics().pools[3].allocationCount, 20000u);
+    EXPECT_EQ(GetStatistics().pools[3].liveCount, 0u);
+}
+
+TEST_F(ExtendedHeap, NothingIsRefusedWhileAnotherThreadsLaneHasAFreeBlock)
+{
+    Fill(5000, 1024);
+    // The other thread ends with free blocks in its lane, and the hooks give nothing any more.
+    std::thread([&] {
+        for (u32 index = 0; index < 8; ++index) {
+            Memory::Free(m_blocks.back());
+            m_blocks.pop_back();
+        }
+    }).join();
+    u64 const chunks = GetStatistics().pools[0].classes[7].chunkCount;
+    CCountingHooks::FailFrom(1);
+    u64 taken = 0;
+    for (; void* const block = Memory::Malloc(1024, EHeap::Pool); ++taken)
+        m_blocks.push_back(block);
+    CCountingHooks::FailFrom(0);
+    EXPECT_GE(taken, 8u);
+    EXPECT_EQ(m_blocks.size(), chunks * GetStatistics().pools[0].classes[7].blocksPerChunk) << "every block there is";
+    Empty();
+}
+
+// In the class of 512 bytes: the thread pool of a purge lives in some of the others.
+TEST_F(ExtendedHeap, APurgeFindsTheBlocksInEveryLane)
+{
+    Fill(4000, 400);
+    std::thread other([&] {
+        for (u64 index = 0; index < m_blocks.size(); index += 2)
+            Memory::Free(m_blocks[index]);
+    });
+    other.join();
+    for (u64 index = 1; index < m_blocks.size(); index += 2)
+        Memory::Free(m_blocks[index]);
+    m_blocks.clear();
+    EXPECT_GT(GetStatistics().pools[0].classes[6].chunkCount, 0u);
+    Memory::Purge();
+    EXPECT_EQ(GetStatistics().pools[0].classes[6].chunkCount, 0u);
+    // New chunks use what was known of the old ones.
+    for (u32 round = 0; round < 3; ++round) {
+        Fill(4000, 400);
+        for (void* const block : m_blocks)
+            ASSERT_EQ(Memory::GetSize(block), 400u);
+        Empty();
+        Memory::Purge();
+        EXPECT_EQ(GetStatistics().pools[0].classes[6].chunkCount, 0u);
+    }
+}
+
+// At every request from the first that extends the heap on.
+TEST_F(ExtendedHeap, WithoutMemoryForItTheHeapGoesOnAsItWas)
+{
+    for (u64 refused = 1; refused <= 40; ++refused) {
+        Memory::Deinitialize();
+        CCountingHooks::Reset();
+        CCountingHooks::Initialize(0);
+        m_blocks.clear();
+        Fill(1020);
+        CCountingHooks::FailOnce(refused);
+        for (u32 index = 0; index < 3000; ++index)
+            if (void* const block = Memory::Malloc(16 + index % 64, EHeap::Pool8))
+                m_blocks.push_back(block);
+        CCountingHooks::FailFrom(0);
+        ASSERT_GE(m_blocks.size(), 4019u) << refused;
+        for (void* const block : m_blocks)
+            ASSERT_NE(Memory::GetSize(block), 0u) << refused;
+        Empty();
+        for (auto const& pool : GetStatistics().pools)
+            ASSERT_EQ(pool.liveCount, 0u) << refused;
+    }
+}
+
+} // namespace
