@@ -74,7 +74,7 @@ private:
     return unit != '%' && unit != 0;
 }
 
-/// One call of Format or FormatTo, for the template's encoding: first Measure, then Write.
+/// One call of Format or FormatTo, for the template's encoding: TryWrite, or first Measure, then Write.
 template <class Rules>
 class TMessage {
 public:
@@ -87,6 +87,22 @@ public:
         if (m_text == nullptr)
             m_text = reinterpret_cast<u8 const*>(&nothing);
     }
+
+    /// Writes the message with its terminator and returns its bytes in front of that, if they fit into `room`; all ones,
+    /// and the start of the message written, when they do not.
+    u64 TryWrite(u8* const start, u64 room)
+    {
+        u8* out = start;
+        SPiece piece;
+        for (u8 const* position = m_text; Next(position, piece);) {
+            if (piece.size > room - static_cast<u64>(out - start)) [[unlikely]]
+                return DoesNotFit;
+            out = WritePiece(piece, out);
+        }
+        Encodings::Store(out, Unit{0});
+        return static_cast<u64>(out - start);
+    }
+    static constexpr u64 DoesNotFit = ~u64{0};
 
     /// Bytes of the message without a terminator. Renders every argument that the template names.
     [[nodiscard]] u64 Measure()
@@ -391,18 +407,29 @@ bool IsASCII(u8 const* text, u64 size)
 /// Puts a finished message into its string.
 class CFormatter {
 public:
+    static constexpr u64 ShortMessageSize = 256;
+
     template <class Rules>
     static void Format(CMutableString& result, CString const& text, SFormatArgument const* arguments, u64 count)
     {
         TMessage<Rules> message(text, arguments, count);
-        u64 const size = message.Measure();
+        // Most messages are short: put together here, and copied, they are taken apart once.
+        u8 shortMessage[ShortMessageSize];
+        u64 size = message.TryWrite(shortMessage, ShortMessageSize - Rules::UnitSize);
+        bool const isShort = size != message.DoesNotFit;
+        if (!isShort)
+            size = message.Measure();
         EStringEncoding::Type const encoding = text.GetEncoding();
         CScratch buffer(size + Rules::UnitSize);
-        message.Write(buffer.Get());
+        if (isShort)
+            std::memcpy(buffer.Get(), shortMessage, size + Rules::UnitSize);
+        else
+            message.Write(buffer.Get());
         u64 const length =
             Rules::UnitSize == 1 && IsASCII(buffer.Get(), size) ? size : CString(buffer.Get(), encoding).GetLength();
         // The old text goes last: the template or an argument may be part of it.
-        Memory::Free(const_cast<void*>(std::exchange(result.m_data, buffer.Detach())));
+        if (void const* const old = std::exchange(result.m_data, buffer.Detach()))
+            Memory::Free(const_cast<void*>(old));
         result.m_encoding = encoding;
         result.m_length = length;
         result.m_allocatedSize = size + Rules::UnitSize;
@@ -421,14 +448,13 @@ SFormatResult FormatArgumentsTo(void* buffer, u64 bufferSize, CString const& tex
     return Encodings::Dispatch(text.GetEncoding(), [&](auto rules) -> SFormatResult {
         using Rules = decltype(rules);
         TMessage<Rules> message(text, arguments, count);
-        u64 const needed = message.Measure();
         if (buffer == nullptr || bufferSize < Rules::UnitSize)
-            return {0, needed};
+            return {0, message.Measure()};
         u64 const room = bufferSize - Rules::UnitSize;
-        if (needed > room)
-            return {message.WriteCut(static_cast<u8*>(buffer), room), needed};
-        message.Write(static_cast<u8*>(buffer));
-        return {needed, needed};
+        if (u64 const size = message.TryWrite(static_cast<u8*>(buffer), room); size != message.DoesNotFit) [[likely]]
+            return {size, size};
+        u64 const needed = message.Measure();
+        return {message.WriteCut(static_cast<u8*>(buffer), room), needed};
     });
 }
 
