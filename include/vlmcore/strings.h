@@ -385,14 +385,14 @@ protected:
     /// Any target but UTF8 and UTF32 is UTF-16 here.
     static u64 ConvertUTF32(void const* source, void* destination, u64 count, EStringEncoding::Type target);
 
-    /// The text and its encoding; null behaves as empty.
-    // Numbers of every length and encoding; the public operations do the short ones themselves.
+    /// Numbers of every length and encoding; the public operations do the short ones themselves.
     static u64 RenderInteger(i64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
     static u64 RenderUnsignedInteger(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
     static u64 RenderHex(u64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
     [[nodiscard]] i64 ParseInteger(EBinaryEncoding::Type order) const;
     [[nodiscard]] u64 ParseUnsignedInteger(EBinaryEncoding::Type order) const;
 
+    /// What the public operations ask before they do so.
     static bool IsPlainOutput(char const* out, u64 outSize, u64 needed, EStringEncoding::Type encoding)
     {
         return encoding == EStringEncoding::UTF8 && out != nullptr && outSize >= needed;
@@ -402,6 +402,7 @@ protected:
         return m_encoding == EStringEncoding::UTF8 && m_data != nullptr && Impl::TryReadPlainNumber(m_data, value);
     }
 
+    /// The text and its encoding; null behaves as empty.
     void const* m_data = nullptr;
     EStringEncoding::Type m_encoding = EStringEncoding::UTF8;
 };
