@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <set>
 #include <stdexcept>
@@ -535,6 +536,37 @@ TEST(MemoryLogThreads, NoWriteButTheLastOfAPageLeavesItsPage)
     // One a page, and now and then a second, where the trailer alone reached over.
     EXPECT_LE(crossings, events->GetSizeByte() / Page * 11 / 10);
     EXPECT_LT(events->GetCallCount(), 3 * (events->GetSizeByte() / Page) + 100);
+}
+
+TEST(MemoryLogThreads, ReleasingWhileOthersAllocateThrowsNothing)
+{
+    class CIdleMemoryLogger : public IMemoryLogger {
+    public:
+        void OnAllocate(void const*, u64) override {}
+        void OnFree(void const*) override {}
+        void OnRetain(void const*) override {}
+        void OnRelease(void const*) override {}
+    } logger;
+    std::atomic<bool> goesOn{true};
+    std::atomic<int> allocated{0};
+    std::atomic<int> thrown{0};
+    std::thread allocating([&] {
+        for (; goesOn; ++allocated) {
+            try {
+                Memory::Free(Memory::Malloc(64, EHeap::Pool8));
+            }
+            catch (...) {
+                ++thrown;
+            }
+        }
+    });
+    while (allocated < 200000) {
+        Memory::InitializeLog(&logger);
+        EXPECT_EQ(Memory::ReleaseLog(), &logger);
+    }
+    goesOn = false;
+    allocating.join();
+    EXPECT_EQ(thrown, 0);
 }
 
 // ---- files that fail ----

@@ -41,26 +41,26 @@ IMemoryLogger* ReleaseLog()
 
 void LogAllocate(void* block, u64 size)
 {
-    if (MemoryLog::IsInstalled())
-        MemoryLog::GetLogger().OnAllocate(block, size);
+    if (IMemoryLogger* const logger = MemoryLog::FindLogger())
+        logger->OnAllocate(block, size);
 }
 
 void LogFree(void* block)
 {
-    if (MemoryLog::IsInstalled())
-        MemoryLog::GetLogger().OnFree(block);
+    if (IMemoryLogger* const logger = MemoryLog::FindLogger())
+        logger->OnFree(block);
 }
 
 void LogRetain(void const* counter)
 {
-    if (MemoryLog::IsInstalled())
-        MemoryLog::GetLogger().OnRetain(counter);
+    if (IMemoryLogger* const logger = MemoryLog::FindLogger())
+        logger->OnRetain(counter);
 }
 
 void LogRelease(void const* counter)
 {
-    if (MemoryLog::IsInstalled())
-        MemoryLog::GetLogger().OnRelease(counter);
+    if (IMemoryLogger* const logger = MemoryLog::FindLogger())
+        logger->OnRelease(counter);
 }
 
 } // namespace Memory

@@ -19,6 +19,12 @@ extern std::atomic<IMemoryLogger*> g_logger;
     return g_logger.load(std::memory_order_acquire) != nullptr;
 }
 
+/// The installed memory logger, null without one. To be asked once for an event: another thread may release it meanwhile.
+[[nodiscard]] inline IMemoryLogger* FindLogger()
+{
+    return g_logger.load(std::memory_order_acquire);
+}
+
 /// The installed memory logger; without one it throws CException. Callers ask IsInstalled first: the exception is a
 /// guard.
 [[nodiscard]] IMemoryLogger& GetLogger();
