@@ -6,14 +6,17 @@
 fetch_benchmark_source() {
     local folder=build/benchmark-source
     [[ -e $folder/CMakeLists.txt ]] && return
-    local apt=$PWD/build/benchmark-apt suite
+    local apt=$PWD/build/benchmark-apt suite archive
     # shellcheck disable=SC1091
     suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
+    # Where the system's own packages come from.
+    archive=$(apt-get indextargets --format '$(CODENAME) $(REPO_URI)' | awk -v suite="$suite" '$1 == suite { print $2; exit }')
+    [[ $archive ]] || { echo "apt knows no archive of $suite" >&2; exit 1; }
     say "Fetching the sources of Google Benchmark (Debian source package benchmark, $suite)"
     mkdir -p "$apt/lists/partial"
     cat >"$apt/source.sources" <<TXT
 Types: deb-src
-URIs: http://deb.debian.org/debian
+URIs: $archive
 Suites: $suite
 Components: main
 Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
