@@ -402,6 +402,23 @@ bool IsASCII(u8 const* text, u64 size)
     return (seen & 0x8080'8080'8080'8080) == 0;
 }
 
+/// Copies 16 bytes or more, in one go with the question of IsASCII.
+bool CopyAndAskASCII(u8 const* from, u64 size, u8* to)
+{
+    u64 seen = 0;
+    auto const copy = [&](u64 position) {
+        u64 const low = Encodings::Load<u64>(from + position);
+        u64 const high = Encodings::Load<u64>(from + position + 8);
+        seen |= low | high;
+        Encodings::Store(to + position, low);
+        Encodings::Store(to + position + 8, high);
+    };
+    for (u64 position = 0; position + 16 < size; position += 16)
+        copy(position);
+    copy(size - 16);
+    return (seen & 0x8080'8080'8080'8080) == 0;
+}
+
 } // namespace
 
 /// Puts a finished message into its string.
@@ -421,12 +438,19 @@ public:
             size = message.Measure();
         EStringEncoding::Type const encoding = text.GetEncoding();
         CScratch buffer(size + Rules::UnitSize);
-        if (isShort)
-            std::memcpy(buffer.Get(), shortMessage, size + Rules::UnitSize);
-        else
-            message.Write(buffer.Get());
-        u64 const length =
-            Rules::UnitSize == 1 && IsASCII(buffer.Get(), size) ? size : CString(buffer.Get(), encoding).GetLength();
+        bool isASCII = false;
+        if (Rules::UnitSize == 1 && isShort && size >= 16) {
+            // The terminator, which is copied with the text, is ASCII, too.
+            isASCII = CopyAndAskASCII(shortMessage, size + 1, buffer.Get());
+        }
+        else {
+            if (isShort)
+                std::memcpy(buffer.Get(), shortMessage, size + Rules::UnitSize);
+            else
+                message.Write(buffer.Get());
+            isASCII = Rules::UnitSize == 1 && IsASCII(buffer.Get(), size);
+        }
+        u64 const length = isASCII ? size : CString(buffer.Get(), encoding).GetLength();
         // The old text goes last: the template or an argument may be part of it.
         if (void const* const old = std::exchange(result.m_data, buffer.Detach()))
             Memory::Free(const_cast<void*>(old));
