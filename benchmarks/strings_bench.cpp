@@ -2,9 +2,14 @@
 // Bytes a second are of the source text; where there are none, calls a second.
 #include <vlmcore/strings.h>
 
+#ifdef VLMCORE_BENCH_PATHS
+#  include "Core_TextKernels.h"
+#endif
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -419,11 +424,41 @@ void RegisterAll()
     }
 }
 
+#ifdef VLMCORE_BENCH_PATHS
+/// Takes the set of kernels that `--kernels=` names; false for one that this processor has not got.
+bool ChooseKernels(int count, char** arguments)
+{
+    using TextKernels::ELevel;
+    std::pair<char const*, ELevel> const levels[] = {
+        {"Plain", ELevel::Plain}, {"SSE2", ELevel::SSE2}, {"AVX2", ELevel::AVX2}, {"AVX512", ELevel::AVX512}};
+    for (int index = 1; index < count; ++index) {
+        if (std::strncmp(arguments[index], "--kernels=", 10) != 0)
+            continue;
+        auto const level = std::find_if(std::begin(levels), std::end(levels), [&](auto const& known) {
+            return std::strcmp(known.first, arguments[index] + 10) == 0;
+        });
+        if (level == std::end(levels) || !TextKernels::Force(level->second))
+            return false;
+    }
+    return true;
+}
+#else
+/// The shared library always takes its best.
+bool ChooseKernels(int, char**)
+{
+    return true;
+}
+#endif
+
 } // namespace
 
 int main(int count, char** arguments)
 {
     Memory::Initialize(0, 0);
+    if (!ChooseKernels(count, arguments)) {
+        std::fputs("--kernels= takes Plain, SSE2, AVX2 or AVX512, as far as the processor has them\n", stderr);
+        return 1;
+    }
     benchmark::Initialize(&count, arguments);
     RegisterAll();
     benchmark::RunSpecifiedBenchmarks();

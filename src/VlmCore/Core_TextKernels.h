@@ -16,6 +16,15 @@
 #  define VLM_READS_AROUND
 #endif
 
+/// Parts of a loop whose state must stay in registers, and parts that must not take registers from a loop.
+#if defined(__clang__) || defined(__GNUC__)
+#  define VLM_INLINE inline __attribute__((always_inline))
+#  define VLM_SEPARATE __attribute__((noinline))
+#else
+#  define VLM_INLINE inline
+#  define VLM_SEPARATE
+#endif
+
 namespace Velmor::TextKernels {
 
 /// The sets, from the slowest on.

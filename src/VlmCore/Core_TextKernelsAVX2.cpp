@@ -18,7 +18,7 @@ namespace {
 
 using namespace Encodings;
 
-#  define VLM_KERNEL VLM_TARGET("avx2,popcnt")
+#  define VLM_KERNEL VLM_TARGET("avx2,bmi,bmi2,popcnt")
 
 constexpr u64 VectorWidth = 32;
 
@@ -40,16 +40,18 @@ VLM_KERNEL inline u64 SumOf(CRegister bytes)
 #  include "Core_TextVectorMeasure.h"
 #  include "Core_TextVectorSearch.h"
 
-/// Characters that stay behind for the plain rule: writing whole registers may go past what was written.
-constexpr u64 SpareCharacters = 32;
+#  include "Core_TextVectorShort.h"
 
 /// The plain rule for some characters, where a block is irregular.
 template <class From, class To>
-void ConvertPlainly(SConversion& state, u64 count)
+void TakePlainly(SConversion& state, u64 count)
 {
-    state.out = TextRules::ConvertCharactersFrom<From, To>(state.in, count, state.out);
-    state.count -= count;
+    SConversion const done = ConvertPlainly<From, To>(state.in, state.out, count);
+    state = {done.in, done.out, state.count - count};
 }
+
+/// Characters that stay behind for the exact conversions: writing whole registers may go past what was written.
+constexpr u64 SpareCharacters = 32;
 
 VLM_KERNEL inline bool HasHigh(u8 const* block)
 {
@@ -69,90 +71,9 @@ VLM_KERNEL inline bool HasSurrogate(u8 const* place)
 
 // ---- From UTF-8 -----------------------------------------------------------------------------------------------------
 
-using CShuffle = std::array<u8, 16>;
-
-/// For each choice of eight 16-bit lanes: how to move them to the front.
-constexpr std::array<CShuffle, 256> MakeLaneShuffles()
-{
-    std::array<CShuffle, 256> shuffles{};
-    for (u32 choice = 0; choice < 256; ++choice) {
-        shuffles[choice].fill(0x80);
-        u32 to = 0;
-        for (u32 lane = 0; lane < 8; ++lane) {
-            if ((choice >> lane & 1) == 0)
-                continue;
-            shuffles[choice][to++] = static_cast<u8>(2 * lane);
-            shuffles[choice][to++] = static_cast<u8>(2 * lane + 1);
-        }
-    }
-    return shuffles;
-}
-
-/// For four 32-bit lanes, low bits: lane is longer than one byte, high bits: longer than two; how to close the gaps.
-constexpr std::array<CShuffle, 256> MakeByteShuffles()
-{
-    std::array<CShuffle, 256> shuffles{};
-    for (u32 sizes = 0; sizes < 256; ++sizes) {
-        shuffles[sizes].fill(0x80);
-        u32 to = 0;
-        for (u32 lane = 0; lane < 4; ++lane) {
-            u32 const size = 1 + (sizes >> lane & 1) + (sizes >> (lane + 4) & 1);
-            for (u32 byte = 0; byte < size; ++byte)
-                shuffles[sizes][to++] = static_cast<u8>(4 * lane + byte);
-        }
-    }
-    return shuffles;
-}
-
-/// For eight 16-bit lanes: lane is longer than one byte; how to close the gaps.
-constexpr std::array<CShuffle, 256> MakePairShuffles()
-{
-    std::array<CShuffle, 256> shuffles{};
-    for (u32 longer = 0; longer < 256; ++longer) {
-        shuffles[longer].fill(0x80);
-        u32 to = 0;
-        for (u32 lane = 0; lane < 8; ++lane) {
-            shuffles[longer][to++] = static_cast<u8>(2 * lane);
-            if ((longer >> lane & 1) != 0)
-                shuffles[longer][to++] = static_cast<u8>(2 * lane + 1);
-        }
-    }
-    return shuffles;
-}
-
-alignas(64) constexpr std::array<CShuffle, 256> PairShuffles = MakePairShuffles();
-alignas(64) constexpr std::array<CShuffle, 256> LaneShuffles = MakeLaneShuffles();
-alignas(64) constexpr std::array<CShuffle, 256> ByteShuffles = MakeByteShuffles();
-
-VLM_KERNEL inline __m128i LoadShuffle(CShuffle const& shuffle)
-{
-    return _mm_load_si128(reinterpret_cast<__m128i const*>(shuffle.data()));
-}
-
 VLM_KERNEL inline __m256i Widen(u8 const* place)
 {
     return _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(place)));
-}
-
-VLM_KERNEL inline void Store128(u8* place, __m128i value)
-{
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(place), value);
-}
-
-VLM_KERNEL inline void Store256(u8* place, __m256i value)
-{
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(place), value);
-}
-
-/// Writes eight 16-bit lanes, or as many as `count` says, in the target's width.
-template <class To>
-VLM_KERNEL inline u8* WriteLanes(u8* out, __m128i lanes, u64 count)
-{
-    if constexpr (To::UnitSize == 2)
-        Store128(out, lanes);
-    else
-        Store256(out, _mm256_cvtepu16_epi32(lanes));
-    return out + count * To::UnitSize;
 }
 
 /// Converts 16 positions: at each, the code point of a character that would end there; those of `ends` are kept.
@@ -160,26 +81,10 @@ VLM_KERNEL inline u8* WriteLanes(u8* out, __m128i lanes, u64 count)
 template <class To>
 VLM_KERNEL inline u8* ConvertEnds(u8 const* place, u32 ends, u8* out, __m256i& bad)
 {
-    __m256i const last = Widen(place);
-    __m256i const middle = Widen(place - 1);
-    __m256i const front = Widen(place - 2);
-    __m256i const low = _mm256_set1_epi16(0x3F);
-    __m256i const isContinuation =
-        _mm256_cmpeq_epi16(_mm256_and_si256(middle, _mm256_set1_epi16(0xC0)), _mm256_set1_epi16(0x80));
-    __m256i const upper = _mm256_and_si256(_mm256_slli_epi16(front, 12), isContinuation);
-    __m256i const center = _mm256_slli_epi16(_mm256_and_si256(middle, low), 6);
-    __m256i const joined = _mm256_or_si256(_mm256_or_si256(upper, center), _mm256_and_si256(last, low));
-    __m256i const isASCII = _mm256_cmpgt_epi16(_mm256_set1_epi16(0x80), last);
-    __m256i const codePoints = _mm256_blendv_epi8(joined, last, isASCII);
+    __m256i const codePoints = JoinEnds(Load128(place), Load128(place - 1), Load128(place - 2));
     if constexpr (To::UnitSize == 2)
         bad = _mm256_or_si256(bad, _mm256_cmpeq_epi16(codePoints, _mm256_set1_epi16(-1)));
-    u32 const lowEnds = ends & 0xFF;
-    u32 const highEnds = ends >> 8 & 0xFF;
-    __m128i const lowLanes = _mm_shuffle_epi8(_mm256_castsi256_si128(codePoints), LoadShuffle(LaneShuffles[lowEnds]));
-    __m128i const highLanes =
-        _mm_shuffle_epi8(_mm256_extracti128_si256(codePoints, 1), LoadShuffle(LaneShuffles[highEnds]));
-    out = WriteLanes<To>(out, lowLanes, static_cast<u64>(std::popcount(lowEnds)));
-    return WriteLanes<To>(out, highLanes, static_cast<u64>(std::popcount(highEnds)));
+    return WriteChosen<To>(out, codePoints, ends, BlockSize);
 }
 
 template <class To>
@@ -200,36 +105,66 @@ VLM_KERNEL inline u8* WidenBlock(u8 const* block, u8* out)
     return out;
 }
 
+/// True where the first 48 bytes of a block are sixteen characters of three bytes each.
+VLM_KERNEL inline bool BeginsWithThrees(SBytes const& bytes)
+{
+    return (((bytes.three ^ 0x249249249249) | (bytes.continuation ^ 0xDB6DB6DB6DB6) | bytes.four) & BitsBelow(48)) == 0;
+}
+
+/// Converts eight characters of three bytes each.
+template <class To>
+VLM_KERNEL inline u8* WriteThrees(u8 const* in, u8* out, __m256i& bad)
+{
+    __m256i const order =
+        _mm256_broadcastsi128_si256(_mm_setr_epi8(2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1));
+    __m256i const bytes = _mm256_inserti128_si256(_mm256_castsi128_si256(Load128(in)), Load128(in + 12), 1);
+    __m256i const bits = _mm256_and_si256(_mm256_shuffle_epi8(bytes, order), _mm256_set1_epi32(0x000F3F3F));
+    __m256i const codePoints =
+        _mm256_madd_epi16(_mm256_maddubs_epi16(bits, _mm256_set1_epi16(0x4001)), _mm256_set1_epi32(0x10000001));
+    if constexpr (To::UnitSize == 2) {
+        bad = _mm256_or_si256(bad, _mm256_cmpeq_epi32(codePoints, _mm256_set1_epi32(0xFFFF)));
+        Store128(out, _mm_packus_epi32(_mm256_castsi256_si128(codePoints), _mm256_extracti128_si256(codePoints, 1)));
+    }
+    else {
+        Store256(out, codePoints);
+    }
+    return out + 8 * To::UnitSize;
+}
+
 template <class To>
 VLM_KERNEL void ConvertFrom8(SConversion& state)
 {
+    SConversion rest = state;
     // Two bytes in front of a block are looked at, so there must be two.
-    if (state.count < BlockSize + SpareCharacters)
-        return;
-    ConvertPlainly<SUTF8, To>(state, 2);
-    while (state.count >= BlockSize + SpareCharacters) {
-        if (!HasHigh(state.in)) {
-            state.out = WidenBlock<To>(state.in, state.out);
-            state.in += BlockSize;
-            state.count -= BlockSize;
+    if (rest.count >= BlockSize + SpareCharacters)
+        rest = ConvertShortFrom8<To>(rest.in, rest.out, rest.count, rest.in + 2);
+    while (rest.count >= BlockSize + SpareCharacters) {
+        if (!HasHigh(rest.in)) {
+            rest = {rest.in + BlockSize, WidenBlock<To>(rest.in, rest.out), rest.count - BlockSize};
             continue;
         }
-        SBytes const bytes = ReadBytes(state.in, ~u64{0});
-        if (bytes.continuation != bytes.GetCovered() || bytes.four != 0) {
-            ConvertPlainly<SUTF8, To>(state, 24);
-            continue;
-        }
-        u64 const ends = bytes.GetEnds();
+        SBytes const bytes = ReadBytes(rest.in, ~u64{0});
         __m256i bad = _mm256_setzero_si256();
-        u8* out = state.out;
-        for (u32 offset = 0; offset < BlockSize; offset += 16)
-            out = ConvertEnds<To>(state.in + offset, static_cast<u32>(ends >> offset & 0xFFFF), out, bad);
-        if (To::UnitSize == 2 && MaskOf(reinterpret_cast<CRegister>(bad)) != 0) {
-            ConvertPlainly<SUTF8, To>(state, 24);
+        u8* out = rest.out;
+        u64 ends = 0;
+        if (BeginsWithThrees(bytes)) {
+            out = WriteThrees<To>(rest.in, out, bad);
+            out = WriteThrees<To>(rest.in + 24, out, bad);
+            ends = 0x924924924924;
+        }
+        else if (bytes.continuation == bytes.GetCovered() && bytes.four == 0) {
+            ends = bytes.GetEnds();
+            for (u32 offset = 0; offset < BlockSize; offset += 16)
+                out = ConvertEnds<To>(rest.in + offset, static_cast<u32>(ends >> offset & 0xFFFF), out, bad);
+        }
+        if (ends == 0 || (To::UnitSize == 2 && MaskOf(reinterpret_cast<CRegister>(bad)) != 0)) {
+            rest = ConvertShortFrom8<To>(rest.in, rest.out, rest.count, rest.in + BlockSize);
             continue;
         }
-        state = {state.in + WholeSize(ends), out, state.count - static_cast<u64>(std::popcount(ends))};
+        rest = {rest.in + WholeSize(ends), out, rest.count - CountBits(ends)};
     }
+    state = rest;
+    ConvertRestFrom8<To>(state);
 }
 
 // ---- From wider units -----------------------------------------------------------------------------------------------
@@ -277,36 +212,71 @@ VLM_KERNEL inline u8* WriteShortUTF8(u8* out, __m256i units)
     return out + 8 + std::popcount(second);
 }
 
+/// Writes sixteen units of three bytes each.
+VLM_KERNEL inline u8* WriteLongUTF8(u8* out, __m256i units)
+{
+    SLongUTF8 const bytes(units);
+    Store128(out, _mm256_castsi256_si128(bytes.even));
+    Store128(out + 12, _mm256_castsi256_si128(bytes.odd));
+    Store128(out + 24, _mm256_extracti128_si256(bytes.even, 1));
+    Store128(out + 36, _mm256_extracti128_si256(bytes.odd, 1));
+    return out + 48;
+}
+
+/// Passes ASCII, 32 units at a time.
+VLM_KERNEL inline SConversion NarrowASCII(SConversion state)
+{
+    __m256i const beyond = _mm256_set1_epi16(static_cast<short>(0xFF80));
+    for (; state.count >= 32; state = {state.in + 64, state.out + 32, state.count - 32}) {
+        __m256i const first = Load256(state.in);
+        __m256i const second = Load256(state.in + 32);
+        if (_mm256_testz_si256(_mm256_or_si256(first, second), beyond) == 0)
+            break;
+        Store256(state.out, _mm256_permute4x64_epi64(_mm256_packus_epi16(first, second), 0xD8));
+    }
+    return state;
+}
+
 template <bool PlaneZero>
 VLM_KERNEL void Convert16To8(SConversion& state)
 {
-    while (state.count >= 16 + SpareCharacters) {
-        __m256i const units = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(state.in));
+    SConversion rest = state;
+    while (rest.count >= 16 + SpareCharacters) {
+        __m256i const units = Load256(rest.in);
         if (_mm256_testz_si256(units, _mm256_set1_epi16(static_cast<short>(0xFF80))) != 0) {
-            Store128(state.out, _mm_packus_epi16(_mm256_castsi256_si128(units), _mm256_extracti128_si256(units, 1)));
-            state = {state.in + 32, state.out + 16, state.count - 16};
+            Store128(rest.out, _mm_packus_epi16(_mm256_castsi256_si128(units), _mm256_extracti128_si256(units, 1)));
+            rest = NarrowASCII({rest.in + 32, rest.out + 16, rest.count - 16});
             continue;
         }
-        if (_mm256_testz_si256(units, _mm256_set1_epi16(static_cast<short>(0xF800))) != 0) {
-            state = {state.in + 32, WriteShortUTF8(state.out, units), state.count - 16};
+        __m256i const isShort = _mm256_cmpeq_epi16(
+            _mm256_and_si256(units, _mm256_set1_epi16(static_cast<short>(0xF800))), _mm256_setzero_si256());
+        u64 const shortUnits = MaskOf(reinterpret_cast<CRegister>(isShort));
+        u8* out = rest.out;
+        if (shortUnits == BitsBelow(32)) {
+            out = WriteShortUTF8(out, units);
+        }
+        else if (!PlaneZero && HasSurrogate(rest.in)) {
+            rest = ConvertShort16To8<false>(rest.in, rest.out, rest.count, rest.in + 32);
             continue;
         }
-        if (!PlaneZero && HasSurrogate(state.in)) {
-            ConvertPlainly<SUTF16, SUTF8>(state, 8);
-            continue;
+        else if (shortUnits == 0) {
+            out = WriteLongUTF8(out, units);
         }
-        u8* const out = WriteUTF8(state.out, _mm256_cvtepu16_epi32(_mm256_castsi256_si128(units)));
-        state.out = WriteUTF8(out, _mm256_cvtepu16_epi32(_mm256_extracti128_si256(units, 1)));
-        state.in += 32;
-        state.count -= 16;
+        else {
+            out = WriteUTF8(out, _mm256_cvtepu16_epi32(_mm256_castsi256_si128(units)));
+            out = WriteUTF8(out, _mm256_cvtepu16_epi32(_mm256_extracti128_si256(units, 1)));
+        }
+        rest = {rest.in + 32, out, rest.count - 16};
     }
+    state = rest;
+    ConvertRest16To8<PlaneZero>(state);
 }
 
 VLM_KERNEL void Convert16To32(SConversion& state)
 {
     while (state.count >= 16 + SpareCharacters) {
         if (HasSurrogate(state.in)) {
-            ConvertPlainly<SUTF16, SUTF32>(state, 8);
+            TakePlainly<SUTF16, SUTF32>(state, 8);
             continue;
         }
         __m256i const units = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(state.in));
@@ -327,7 +297,7 @@ VLM_KERNEL void Convert32To8(SConversion& state)
     while (state.count >= 8 + SpareCharacters) {
         __m256i const units = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(state.in));
         if (!AreBelow(units, 0x40000)) {
-            ConvertPlainly<SUTF32, SUTF8>(state, 8);
+            TakePlainly<SUTF32, SUTF8>(state, 8);
             continue;
         }
         state = {state.in + 32, WriteUTF8(state.out, units), state.count - 8};
@@ -340,7 +310,7 @@ VLM_KERNEL void Convert32To16(SConversion& state)
         __m256i const units = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(state.in));
         __m256i const isLast = _mm256_cmpeq_epi32(units, _mm256_set1_epi32(0xFFFF));
         if (!AreBelow(units, 0x10000) || _mm256_movemask_epi8(isLast) != 0) {
-            ConvertPlainly<SUTF32, SUTF16>(state, 8);
+            TakePlainly<SUTF32, SUTF16>(state, 8);
             continue;
         }
         Store128(state.out, _mm_packus_epi32(_mm256_castsi256_si128(units), _mm256_extracti128_si256(units, 1)));
