@@ -50,18 +50,14 @@ template <class From, class To>
 template <class From, class To>
 u8* ConvertCharacters(u8 const* text, u64 count, u8* out)
 {
-    TextKernels::SConversion state{text, out, count};
-    if (auto const kernel = TextKernels::Get().convert[TextKernels::IndexOf<From>][TextKernels::IndexOf<To>])
-        kernel(state);
-    return TextRules::ConvertCharacters<From, To>(state.in, state.count, state.out);
+    auto const kernel = TextKernels::Get().convert[TextKernels::IndexOf<From>][TextKernels::IndexOf<To>];
+    return kernel != nullptr ? kernel(text, count, out) : TextRules::ConvertCharacters<From, To>(text, count, out);
 }
 
 inline u8* ConvertPlaneZeroUnits(u8 const* units, u64 count, u8* out)
 {
-    TextKernels::SConversion state{units, out, count};
-    if (auto const kernel = TextKernels::Get().convertPlaneZero)
-        kernel(state);
-    return TextRules::ConvertPlaneZeroUnits(state.in, state.count, state.out);
+    auto const kernel = TextKernels::Get().convertPlaneZero;
+    return kernel != nullptr ? kernel(units, count, out) : TextRules::ConvertPlaneZeroUnits(units, count, out);
 }
 
 /// Order of two texts of one encoding, as their units.

@@ -30,15 +30,8 @@ namespace Velmor::TextKernels {
 /// The sets, from the slowest on.
 enum class ELevel : u32 { Plain, SSE2, AVX2, AVX512 };
 
-/// Where a conversion has come to; `count` characters are still to do.
-struct SConversion {
-    u8 const* in;
-    u8* out;
-    u64 count;
-};
-
-/// Takes characters from the front of a conversion, as many as it can; the plain rule does the rest.
-using ConvertKernel = void (*)(SConversion& state);
+/// Converts `count` characters, whether or not a zero unit is among them; returns the position behind what was written.
+using ConvertKernel = u8* (*)(u8 const* text, u64 count, u8* out);
 
 /// What is looked for: units in the text's own encoding that nothing else stands for in regular text.
 struct SNeedle {

@@ -42,14 +42,6 @@ VLM_KERNEL inline u64 SumOf(CRegister bytes)
 
 #  include "Core_TextVectorShort.h"
 
-/// The plain rule for some characters, where a block is irregular.
-template <class From, class To>
-void TakePlainly(SConversion& state, u64 count)
-{
-    SConversion const done = ConvertPlainly<From, To>(state.in, state.out, count);
-    state = {done.in, done.out, state.count - count};
-}
-
 /// Characters that stay behind for the exact conversions: writing whole registers may go past what was written.
 constexpr u64 SpareCharacters = 32;
 
@@ -132,39 +124,37 @@ VLM_KERNEL inline u8* WriteThrees(u8 const* in, u8* out, __m256i& bad)
 }
 
 template <class To>
-VLM_KERNEL void ConvertFrom8(SConversion& state)
+VLM_KERNEL u8* ConvertFrom8(u8 const* in, u64 count, u8* out)
 {
-    SConversion rest = state;
+    SRunning const state{in, out, count};
     // Two bytes in front of a block are looked at, so there must be two.
-    if (rest.count >= BlockSize + SpareCharacters)
-        rest = ConvertShortFrom8<To>(rest.in, rest.out, rest.count, rest.in + 2);
-    while (rest.count >= BlockSize + SpareCharacters) {
-        if (!HasHigh(rest.in)) {
-            rest = {rest.in + BlockSize, WidenBlock<To>(rest.in, rest.out), rest.count - BlockSize};
+    if (count >= BlockSize + SpareCharacters)
+        state.Take(ConvertShortFrom8<To>(in, out, count, in + 2));
+    while (count >= BlockSize + SpareCharacters) {
+        if (!HasHigh(in)) {
+            state.Go(BlockSize, WidenBlock<To>(in, out), BlockSize);
             continue;
         }
-        SBytes const bytes = ReadBytes(rest.in, ~u64{0});
+        SBytes const bytes = ReadBytes(in, ~u64{0});
         __m256i bad = _mm256_setzero_si256();
-        u8* out = rest.out;
+        u8* end = out;
         u64 ends = 0;
         if (BeginsWithThrees(bytes)) {
-            out = WriteThrees<To>(rest.in, out, bad);
-            out = WriteThrees<To>(rest.in + 24, out, bad);
+            end = WriteThrees<To>(in, end, bad);
+            end = WriteThrees<To>(in + 24, end, bad);
             ends = 0x924924924924;
         }
         else if (bytes.continuation == bytes.GetCovered() && bytes.four == 0) {
             ends = bytes.GetEnds();
             for (u32 offset = 0; offset < BlockSize; offset += 16)
-                out = ConvertEnds<To>(rest.in + offset, static_cast<u32>(ends >> offset & 0xFFFF), out, bad);
+                end = ConvertEnds<To>(in + offset, static_cast<u32>(ends >> offset & 0xFFFF), end, bad);
         }
-        if (ends == 0 || (To::UnitSize == 2 && MaskOf(reinterpret_cast<CRegister>(bad)) != 0)) {
-            rest = ConvertShortFrom8<To>(rest.in, rest.out, rest.count, rest.in + BlockSize);
-            continue;
-        }
-        rest = {rest.in + WholeSize(ends), out, rest.count - CountBits(ends)};
+        if (ends == 0 || (To::UnitSize == 2 && MaskOf(reinterpret_cast<CRegister>(bad)) != 0))
+            state.Take(ConvertShortFrom8<To>(in, out, count, in + BlockSize));
+        else
+            state.Go(WholeSize(ends), end, CountBits(ends));
     }
-    state = rest;
-    ConvertRestFrom8<To>(state);
+    return ConvertRestFrom8<To>(in, count, out);
 }
 
 // ---- From wider units -----------------------------------------------------------------------------------------------
@@ -223,67 +213,57 @@ VLM_KERNEL inline u8* WriteLongUTF8(u8* out, __m256i units)
     return out + 48;
 }
 
-/// Passes ASCII, 32 units at a time.
-VLM_KERNEL inline SConversion NarrowASCII(SConversion state)
-{
-    __m256i const beyond = _mm256_set1_epi16(static_cast<short>(0xFF80));
-    for (; state.count >= 32; state = {state.in + 64, state.out + 32, state.count - 32}) {
-        __m256i const first = Load256(state.in);
-        __m256i const second = Load256(state.in + 32);
-        if (_mm256_testz_si256(_mm256_or_si256(first, second), beyond) == 0)
-            break;
-        Store256(state.out, _mm256_permute4x64_epi64(_mm256_packus_epi16(first, second), 0xD8));
-    }
-    return state;
-}
-
 template <bool PlaneZero>
-VLM_KERNEL void Convert16To8(SConversion& state)
+VLM_KERNEL u8* Convert16To8(u8 const* in, u64 count, u8* out)
 {
-    SConversion rest = state;
-    while (rest.count >= 16 + SpareCharacters) {
-        __m256i const units = Load256(rest.in);
-        if (_mm256_testz_si256(units, _mm256_set1_epi16(static_cast<short>(0xFF80))) != 0) {
-            Store128(rest.out, _mm_packus_epi16(_mm256_castsi256_si128(units), _mm256_extracti128_si256(units, 1)));
-            rest = NarrowASCII({rest.in + 32, rest.out + 16, rest.count - 16});
+    SRunning const state{in, out, count};
+    __m256i const beyondASCII = _mm256_set1_epi16(static_cast<short>(0xFF80));
+    while (count >= 16 + SpareCharacters) {
+        __m256i const units = Load256(in);
+        if (_mm256_testz_si256(units, beyondASCII) != 0) {
+            __m256i const more = Load256(in + 32);
+            Store256(out, _mm256_permute4x64_epi64(_mm256_packus_epi16(units, more), 0xD8));
+            u64 const taken = _mm256_testz_si256(more, beyondASCII) != 0 ? 32 : 16;
+            state.Go(2 * taken, out + taken, taken);
             continue;
         }
         __m256i const isShort = _mm256_cmpeq_epi16(
             _mm256_and_si256(units, _mm256_set1_epi16(static_cast<short>(0xF800))), _mm256_setzero_si256());
         u64 const shortUnits = MaskOf(reinterpret_cast<CRegister>(isShort));
-        u8* out = rest.out;
+        u8* end = out;
         if (shortUnits == BitsBelow(32)) {
-            out = WriteShortUTF8(out, units);
+            end = WriteShortUTF8(end, units);
         }
-        else if (!PlaneZero && HasSurrogate(rest.in)) {
-            rest = ConvertShort16To8<false>(rest.in, rest.out, rest.count, rest.in + 32);
+        else if (!PlaneZero && HasSurrogate(in)) {
+            state.Take(ConvertShort16To8<false>(in, out, count, in + 32));
             continue;
         }
         else if (shortUnits == 0) {
-            out = WriteLongUTF8(out, units);
+            end = WriteLongUTF8(end, units);
         }
         else {
-            out = WriteUTF8(out, _mm256_cvtepu16_epi32(_mm256_castsi256_si128(units)));
-            out = WriteUTF8(out, _mm256_cvtepu16_epi32(_mm256_extracti128_si256(units, 1)));
+            end = WriteUTF8(end, _mm256_cvtepu16_epi32(_mm256_castsi256_si128(units)));
+            end = WriteUTF8(end, _mm256_cvtepu16_epi32(_mm256_extracti128_si256(units, 1)));
         }
-        rest = {rest.in + 32, out, rest.count - 16};
+        state.Go(32, end, 16);
     }
-    state = rest;
-    ConvertRest16To8<PlaneZero>(state);
+    return ConvertRest16To8<PlaneZero>(in, count, out);
 }
 
-VLM_KERNEL void Convert16To32(SConversion& state)
+VLM_KERNEL u8* Convert16To32(u8 const* in, u64 count, u8* out)
 {
-    while (state.count >= 16 + SpareCharacters) {
-        if (HasSurrogate(state.in)) {
-            TakePlainly<SUTF16, SUTF32>(state, 8);
+    SRunning const state{in, out, count};
+    while (count >= 16 + SpareCharacters) {
+        if (HasSurrogate(in)) {
+            state.Take(ConvertPlainly<SUTF16, SUTF32>(in, out, 8));
             continue;
         }
-        __m256i const units = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(state.in));
-        Store256(state.out, _mm256_cvtepu16_epi32(_mm256_castsi256_si128(units)));
-        Store256(state.out + 32, _mm256_cvtepu16_epi32(_mm256_extracti128_si256(units, 1)));
-        state = {state.in + 32, state.out + 64, state.count - 16};
+        __m256i const units = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(in));
+        Store256(out, _mm256_cvtepu16_epi32(_mm256_castsi256_si128(units)));
+        Store256(out + 32, _mm256_cvtepu16_epi32(_mm256_extracti128_si256(units, 1)));
+        state.Go(32, out + 64, 16);
     }
+    return TextRules::ConvertCharacters<SUTF16, SUTF32>(in, count, out);
 }
 
 /// True when no unit reaches `limit`, which has a single bit and stands for itself and all bits above it.
@@ -292,30 +272,34 @@ VLM_KERNEL inline bool AreBelow(__m256i units, u32 limit)
     return _mm256_testz_si256(units, _mm256_set1_epi32(static_cast<int>(~(limit - 1)))) != 0;
 }
 
-VLM_KERNEL void Convert32To8(SConversion& state)
+VLM_KERNEL u8* Convert32To8(u8 const* in, u64 count, u8* out)
 {
-    while (state.count >= 8 + SpareCharacters) {
-        __m256i const units = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(state.in));
+    SRunning const state{in, out, count};
+    while (count >= 8 + SpareCharacters) {
+        __m256i const units = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(in));
         if (!AreBelow(units, 0x40000)) {
-            TakePlainly<SUTF32, SUTF8>(state, 8);
+            state.Take(ConvertPlainly<SUTF32, SUTF8>(in, out, 8));
             continue;
         }
-        state = {state.in + 32, WriteUTF8(state.out, units), state.count - 8};
+        state.Go(32, WriteUTF8(out, units), 8);
     }
+    return TextRules::ConvertCharacters<SUTF32, SUTF8>(in, count, out);
 }
 
-VLM_KERNEL void Convert32To16(SConversion& state)
+VLM_KERNEL u8* Convert32To16(u8 const* in, u64 count, u8* out)
 {
-    while (state.count >= 8 + SpareCharacters) {
-        __m256i const units = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(state.in));
+    SRunning const state{in, out, count};
+    while (count >= 8 + SpareCharacters) {
+        __m256i const units = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(in));
         __m256i const isLast = _mm256_cmpeq_epi32(units, _mm256_set1_epi32(0xFFFF));
         if (!AreBelow(units, 0x10000) || _mm256_movemask_epi8(isLast) != 0) {
-            TakePlainly<SUTF32, SUTF16>(state, 8);
+            state.Take(ConvertPlainly<SUTF32, SUTF16>(in, out, 8));
             continue;
         }
-        Store128(state.out, _mm_packus_epi32(_mm256_castsi256_si128(units), _mm256_extracti128_si256(units, 1)));
-        state = {state.in + 32, state.out + 16, state.count - 8};
+        Store128(out, _mm_packus_epi32(_mm256_castsi256_si128(units), _mm256_extracti128_si256(units, 1)));
+        state.Go(32, out + 16, 8);
     }
+    return TextRules::ConvertCharacters<SUTF32, SUTF16>(in, count, out);
 }
 
 } // namespace

@@ -80,13 +80,6 @@ VLM_KERNEL inline u64 LowestBits(u64 mask, u64 count)
     return count >= 64 ? mask : _pdep_u64(BitsBelow(count), mask);
 }
 
-template <class From, class To>
-void ConvertPlainly(SConversion& state, u64 count)
-{
-    state.out = TextRules::ConvertCharactersFrom<From, To>(state.in, count, state.out);
-    state.count -= count;
-}
-
 // ---- To UTF-8 -------------------------------------------------------------------------------------------------------
 
 /// The bytes of a form for both code points of each lane of eight bytes: byte by byte the shift that brings its bits down,
@@ -129,7 +122,8 @@ VLM_KERNEL inline u8* WriteUTF8(u8* out, __m512i codePoints, u32 chosen)
     if constexpr (MayHaveFour) {
         // Kept: a constant byte, and a lead byte that holds eight bits.
         __mmask16 const four = _mm512_mask_cmpge_epu32_mask(wanted, codePoints, Fill32(0x40000));
-        bytes = _mm512_mask_mov_epi32(bytes, four, SForm(0x00060C00, 0x3F3FFF00, 0x8080E0E0).Apply(codePoints));
+        if (four != 0)
+            bytes = _mm512_mask_mov_epi32(bytes, four, SForm(0x00060C00, 0x3F3FFF00, 0x8080E0E0).Apply(codePoints));
     }
     // Only the single byte of a zero is zero.
     u64 const kept = _mm512_test_epi8_mask(bytes, bytes) | _pdep_u64(chosen, UnitBits<u32>);
@@ -159,78 +153,81 @@ VLM_KERNEL inline u32 GetCovered(u32 surrogates)
     return (evenPlaces ^ (oddBeginnings + surrogates) << 1) & following;
 }
 
-template <bool PlaneZero>
-VLM_KERNEL void Convert16To8(SConversion& state)
+/// Writes the characters of a block of UTF-16 that begin at `starts`, sixteen at a time.
+VLM_KERNEL inline u8* WritePairs(u8* out, __m512i units, u32 starts, u32 openers)
 {
-    while (state.count != 0) {
-        u64 const readable = GetReadable(state.in, 2 * state.count) / 2;
-        u64 const taken = std::min(readable, state.count);
+    __m512i const next = _mm512_maskz_compress_epi16(0xFFFFFFFE, units);
+    __m512i first = _mm512_maskz_compress_epi16(starts, units);
+    __m512i second = _mm512_maskz_compress_epi16(starts, next);
+    u32 pairs = _pext_u32(openers, starts);
+    for (u64 count = CountBits(starts);; count -= 16) {
+        __m512i const lead = _mm512_cvtepu16_epi32(_mm512_castsi512_si256(first));
+        __m512i const trail = _mm512_cvtepu16_epi32(_mm512_castsi512_si256(second));
+        __m512i const joined = _mm512_or_si512(_mm512_slli_epi32(_mm512_and_si512(lead, Fill32(0x7FF)), 9),
+                                               _mm512_and_si512(trail, Fill32(0x3FF)));
+        out = WriteUTF8<true>(out, _mm512_mask_mov_epi32(lead, static_cast<__mmask16>(pairs), joined),
+                              static_cast<u32>(BitsBelow(std::min<u64>(count, 16))));
+        if (count <= 16)
+            return out;
+        first = _mm512_castsi256_si512(_mm512_extracti64x4_epi64(first, 1));
+        second = _mm512_castsi256_si512(_mm512_extracti64x4_epi64(second, 1));
+        pairs >>= 16;
+    }
+}
+
+template <bool PlaneZero>
+VLM_KERNEL u8* Convert16To8(u8 const* in, u64 count, u8* out)
+{
+    SRunning const state{in, out, count};
+    while (count != 0) {
+        u64 const readable = GetReadable(in, 2 * count) / 2;
+        u64 const taken = std::min(readable, count);
         if (taken == 0) {
-            ConvertPlainly<SUTF16, SUTF8>(state, 1); // a unit that lies in two pages
+            state.Take(ConvertPlainly16To8<PlaneZero>(in, out, 1)); // a unit that lies in two pages
             continue;
         }
-        __m512i const units = LoadFirst(state.in, 2 * readable);
+        __m512i const units = LoadFirst(in, 2 * readable);
         __mmask32 const wanted = static_cast<__mmask32>(BitsBelow(taken));
         if (_mm512_mask_test_epi16_mask(wanted, units, Fill16(0xFF80)) == 0) {
-            _mm256_mask_storeu_epi8(state.out, wanted, _mm512_cvtepi16_epi8(units));
-            state = {state.in + 2 * taken, state.out + taken, state.count - taken};
+            _mm256_mask_storeu_epi8(out, wanted, _mm512_cvtepi16_epi8(units));
+            state.Go(2 * taken, out + taken, taken);
             continue;
         }
         if (_mm512_mask_test_epi16_mask(wanted, units, Fill16(0xF800)) == 0) {
-            state.out = WriteShortUTF8(state.out, units, taken);
-            state.in += 2 * taken;
-            state.count -= taken;
+            state.Go(2 * taken, WriteShortUTF8(out, units, taken), taken);
             continue;
         }
-        __m512i const low = _mm512_cvtepu16_epi32(_mm512_castsi512_si256(units));
-        __m512i const high = _mm512_cvtepu16_epi32(_mm512_extracti64x4_epi64(units, 1));
         u32 const surrogates = _mm512_cmpeq_epi16_mask(_mm512_and_si512(units, Fill16(0xF800)), Fill16(0xD800));
         if (PlaneZero || (surrogates & wanted) == 0) {
-            state.out = WriteUTF8<false>(state.out, low, wanted & 0xFFFF);
-            state.out = WriteUTF8<false>(state.out, high, wanted >> 16);
-            state.in += 2 * taken;
-            state.count -= taken;
+            u8* end = WriteUTF8<false>(out, _mm512_cvtepu16_epi32(_mm512_castsi512_si256(units)), wanted & 0xFFFF);
+            if (taken > 16)
+                end = WriteUTF8<false>(end, _mm512_cvtepu16_epi32(_mm512_extracti64x4_epi64(units, 1)), wanted >> 16);
+            state.Go(2 * taken, end, taken);
             continue;
         }
         // A pair that the block cuts is left for the next round, one that the terminator cuts for the plain rule.
         u32 const covered = GetCovered(surrogates);
         u32 const openers = surrogates & ~covered;
         u64 const whole = BitsBelow(readable) & ~(u64{openers} & u64{1} << (readable - 1));
-        u64 const starts = LowestBits(~u64{covered} & whole, state.count);
+        u64 const starts = LowestBits(~u64{covered} & whole, count);
         u64 const last = 64 - static_cast<u64>(std::countl_zero(starts));
         u64 const end = last + (last != 0 && (openers >> (last - 1) & 1) != 0 ? 1 : 0);
         u32 const zeros = _mm512_testn_epi16_mask(units, units);
-        if (starts == 0 || (zeros & covered & BitsBelow(end)) != 0) {
-            ConvertPlainly<SUTF16, SUTF8>(state, std::min<u64>(state.count, 8));
-            continue;
-        }
-        // Each lane with the unit behind it in its upper half.
-        __m512i const next = _mm512_maskz_compress_epi16(0xFFFFFFFE, units);
-        __m512i const joinedLow =
-            _mm512_or_si512(_mm512_slli_epi32(_mm512_and_si512(low, Fill32(0x7FF)), 9),
-                            _mm512_and_si512(_mm512_cvtepu16_epi32(_mm512_castsi512_si256(next)), Fill32(0x3FF)));
-        __m512i const joinedHigh =
-            _mm512_or_si512(_mm512_slli_epi32(_mm512_and_si512(high, Fill32(0x7FF)), 9),
-                            _mm512_and_si512(_mm512_cvtepu16_epi32(_mm512_extracti64x4_epi64(next, 1)), Fill32(0x3FF)));
-        u32 const chosen = static_cast<u32>(starts);
-        state.out = WriteUTF8<true>(state.out, _mm512_mask_mov_epi32(low, static_cast<__mmask16>(openers), joinedLow),
-                                    chosen & 0xFFFF);
-        state.out = WriteUTF8<true>(
-            state.out, _mm512_mask_mov_epi32(high, static_cast<__mmask16>(openers >> 16), joinedHigh), chosen >> 16);
-        state.in += 2 * end;
-        state.count -= CountBits(starts);
+        if (starts == 0 || (zeros & covered & BitsBelow(end)) != 0)
+            state.Take(ConvertPlainly16To8<false>(in, out, std::min<u64>(count, 8)));
+        else
+            state.Go(2 * end, WritePairs(out, units, static_cast<u32>(starts), openers), CountBits(starts));
     }
+    return out;
 }
 
-VLM_KERNEL void Convert32To8(SConversion& state)
+VLM_KERNEL u8* Convert32To8(u8 const* in, u64 count, u8* out)
 {
-    while (state.count != 0) {
-        u64 const taken = std::min<u64>(state.count, 16);
-        __m512i const units = LoadFirst(state.in, 4 * taken);
-        state.out = WriteUTF8<true>(state.out, units, static_cast<u32>(BitsBelow(taken)));
-        state.in += 4 * taken;
-        state.count -= taken;
+    for (SRunning const state{in, out, count}; count != 0;) {
+        u64 const taken = std::min<u64>(count, 16);
+        state.Go(4 * taken, WriteUTF8<true>(out, LoadFirst(in, 4 * taken), static_cast<u32>(BitsBelow(taken))), taken);
     }
+    return out;
 }
 
 // ---- To wider units -------------------------------------------------------------------------------------------------
@@ -281,13 +278,12 @@ VLM_KERNEL inline __m512i Join(__m256i firstBytes, __m256i secondBytes, __m256i 
     return _mm512_mask_mov_epi16(joined, _mm512_cmpge_epu16_mask(first, Fill16(0xE0)), three);
 }
 
-/// The bytes of a block, and those one, two and three places further on: at the same places, or at places `shift` further
-/// on for each of them.
+/// The bytes of a block, and those one and two places further on: at the same places, or at places `shift` further on for
+/// each of them.
 struct SBlock8 {
     __m512i bytes;
     __m512i next1;
     __m512i next2;
-    __m512i next3;
     u32 shift;
 };
 
@@ -313,41 +309,44 @@ VLM_KERNEL inline u8* ConvertShort(u8* out, SBlock8 const& block, u64 starts)
     return WriteUnits<To>(end, more, count - 32);
 }
 
-/// The bytes of a mask, sixteen at the most, each in a lane of four.
-VLM_KERNEL inline __m512i TakeBytes(__m512i block, u64 mask)
-{
-    return _mm512_cvtepu8_epi32(_mm512_castsi512_si128(_mm512_maskz_compress_epi8(mask, block)));
-}
+/// For each upper half of a lead byte: how far a character of four bytes at the most, whose lead byte stands highest in
+/// a lane, lies too high, and the bits of it that count.
+alignas(64) constexpr u32 LongShifts[16] = {24, 24, 24, 24, 24, 24, 24, 24, 24, 24, 24, 24, 16, 16, 8, 0};
+alignas(64) constexpr u32 LongBits[16] = {0x7F, 0x7F, 0x7F, 0x7F, 0x7F,   0x7F,   0x7F,     0x7F,
+                                          0,    0,    0,    0,    0x1F3F, 0x1F3F, 0x0F3F3F, 0x0F3F3F3F};
 
-/// Converts the characters that begin at `starts`, of any size.
+/// Converts the characters of any size that begin at `starts` of a block, which go on in another one.
 template <class To>
-VLM_KERNEL inline u8* ConvertLong(u8* out, SBlock8 const& block, u64 starts)
+VLM_KERNEL inline u8* ConvertLong(u8* out, __m512i block, __m512i following, u64 starts)
 {
-    __m512i const low = Fill32(0x3F);
-    while (starts != 0) {
-        u64 const group = LowestBits(starts, 16);
-        starts &= ~group;
-        u64 const count = CountBits(group);
-        __m512i const first = TakeBytes(block.bytes, group);
-        __m512i const second = _mm512_and_si512(TakeBytes(block.next1, group << block.shift), low);
-        __m512i const third = _mm512_and_si512(TakeBytes(block.next2, group << 2 * block.shift), low);
-        __m512i const fourth = _mm512_and_si512(TakeBytes(block.next3, group << 3 * block.shift), low);
-        __m512i const upper = _mm512_and_si512(first, Fill32(0x0F));
-        __m512i const two = _mm512_or_si512(_mm512_slli_epi32(_mm512_and_si512(first, Fill32(0x1F)), 6), second);
-        __m512i const three =
-            _mm512_or_si512(_mm512_or_si512(_mm512_slli_epi32(upper, 12), _mm512_slli_epi32(second, 6)), third);
-        __m512i const four =
-            _mm512_or_si512(_mm512_or_si512(_mm512_slli_epi32(upper, 18), _mm512_slli_epi32(second, 12)),
-                            _mm512_or_si512(_mm512_slli_epi32(third, 6), fourth));
-        __m512i joined = _mm512_mask_mov_epi32(first, _mm512_cmpge_epu32_mask(first, Fill32(0xC0)), two);
-        joined = _mm512_mask_mov_epi32(joined, _mm512_cmpge_epu32_mask(first, Fill32(0xE0)), three);
-        joined = _mm512_mask_mov_epi32(joined, _mm512_cmpge_epu32_mask(first, Fill32(0xF0)), four);
+    __m512i const places = _mm512_set_epi64(0x3F3E3D3C3B3A3938, 0x3736353433323130, 0x2F2E2D2C2B2A2928,
+                                            0x2726252423222120, 0x1F1E1D1C1B1A1918, 0x1716151413121110,
+                                            0x0F0E0D0C0B0A0908, 0x0706050403020100);
+    // Each place four times, and from there on the places of four bytes, the first one highest.
+    __m512i const fourTimes = _mm512_shuffle_epi8(
+        _mm512_cvtepu8_epi32(_mm512_castsi512_si128(places)),
+        _mm512_broadcast_i32x4(_mm_setr_epi8(0, 0, 0, 0, 4, 4, 4, 4, 8, 8, 8, 8, 12, 12, 12, 12)));
+    __m512i const onward = Fill32(0x00010203);
+    __m512i const shifts = _mm512_load_si512(LongShifts);
+    __m512i const bits = _mm512_load_si512(LongBits);
+    __m512i compressed = _mm512_maskz_compress_epi8(starts, places);
+    for (u64 count = CountBits(starts);; count -= 16) {
+        __m512i const from = _mm512_add_epi8(_mm512_permutexvar_epi8(fourTimes, compressed), onward);
+        __m512i const bytes = _mm512_permutex2var_epi8(block, from, following);
+        __m512i const lead = _mm512_srli_epi32(bytes, 28);
+        __m512i const aligned = _mm512_srlv_epi32(bytes, _mm512_permutexvar_epi32(lead, shifts));
+        __m512i const taken = _mm512_and_si512(aligned, _mm512_permutexvar_epi32(lead, bits));
+        __m512i const pairs = _mm512_maddubs_epi16(taken, Fill16(0x4001));
+        __m512i const joined = _mm512_madd_epi16(pairs, Fill32(0x10000001));
+        u64 const some = std::min<u64>(count, 16);
         if constexpr (To::UnitSize == 2)
-            out = WriteUTF16(out, joined, count);
+            out = WriteUTF16(out, joined, some);
         else
-            out = StoreFirst(out, joined, 4 * count);
+            out = StoreFirst(out, joined, 4 * some);
+        if (count <= 16)
+            return out;
+        compressed = _mm512_shuffle_i64x2(compressed, compressed, 0x39);
     }
-    return out;
 }
 
 template <class To>
@@ -369,25 +368,15 @@ VLM_KERNEL inline SBytes Classify(__m512i block)
     return bytes;
 }
 
-template <class To>
-VLM_KERNEL inline u8* ConvertCharactersAt(u8* out, SBlock8 const& block, u64 starts, bool hasFour)
-{
-    u8* const end = hasFour ? nullptr : ConvertShort<To>(out, block, starts);
-    return end != nullptr ? end : ConvertLong<To>(out, block, starts);
-}
-
 /// Block by block, while they are regular and the end is far: what begins in a block is converted, wherever it ends, so
 /// that no block waits for the one before it.
 template <class To>
-VLM_KERNEL void ConvertBlocks(SConversion& state)
+VLM_KERNEL VLM_SEPARATE SConverted ConvertBlocks(u8 const* in, u64 const most, u8* out)
 {
     u64 carried = 0;
-    u8 const* in = state.in;
-    u8* out = state.out;
-    u64 count = state.count;
+    u64 count = most;
     for (; count >= 2 * BlockSize; in += BlockSize) {
-        SBlock8 const block = {LoadFirst(in, BlockSize), LoadFirst(in + 1, BlockSize), LoadFirst(in + 2, BlockSize),
-                               LoadFirst(in + 3, BlockSize), 0};
+        SBlock8 const block = {LoadFirst(in, BlockSize), LoadFirst(in + 1, BlockSize), LoadFirst(in + 2, BlockSize), 0};
         if ((static_cast<u64>(_mm512_movepi8_mask(block.bytes)) | carried) == 0) {
             out = WidenASCII<To>(out, block.bytes, BlockSize);
             count -= BlockSize;
@@ -395,70 +384,77 @@ VLM_KERNEL void ConvertBlocks(SConversion& state)
         }
         SBytes const bytes = Classify(block.bytes);
         u64 const carriedOn = bytes.GetCarried();
-        u64 const following =
-            static_cast<u64>(_mm512_cmplt_epi8_mask(block.next3, _mm512_set1_epi8(-64))) >> (BlockSize - 3);
+        u64 const following = static_cast<u64>(_mm512_cmplt_epi8_mask(LoadFirst(in + 3, BlockSize),
+                                                                      _mm512_set1_epi8(-64))) >>
+                              (BlockSize - 3);
         if (bytes.continuation != (bytes.GetCovered() | carried) || (carriedOn & ~following) != 0)
             break;
         u64 const starts = ~bytes.continuation;
-        out = ConvertCharactersAt<To>(out, block, starts, bytes.four != 0);
+        u8* const end = bytes.four != 0 ? nullptr : ConvertShort<To>(out, block, starts);
+        out = end != nullptr ? end
+                             : ConvertLong<To>(out, block.bytes, LoadFirst(in + BlockSize, BlockSize), starts);
         count -= CountBits(starts);
         carried = carriedOn;
     }
-    state = {in + CountBits(carried), out, count};
+    return {in + CountBits(carried), out, most - count};
 }
 
 template <class To>
-VLM_KERNEL void ConvertFrom8(SConversion& state)
+VLM_KERNEL u8* ConvertFrom8(u8 const* in, u64 count, u8* out)
 {
-    while (state.count != 0) {
-        if (state.count >= 2 * BlockSize)
-            ConvertBlocks<To>(state);
-        u64 const readable = GetReadable(state.in, state.count);
-        __m512i const block = LoadFirst(state.in, readable);
+    SRunning const state{in, out, count};
+    while (count != 0) {
+        if (count >= 2 * BlockSize)
+            state.Take(ConvertBlocks<To>(in, count, out));
+        u64 const readable = GetReadable(in, count);
+        __m512i const block = LoadFirst(in, readable);
         SBytes const bytes = Classify(block);
-        u64 const most = std::min(readable, state.count);
+        u64 const most = std::min(readable, count);
         if ((bytes.high & BitsBelow(most)) == 0) {
-            state = {state.in + most, WidenASCII<To>(state.out, block, most), state.count - most};
+            state.Go(most, WidenASCII<To>(out, block, most), most);
             continue;
         }
-        u64 const ends = LowestBits(bytes.GetEnds() & BitsBelow(readable), state.count);
+        u64 const ends = LowestBits(bytes.GetEnds() & BitsBelow(readable), count);
         u64 const size = 64 - static_cast<u64>(std::countl_zero(ends));
         u64 const whole = BitsBelow(size);
         if (ends == 0 || ((bytes.continuation ^ bytes.GetCovered()) & whole) != 0) {
-            ConvertPlainly<SUTF8, To>(state, std::min<u64>(state.count, 16));
+            state.Take(ConvertPlainly<SUTF8, To>(in, out, std::min<u64>(count, 16)));
             continue;
         }
         u64 const starts = ~bytes.continuation & whole;
-        SBlock8 const shifted = {block, block, block, block, 1};
-        state.out = ConvertCharactersAt<To>(state.out, shifted, starts, (bytes.four & whole) != 0);
-        state.in += size;
-        state.count -= CountBits(starts);
+        u64 const taken = CountBits(starts);
+        u8* end = nullptr;
+        if (taken > 16 && (bytes.four & whole) == 0)
+            end = ConvertShort<To>(out, {block, block, block, 1}, starts);
+        if (end == nullptr)
+            end = ConvertLong<To>(out, block, block, starts);
+        state.Go(size, end, taken);
     }
+    return out;
 }
 
-VLM_KERNEL void Convert16To32(SConversion& state)
+VLM_KERNEL u8* Convert16To32(u8 const* in, u64 count, u8* out)
 {
-    while (state.count != 0) {
-        u64 const readable = GetReadable(state.in, 2 * state.count) / 2;
-        u64 const taken = std::min(readable, state.count);
-        __m512i const units = LoadFirst(state.in, 2 * readable);
+    for (SRunning const state{in, out, count}; count != 0;) {
+        u64 const readable = GetReadable(in, 2 * count) / 2;
+        u64 const taken = std::min(readable, count);
+        __m512i const units = LoadFirst(in, 2 * readable);
         u32 const surrogates = _mm512_cmpeq_epi16_mask(_mm512_and_si512(units, Fill16(0xF800)), Fill16(0xD800));
-        if (taken == 0 || (surrogates & BitsBelow(taken)) != 0) {
-            ConvertPlainly<SUTF16, SUTF32>(state, std::min<u64>(state.count, 8));
-            continue;
-        }
-        state = {state.in + 2 * taken, WriteUnits<SUTF32>(state.out, units, taken), state.count - taken};
+        if (taken == 0 || (surrogates & BitsBelow(taken)) != 0)
+            state.Take(ConvertPlainly<SUTF16, SUTF32>(in, out, std::min<u64>(count, 8)));
+        else
+            state.Go(2 * taken, WriteUnits<SUTF32>(out, units, taken), taken);
     }
+    return out;
 }
 
-VLM_KERNEL void Convert32To16(SConversion& state)
+VLM_KERNEL u8* Convert32To16(u8 const* in, u64 count, u8* out)
 {
-    while (state.count != 0) {
-        u64 const taken = std::min<u64>(state.count, 16);
-        state.out = WriteUTF16(state.out, LoadFirst(state.in, 4 * taken), taken);
-        state.in += 4 * taken;
-        state.count -= taken;
+    for (SRunning const state{in, out, count}; count != 0;) {
+        u64 const taken = std::min<u64>(count, 16);
+        state.Go(4 * taken, WriteUTF16(out, LoadFirst(in, 4 * taken), taken), taken);
     }
+    return out;
 }
 
 } // namespace

@@ -42,14 +42,6 @@ inline u64 SumOf(CRegister bytes)
 /// Characters that stay behind for the plain rule: writing whole registers may go past what was written.
 constexpr u64 SpareCharacters = 32;
 
-/// The plain rule for some characters, where a block is irregular.
-template <class From, class To>
-void ConvertPlainly(SConversion& state, u64 count)
-{
-    state.out = TextRules::ConvertCharactersFrom<From, To>(state.in, count, state.out);
-    state.count -= count;
-}
-
 inline void Store128(u8* place, __m128i value)
 {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(place), value);
@@ -62,59 +54,65 @@ inline __m128i Load128(u8 const* place)
 
 /// Runs of ASCII are widened, the rest goes by the plain rule.
 template <class To>
-void ConvertFrom8(SConversion& state)
+u8* ConvertFrom8(u8 const* in, u64 count, u8* out)
 {
+    SRunning const state{in, out, count};
     __m128i const zero = _mm_setzero_si128();
-    while (state.count >= 16 + SpareCharacters) {
-        __m128i const bytes = Load128(state.in);
+    while (count >= 16 + SpareCharacters) {
+        __m128i const bytes = Load128(in);
         if (_mm_movemask_epi8(bytes) != 0) {
-            ConvertPlainly<SUTF8, To>(state, 16);
+            state.Take(ConvertPlainly<SUTF8, To>(in, out, 16));
             continue;
         }
         __m128i const low = _mm_unpacklo_epi8(bytes, zero);
         __m128i const high = _mm_unpackhi_epi8(bytes, zero);
         if constexpr (To::UnitSize == 2) {
-            Store128(state.out, low);
-            Store128(state.out + 16, high);
+            Store128(out, low);
+            Store128(out + 16, high);
         }
         else {
-            Store128(state.out, _mm_unpacklo_epi16(low, zero));
-            Store128(state.out + 16, _mm_unpackhi_epi16(low, zero));
-            Store128(state.out + 32, _mm_unpacklo_epi16(high, zero));
-            Store128(state.out + 48, _mm_unpackhi_epi16(high, zero));
+            Store128(out, _mm_unpacklo_epi16(low, zero));
+            Store128(out + 16, _mm_unpackhi_epi16(low, zero));
+            Store128(out + 32, _mm_unpacklo_epi16(high, zero));
+            Store128(out + 48, _mm_unpackhi_epi16(high, zero));
         }
-        state = {state.in + 16, state.out + 16 * To::UnitSize, state.count - 16};
+        state.Go(16, out + 16 * To::UnitSize, 16);
     }
+    return TextRules::ConvertCharacters<SUTF8, To>(in, count, out);
 }
 
-void Convert16To8(SConversion& state)
+u8* Convert16To8(u8 const* in, u64 count, u8* out)
 {
-    while (state.count >= 16 + SpareCharacters) {
-        __m128i const low = Load128(state.in);
-        __m128i const high = Load128(state.in + 16);
+    SRunning const state{in, out, count};
+    while (count >= 16 + SpareCharacters) {
+        __m128i const low = Load128(in);
+        __m128i const high = Load128(in + 16);
         __m128i const beyond = _mm_and_si128(_mm_or_si128(low, high), _mm_set1_epi16(static_cast<short>(0xFF80)));
         if (_mm_movemask_epi8(_mm_cmpeq_epi16(beyond, _mm_setzero_si128())) != 0xFFFF) {
-            ConvertPlainly<SUTF16, SUTF8>(state, 16);
+            state.Take(ConvertPlainly<SUTF16, SUTF8>(in, out, 16));
             continue;
         }
-        Store128(state.out, _mm_packus_epi16(low, high));
-        state = {state.in + 32, state.out + 16, state.count - 16};
+        Store128(out, _mm_packus_epi16(low, high));
+        state.Go(32, out + 16, 16);
     }
+    return TextRules::ConvertCharacters<SUTF16, SUTF8>(in, count, out);
 }
 
-void Convert16To32(SConversion& state)
+u8* Convert16To32(u8 const* in, u64 count, u8* out)
 {
+    SRunning const state{in, out, count};
     __m128i const zero = _mm_setzero_si128();
-    while (state.count >= 8 + SpareCharacters) {
-        if (MaskWhere(SIsSurrogate::Test(Load<u16>(state.in))) != 0) {
-            ConvertPlainly<SUTF16, SUTF32>(state, 8);
+    while (count >= 8 + SpareCharacters) {
+        if (MaskWhere(SIsSurrogate::Test(Load<u16>(in))) != 0) {
+            state.Take(ConvertPlainly<SUTF16, SUTF32>(in, out, 8));
             continue;
         }
-        __m128i const units = Load128(state.in);
-        Store128(state.out, _mm_unpacklo_epi16(units, zero));
-        Store128(state.out + 16, _mm_unpackhi_epi16(units, zero));
-        state = {state.in + 16, state.out + 32, state.count - 8};
+        __m128i const units = Load128(in);
+        Store128(out, _mm_unpacklo_epi16(units, zero));
+        Store128(out + 16, _mm_unpackhi_epi16(units, zero));
+        state.Go(16, out + 32, 8);
     }
+    return TextRules::ConvertCharacters<SUTF16, SUTF32>(in, count, out);
 }
 
 } // namespace

@@ -229,6 +229,53 @@ VLM_KERNEL VLM_READS_AROUND u64 SkipSame(u8 const* narrow, u8 const* wide)
     return done;
 }
 
+// ---- Conversions ----------------------------------------------------------------------------------------------------
+
+/// What a part of a conversion has done: where it has come to, and how many characters it took.
+struct SConverted {
+    u8 const* in;
+    u8* out;
+    u64 count;
+};
+
+/// The plain rule for some characters, where a block is irregular.
+template <class From, class To>
+VLM_SEPARATE SConverted ConvertPlainly(u8 const* in, u8* out, u64 count)
+{
+    u8* const end = TextRules::ConvertCharactersFrom<From, To>(in, count, out);
+    return {in, end, count};
+}
+
+/// The same for UTF-16, which may be taken for plain units.
+template <bool PlaneZero>
+VLM_SEPARATE SConverted ConvertPlainly16To8(u8 const* in, u8* out, u64 count)
+{
+    if constexpr (!PlaneZero)
+        return ConvertPlainly<SUTF16, SUTF8>(in, out, count);
+    u8* const end = TextRules::ConvertPlaneZeroUnits(in, count, out);
+    return {in + 2 * count, end, count};
+}
+
+/// A conversion in registers: as three values, since a structure would go through memory with every step.
+struct SRunning {
+    u8 const*& in;
+    u8*& out;
+    u64& count;
+
+    VLM_INLINE void Go(u64 bytes, u8* end, u64 characters) const
+    {
+        in += bytes;
+        out = end;
+        count -= characters;
+    }
+    VLM_INLINE void Take(SConverted const& done) const
+    {
+        in = done.in;
+        out = done.out;
+        count -= done.count;
+    }
+};
+
 // ---- UTF-8 blocks ---------------------------------------------------------------------------------------------------
 
 /// One bit per byte of a block of 64.

@@ -166,44 +166,6 @@ VLM_KERNEL inline u8* StoreLanes(u8* out, __m128i lanes, u64 count, u64 left)
     }
 }
 
-/// The plain rule for some characters, where a block is irregular.
-template <class From, class To>
-VLM_SEPARATE SConversion ConvertPlainly(u8 const* in, u8* out, u64 count)
-{
-    u8* const end = TextRules::ConvertCharactersFrom<From, To>(in, count, out);
-    return {in, end, count};
-}
-
-/// The same for UTF-16, which may be taken for plain units.
-template <bool PlaneZero>
-VLM_SEPARATE SConversion ConvertPlainly16To8(u8 const* in, u8* out, u64 count)
-{
-    if constexpr (!PlaneZero)
-        return ConvertPlainly<SUTF16, SUTF8>(in, out, count);
-    u8* const end = TextRules::ConvertPlaneZeroUnits(in, count, out);
-    return {in + 2 * count, end, count};
-}
-
-/// A conversion in registers: as three values, since a structure would go through memory with every step.
-struct SRunning {
-    u8 const*& in;
-    u8*& out;
-    u64& count;
-
-    VLM_INLINE void Go(u64 bytes, u8* end, u64 characters) const
-    {
-        in += bytes;
-        out = end;
-        count -= characters;
-    }
-    VLM_INLINE void Take(SConversion const& done) const
-    {
-        in = done.in;
-        out = done.out;
-        count -= done.count;
-    }
-};
-
 // ---- From UTF-8 -----------------------------------------------------------------------------------------------------
 
 VLM_KERNEL inline u32 MaskOf128(__m128i bytes)
@@ -388,21 +350,21 @@ VLM_KERNEL VLM_INLINE void ConvertNextFrom8(SRunning const state)
 
 /// Converts the characters that begin in front of `stop`.
 template <class To>
-VLM_KERNEL VLM_SEPARATE SConversion ConvertShortFrom8(u8 const* in, u8* out, u64 count, u8 const* stop)
+VLM_KERNEL VLM_SEPARATE SConverted ConvertShortFrom8(u8 const* in, u8* out, u64 const most, u8 const* stop)
 {
+    u64 count = most;
     while (count != 0 && in < stop)
         ConvertNextFrom8<To>({in, out, count});
-    return {in, out, count};
+    return {in, out, most - count};
 }
 
 /// Converts all characters.
 template <class To>
-VLM_KERNEL VLM_INLINE void ConvertRestFrom8(SConversion& state)
+VLM_KERNEL VLM_INLINE u8* ConvertRestFrom8(u8 const* in, u64 count, u8* out)
 {
-    auto [in, out, count] = state;
     while (count != 0)
         ConvertNextFrom8<To>({in, out, count});
-    state = {in, out, 0};
+    return out;
 }
 
 // ---- From UTF-16 ----------------------------------------------------------------------------------------------------
@@ -544,19 +506,19 @@ VLM_KERNEL VLM_INLINE void ConvertNext16To8(SRunning const state)
 
 /// Converts the characters that begin in front of `stop`.
 template <bool PlaneZero>
-VLM_KERNEL VLM_SEPARATE SConversion ConvertShort16To8(u8 const* in, u8* out, u64 count, u8 const* stop)
+VLM_KERNEL VLM_SEPARATE SConverted ConvertShort16To8(u8 const* in, u8* out, u64 const most, u8 const* stop)
 {
+    u64 count = most;
     while (count != 0 && in < stop)
         ConvertNext16To8<PlaneZero>({in, out, count});
-    return {in, out, count};
+    return {in, out, most - count};
 }
 
 /// Converts all characters.
 template <bool PlaneZero>
-VLM_KERNEL VLM_INLINE void ConvertRest16To8(SConversion& state)
+VLM_KERNEL VLM_INLINE u8* ConvertRest16To8(u8 const* in, u64 count, u8* out)
 {
-    auto [in, out, count] = state;
     while (count != 0)
         ConvertNext16To8<PlaneZero>({in, out, count});
-    state = {in, out, 0};
+    return out;
 }
