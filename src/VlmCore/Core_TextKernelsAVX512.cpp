@@ -319,13 +319,13 @@ alignas(64) constexpr u32 LongBits[16] = {0x7F, 0x7F, 0x7F, 0x7F, 0x7F,   0x7F, 
 template <class To>
 VLM_KERNEL inline u8* ConvertLong(u8* out, __m512i block, __m512i following, u64 starts)
 {
-    __m512i const places = _mm512_set_epi64(0x3F3E3D3C3B3A3938, 0x3736353433323130, 0x2F2E2D2C2B2A2928,
-                                            0x2726252423222120, 0x1F1E1D1C1B1A1918, 0x1716151413121110,
-                                            0x0F0E0D0C0B0A0908, 0x0706050403020100);
+    __m512i const places =
+        _mm512_set_epi64(0x3F3E3D3C3B3A3938, 0x3736353433323130, 0x2F2E2D2C2B2A2928, 0x2726252423222120,
+                         0x1F1E1D1C1B1A1918, 0x1716151413121110, 0x0F0E0D0C0B0A0908, 0x0706050403020100);
     // Each place four times, and from there on the places of four bytes, the first one highest.
-    __m512i const fourTimes = _mm512_shuffle_epi8(
-        _mm512_cvtepu8_epi32(_mm512_castsi512_si128(places)),
-        _mm512_broadcast_i32x4(_mm_setr_epi8(0, 0, 0, 0, 4, 4, 4, 4, 8, 8, 8, 8, 12, 12, 12, 12)));
+    __m512i const fourTimes =
+        _mm512_shuffle_epi8(_mm512_cvtepu8_epi32(_mm512_castsi512_si128(places)),
+                            _mm512_broadcast_i32x4(_mm_setr_epi8(0, 0, 0, 0, 4, 4, 4, 4, 8, 8, 8, 8, 12, 12, 12, 12)));
     __m512i const onward = Fill32(0x00010203);
     __m512i const shifts = _mm512_load_si512(LongShifts);
     __m512i const bits = _mm512_load_si512(LongBits);
@@ -384,15 +384,14 @@ VLM_KERNEL VLM_SEPARATE SConverted ConvertBlocks(u8 const* in, u64 const most, u
         }
         SBytes const bytes = Classify(block.bytes);
         u64 const carriedOn = bytes.GetCarried();
-        u64 const following = static_cast<u64>(_mm512_cmplt_epi8_mask(LoadFirst(in + 3, BlockSize),
-                                                                      _mm512_set1_epi8(-64))) >>
-                              (BlockSize - 3);
+        u64 const following =
+            static_cast<u64>(_mm512_cmplt_epi8_mask(LoadFirst(in + 3, BlockSize), _mm512_set1_epi8(-64))) >>
+            (BlockSize - 3);
         if (bytes.continuation != (bytes.GetCovered() | carried) || (carriedOn & ~following) != 0)
             break;
         u64 const starts = ~bytes.continuation;
         u8* const end = bytes.four != 0 ? nullptr : ConvertShort<To>(out, block, starts);
-        out = end != nullptr ? end
-                             : ConvertLong<To>(out, block.bytes, LoadFirst(in + BlockSize, BlockSize), starts);
+        out = end != nullptr ? end : ConvertLong<To>(out, block.bytes, LoadFirst(in + BlockSize, BlockSize), starts);
         count -= CountBits(starts);
         carried = carriedOn;
     }

@@ -380,8 +380,9 @@ VLM_KERNEL inline u8* WriteFourUTF8(u8* out, __m128i codePoints, u64 count, u64 
     __m128i const isLonger = _mm_cmpgt_epi32(codePoints, _mm_set1_epi32(0x7FF));
     __m128i const two = _mm_or_si128(_mm_or_si128(_mm_set1_epi32(0xC0), middle), _mm_slli_epi32(last, 8));
     __m128i const lead = _mm_and_si128(_mm_srli_epi32(codePoints, 12), _mm_set1_epi32(0x0F));
-    __m128i const three = _mm_or_si128(_mm_or_si128(_mm_set1_epi32(0xE0), lead),
-                                       _mm_or_si128(_mm_slli_epi32(_mm_or_si128(middle, tail), 8), _mm_slli_epi32(last, 16)));
+    __m128i const three =
+        _mm_or_si128(_mm_or_si128(_mm_set1_epi32(0xE0), lead),
+                     _mm_or_si128(_mm_slli_epi32(_mm_or_si128(middle, tail), 8), _mm_slli_epi32(last, 16)));
     __m128i const bytes = _mm_blendv_epi8(_mm_blendv_epi8(codePoints, two, isLong), three, isLonger);
     u32 const longer = static_cast<u32>(_mm_movemask_ps(_mm_castsi128_ps(isLong)));
     u32 const longest = static_cast<u32>(_mm_movemask_ps(_mm_castsi128_ps(isLonger)));
@@ -416,8 +417,7 @@ struct SLongUTF8 {
         __m256i const middle = _mm256_and_si256(_mm256_slli_epi16(units, 2), _mm256_set1_epi16(0x3F00));
         __m256i const front =
             _mm256_or_si256(_mm256_or_si256(lead, middle), _mm256_set1_epi16(static_cast<short>(0x80E0)));
-        __m256i const last =
-            _mm256_or_si256(_mm256_and_si256(units, _mm256_set1_epi16(0x3F)), _mm256_set1_epi16(0x80));
+        __m256i const last = _mm256_or_si256(_mm256_and_si256(units, _mm256_set1_epi16(0x3F)), _mm256_set1_epi16(0x80));
         even = _mm256_shuffle_epi8(_mm256_unpacklo_epi16(front, last), closeGaps);
         odd = _mm256_shuffle_epi8(_mm256_unpackhi_epi16(front, last), closeGaps);
     }
@@ -445,8 +445,8 @@ VLM_KERNEL VLM_INLINE u8* WriteUnitsAsUTF8(u8* out, __m256i units, u64 taken, u6
     __m128i const high = _mm256_extracti128_si256(kept, 1);
     if (_mm256_testz_si256(kept, _mm256_set1_epi16(static_cast<short>(0xFF80))) != 0)
         return StoreBytes(out, _mm_packus_epi16(low, high), taken, left);
-    __m256i const isShort = _mm256_cmpeq_epi16(
-        _mm256_and_si256(kept, _mm256_set1_epi16(static_cast<short>(0xF800))), _mm256_setzero_si256());
+    __m256i const isShort = _mm256_cmpeq_epi16(_mm256_and_si256(kept, _mm256_set1_epi16(static_cast<short>(0xF800))),
+                                               _mm256_setzero_si256());
     u64 const shortUnits = MaskOf256(isShort);
     u64 const first = std::min<u64>(taken, 8);
     if (shortUnits == BitsBelow(32)) {
@@ -476,9 +476,10 @@ VLM_KERNEL VLM_INLINE void ConvertNext16To8(SRunning const state)
     u64 const most = std::min<u64>(count, 16);
     u32 surrogates = 0;
     if constexpr (!PlaneZero) {
-        surrogates = static_cast<u32>(BitsBelow(2 * most)) &
-                     MaskOf256(_mm256_cmpeq_epi16(_mm256_and_si256(units, _mm256_set1_epi16(static_cast<short>(0xF800))),
-                                                  _mm256_set1_epi16(static_cast<short>(0xD800))));
+        surrogates =
+            static_cast<u32>(BitsBelow(2 * most)) &
+            MaskOf256(_mm256_cmpeq_epi16(_mm256_and_si256(units, _mm256_set1_epi16(static_cast<short>(0xF800))),
+                                         _mm256_set1_epi16(static_cast<short>(0xD800))));
     }
     if (surrogates == 0)
         return state.Go(2 * most, WriteUnitsAsUTF8(out, units, most, count), most);
