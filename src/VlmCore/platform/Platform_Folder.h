@@ -53,8 +53,9 @@ public:
         std::swap(m_path, other.m_path);
     }
 
-    /// The next entry of the folder, in the system's order, never "." or "..". False at the end. `error` tells why the
-    /// very first entry could not be had; 0 otherwise: a listing that breaks off later just ends, as on Windows.
+    /// The next entry of the folder, in the system's order, never "." or "..". False at the end; the call after that
+    /// begins anew. `error` tells why the very first entry could not be had; 0 otherwise: a listing that breaks off later
+    /// just ends, as on Windows.
     [[nodiscard]] bool ReadEntry(SFolderEntry& entry, u32& error);
 
     /// What the entry `name` is.
@@ -68,7 +69,7 @@ public:
 
 private:
     void* m_handle = nullptr;  // null: closed
-    void* m_listing = nullptr; // null until the first entry is read
+    void* m_listing = nullptr; // null before the first entry is read
     PathUnits m_path;          // where the room works by path; terminated
 };
 

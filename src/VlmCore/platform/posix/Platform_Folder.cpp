@@ -79,9 +79,10 @@ u32 CFolder::OpenEntry(CFolder const& parent, char16_t const* name)
 
 void CFolder::Close()
 {
+    // A listing has taken the descriptor over.
     if (m_listing != nullptr)
         ::closedir(static_cast<DIR*>(m_listing));
-    if (m_handle != nullptr)
+    else if (m_handle != nullptr)
         ::close(DescriptorOf(m_handle));
     m_listing = nullptr;
     m_handle = nullptr;
@@ -130,13 +131,10 @@ bool CFolder::ReadEntry(SFolderEntry& entry, u32& error)
     error = ESystemError::None;
     int const folder = DescriptorOf(m_handle);
     if (m_listing == nullptr) {
-        // The listing has a descriptor of its own, which it moves and closes.
-        int const own = OpenFolderAt(folder, ".", 0);
-        m_listing = own == -1 ? nullptr : ::fdopendir(own);
+        // It lists by the descriptor that is held, not one of its own: a walk down a deep tree holds many.
+        m_listing = ::fdopendir(folder);
         if (m_listing == nullptr) {
             error = LastSystemError();
-            if (own != -1)
-                ::close(own);
             return false;
         }
     }
@@ -153,6 +151,7 @@ bool CFolder::ReadEntry(SFolderEntry& entry, u32& error)
                              entry.kind); // gone meanwhile: it is listed as the file it may have been
         return true;
     }
+    ::rewinddir(static_cast<DIR*>(m_listing));
     return false;
 }
 

@@ -123,22 +123,32 @@ void CollectNotes(u8 const* notes, u64 size, u64 alignment, FilesOfProgram& file
     }
 }
 
-// The loader names the program itself first; the walk ends there: libraries' resources are not the executable's.
+// Where the loader put the program. It stays there as long as the process.
+struct SProgram {
+    u64 base = 0;
+    ElfW(Phdr) const* segments = nullptr;
+    u64 segmentCount = 0;
+};
+
+// The loader names the program itself first; the walk ends there: libraries' resources are not the executable's. The
+// loader's lock is held: nothing is allocated here, since what a lack of memory throws would leave the lock behind.
 int OnModule(dl_phdr_info* module, std::size_t, void* context)
 {
-    for (u64 index = 0; index < module->dlpi_phnum; ++index) {
-        ElfW(Phdr) const& segment = module->dlpi_phdr[index];
-        if (segment.p_type == PT_NOTE)
-            CollectNotes(reinterpret_cast<u8 const*>(module->dlpi_addr + segment.p_vaddr), segment.p_memsz,
-                         segment.p_align == 8 ? 8 : 4, *static_cast<FilesOfProgram*>(context));
-    }
+    *static_cast<SProgram*>(context) = {module->dlpi_addr, module->dlpi_phdr, module->dlpi_phnum};
     return 1;
 }
 
 FilesOfProgram GetFilesOfProgram()
 {
+    SProgram program;
+    ::dl_iterate_phdr(&OnModule, &program);
     FilesOfProgram files;
-    ::dl_iterate_phdr(&OnModule, &files);
+    for (u64 index = 0; index < program.segmentCount; ++index) {
+        ElfW(Phdr) const& segment = program.segments[index];
+        if (segment.p_type == PT_NOTE)
+            CollectNotes(reinterpret_cast<u8 const*>(program.base + segment.p_vaddr), segment.p_memsz,
+                         segment.p_align == 8 ? 8 : 4, files);
+    }
     return files;
 }
 

@@ -127,8 +127,11 @@ bool CFolder::ReadEntry(SFolderEntry& entry, u32& error)
     }
     while (found && (std::wcscmp(data.cFileName, L".") == 0 || std::wcscmp(data.cFileName, L"..") == 0))
         found = ::FindNextFileW(m_listing, &data) != FALSE;
-    if (!found)
+    if (!found) {
+        ::FindClose(m_listing);
+        m_listing = nullptr;
         return false;
+    }
     u64 count = 0;
     for (; count < SFolderEntry::LongestName && data.cFileName[count] != 0; ++count)
         entry.name[count] = static_cast<char16_t>(data.cFileName[count]);
