@@ -249,37 +249,194 @@ TEST(XMLRead, BeginsANewDocumentAndGivesItsMemoryBack)
     EXPECT_EQ(after.bytesInUse, before.bytesInUse);
 }
 
-// A token that never ends must not be read again with every buffer: the passes double, so they are few.
-TEST(XMLRead, EndlessTokensAreRead)
+namespace {
+
+/// A file that begins and ends in some way and holds one byte over and over between. Counts what a reader that consumes
+/// nothing looks at: all that came so far, again after every call.
+class CMonotonousFile : public IFile {
+public:
+    CMonotonousFile(std::string_view begin, char filler, std::string_view end, u64 size)
+        : m_begin(begin), m_end(end), m_filler(filler), m_size(size)
+    {
+    }
+
+    CString GetPath() override { return ""; }
+    CString GetFileName() override { return "monotonous"; }
+    CString GetFileExt() override { return ""; }
+    [[nodiscard]] bool IsWritable() const override { return false; }
+    [[nodiscard]] bool IsReadable() const override { return true; }
+    [[nodiscard]] void* GetNativeHandle() const override { return nullptr; }
+    u64 Read(void* buffer, u64 size) override
+    {
+        u64 const count = std::min(size, m_size - m_position);
+        char* const bytes = static_cast<char*>(buffer);
+        std::memset(bytes, m_filler, count);
+        for (u64 i = 0; i < count && m_position + i < m_begin.size(); ++i)
+            bytes[i] = m_begin[m_position + i];
+        u64 const endBegin = m_size - m_end.size();
+        for (u64 i = std::max(m_position, endBegin); i < m_position + count; ++i)
+            bytes[i - m_position] = m_end[i - endBegin];
+        m_position += count;
+        m_lookedAt += m_position;
+        ++m_callCount;
+        return count;
+    }
+    u64 Write(void const*, u64) override { return 0; }
+    u64 Seek(ESeek::Type, i64) override { return m_position; }
+    [[nodiscard]] u64 GetPosition() const override { return m_position; }
+    [[nodiscard]] bool ReachedEOF() const override { return m_position == m_size; }
+    [[nodiscard]] u64 GetSizeByte() const override { return m_size; }
+
+    [[nodiscard]] u64 GetCallCount() const { return m_callCount; }
+    [[nodiscard]] u64 GetLookedAt() const { return m_lookedAt; }
+
+private:
+    std::string_view m_begin;
+    std::string_view m_end;
+    char m_filler;
+    u64 m_size;
+    u64 m_position = 0;
+    u64 m_callCount = 0;
+    u64 m_lookedAt = 0;
+};
+
+constexpr u64 MiB = u64{1} << 20;
+
+} // namespace
+
+// A token that never ends must not be looked at again with every buffer: the buffer doubles, so the passes are few, and
+// what they look at is less than four times what there is.
+TEST(XMLRead, ATokenThatNeverEndsIsLookedAtAFewTimes)
 {
-    constexpr u64 Size = 16 << 20;
-    SCounts counts;
-    CXMLStream stream;
-    Count(stream, counts);
-    u64 textBytes = 0;
-    stream.OnText = [&textBytes](CString const* text) {
-        textBytes += text != nullptr ? std::strlen(static_cast<char const*>(text->GetData())) : 0;
+    struct SCase {
+        char const* begin;
+        char filler;
+        u64 offset; // of the token
+        char state;
+        u64 size;
     };
-    auto const name = MakeResource<CGeneratedFile>(Size, Size, [](u64 i) { return i == 0 ? '<' : 'a'; });
-    try {
-        ReadXML(*name, stream);
-        ADD_FAILURE();
+    for (SCase const& c :
+         {SCase{"<", 'a', 1, '5', 64 * MiB}, SCase{"</", 'a', 2, '6', 4 * MiB}, SCase{"</a ", ' ', 4, '7', 4 * MiB},
+          SCase{"<a ", '1', 3, '8', 4 * MiB}, SCase{"<a ", 'b', 3, '9', 4 * MiB}, SCase{"<a b=", ' ', 3, '9', 4 * MiB},
+          SCase{"<a b='", 'v', 3, '9', 64 * MiB}, SCase{"<a b='", '&', 3, '9', 4 * MiB},
+          SCase{"<!", 'd', 2, '1', 4 * MiB}}) {
+        CXMLStream stream;
+        u64 textBytes = 0;
+        stream.OnText = [&textBytes](CString const* text) {
+            textBytes += text != nullptr ? std::strlen(static_cast<char const*>(text->GetData())) : 0;
+        };
+        auto const file = MakeResource<CMonotonousFile>(c.begin, c.filler, "", c.size);
+        try {
+            ReadXML(*file, stream);
+            ADD_FAILURE() << c.begin;
+        }
+        catch (CXMLException const& error) {
+            EXPECT_EQ(error.GetByteOffset(), c.offset) << c.begin;
+            EXPECT_NE(Describe(error.GetText()).find(std::string("state 0x") + c.state), std::string::npos)
+                << Describe(error.GetText());
+        }
+        EXPECT_LE(file->GetCallCount(), 14u) << c.begin; // 64 KiB doubled ten times, the end, what was in front
+        EXPECT_LT(file->GetLookedAt(), 4 * c.size) << c.begin;
+        EXPECT_EQ(textBytes, 0u);
     }
-    catch (CXMLException const& error) {
-        EXPECT_EQ(error.GetByteOffset(), 1u);
+}
+
+TEST(XMLRead, ATokenThatEndsLateIsLookedAtAFewTimes)
+{
+    struct SCase {
+        char const* begin;
+        char filler;
+        char const* end;
+        SCounts counts;
+        u64 size;
+    };
+    for (SCase const& c :
+         {SCase{"<", 'a', ">", {1, 0, 0}, 4 * MiB}, SCase{"</", 'a', ">", {0, 1, 0}, 4 * MiB},
+          SCase{"<a b='", 'v', "'>", {1, 0, 1}, 64 * MiB}, SCase{"<a ", 'b', "='v'>", {1, 0, 1}, 4 * MiB}}) {
+        SCounts counts;
+        CXMLStream stream;
+        Count(stream, counts);
+        auto const file = MakeResource<CMonotonousFile>(c.begin, c.filler, c.end, c.size);
+        SXMLReadStatistics const statistics = ReadXML(*file, stream);
+        EXPECT_EQ(counts, c.counts) << c.begin;
+        EXPECT_TRUE(statistics.complete) << c.begin;
+        EXPECT_EQ(statistics.byteCount, c.size);
+        EXPECT_LE(statistics.callCount, 14u) << c.begin;
+        EXPECT_LT(statistics.passedByteCount, 4 * c.size) << c.begin;
+        EXPECT_EQ(statistics.bufferSize, c.size) << c.begin;
     }
-    auto const value = MakeResource<CGeneratedFile>(Size, Size, [](u64 i) {
-        return i < 6 ? "<a b='"[i] : i + 2 < Size ? 'v' : "'>"[i + 2 - Size];
-    });
-    SXMLReadStatistics const statistics = ReadXML(*value, stream);
-    EXPECT_EQ(counts, (SCounts{1, 0, 1}));
-    EXPECT_LE(statistics.callCount, 12u); // 64 KiB doubled up to 16 MiB and more
-    EXPECT_LE(statistics.bufferSize, 2 * Size);
-    auto const text = MakeResource<CGeneratedFile>(Size, Size, [](u64) { return 't'; });
-    SXMLReadStatistics const textStatistics = ReadXML(*text, stream);
-    EXPECT_EQ(textBytes, Size);
-    EXPECT_EQ(textStatistics.bufferSize, 65536u);
-    EXPECT_EQ(textStatistics.callCount, Size / 65536);
+}
+
+// What may come in pieces needs no larger buffer, and is looked at once.
+TEST(XMLRead, ATextOf64MiBThatNeverEndsComesInPieces)
+{
+    struct SCase {
+        char const* begin;
+        char filler;
+        bool isReported;
+    };
+    for (SCase const& c :
+         {SCase{"", 't', true}, SCase{"", '\xFF', true}, SCase{"<![CDATA[", ']', true}, SCase{"<![CDATA[", '<', true},
+          SCase{"<!--", '-', true}, SCase{"<?", '?', true}, SCase{"&", 'n', false}}) {
+        u64 const size = 64 * MiB;
+        CXMLStream stream;
+        u64 bytes = 0;
+        auto const add = [&bytes](CString const& text) {
+            bytes += std::strlen(static_cast<char const*>(text.GetData()));
+        };
+        stream.OnText = [&](CString const* text) {
+            if (text != nullptr)
+                add(*text);
+        };
+        stream.OnComment = add;
+        stream.OnProcessingInstruction = add;
+        auto const file = MakeResource<CMonotonousFile>(c.begin, c.filler, "", size);
+        SXMLReadStatistics const statistics = ReadXML(*file, stream);
+        EXPECT_EQ(statistics.bufferSize, 65536u) << c.begin;
+        EXPECT_LE(statistics.callCount, size / 65536 + 3) << c.begin;
+        EXPECT_LT(statistics.passedByteCount, size + size / 100) << c.begin;
+        u64 const reported = size - std::strlen(c.begin) - statistics.leftover;
+        EXPECT_EQ(bytes, c.isReported ? reported : 0u) << c.begin;
+        EXPECT_LE(statistics.leftover, 4u) << c.begin;
+    }
+}
+
+TEST(XMLRead, WhatIsPassedStaysBelowFourTimesTheFile)
+{
+    // Tokens that just do not fit, behind small ones: what the buffer could not take is presented again.
+    for (u64 bufferSize : {u64{1}, u64{8}, u64{64}, u64{100}})
+        for (u64 tokenSize = 1; tokenSize < 300; ++tokenSize) {
+            std::string document;
+            while (document.size() < 3000)
+                document += "<a>t<" + std::string(tokenSize, 'n') + ">";
+            CXMLStream stream;
+            u64 elements = 0;
+            stream.OnElementBegin = [&](CString const&) { ++elements; };
+            SXMLReadStatistics const statistics = Read(stream, document, bufferSize);
+            EXPECT_EQ(elements, document.size() / (tokenSize + 6) * 2);
+            EXPECT_GE(statistics.passedByteCount, document.size());
+            EXPECT_LT(statistics.passedByteCount, 4 * document.size()) << bufferSize << ", " << tokenSize;
+        }
+}
+
+// Streams share nothing: what one remembers of a reference that was cut off does not show in another.
+TEST(XMLRead, StreamsDoNotDisturbEachOther)
+{
+    std::string inner;
+    CXMLStream other;
+    other.OnText = [&](CString const* text) { inner += text != nullptr ? Describe(*text) : "-"; };
+    std::string outer;
+    CXMLStream stream;
+    stream.OnText = [&](CString const* text) {
+        Read(other, "[&lt;&#65;&unknown;&amp;]<b>", 64); // a document of its own, in the midst of a token
+        outer += text != nullptr ? Describe(*text) : "-";
+    };
+    char first[] = "1&abcdefghijklmnopqrst";
+    EXPECT_EQ(stream.ProcessData(first, sizeof first - 1), sizeof first - 1);
+    char second[] = "uvw;2&gt;<a>";
+    EXPECT_EQ(stream.ProcessData(second, sizeof second - 1), sizeof second - 1);
+    EXPECT_EQ(outer, "12>");
+    EXPECT_EQ(inner, "[<A&][<A&]");
 }
 
 // Each shape costs no more per byte than ordinary text: these would take minutes if anything were looked at twice per

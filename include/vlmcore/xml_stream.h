@@ -118,11 +118,12 @@ private:
 
 /// What a ReadXML did.
 struct SXMLReadStatistics {
-    u64 byteCount;  ///< bytes read from the file
-    u64 callCount;  ///< passes over the buffer
-    u64 bufferSize; ///< bytes of the largest buffer that was needed
-    u64 leftover;   ///< bytes at the end that no token claimed: the begin of a tag, reference or character
-    bool complete;  ///< the file ended between two tags, with nothing left over
+    u64 byteCount;       ///< bytes read from the file
+    u64 callCount;       ///< passes over the buffer
+    u64 passedByteCount; ///< bytes of all passes together, less than four times byteCount whatever is in them
+    u64 bufferSize;      ///< bytes of the largest buffer that was needed
+    u64 leftover;        ///< bytes at the end that no token claimed: the begin of a tag, reference or character
+    bool complete;       ///< the file ended between two tags, with nothing left over
 };
 
 /// An error of the tokenizer while ReadXML read a file. The message is the tokenizer's, followed by " At byte N.".

@@ -110,6 +110,7 @@ SXMLReadStatistics ReadXML(IFile& file, CXMLStream& stream, u64 bufferSize)
     CWindow window(bufferSize);
     u64 consumed = 0;
     u64 callCount = 0;
+    u64 passedByteCount = 0;
     bool more = true;
     stream.Reset();
     for (;;) {
@@ -120,6 +121,7 @@ SXMLReadStatistics ReadXML(IFile& file, CXMLStream& stream, u64 bufferSize)
         CXMLTokenizer tokenizer(stream, window.GetData(), window.GetSize());
         EOutcome const outcome = tokenizer.Run();
         ++callCount;
+        passedByteCount += window.GetSize();
         if (outcome == EOutcome::Malformed)
             throw CXMLException(XMLMessage::Malformed, consumed + tokenizer.GetMark() - 1);
         u32 const count = tokenizer.GetConsumed();
@@ -139,8 +141,8 @@ SXMLReadStatistics ReadXML(IFile& file, CXMLStream& stream, u64 bufferSize)
     }
     if (!IsSplittable(stream.GetState()))
         ThrowBufferTooSmall(stream, consumed);
-    return {consumed + leftover, callCount, window.GetCapacity(), leftover,
-            stream.GetState() == EXMLState::Text && leftover == 0};
+    bool const isComplete = stream.GetState() == EXMLState::Text && leftover == 0;
+    return {consumed + leftover, callCount, passedByteCount, window.GetCapacity(), leftover, isComplete};
 }
 
 } // namespace Velmor

@@ -39,6 +39,9 @@ void WriteText(std::filesystem::path const& path, std::string const& content);
 /// system): removing a link to a folder is then not possible through the system's calls.
 [[nodiscard]] bool LinksAreNative();
 
+/// Makes an empty file whose holes take no room; false where the system cannot.
+[[nodiscard]] bool MakeSparse(std::filesystem::path const& path);
+
 /// Whether `path` is a link or a junction.
 [[nodiscard]] bool IsLink(std::filesystem::path const& path);
 

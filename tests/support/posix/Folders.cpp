@@ -19,6 +19,12 @@ bool LinksAreNative()
     return true;
 }
 
+bool MakeSparse(fs::path const& path)
+{
+    WriteText(path, ""); // every file is sparse
+    return true;
+}
+
 bool IsLink(fs::path const& path)
 {
     return fs::is_symlink(path);

@@ -96,6 +96,20 @@ bool LinksAreNative()
     return linksAreNative;
 }
 
+bool MakeSparse(fs::path const& path)
+{
+    HANDLE const handle = ::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    if (handle == INVALID_HANDLE_VALUE)
+        return false;
+    // Where Windows calls run on another system, this is not known, and that system's files are sparse anyway.
+    DWORD returned = 0;
+    bool const isSparse =
+        ::DeviceIoControl(handle, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &returned, nullptr) != FALSE ||
+        ::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name") != nullptr;
+    ::CloseHandle(handle);
+    return isSparse;
+}
+
 bool IsLink(fs::path const& path)
 {
     DWORD const attributes = ::GetFileAttributesW(path.c_str());
