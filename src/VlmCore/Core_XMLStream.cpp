@@ -55,6 +55,40 @@ bool Matches(char pattern, u32 codePoint)
     return codePoint == static_cast<u8>(pattern);
 }
 
+// For each byte the states, as bits, in which it may begin a delimiter. Bytes of longer characters may in every state, and
+// any byte may behind "/>".
+struct SBeginnings {
+    u16 states[256] = {};
+    constexpr SBeginnings()
+    {
+        for (u32 byte = 0; byte < 256; ++byte)
+            for (u32 state = 0; state <= EXMLState::BehindSelfClosing; ++state)
+                if (byte >= 0x80 || state == EXMLState::BehindSelfClosing ||
+                    BeginsAny(StateTable[state], static_cast<char>(byte)))
+                    states[byte] = static_cast<u16>(states[byte] | 1u << state);
+    }
+
+private:
+    static constexpr bool BeginsAny(SPatterns const& patterns, char byte)
+    {
+        for (u32 i = 0; i < patterns.count; ++i) {
+            char const first = patterns.patterns[i].text[0];
+            bool const isSpace = byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
+            bool const isLetter = (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z');
+            if (byte == first || (first == ' ' && isSpace) ||
+                (first == '*' && (isLetter || byte == ':' || byte == '_')))
+                return true;
+        }
+        return false;
+    }
+};
+constexpr SBeginnings Beginnings;
+
+bool MayBeginDelimiter(u8 byte, u32 state)
+{
+    return (Beginnings.states[byte] >> state & 1) != 0;
+}
+
 std::atomic<XMLWalk> chosenWalk{ChooseXMLWalk()};
 
 } // namespace
@@ -117,26 +151,37 @@ bool CXMLTokenizer::CanWalk(u64 offset) const
 /// the buffer, and when the text is malformed.
 bool CXMLTokenizer::ScanToken(u64& offset)
 {
+    u32 const stateNumber = m_stream.m_state;
+    if (stateNumber == EXMLState::Malformed)
+        return false;
     u32 matched[MostPatterns] = {};
     u64 matchedFrom[MostPatterns] = {};
-    while (offset < m_size && m_stream.m_state != EXMLState::Malformed) {
+    bool isMatching = false; // some pattern in part
+    while (offset < m_size) {
+        if (!isMatching && !MayBeginDelimiter(m_buffer[offset], stateNumber)) {
+            ++offset;
+            continue;
+        }
         u64 const stride = XMLText::GetStride(m_buffer[offset]);
         if (offset + stride > m_size)
             break;
-        if (m_stream.m_state == EXMLState::BehindSelfClosing) {
+        if (stateNumber == EXMLState::BehindSelfClosing) {
             offset += stride;
             Transition(static_cast<u32>(offset), static_cast<u32>(offset), EXMLState::Text);
             return true;
         }
+        isMatching = false;
         u32 const codePoint = XMLText::Decode(m_buffer + offset);
-        SPatterns const& state = StateTable[m_stream.m_state];
+        SPatterns const& state = StateTable[stateNumber];
         for (u32 i = 0; i < state.count; ++i) {
             SPattern const& pattern = state.patterns[i];
             if (matched[i] == 0)
                 matchedFrom[i] = offset;
             matched[i] = Matches(pattern.text[matched[i]], codePoint) ? matched[i] + 1 : 0;
-            if (matched[i] != pattern.length)
+            if (matched[i] != pattern.length) {
+                isMatching = isMatching || matched[i] != 0;
                 continue;
+            }
             bool const nameFollows = pattern.text[pattern.length - 1] == '*';
             u32 const end = static_cast<u32>(offset) + (nameFollows ? 0 : 1);
             u32 const begin = static_cast<u32>(offset + 1) - pattern.length;
