@@ -467,6 +467,53 @@ TEST(XMLRead, HostileTextEnds)
     EXPECT_THROW(ReadXML(*declaration, stream, 4096), CXMLException);
 }
 
+// Other encodings are read as if they were UTF-8: a zero byte between two characters keeps a tag from being one.
+TEST(XMLRead, OtherEncodingsAreTextWithoutTags)
+{
+    using namespace std::string_view_literals;
+    for (std::string_view const text : {"\xFF\xFE<\0a\0 \0b\0=\0'\0"
+                                        "1\0'\0/\0>\0\n\0"sv,
+                                        "\xFE\xFF\0<\0a\0>\0t\0<\0/\0a\0>"sv, "\xFF\xFE\0\0<\0\0\0a\0\0\0>\0\0\0"sv})
+        for (u64 bufferSize : {u64{1}, u64{7}, u64{1000}}) {
+            SCounts counts;
+            CXMLStream stream;
+            Count(stream, counts);
+            u64 texts = 0;
+            stream.OnText = [&texts](CString const* part) { texts += part != nullptr ? 1 : 0; };
+            SXMLReadStatistics const statistics = Read(stream, text, bufferSize);
+            EXPECT_EQ(counts, SCounts());
+            EXPECT_GT(texts, 0u);
+            EXPECT_EQ(statistics.byteCount, text.size());
+        }
+    // In Latin 1 a letter beyond ASCII takes the two bytes behind it along, the ">" of its tag among them.
+    CXMLRecorder recorder;
+    Read(recorder.stream, "<caf\xE9>x<b>y</b>", 1000);
+    EXPECT_THAT(ToLines(recorder.events), ElementsAre("text none", "begin caf\xE9>x<b", "text y", "end b"));
+}
+
+// A document type that would grow without end elsewhere: nothing is looked up, so nothing grows.
+TEST(XMLRead, EntitiesOfEntitiesVanish)
+{
+    std::string document = "<!DOCTYPE a [\n<!ENTITY e0 \"lol\">\n";
+    for (char digit = '1'; digit <= '9'; ++digit) {
+        document += std::string("<!ENTITY e") + digit + " \"";
+        for (int i = 0; i < 10; ++i)
+            document += std::string("&e") + static_cast<char>(digit - 1) + ';';
+        document += "\">\n";
+    }
+    document += "]>\n<a>[&e9;&e9;]</a>\n";
+    CXMLRecorder recorder;
+    SXMLReadStatistics const statistics = Read(recorder.stream, document, 64);
+    EXPECT_TRUE(statistics.complete);
+    std::vector<std::string> const lines = ToLines(recorder.events);
+    ASSERT_GE(lines.size(), 3u);
+    std::vector<std::string> const end(lines.end() - 4, lines.end());
+    EXPECT_THAT(end, ElementsAre("begin a", "text []", "end a", "text \n"));
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](std::string const& line) { return line.starts_with("declaration"); }),
+              10); // the document type ends with its first declaration
+}
+
 namespace {
 
 /// A file in memory whose read calls are given to `onRead` first: it may throw, or lower the count.
