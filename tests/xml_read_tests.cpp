@@ -467,6 +467,30 @@ TEST(XMLRead, HostileTextEnds)
     EXPECT_THROW(ReadXML(*declaration, stream, 4096), CXMLException);
 }
 
+TEST(XMLRead, TheBufferIsAllThatIsAllocated)
+{
+    std::string document = "<list>\n";
+    while (document.size() < 300'000)
+        document += "<item key='1&amp;2'>some text &#65;<!-- and more --></item>\n<empty/>\n";
+    document += "</list>\n";
+    CByteStreamFile file("a.xml", static_cast<void const*>(document.data()), document.size());
+    SCounts counts;
+    CXMLStream stream;
+    Count(stream, counts);
+    stream.OnText = [](CString const*) {};
+    Memory::SStatistics before{};
+    Memory::SStatistics after{};
+    ASSERT_TRUE(Memory::GetStatistics(before));
+    SXMLReadStatistics const statistics = ReadXML(file, stream, 4096);
+    ASSERT_TRUE(Memory::GetStatistics(after));
+    EXPECT_EQ(statistics.bufferSize, 4096u);
+    EXPECT_GT(counts.elements, 8000u);
+    EXPECT_EQ(after.allocationCount, before.allocationCount + 1);
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(after.pools[i].allocationCount, before.pools[i].allocationCount);
+    EXPECT_EQ(after.liveCount, before.liveCount);
+}
+
 // Other encodings are read as if they were UTF-8: a zero byte between two characters keeps a tag from being one.
 TEST(XMLRead, OtherEncodingsAreTextWithoutTags)
 {

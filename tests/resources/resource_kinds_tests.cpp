@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -160,6 +161,41 @@ TEST_F(FilesBeside, ListingAFileOrAResourceThrowsAfterTheResources)
         EXPECT_EQ(files.GetCount(), 19u);
         EXPECT_EQ(folders.GetCount(), 0u);
     }
+}
+
+// A folder that goes between being named and being listed is missing; whatever happens, nothing stays open.
+TEST_F(FilesBeside, FoldersMayVanishWhileTheTreeIsListed)
+{
+    constexpr int Folders = 100;
+    auto const folderPath = [&](int index) { return path / "inner" / std::to_string(index); };
+    for (int index = 0; index < Folders; ++index)
+        fs::create_directories(folderPath(index) / "x");
+    unsigned const before = TestSupport::OpenHandleCount();
+    std::thread remover([&] {
+        for (int index = 0; index < Folders; ++index) {
+            std::error_code ignored;
+            fs::remove(folderPath(index) / "x", ignored);
+            fs::remove(folderPath(index), ignored);
+        }
+    });
+    for (int repetition = 0; repetition < 10; ++repetition) {
+        TVector<CMutableString, 1> files;
+        TVector<CMutableString, 1> folders;
+        try {
+            CResourceArchive().List("beside-kinds", files, folders);
+            EXPECT_EQ(files.GetCount(), 21u); // what does not vanish: nineteen resources, two files
+        }
+        catch (CFileException const& error) {
+            // Where a folder is still there in part, the system may refuse it in other ways.
+            EXPECT_FALSE(error.GetText().IsEmpty());
+        }
+        EXPECT_LE(folders.GetCount(), 1u + 2 * Folders);
+    }
+    remover.join();
+    EXPECT_LE(TestSupport::OpenHandleCount(), before);
+    // Where a folder that is being listed cannot be removed, some are left.
+    TestSupport::RemoveTree(path / "inner");
+    EXPECT_TRUE(List("beside-kinds").folders.empty());
 }
 
 // One descriptor a level.
