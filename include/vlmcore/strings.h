@@ -580,48 +580,83 @@ template <class Left, class Right>
 concept ComparableText = (String<Left> || String<Right>) && std::is_convertible_v<Left const&, CString> &&
                          std::is_convertible_v<Right const&, CString>;
 
+/// The text itself where it belongs to the family, else a view of it.
+template <class Text>
+[[nodiscard]] decltype(auto) AsString(Text const& text)
+{
+    if constexpr (String<Text>)
+        return static_cast<IString const&>(text);
+    else
+        return CString(text);
+}
+
+/// Order of any two texts: negative, zero, positive.
+[[nodiscard]] VLM_API int CompareTexts(IString const& left, IString const& right);
+/// Order of two UTF-8 texts that are not null, as their bytes.
+[[nodiscard]] VLM_API int CompareUTF8(void const* left, void const* right);
+/// True for texts that are equal.
+[[nodiscard]] VLM_API bool AreEqual(IString const& left, IString const& right);
+
+[[nodiscard]] inline bool AreBothUTF8(IString const& left, IString const& right)
+{
+    return left.GetEncoding() == EStringEncoding::UTF8 && right.GetEncoding() == EStringEncoding::UTF8 &&
+           left.GetData() != nullptr && right.GetData() != nullptr;
+}
+
+[[nodiscard]] inline bool IsSame(IString const& left, IString const& right)
+{
+    if (AreBothUTF8(left, right))
+        return left.GetData() == right.GetData() || CompareUTF8(left.GetData(), right.GetData()) == 0;
+    return AreEqual(left, right);
+}
+
+[[nodiscard]] inline int Compare(IString const& left, IString const& right)
+{
+    return AreBothUTF8(left, right) ? CompareUTF8(left.GetData(), right.GetData()) : CompareTexts(left, right);
+}
+
 } // namespace Impl
 
 template <class Left, class Right>
     requires Impl::ComparableText<Left, Right>
 [[nodiscard]] bool operator==(Left const& left, Right const& right)
 {
-    return CString(left).IString::operator==(CString(right));
+    return Impl::IsSame(Impl::AsString(left), Impl::AsString(right));
 }
 
 template <class Left, class Right>
     requires Impl::ComparableText<Left, Right>
 [[nodiscard]] bool operator!=(Left const& left, Right const& right)
 {
-    return CString(left).IString::operator!=(CString(right));
+    return !Impl::IsSame(Impl::AsString(left), Impl::AsString(right));
 }
 
 template <class Left, class Right>
     requires Impl::ComparableText<Left, Right>
 [[nodiscard]] bool operator<(Left const& left, Right const& right)
 {
-    return CString(left).IString::operator<(CString(right));
+    return Impl::Compare(Impl::AsString(left), Impl::AsString(right)) < 0;
 }
 
 template <class Left, class Right>
     requires Impl::ComparableText<Left, Right>
 [[nodiscard]] bool operator>(Left const& left, Right const& right)
 {
-    return CString(left).IString::operator>(CString(right));
+    return Impl::Compare(Impl::AsString(left), Impl::AsString(right)) > 0;
 }
 
 template <class Left, class Right>
     requires Impl::ComparableText<Left, Right>
 [[nodiscard]] bool operator<=(Left const& left, Right const& right)
 {
-    return !(CString(left).IString::operator>(CString(right)));
+    return Impl::Compare(Impl::AsString(left), Impl::AsString(right)) <= 0;
 }
 
 template <class Left, class Right>
     requires Impl::ComparableText<Left, Right>
 [[nodiscard]] bool operator>=(Left const& left, Right const& right)
 {
-    return !(CString(left).IString::operator<(CString(right)));
+    return Impl::Compare(Impl::AsString(left), Impl::AsString(right)) >= 0;
 }
 
 /// Hash for unordered containers: equal texts of any encoding hash alike. With std::equal_to<> also for looking up by

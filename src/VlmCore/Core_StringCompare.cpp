@@ -12,7 +12,7 @@ namespace {
 constexpr u64 HashStart = 0x14650FB0739D0383;
 
 /// Order of two texts that are not null. An empty one is in front of all others, as its terminator tells.
-int Compare(IString const& left, IString const& right)
+int CompareNonNull(IString const& left, IString const& right)
 {
     return Dispatch(left.GetEncoding(), [&](auto leftRules) {
         return Dispatch(right.GetEncoding(), [&](auto rightRules) {
@@ -29,31 +29,44 @@ u32 Fold(u64 hash)
 
 } // namespace
 
+int Impl::CompareTexts(IString const& left, IString const& right)
+{
+    if (left.GetData() == nullptr || right.GetData() == nullptr)
+        return static_cast<int>(right.IsEmpty()) - static_cast<int>(left.IsEmpty());
+    return CompareNonNull(left, right);
+}
+
+int Impl::CompareUTF8(void const* left, void const* right)
+{
+    return Text::CompareUnits<SUTF8>(AsBytes(left), AsBytes(right));
+}
+
+bool Impl::AreEqual(IString const& left, IString const& right)
+{
+    if (left.GetData() != right.GetData() || left.GetData() == nullptr)
+        return CompareTexts(left, right) == 0;
+    // Nothing is read for two views of one text.
+    return left.GetEncoding() == right.GetEncoding() || left.IsEmpty() == right.IsEmpty();
+}
+
 bool IString::operator==(CString const& other) const
 {
-    if (m_data == nullptr || other.m_data == nullptr)
-        return IsEmpty() && other.IsEmpty();
-    return m_data == other.m_data ? m_encoding == other.m_encoding || IsEmpty() == other.IsEmpty()
-                                  : Compare(*this, other) == 0;
+    return Impl::AreEqual(*this, other);
 }
 
 bool IString::operator!=(CString const& other) const
 {
-    return !IString::operator==(other);
+    return !Impl::AreEqual(*this, other);
 }
 
 bool IString::operator<(CString const& other) const
 {
-    if (m_data == nullptr || other.m_data == nullptr)
-        return IsEmpty() && !other.IsEmpty();
-    return Compare(*this, other) < 0;
+    return Impl::CompareTexts(*this, other) < 0;
 }
 
 bool IString::operator>(CString const& other) const
 {
-    if (m_data == nullptr || other.m_data == nullptr)
-        return !IsEmpty() && other.IsEmpty();
-    return Compare(*this, other) > 0;
+    return Impl::CompareTexts(*this, other) > 0;
 }
 
 u32 IString::GetHash() const

@@ -24,6 +24,15 @@ Result WithBoth(IString const& text, IString const& other, Result otherwise, Act
     });
 }
 
+/// True for a code point that is one unit, which nothing else stands for where all units are characters by themselves.
+template <class Rules>
+bool IsOneUnit(u32 codePoint)
+{
+    return codePoint != 0 && (Rules::UnitSize == 1   ? codePoint < 0x80
+                              : Rules::UnitSize == 2 ? codePoint <= 0xFFFF && !SUTF16::OpensPair(static_cast<u16>(codePoint))
+                                                     : true);
+}
+
 /// True when the characters from `place` on begin with those of `other`, neither cut differently: unit by unit in one
 /// encoding, code point by code point in two.
 template <class Rules, class OtherRules>
@@ -46,22 +55,48 @@ bool BeginsWith(u8 const* place, u8 const* other)
 
 } // namespace
 
+namespace {
+
+/// Index of the first occurrence at or behind `from`, by the rules that hold for every text.
+template <class Rules>
+VLM_SEPARATE u64 FindFrom(SPosition from, u32 codePoint)
+{
+    SMatch const match = FindCodePointFast<Rules>(from, codePoint);
+    return match.end != nullptr ? match.begin.index : IString::NotFound;
+}
+
+template <class Rules>
+VLM_SEPARATE u64 FindFromIndex(u8 const* text, u32 codePoint, u64 start)
+{
+    SPosition const from = Seek<Rules>(text, start);
+    return IsEnd<Rules>(text) || from.index != start ? IString::NotFound : FindFrom<Rules>(from, codePoint);
+}
+
+} // namespace
+
 u64 IString::Find(unsigned int codePoint, u64 start) const
 {
-    if (IsEmpty())
+    if (m_data == nullptr)
         return NotFound;
     return Dispatch(m_encoding, [&](auto rules) {
         using Rules = decltype(rules);
-        SPosition const from = Seek<Rules>(AsBytes(m_data), start);
-        if (from.index != start)
-            return NotFound;
-        SMatch const match = FindCodePointFast<Rules>(from, codePoint);
-        return match.end != nullptr ? match.begin.index : NotFound;
+        u8 const* const text = AsBytes(m_data);
+        if (start != 0 || !IsOneUnit<Rules>(codePoint))
+            return FindFromIndex<Rules>(text, codePoint, start);
+        u8 const* const place = TextKernels::Get().findSimple[TextKernels::IndexOf<Rules>](text, codePoint);
+        u32 const unit = Load<typename Rules::Unit>(place);
+        u64 const index = static_cast<u64>(place - text) / Rules::UnitSize;
+        return unit == codePoint ? index : unit == 0 ? NotFound : FindFrom<Rules>({place, index}, codePoint);
     });
 }
 
 u64 IString::Find(CString const& text, u64 start) const
 {
+    auto const findInBlock = TextKernels::Get().findInBlock;
+    if (start == 0 && findInBlock != nullptr && Impl::AreBothUTF8(*this, text) && *AsBytes(text.m_data) != 0) {
+        if (u64 const found = findInBlock(AsBytes(m_data), AsBytes(text.m_data)); found != TextKernels::Undecided)
+            return found;
+    }
     return WithBoth(*this, text, NotFound, [start](auto rules, u8 const* self, auto needleRules, u8 const* needle) {
         using Rules = decltype(rules);
         CTextFinder<Rules, decltype(needleRules)> const finder(needle);

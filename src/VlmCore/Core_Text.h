@@ -17,61 +17,45 @@ struct SExtent {
 template <class Rules>
 [[nodiscard]] u64 GetTextSize(u8 const* text)
 {
-    auto const kernel = TextKernels::Get().getTextSize[TextKernels::IndexOf<Rules>];
-    return kernel != nullptr ? kernel(text) : TextRules::GetTextSize<Rules>(text);
+    return TextKernels::Get().getTextSize[TextKernels::IndexOf<Rules>](text);
 }
 
 template <class Rules>
 [[nodiscard]] SExtent GetExtent(u8 const* text)
 {
     SExtent extent{};
-    if (auto const kernel = TextKernels::Get().countCharacters[TextKernels::IndexOf<Rules>])
-        extent.count = kernel(text, extent.size);
-    else
-        extent = {TextRules::GetTextSize<Rules>(text), TextRules::CountCharacters<Rules>(text)};
+    extent.count = TextKernels::Get().countCharacters[TextKernels::IndexOf<Rules>](text, extent.size);
     return extent;
 }
 
 template <class Rules>
 [[nodiscard]] u64 CountCharacters(u8 const* text)
 {
-    u64 size;
-    auto const kernel = TextKernels::Get().countCharacters[TextKernels::IndexOf<Rules>];
-    return kernel != nullptr ? kernel(text, size) : TextRules::CountCharacters<Rules>(text);
+    return GetExtent<Rules>(text).count;
 }
 
 template <class From, class To>
 [[nodiscard]] u64 GetConvertedSize(u8 const* text)
 {
-    auto const kernel = TextKernels::Get().getConvertedSize[TextKernels::IndexOf<From>][TextKernels::IndexOf<To>];
-    return kernel != nullptr ? kernel(text) : TextRules::GetConvertedSize<From, To>(text);
+    return TextKernels::Get().getConvertedSize[TextKernels::IndexOf<From>][TextKernels::IndexOf<To>](text);
 }
 
 template <class From, class To>
 u8* ConvertCharacters(u8 const* text, u64 count, u8* out)
 {
-    auto const kernel = TextKernels::Get().convert[TextKernels::IndexOf<From>][TextKernels::IndexOf<To>];
-    return kernel != nullptr ? kernel(text, count, out) : TextRules::ConvertCharacters<From, To>(text, count, out);
+    return TextKernels::Get().convert[TextKernels::IndexOf<From>][TextKernels::IndexOf<To>](text, count, out);
 }
 
 inline u8* ConvertPlaneZeroUnits(u8 const* units, u64 count, u8* out)
 {
-    auto const kernel = TextKernels::Get().convertPlaneZero;
-    return kernel != nullptr ? kernel(units, count, out) : TextRules::ConvertPlaneZeroUnits(units, count, out);
+    return TextKernels::Get().convertPlaneZero(units, count, out);
 }
 
 /// Order of two texts of one encoding, as their units.
 template <class Rules>
 [[nodiscard]] int CompareUnits(u8 const* left, u8 const* right)
 {
-    using Unit = typename Rules::Unit;
-    auto const kernel = TextKernels::Get().findDifference[TextKernels::IndexOf<Rules>];
-    if (kernel == nullptr)
-        return TextRules::Compare<Rules, Rules>(left, right);
-    u64 const offset = kernel(left, right);
-    Unit const leftUnit = Encodings::Load<Unit>(left + offset);
-    Unit const rightUnit = Encodings::Load<Unit>(right + offset);
-    return leftUnit == rightUnit ? 0 : leftUnit < rightUnit ? -1 : 1;
+    return TextKernels::Get().compareUnits[TextKernels::IndexOf<Rules>](left, right);
 }
 
 /// Order of two texts of different encodings, as code points; the left one has the narrower units.

@@ -1,12 +1,52 @@
 #include "Core_TextKernels.h"
 
 #include "Core_ProcessorFeatures.h"
-
-#include <atomic>
+#include "Core_TextRules.h"
 
 namespace Velmor::TextKernels {
 
-SKernels const PlainKernels{};
+using namespace Encodings;
+
+namespace {
+
+template <class Rules>
+u64 CountPlainly(u8 const* text, u64& size)
+{
+    size = TextRules::GetTextSize<Rules>(text);
+    return TextRules::CountCharacters<Rules>(text);
+}
+
+template <class Rules>
+u8 const* FindSimplePlainly(u8 const* text, u32 unit)
+{
+    for (;; text += Rules::UnitSize) {
+        u32 const here = Load<typename Rules::Unit>(text);
+        bool const isAlone = Rules::UnitSize == 1   ? here < 0x80
+                             : Rules::UnitSize == 2 ? (here & 0xF800) != 0xD800
+                                                    : true;
+        if (here == unit || here == 0 || !isAlone)
+            return text;
+    }
+}
+
+} // namespace
+
+constinit SKernels const PlainKernels = {
+    {TextRules::GetTextSize<SUTF8>, TextRules::GetTextSize<SUTF16>, TextRules::GetTextSize<SUTF32>},
+    {CountPlainly<SUTF8>, CountPlainly<SUTF16>, CountPlainly<SUTF32>},
+    {TextRules::Compare<SUTF8, SUTF8>, TextRules::Compare<SUTF16, SUTF16>, TextRules::Compare<SUTF32, SUTF32>},
+    {},
+    {{nullptr, TextRules::GetConvertedSize<SUTF8, SUTF16>, TextRules::GetConvertedSize<SUTF8, SUTF32>},
+     {TextRules::GetConvertedSize<SUTF16, SUTF8>, nullptr, TextRules::GetConvertedSize<SUTF16, SUTF32>},
+     {TextRules::GetConvertedSize<SUTF32, SUTF8>, TextRules::GetConvertedSize<SUTF32, SUTF16>, nullptr}},
+    {{nullptr, TextRules::ConvertCharacters<SUTF8, SUTF16>, TextRules::ConvertCharacters<SUTF8, SUTF32>},
+     {TextRules::ConvertCharacters<SUTF16, SUTF8>, nullptr, TextRules::ConvertCharacters<SUTF16, SUTF32>},
+     {TextRules::ConvertCharacters<SUTF32, SUTF8>, TextRules::ConvertCharacters<SUTF32, SUTF16>, nullptr}},
+    TextRules::ConvertPlaneZeroUnits,
+    {},
+    {FindSimplePlainly<SUTF8>, FindSimplePlainly<SUTF16>, FindSimplePlainly<SUTF32>},
+    nullptr,
+    {}};
 
 namespace {
 
@@ -24,23 +64,16 @@ SKernels const& GetSet(ELevel level)
     }
 }
 
-/// Null until text is first used. Every thread would choose the same, so no order is needed.
-constinit std::atomic<SKernels const*> g_chosen{nullptr};
-
-SKernels const& Choose()
-{
-    SKernels const& best = GetSet(GetBestLevel());
-    g_chosen.store(&best, std::memory_order_relaxed);
-    return best;
-}
-
 } // namespace
 
-SKernels const& Get()
-{
-    SKernels const* const chosen = g_chosen.load(std::memory_order_relaxed);
-    return chosen != nullptr ? *chosen : Choose();
-}
+constinit std::atomic<SKernels const*> g_chosen{&PlainKernels};
+
+namespace {
+
+/// When the library is loaded: asking at every use costs short texts too much.
+[[maybe_unused]] bool const g_isChosen = Force(GetBestLevel());
+
+} // namespace
 
 ELevel GetBestLevel()
 {

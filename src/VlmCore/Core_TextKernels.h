@@ -9,6 +9,8 @@
 
 #include <vlmcore/impl/Core_Encoding.h>
 
+#include <atomic>
+
 /// Marks functions that read around a text on purpose: whole registers, within the pages that the text lies in.
 #if defined(__clang__) || defined(__GNUC__)
 #  define VLM_READS_AROUND __attribute__((no_sanitize("address"), no_sanitize("thread")))
@@ -49,17 +51,21 @@ struct SSearch {
     u8 const* resume; ///< where the kernel may be asked again
 };
 
-/// Functions for one-, two- and four-byte units stand in this order.
+/// What FindInBlock gives where it cannot tell.
+inline constexpr u64 Undecided = ~u64{0} - 1;
+
+/// Functions for one-, two- and four-byte units stand in this order. Those of `find`, `mapCase`, `skipSame` and
+/// `findInBlock` may be null: there is nothing faster than the plain rule then.
 struct SKernels {
     /// Bytes up to the terminator.
     u64 (*getTextSize[3])(u8 const* text);
     /// Characters of a text; gives its bytes, too.
     u64 (*countCharacters[3])(u8 const* text, u64& size);
-    /// Byte offset of the first unit that differs or is a common terminator.
-    u64 (*findDifference[3])(u8 const* left, u8 const* right);
+    /// Order of two texts as their units: negative, zero, positive.
+    int (*compareUnits[3])(u8 const* left, u8 const* right);
     /// [narrow][wide]: units from the front on that are single characters and the same in both texts, in whole steps.
     u64 (*skipSame[3][3])(u8 const* narrow, u8 const* wide);
-    /// Bytes that a text takes in another encoding: [from][to]; null where a formula does.
+    /// Bytes that a text takes in another encoding: [from][to]; null on the diagonal.
     u64 (*getConvertedSize[3][3])(u8 const* text);
     /// [from][to]; null on the diagonal.
     ConvertKernel convert[3][3];
@@ -68,23 +74,34 @@ struct SKernels {
     /// Moves on to the first match, or to a place from which the plain rule must go on up to `resume`: the terminator, or
     /// the first place whose match would reach into irregular text.
     void (*find[3])(SNeedle const& needle, SSearch& search);
+    /// First place of a unit that is the given one, the terminator, or no character by itself (for bytes: 0x80 and above).
+    u8 const* (*findSimple[3])(u8 const* text, u32 unit);
+    /// Index of the first occurrence of one ASCII text in another, all ones when there is none; Undecided when one of them
+    /// is not ASCII, or does not end within a block.
+    u64 (*findInBlock)(u8 const* text, u8 const* needle);
     /// Letters from `first` to `first + 25` become those 32 up or down; returns the bytes done, whole characters.
     u64 (*mapCase[3])(u8* text, u64 size, u32 first);
 };
 
+/// The sets.
+extern SKernels const PlainKernels;
+extern SKernels const SSE2Kernels;
+extern SKernels const AVX2Kernels;
+extern SKernels const AVX512Kernels;
+
+/// The plain set until the library is loaded, then the best. Whoever reads an old value gets the same results.
+extern constinit std::atomic<SKernels const*> g_chosen;
+
 /// The set in use.
-[[nodiscard]] SKernels const& Get();
+[[nodiscard]] inline SKernels const& Get()
+{
+    return *g_chosen.load(std::memory_order_relaxed);
+}
 
 /// For tests: uses another set from now on; false when the processor has not got it. Not while other threads use text.
 bool Force(ELevel level);
 /// For tests: the level that this processor is given.
 [[nodiscard]] ELevel GetBestLevel();
-
-/// The sets; null members fall back to the plain rule.
-extern SKernels const PlainKernels;
-extern SKernels const SSE2Kernels;
-extern SKernels const AVX2Kernels;
-extern SKernels const AVX512Kernels;
 
 /// Position of an encoding in the tables.
 template <class Rules>

@@ -151,7 +151,7 @@ VLM_KERNEL inline u64 StopMask(u8 const* left, u8 const* right)
 }
 
 template <class Unit>
-VLM_KERNEL inline u64 FindDifferencePlainly(u8 const* left, u8 const* right, u64 offset, u64 stop)
+VLM_SEPARATE u64 FindDifferencePlainly(u8 const* left, u8 const* right, u64 offset, u64 stop)
 {
     for (; offset < stop; offset += sizeof(Unit)) {
         Unit const unit = Encodings::Load<Unit>(left + offset);
@@ -161,44 +161,104 @@ VLM_KERNEL inline u64 FindDifferencePlainly(u8 const* left, u8 const* right, u64
     return offset;
 }
 
+/// True when a chunk of both texts is the same and has no terminator.
 template <class Unit>
-VLM_KERNEL u64 FindDifference(u8 const* left, u8 const* right)
+VLM_KERNEL inline bool IsSameChunk(u8 const* left, u8 const* right)
+{
+    TLanes<Unit> different{};
+    TLanes<Unit> least = Fill<Unit>(static_cast<Unit>(~Unit{0}));
+    for (u64 offset = 0; offset < ChunkSize; offset += VectorWidth) {
+        TLanes<Unit> const units = LoadAround<Unit>(left + offset);
+        different |= units ^ LoadAround<Unit>(right + offset);
+        least = Least(least, units);
+    }
+    return MaskWhere((different != TLanes<Unit>{}) | (least == TLanes<Unit>{})) == 0;
+}
+
+/// Byte offset of the first unit that differs or is a common terminator, for texts that are the same for a register. The
+/// left one is read at whole registers, so that only the right one can come to the end of its page in one.
+template <class Unit>
+VLM_KERNEL VLM_SEPARATE u64 FindDifferenceFurther(u8 const* left, u8 const* right)
+{
+    u64 offset = VectorWidth - BytesBehind(left, VectorWidth);
+    for (;;) {
+        u64 const rightRest = BytesToPageEnd(right + offset);
+        u64 const rest = std::min(rightRest, BytesToPageEnd(left + offset));
+        u64 const stop = offset + rest / ChunkSize * ChunkSize;
+        for (; offset != stop; offset += ChunkSize) {
+            if (!IsSameChunk<Unit>(left + offset, right + offset))
+                break;
+        }
+        if (rest >= ChunkSize && offset == stop)
+            continue;
+        if (rightRest < VectorWidth) {
+            // Where the right text goes on to the end of its page, it may be read across.
+            u64 const end = offset + rightRest;
+            if (end < VectorWidth) {
+                if (u64 const place = FindDifferencePlainly<Unit>(left, right, offset, end); place != end)
+                    return place;
+            }
+            else if (u64 const mask = StopMask<Unit>(left + end - VectorWidth, right + end - VectorWidth); mask != 0) {
+                return end - VectorWidth + LowestBit(mask);
+            }
+        }
+        if (u64 const mask = StopMask<Unit>(left + offset, right + offset); mask != 0)
+            return offset + LowestBit(mask);
+        offset += VectorWidth;
+    }
+}
+
+/// The byte offset for any two texts.
+template <class Unit>
+VLM_KERNEL VLM_SEPARATE u64 FindDifferenceAnywhere(u8 const* left, u8 const* right)
 {
     if ((BytesBehind(left, sizeof(Unit)) | BytesBehind(right, sizeof(Unit))) != 0)
         return FindDifferencePlainly<Unit>(left, right, 0, ~u64{0});
-    for (u64 offset = 0;;) {
-        // Both go on to the end of a page before either has to be asked whether it has ended.
-        u64 const stop = offset + std::min(BytesToPageEnd(left + offset), BytesToPageEnd(right + offset));
-        if (stop - offset >= VectorWidth) {
-            if (u64 const mask = StopMask<Unit>(left + offset, right + offset); mask != 0)
-                return offset + LowestBit(mask);
-            offset += VectorWidth - BytesBehind(left + offset, VectorWidth);
-        }
-        for (; stop - offset >= ChunkSize; offset += ChunkSize) {
-            u8 const* const first = left + offset;
-            u8 const* const second = right + offset;
-            if (HasZero(Least(Least(GoOn<Unit>(first, second), GoOn<Unit>(first + VectorWidth, second + VectorWidth)),
-                              Least(GoOn<Unit>(first + 2 * VectorWidth, second + 2 * VectorWidth),
-                                    GoOn<Unit>(first + 3 * VectorWidth, second + 3 * VectorWidth)))))
-                break;
-        }
-        for (; stop - offset >= VectorWidth; offset += VectorWidth) {
-            if (u64 const mask = StopMask<Unit>(left + offset, right + offset); mask != 0)
-                return offset + LowestBit(mask);
-        }
-        if (offset == stop)
-            continue;
-        if (stop >= VectorWidth) {
-            // The rest of the page once more with what lies before it.
-            offset = stop - VectorWidth;
-            if (u64 const mask = StopMask<Unit>(left + offset, right + offset); mask != 0)
-                return offset + LowestBit(mask);
-        }
-        else if (u64 const place = FindDifferencePlainly<Unit>(left, right, offset, stop); place != stop) {
-            return place;
-        }
-        offset = stop;
-    }
+    // One of them has less than a register to the end of its page.
+    u64 const stop = std::min(BytesToPageEnd(left), BytesToPageEnd(right));
+    u64 const place = FindDifferencePlainly<Unit>(left, right, 0, stop);
+    if (place != stop)
+        return place;
+    left += stop;
+    right += stop;
+    if (std::min(BytesToPageEnd(left), BytesToPageEnd(right)) < VectorWidth)
+        return stop + FindDifferenceAnywhere<Unit>(left, right);
+    u64 const mask = StopMask<Unit>(left, right);
+    return stop + (mask != 0 ? LowestBit(mask) : FindDifferenceFurther<Unit>(left, right));
+}
+
+template <class Unit>
+VLM_KERNEL inline int OrderAt(u8 const* left, u8 const* right, u64 offset)
+{
+    Unit const first = Encodings::Load<Unit>(left + offset);
+    Unit const second = Encodings::Load<Unit>(right + offset);
+    return (first > second) - (first < second);
+}
+
+template <class Unit>
+VLM_KERNEL VLM_SEPARATE int CompareFurther(u8 const* left, u8 const* right)
+{
+    return OrderAt<Unit>(left, right, FindDifferenceFurther<Unit>(left, right));
+}
+
+template <class Unit>
+VLM_KERNEL VLM_SEPARATE int CompareAnywhere(u8 const* left, u8 const* right)
+{
+    return OrderAt<Unit>(left, right, FindDifferenceAnywhere<Unit>(left, right));
+}
+
+/// Order of two texts as their units: negative, zero, positive.
+template <class Unit>
+VLM_KERNEL int CompareUnits(u8 const* left, u8 const* right)
+{
+    constexpr u64 LastPlace = PageSize - BlockSize;
+    if (BytesBehind(left, PageSize) > LastPlace || BytesBehind(right, PageSize) > LastPlace ||
+        (BytesBehind(left, sizeof(Unit)) | BytesBehind(right, sizeof(Unit))) != 0)
+        return CompareAnywhere<Unit>(left, right);
+    u64 mask = 0;
+    for (u64 offset = 0; offset < BlockSize; offset += VectorWidth)
+        mask |= StopMask<Unit>(left + offset, right + offset) << offset;
+    return mask != 0 ? OrderAt<Unit>(left, right, LowestBit(mask)) : CompareFurther<Unit>(left, right);
 }
 
 /// Units that are alike in texts of different widths and stand for themselves, from the front on, in whole steps.
@@ -329,6 +389,14 @@ VLM_KERNEL inline u64 EqualBytes(u8 const* block, CLanes8 wanted)
     u64 mask = 0;
     for (u64 offset = 0; offset < BlockSize; offset += VectorWidth)
         mask |= MaskWhere(LoadAround<u8>(block + offset) == wanted) << offset;
+    return mask;
+}
+
+VLM_KERNEL inline u64 HighBytes(u8 const* block)
+{
+    u64 mask = 0;
+    for (u64 offset = 0; offset < BlockSize; offset += VectorWidth)
+        mask |= MaskOf(LoadAround<u8>(block + offset)) << offset;
     return mask;
 }
 

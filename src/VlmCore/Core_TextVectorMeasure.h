@@ -112,8 +112,9 @@ struct SUnits8 : SMeasure8 {
         u64 irregular = bytes.continuation ^ (bytes.GetCovered() | carried);
         if ((bytes.three | carried) != 0) {
             u64 const leads = (EqualBytes(block, Fill<u8>(0xEF)) | EqualBytes(block, Fill<u8>(0xF0))) & bytes.three;
-            u64 const before = carried != 0 && (block[-1] == 0xEF || block[-1] == 0xF0) ? 1 : 0;
-            irregular |= (leads << 1 | before) & (EqualBytes(block, Fill<u8>(0xBF)) | BytesBelow(block, 0x90));
+            u64 const first = carried & -carried; // where the block is read from, when a character goes on there
+            u8 const before = carried != 0 ? block[static_cast<i64>(LowestBit(first)) - 1] : u8{0};
+            irregular |= (leads << 1 | (before == 0xEF || before == 0xF0 ? first : 0)) & (EqualBytes(block, Fill<u8>(0xBF)) | BytesBelow(block, 0x90));
         }
         u64 const amount = CountBits(~bytes.continuation & inText) + CountBits(bytes.four & inText);
         // The terminator counts as a byte below 90: what it cuts short may be smaller, too.
@@ -272,16 +273,16 @@ VLM_KERNEL u8 const* MeasureChunks(u8 const* place, u64& amount)
     }
 }
 
-/// Adds up the characters of a text, and gives its size.
+/// Adds up the characters of a text from a block on that begins in it, and gives its size. `carried` bytes of the block
+/// belong to the character in front of it.
 template <class Measure>
-VLM_KERNEL u64 MeasureText(u8 const* text, u64& size)
+VLM_KERNEL VLM_SEPARATE u64 MeasureFurther(u8 const* text, u8 const* start, u64 carried, u64 amount, u64& size)
 {
     using Rules = typename Measure::Rules;
-    u64 amount = 0;
-    for (u8 const* start = text;;) {
+    for (;;) {
         u64 const ahead = BytesBehind(start, BlockSize);
         u8 const* block = start - ahead;
-        u64 carried = 0;
+        carried <<= ahead;
         // A text that is not aligned to its units is irregular as a whole.
         for (u64 valid = ~u64{0} << ahead; ahead % Rules::UnitSize == 0; valid = ~u64{0}) {
             SMeasured const measured = Measure::Read(block, valid, carried);
@@ -304,7 +305,7 @@ VLM_KERNEL u64 MeasureText(u8 const* text, u64& size)
         u8 const* const stop = block + BlockSize;
         start = std::max(start, block);
         if (carried != 0) {
-            start = Measure::LeadBefore(block);
+            start = Measure::LeadBefore(start);
             amount -= Measure::GetCountedFor(start);
         }
         for (; start < stop; start += Rules::Read(start).size) {
@@ -314,7 +315,24 @@ VLM_KERNEL u64 MeasureText(u8 const* text, u64& size)
             }
             amount += Measure::GetAmount(Rules::Read(start));
         }
+        carried = 0;
     }
+}
+
+/// Adds up the characters of a text, and gives its size. Most texts end in the block that they begin.
+template <class Measure>
+VLM_KERNEL u64 MeasureText(u8 const* text, u64& size)
+{
+    if (BytesBehind(text, PageSize) > PageSize - BlockSize || BytesBehind(text, Measure::Rules::UnitSize) != 0)
+        return MeasureFurther<Measure>(text, text, 0, 0, size);
+    SMeasured const measured = Measure::Read(text, ~u64{0}, 0);
+    // What is carried must fit into what the next aligned block has left.
+    if (measured.irregular != 0 || (measured.zero == 0 && BytesBehind(text, BlockSize) > BlockSize - 4))
+        return MeasureFurther<Measure>(text, text, 0, 0, size);
+    if (measured.zero == 0)
+        return MeasureFurther<Measure>(text, text + BlockSize, measured.carried, measured.amount, size);
+    size = LowestBit(measured.zero);
+    return measured.amount;
 }
 
 VLM_KERNEL u64 CountUTF32(u8 const* text, u64& size)

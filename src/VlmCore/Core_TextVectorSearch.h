@@ -164,6 +164,108 @@ VLM_KERNEL void FindUnits(SNeedle const& needle, SSearch& search)
     }
 }
 
+// ---- Searching for one unit, and in short texts ---------------------------------------------------------------------
+
+template <class Unit>
+VLM_KERNEL inline TLanes<Unit> NotAlone(TLanes<Unit> units)
+{
+    if constexpr (sizeof(Unit) == 1)
+        return units & Fill<u8>(0x80);
+    else if constexpr (sizeof(Unit) == 2)
+        return reinterpret_cast<TLanes<Unit>>(SIsSurrogate::Test(units));
+    else
+        return TLanes<Unit>{};
+}
+
+template <class Unit>
+VLM_KERNEL inline u64 SimpleMask(u8 const* place, TLanes<Unit> wanted)
+{
+    TLanes<Unit> const units = LoadAround<Unit>(place);
+    u64 const found = MaskWhere(Least(units, units ^ wanted) == TLanes<Unit>{});
+    return sizeof(Unit) == 1 ? found | MaskOf(reinterpret_cast<CLanes8>(units))
+                             : found | MaskWhere(NotAlone<Unit>(units));
+}
+
+/// From a register on that lies whole in its page.
+template <class Unit>
+VLM_KERNEL VLM_SEPARATE u8 const* FindSimpleFurther(u8 const* place, u32 unit)
+{
+    // For bytes a signed minimum tells all three at once.
+    using Number = std::conditional_t<sizeof(Unit) == 1, i8, Unit>;
+    TLanes<Unit> const wanted = Fill<Unit>(static_cast<Unit>(unit));
+    for (;; place += VectorWidth) {
+        while (BytesBehind(place, ChunkSize) == 0) {
+            TLanes<Number> least = Fill<Number>(1);
+            for (u64 offset = 0; offset < ChunkSize; offset += VectorWidth) {
+                TLanes<Unit> const units = LoadAround<Unit>(place + offset);
+                least = Least(least, Least(reinterpret_cast<TLanes<Number>>(units),
+                                           reinterpret_cast<TLanes<Number>>(units ^ wanted)));
+                if constexpr (sizeof(Unit) == 2)
+                    least = Least(least, (units & Fill<u16>(0xF800)) ^ Fill<u16>(0xD800));
+            }
+            if (MaskWhere(least < Fill<Number>(1)) != 0)
+                break;
+            place += ChunkSize;
+        }
+        if (u64 const mask = SimpleMask<Unit>(place, wanted); mask != 0)
+            return place + LowestBit(mask);
+    }
+}
+
+template <class Unit>
+VLM_KERNEL VLM_SEPARATE u8 const* FindSimplePlainly(u8 const* text, u32 unit, u8 const* stop)
+{
+    for (; text < stop; text += sizeof(Unit)) {
+        Unit const here = Encodings::Load<Unit>(text);
+        bool const isAlone = sizeof(Unit) == 1 ? here < 0x80 : sizeof(Unit) != 2 || (here & 0xF800) != 0xD800;
+        if (here == unit || here == 0 || !isAlone)
+            return text;
+    }
+    return FindSimpleFurther<Unit>(text, unit);
+}
+
+template <class Unit>
+VLM_KERNEL u8 const* FindSimple(u8 const* text, u32 unit)
+{
+    if (BytesBehind(text, PageSize) > PageSize - BlockSize || BytesBehind(text, sizeof(Unit)) != 0) {
+        // Never aligned: never stopped.
+        bool const isAligned = BytesBehind(text, sizeof(Unit)) == 0;
+        return FindSimplePlainly<Unit>(text, unit,
+                                       isAligned ? text + BytesToPageEnd(text)
+                                                 : reinterpret_cast<u8 const*>(~std::uintptr_t{0}));
+    }
+    TLanes<Unit> const wanted = Fill<Unit>(static_cast<Unit>(unit));
+    u64 mask = 0;
+    for (u64 offset = 0; offset < BlockSize; offset += VectorWidth)
+        mask |= SimpleMask<Unit>(text + offset, wanted) << offset;
+    if (mask != 0)
+        return text + LowestBit(mask);
+    u8 const* const next = text + BlockSize;
+    return FindSimpleFurther<Unit>(next - BytesBehind(next, VectorWidth), unit);
+}
+
+/// Both texts in one block each.
+VLM_KERNEL u64 FindInBlock(u8 const* text, u8 const* needle)
+{
+    constexpr u64 LastPlace = PageSize - BlockSize;
+    if (BytesBehind(text, PageSize) > LastPlace || BytesBehind(needle, PageSize) > LastPlace)
+        return Undecided;
+    u64 const textEnd = EqualBytes(text, CLanes8{});
+    u64 const needleEnd = EqualBytes(needle, CLanes8{});
+    u64 const high = (HighBytes(text) & BelowLowest(textEnd)) | (HighBytes(needle) & BelowLowest(needleEnd));
+    if (textEnd == 0 || needleEnd == 0 || high != 0)
+        return Undecided;
+    u64 const back = LowestBit(needleEnd) - 1;
+    u64 candidates = EqualBytes(text, Fill<u8>(needle[0])) & (EqualBytes(text, Fill<u8>(needle[back])) >> back) &
+                     BelowLowest(textEnd) >> back;
+    for (; candidates != 0; candidates &= candidates - 1) {
+        u64 const index = LowestBit(candidates);
+        if (std::memcmp(text + index, needle, back) == 0)
+            return index;
+    }
+    return ~u64{0};
+}
+
 // ---- ASCII case -----------------------------------------------------------------------------------------------------
 
 /// Lanes from `first` to `first + 25` have their bit 5 flipped.
@@ -221,19 +323,23 @@ VLM_KERNEL constexpr SKernels MakeKernels(ConvertKernel const (&convert)[3][3], 
     return {
         {GetTextSize<u8>, GetTextSize<u16>, GetTextSize<u32>},
         {MeasureText<SCharacters8>, MeasureText<SCharacters16>, CountUTF32},
-        {FindDifference<u8>, FindDifference<u16>, FindDifference<u32>},
+        {CompareUnits<u8>, CompareUnits<u16>, CompareUnits<u32>},
         {{nullptr, SkipSame<SUTF8, SUTF16>, SkipSame<SUTF8, SUTF32>},
          {nullptr, nullptr, SkipSame<SUTF16, SUTF32>},
          {nullptr, nullptr, nullptr}},
-        {{nullptr, GetSizeAs<SUnits8, SUTF16>, nullptr},
-         {GetSizeAs<SConvertedSize<SUTF16, SUTF8, 0x80, 0x800>, SUTF8>, nullptr, nullptr},
+        {{nullptr, GetSizeAs<SUnits8, SUTF16>, TextRules::GetConvertedSize<SUTF8, SUTF32>},
+         {GetSizeAs<SConvertedSize<SUTF16, SUTF8, 0x80, 0x800>, SUTF8>, nullptr,
+          TextRules::GetConvertedSize<SUTF16, SUTF32>},
          {GetSizeAs<SConvertedSize<SUTF32, SUTF8, 0x80, 0x800, 0x40000>, SUTF8>,
           GetSizeAs<SConvertedSize<SUTF32, SUTF16, 0xFFFF>, SUTF16>, nullptr}},
         {{convert[0][0], convert[0][1], convert[0][2]},
          {convert[1][0], convert[1][1], convert[1][2]},
-         {convert[2][0], convert[2][1], convert[2][2]}},
-        convertPlaneZero,
+         {convert[2][0] != nullptr ? convert[2][0] : TextRules::ConvertCharacters<SUTF32, SUTF8>,
+          convert[2][1] != nullptr ? convert[2][1] : TextRules::ConvertCharacters<SUTF32, SUTF16>, nullptr}},
+        convertPlaneZero != nullptr ? convertPlaneZero : TextRules::ConvertPlaneZeroUnits,
         {FindUnits<SUTF8>, FindUnits<SUTF16>, FindUnits<SUTF32>},
+        {FindSimple<u8>, FindSimple<u16>, FindSimple<u32>},
+        FindInBlock,
         {MapCase8, MapCaseOfUnits<u16>, MapCaseOfUnits<u32>},
     };
 }
