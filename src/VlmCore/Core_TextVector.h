@@ -165,46 +165,81 @@ VLM_SEPARATE u64 FindDifferencePlainly(u8 const* left, u8 const* right, u64 offs
 template <class Unit>
 VLM_KERNEL inline bool IsSameChunk(u8 const* left, u8 const* right)
 {
-    TLanes<Unit> different{};
     TLanes<Unit> least = Fill<Unit>(static_cast<Unit>(~Unit{0}));
+    if constexpr (VectorWidth == 64) {
+        // Differences are collected in one instruction; compilers would compare and join masks, which is slower.
+        TLanes<Unit> different{};
+        for (u64 offset = 0; offset < ChunkSize; offset += VectorWidth) {
+            TLanes<Unit> const units = LoadAround<Unit>(left + offset);
+            different |= units ^ LoadAround<Unit>(right + offset);
+            asm("" : "+v"(different));
+            least = Least(least, units);
+        }
+        return MaskWhere((different != TLanes<Unit>{}) | (least == TLanes<Unit>{})) == 0;
+    }
+    auto isSame = least == least;
     for (u64 offset = 0; offset < ChunkSize; offset += VectorWidth) {
         TLanes<Unit> const units = LoadAround<Unit>(left + offset);
-        different |= units ^ LoadAround<Unit>(right + offset);
+        isSame &= units == LoadAround<Unit>(right + offset);
         least = Least(least, units);
     }
-    return MaskWhere((different != TLanes<Unit>{}) | (least == TLanes<Unit>{})) == 0;
+    return !HasZero(least & reinterpret_cast<TLanes<Unit>>(isSame));
 }
 
-/// Byte offset of the first unit that differs or is a common terminator, for texts that are the same for a register. The
-/// left one is read at whole registers, so that only the right one can come to the end of its page in one.
+/// The same in a chunk that has such a unit.
+template <class Unit>
+VLM_KERNEL inline u64 FindDifferenceInChunk(u8 const* left, u8 const* right, u64 offset)
+{
+    for (;; offset += VectorWidth) {
+        if (u64 const mask = StopMask<Unit>(left + offset, right + offset); mask != 0)
+            return offset + LowestBit(mask);
+    }
+}
+
+/// The same from `offset` up to `stop`, within a page of the right text; `stop` when there is none.
+template <class Unit>
+VLM_KERNEL u64 FindDifferenceBefore(u8 const* left, u8 const* right, u64 offset, u64 stop)
+{
+    if (stop < VectorWidth)
+        return FindDifferencePlainly<Unit>(left, right, offset, stop);
+    while (offset < stop) {
+        u64 const place = std::min(offset, stop - VectorWidth);
+        if (u64 const mask = StopMask<Unit>(left + place, right + place); mask != 0)
+            return place + LowestBit(mask);
+        offset = place + VectorWidth;
+    }
+    return stop;
+}
+
+/// The same for texts that are alike for a register. From the first chunk of the left text on it is read at whole
+/// chunks, so that only the right one can come to the end of its page in one.
 template <class Unit>
 VLM_KERNEL VLM_SEPARATE u64 FindDifferenceFurther(u8 const* left, u8 const* right)
 {
-    u64 offset = VectorWidth - BytesBehind(left, VectorWidth);
-    for (;;) {
-        u64 const rightRest = BytesToPageEnd(right + offset);
-        u64 const rest = std::min(rightRest, BytesToPageEnd(left + offset));
-        u64 const stop = offset + rest / ChunkSize * ChunkSize;
-        for (; offset != stop; offset += ChunkSize) {
+    u64 offset = ChunkSize - BytesBehind(left, ChunkSize);
+    if (std::min(BytesToPageEnd(left), BytesToPageEnd(right)) >= ChunkSize) {
+        if (!IsSameChunk<Unit>(left, right))
+            return FindDifferenceInChunk<Unit>(left, right, 0);
+    }
+    else {
+        // Up to the end of the right text's page, and on from there.
+        u64 const stop = std::min(BytesToPageEnd(right), offset);
+        if (u64 const place = FindDifferenceBefore<Unit>(left, right, 0, stop); place != stop)
+            return place;
+        if (u64 const place = FindDifferenceBefore<Unit>(left, right, stop, offset); place != offset)
+            return place;
+    }
+    for (;; offset += ChunkSize) {
+        u64 const stop = offset + BytesToPageEnd(right + offset);
+        for (; stop - offset >= ChunkSize; offset += ChunkSize) {
             if (!IsSameChunk<Unit>(left + offset, right + offset))
-                break;
+                return FindDifferenceInChunk<Unit>(left, right, offset);
         }
-        if (rest >= ChunkSize && offset == stop)
-            continue;
-        if (rightRest < VectorWidth) {
-            // Where the right text goes on to the end of its page, it may be read across.
-            u64 const end = offset + rightRest;
-            if (end < VectorWidth) {
-                if (u64 const place = FindDifferencePlainly<Unit>(left, right, offset, end); place != end)
-                    return place;
-            }
-            else if (u64 const mask = StopMask<Unit>(left + end - VectorWidth, right + end - VectorWidth); mask != 0) {
-                return end - VectorWidth + LowestBit(mask);
-            }
-        }
-        if (u64 const mask = StopMask<Unit>(left + offset, right + offset); mask != 0)
-            return offset + LowestBit(mask);
-        offset += VectorWidth;
+        // Where the right text goes on to the end of its page, it may be read across.
+        if (u64 const place = FindDifferenceBefore<Unit>(left, right, offset, stop); place != stop)
+            return place;
+        if (!IsSameChunk<Unit>(left + offset, right + offset))
+            return FindDifferenceInChunk<Unit>(left, right, offset);
     }
 }
 
