@@ -153,25 +153,24 @@ VLM_KERNEL inline u32 GetCovered(u32 surrogates)
     return (evenPlaces ^ (oddBeginnings + surrogates) << 1) & following;
 }
 
-/// Writes the characters of a block of UTF-16 that begin at `starts`, sixteen at a time.
-VLM_KERNEL inline u8* WritePairs(u8* out, __m512i units, u32 starts, u32 openers)
+/// Writes the first `count` of the characters of a block of UTF-16 that begin at `starts`, sixteen at a time.
+VLM_KERNEL inline u8* WritePairs(u8* out, __m512i units, u32 starts, u64 count)
 {
     __m512i const next = _mm512_maskz_compress_epi16(0xFFFFFFFE, units);
     __m512i first = _mm512_maskz_compress_epi16(starts, units);
     __m512i second = _mm512_maskz_compress_epi16(starts, next);
-    u32 pairs = _pext_u32(openers, starts);
-    for (u64 count = CountBits(starts);; count -= 16) {
+    for (;; count -= 16) {
         __m512i const lead = _mm512_cvtepu16_epi32(_mm512_castsi512_si256(first));
         __m512i const trail = _mm512_cvtepu16_epi32(_mm512_castsi512_si256(second));
         __m512i const joined = _mm512_or_si512(_mm512_slli_epi32(_mm512_and_si512(lead, Fill32(0x7FF)), 9),
                                                _mm512_and_si512(trail, Fill32(0x3FF)));
-        out = WriteUTF8<true>(out, _mm512_mask_mov_epi32(lead, static_cast<__mmask16>(pairs), joined),
+        __mmask16 const isPair = _mm512_cmpeq_epi32_mask(_mm512_and_si512(lead, Fill32(0xF800)), Fill32(0xD800));
+        out = WriteUTF8<true>(out, _mm512_mask_mov_epi32(lead, isPair, joined),
                               static_cast<u32>(BitsBelow(std::min<u64>(count, 16))));
         if (count <= 16)
             return out;
         first = _mm512_castsi256_si512(_mm512_extracti64x4_epi64(first, 1));
         second = _mm512_castsi256_si512(_mm512_extracti64x4_epi64(second, 1));
-        pairs >>= 16;
     }
 }
 
@@ -216,7 +215,7 @@ VLM_KERNEL u8* Convert16To8(u8 const* in, u64 count, u8* out)
         if (starts == 0 || (zeros & covered & BitsBelow(end)) != 0)
             state.Take(ConvertPlainly16To8<false>(in, out, std::min<u64>(count, 8)));
         else
-            state.Go(2 * end, WritePairs(out, units, static_cast<u32>(starts), openers), CountBits(starts));
+            state.Go(2 * end, WritePairs(out, units, ~covered, CountBits(starts)), CountBits(starts));
     }
     return out;
 }
@@ -278,23 +277,11 @@ VLM_KERNEL inline __m512i Join(__m256i firstBytes, __m256i secondBytes, __m256i 
     return _mm512_mask_mov_epi16(joined, _mm512_cmpge_epu16_mask(first, Fill16(0xE0)), three);
 }
 
-/// The bytes of a block, and those one and two places further on: at the same places, or at places `shift` further on for
-/// each of them.
-struct SBlock8 {
-    __m512i bytes;
-    __m512i next1;
-    __m512i next2;
-    u32 shift;
-};
-
-/// Converts the characters that begin at `starts`, three bytes each at the most; null when one of them is two units.
+/// Writes the first `count` of 64 characters of three bytes at the most, whose first, second and third bytes are given;
+/// null when one of them is two units.
 template <class To>
-VLM_KERNEL inline u8* ConvertShort(u8* out, SBlock8 const& block, u64 starts)
+VLM_KERNEL inline u8* WriteJoined(u8* out, __m512i first, __m512i second, __m512i third, u64 count)
 {
-    u64 const count = CountBits(starts);
-    __m512i const first = _mm512_maskz_compress_epi8(starts, block.bytes);
-    __m512i const second = _mm512_maskz_compress_epi8(starts << block.shift, block.next1);
-    __m512i const third = _mm512_maskz_compress_epi8(starts << 2 * block.shift, block.next2);
     __m512i const units =
         Join(_mm512_castsi512_si256(first), _mm512_castsi512_si256(second), _mm512_castsi512_si256(third));
     if (To::UnitSize == 2 && _mm512_cmpeq_epi16_mask(units, Fill16(0xFFFF)) != 0)
@@ -309,29 +296,34 @@ VLM_KERNEL inline u8* ConvertShort(u8* out, SBlock8 const& block, u64 starts)
     return WriteUnits<To>(end, more, count - 32);
 }
 
+/// The places of a block that are chosen, from the front on.
+VLM_KERNEL inline __m512i TakePlaces(__mmask64 chosen)
+{
+    return _mm512_maskz_compress_epi8(
+        chosen, _mm512_set_epi64(0x3F3E3D3C3B3A3938, 0x3736353433323130, 0x2F2E2D2C2B2A2928, 0x2726252423222120,
+                                 0x1F1E1D1C1B1A1918, 0x1716151413121110, 0x0F0E0D0C0B0A0908, 0x0706050403020100));
+}
+
 /// For each upper half of a lead byte: how far a character of four bytes at the most, whose lead byte stands highest in
 /// a lane, lies too high, and the bits of it that count.
 alignas(64) constexpr u32 LongShifts[16] = {24, 24, 24, 24, 24, 24, 24, 24, 24, 24, 24, 24, 16, 16, 8, 0};
 alignas(64) constexpr u32 LongBits[16] = {0x7F, 0x7F, 0x7F, 0x7F, 0x7F,   0x7F,   0x7F,     0x7F,
                                           0,    0,    0,    0,    0x1F3F, 0x1F3F, 0x0F3F3F, 0x0F3F3F3F};
 
-/// Converts the characters of any size that begin at `starts` of a block, which go on in another one.
+/// Converts the first `count` of the characters of any size that begin at the given places of a block, which goes on in
+/// another one.
 template <class To>
-VLM_KERNEL inline u8* ConvertLong(u8* out, __m512i block, __m512i following, u64 starts)
+VLM_KERNEL inline u8* ConvertLong(u8* out, __m512i block, __m512i following, __m512i places, u64 count)
 {
-    __m512i const places =
-        _mm512_set_epi64(0x3F3E3D3C3B3A3938, 0x3736353433323130, 0x2F2E2D2C2B2A2928, 0x2726252423222120,
-                         0x1F1E1D1C1B1A1918, 0x1716151413121110, 0x0F0E0D0C0B0A0908, 0x0706050403020100);
     // Each place four times, and from there on the places of four bytes, the first one highest.
     __m512i const fourTimes =
-        _mm512_shuffle_epi8(_mm512_cvtepu8_epi32(_mm512_castsi512_si128(places)),
-                            _mm512_broadcast_i32x4(_mm_setr_epi8(0, 0, 0, 0, 4, 4, 4, 4, 8, 8, 8, 8, 12, 12, 12, 12)));
+        _mm512_set_epi64(0x0F0F0F0F0E0E0E0E, 0x0D0D0D0D0C0C0C0C, 0x0B0B0B0B0A0A0A0A, 0x0909090908080808,
+                         0x0707070706060606, 0x0505050504040404, 0x0303030302020202, 0x0101010100000000);
     __m512i const onward = Fill32(0x00010203);
     __m512i const shifts = _mm512_load_si512(LongShifts);
     __m512i const bits = _mm512_load_si512(LongBits);
-    __m512i compressed = _mm512_maskz_compress_epi8(starts, places);
-    for (u64 count = CountBits(starts);; count -= 16) {
-        __m512i const from = _mm512_add_epi8(_mm512_permutexvar_epi8(fourTimes, compressed), onward);
+    for (;; count -= 16) {
+        __m512i const from = _mm512_add_epi8(_mm512_permutexvar_epi8(fourTimes, places), onward);
         __m512i const bytes = _mm512_permutex2var_epi8(block, from, following);
         __m512i const lead = _mm512_srli_epi32(bytes, 28);
         __m512i const aligned = _mm512_srlv_epi32(bytes, _mm512_permutexvar_epi32(lead, shifts));
@@ -345,8 +337,19 @@ VLM_KERNEL inline u8* ConvertLong(u8* out, __m512i block, __m512i following, u64
             out = StoreFirst(out, joined, 4 * some);
         if (count <= 16)
             return out;
-        compressed = _mm512_shuffle_i64x2(compressed, compressed, 0x39);
+        places = _mm512_shuffle_i64x2(places, places, 0x39);
     }
+}
+
+/// The same for characters of three bytes at the most in one block; null when one of them is two units.
+template <class To>
+VLM_KERNEL inline u8* ConvertShort(u8* out, __m512i block, __m512i places, u64 count)
+{
+    __m512i const one = _mm512_set1_epi8(1);
+    __m512i const places1 = _mm512_add_epi8(places, one);
+    __m512i const places2 = _mm512_add_epi8(places1, one);
+    return WriteJoined<To>(out, _mm512_permutexvar_epi8(places, block), _mm512_permutexvar_epi8(places1, block),
+                           _mm512_permutexvar_epi8(places2, block), count);
 }
 
 template <class To>
@@ -376,23 +379,30 @@ VLM_KERNEL VLM_SEPARATE SConverted ConvertBlocks(u8 const* in, u64 const most, u
     u64 carried = 0;
     u64 count = most;
     for (; count >= 2 * BlockSize; in += BlockSize) {
-        SBlock8 const block = {LoadFirst(in, BlockSize), LoadFirst(in + 1, BlockSize), LoadFirst(in + 2, BlockSize), 0};
-        if ((static_cast<u64>(_mm512_movepi8_mask(block.bytes)) | carried) == 0) {
-            out = WidenASCII<To>(out, block.bytes, BlockSize);
+        __m512i const block = LoadFirst(in, BlockSize);
+        if ((static_cast<u64>(_mm512_movepi8_mask(block)) | carried) == 0) {
+            out = WidenASCII<To>(out, block, BlockSize);
             count -= BlockSize;
             continue;
         }
-        SBytes const bytes = Classify(block.bytes);
+        SBytes const bytes = Classify(block);
         u64 const carriedOn = bytes.GetCarried();
-        u64 const following =
-            static_cast<u64>(_mm512_cmplt_epi8_mask(LoadFirst(in + 3, BlockSize), _mm512_set1_epi8(-64))) >>
-            (BlockSize - 3);
+        u64 const following = static_cast<u64>(_mm512_cmplt_epi8_mask(LoadFirst(in + 3, BlockSize),
+                                                                      _mm512_set1_epi8(-64))) >>
+                              (BlockSize - 3);
         if (bytes.continuation != (bytes.GetCovered() | carried) || (carriedOn & ~following) != 0)
             break;
         u64 const starts = ~bytes.continuation;
-        u8* const end = bytes.four != 0 ? nullptr : ConvertShort<To>(out, block, starts);
-        out = end != nullptr ? end : ConvertLong<To>(out, block.bytes, LoadFirst(in + BlockSize, BlockSize), starts);
-        count -= CountBits(starts);
+        u64 const taken = CountBits(starts);
+        u8* end = nullptr;
+        if (bytes.four == 0)
+            end = WriteJoined<To>(out, _mm512_maskz_compress_epi8(starts, block),
+                                  _mm512_maskz_compress_epi8(starts, LoadFirst(in + 1, BlockSize)),
+                                  _mm512_maskz_compress_epi8(starts, LoadFirst(in + 2, BlockSize)), taken);
+        if (end == nullptr)
+            end = ConvertLong<To>(out, block, LoadFirst(in + BlockSize, BlockSize), TakePlaces(starts), taken);
+        out = end;
+        count -= taken;
         carried = carriedOn;
     }
     return {in + CountBits(carried), out, most - count};
@@ -413,6 +423,8 @@ VLM_KERNEL u8* ConvertFrom8(u8 const* in, u64 count, u8* out)
             state.Go(most, WidenASCII<To>(out, block, most), most);
             continue;
         }
+        // All places, whether or not they are wanted: what is written is counted meanwhile.
+        __m512i const places = TakePlaces(_mm512_cmpgt_epi8_mask(block, _mm512_set1_epi8(-65)));
         u64 const ends = LowestBits(bytes.GetEnds() & BitsBelow(readable), count);
         u64 const size = 64 - static_cast<u64>(std::countl_zero(ends));
         u64 const whole = BitsBelow(size);
@@ -420,13 +432,12 @@ VLM_KERNEL u8* ConvertFrom8(u8 const* in, u64 count, u8* out)
             state.Take(ConvertPlainly<SUTF8, To>(in, out, std::min<u64>(count, 16)));
             continue;
         }
-        u64 const starts = ~bytes.continuation & whole;
-        u64 const taken = CountBits(starts);
+        u64 const taken = CountBits(ends);
         u8* end = nullptr;
         if (taken > 16 && (bytes.four & whole) == 0)
-            end = ConvertShort<To>(out, {block, block, block, 1}, starts);
+            end = ConvertShort<To>(out, block, places, taken);
         if (end == nullptr)
-            end = ConvertLong<To>(out, block, block, starts);
+            end = ConvertLong<To>(out, block, block, places, taken);
         state.Go(size, end, taken);
     }
     return out;
