@@ -77,15 +77,22 @@ u64 IString::ConvertUTF32(void const* source, void* destination, u64 count, EStr
 
 void IString::CopyAs(EStringEncoding::Type target, void* destination, bool planeZeroOnly) const
 {
+    if (m_data == nullptr || destination == nullptr)
+        return;
     // ConvertUTF32 takes an unknown target for UTF-16; here it is UTF-32, as everywhere else.
-    EStringEncoding::Type const known = Normalize(target);
-    u64 const length = known == Normalize(m_encoding) ? 0 : GetLength();
-    if (m_encoding == EStringEncoding::UTF8)
-        ConvertUTF8(m_data, destination, length, known);
-    else if (m_encoding == EStringEncoding::UTF16)
-        ConvertUTF16(m_data, destination, length, known, planeZeroOnly);
-    else
-        ConvertUTF32(m_data, destination, length, known);
+    Dispatch(m_encoding, [&](auto from) {
+        Dispatch(target, [&](auto to) {
+            using From = decltype(from);
+            using To = decltype(to);
+            u8* const out = static_cast<u8*>(destination);
+            if constexpr (From::Encoding == To::Encoding)
+                CopyWhole<From>(m_data, destination);
+            else if (From::UnitSize == 2 && To::UnitSize == 1 && planeZeroOnly)
+                Store(Text::ConvertPlaneZeroUnits(AsBytes(m_data), GetLength(), out), typename To::Unit{0});
+            else
+                Store(Text::ConvertCharacters<From, To>(AsBytes(m_data), GetLength(), out), typename To::Unit{0});
+        });
+    });
 }
 
 } // namespace Velmor

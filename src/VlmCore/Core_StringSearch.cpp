@@ -28,9 +28,10 @@ Result WithBoth(IString const& text, IString const& other, Result otherwise, Act
 template <class Rules>
 bool IsOneUnit(u32 codePoint)
 {
-    return codePoint != 0 && (Rules::UnitSize == 1   ? codePoint < 0x80
-                              : Rules::UnitSize == 2 ? codePoint <= 0xFFFF && !SUTF16::OpensPair(static_cast<u16>(codePoint))
-                                                     : true);
+    return codePoint != 0 &&
+           (Rules::UnitSize == 1   ? codePoint < 0x80
+            : Rules::UnitSize == 2 ? codePoint <= 0xFFFF && !SUTF16::OpensPair(static_cast<u16>(codePoint))
+                                   : true);
 }
 
 /// True when the characters from `place` on begin with those of `other`, neither cut differently: unit by unit in one

@@ -305,9 +305,9 @@ VLM_KERNEL u8* Convert32To16(u8 const* in, u64 count, u8* out)
 } // namespace
 
 constinit SKernels const AVX2Kernels = MakeKernels({{nullptr, ConvertFrom8<SUTF16>, ConvertFrom8<SUTF32>},
-                                          {Convert16To8<false>, nullptr, Convert16To32},
-                                          {Convert32To8, Convert32To16, nullptr}},
-                                         Convert16To8<true>);
+                                                    {Convert16To8<false>, nullptr, Convert16To32},
+                                                    {Convert32To8, Convert32To16, nullptr}},
+                                                   Convert16To8<true>);
 
 } // namespace Velmor::TextKernels
 

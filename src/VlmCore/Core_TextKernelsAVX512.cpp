@@ -245,6 +245,8 @@ VLM_KERNEL inline u8* WriteUTF16(u8* out, __m512i codePoints, u64 count)
         _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi32(codePoints, 10), Fill32(0xFFFF)), Fill32(0xD800));
     __m512i const low = _mm512_slli_epi32(_mm512_or_si512(codePoints, Fill32(0xDC00)), 16);
     __m512i const units = _mm512_mask_or_epi32(codePoints, two, high, low);
+    if (two == wanted)
+        return StoreFirst(out, units, 4 * count);
     __m512i const sizes =
         _mm512_mask_mov_epi32(_mm512_maskz_mov_epi32(wanted, Fill32(0x00008000)), two, Fill32(0x80008000));
     __mmask32 const kept = _mm512_movepi16_mask(sizes);
@@ -387,9 +389,9 @@ VLM_KERNEL VLM_SEPARATE SConverted ConvertBlocks(u8 const* in, u64 const most, u
         }
         SBytes const bytes = Classify(block);
         u64 const carriedOn = bytes.GetCarried();
-        u64 const following = static_cast<u64>(_mm512_cmplt_epi8_mask(LoadFirst(in + 3, BlockSize),
-                                                                      _mm512_set1_epi8(-64))) >>
-                              (BlockSize - 3);
+        u64 const following =
+            static_cast<u64>(_mm512_cmplt_epi8_mask(LoadFirst(in + 3, BlockSize), _mm512_set1_epi8(-64))) >>
+            (BlockSize - 3);
         if (bytes.continuation != (bytes.GetCovered() | carried) || (carriedOn & ~following) != 0)
             break;
         u64 const starts = ~bytes.continuation;
@@ -470,9 +472,9 @@ VLM_KERNEL u8* Convert32To16(u8 const* in, u64 count, u8* out)
 } // namespace
 
 constinit SKernels const AVX512Kernels = MakeKernels({{nullptr, ConvertFrom8<SUTF16>, ConvertFrom8<SUTF32>},
-                                            {Convert16To8<false>, nullptr, Convert16To32},
-                                            {Convert32To8, Convert32To16, nullptr}},
-                                           Convert16To8<true>);
+                                                      {Convert16To8<false>, nullptr, Convert16To32},
+                                                      {Convert32To8, Convert32To16, nullptr}},
+                                                     Convert16To8<true>);
 
 } // namespace Velmor::TextKernels
 

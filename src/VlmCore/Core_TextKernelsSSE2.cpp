@@ -118,9 +118,9 @@ u8* Convert16To32(u8 const* in, u64 count, u8* out)
 } // namespace
 
 constinit SKernels const SSE2Kernels = MakeKernels({{nullptr, ConvertFrom8<SUTF16>, ConvertFrom8<SUTF32>},
-                                          {Convert16To8, nullptr, Convert16To32},
-                                          {nullptr, nullptr, nullptr}},
-                                         nullptr);
+                                                    {Convert16To8, nullptr, Convert16To32},
+                                                    {nullptr, nullptr, nullptr}},
+                                                   nullptr);
 
 } // namespace Velmor::TextKernels
 

@@ -114,7 +114,8 @@ struct SUnits8 : SMeasure8 {
             u64 const leads = (EqualBytes(block, Fill<u8>(0xEF)) | EqualBytes(block, Fill<u8>(0xF0))) & bytes.three;
             u64 const first = carried & -carried; // where the block is read from, when a character goes on there
             u8 const before = carried != 0 ? block[static_cast<i64>(LowestBit(first)) - 1] : u8{0};
-            irregular |= (leads << 1 | (before == 0xEF || before == 0xF0 ? first : 0)) & (EqualBytes(block, Fill<u8>(0xBF)) | BytesBelow(block, 0x90));
+            irregular |= (leads << 1 | (before == 0xEF || before == 0xF0 ? first : 0)) &
+                         (EqualBytes(block, Fill<u8>(0xBF)) | BytesBelow(block, 0x90));
         }
         u64 const amount = CountBits(~bytes.continuation & inText) + CountBits(bytes.four & inText);
         // The terminator counts as a byte below 90: what it cuts short may be smaller, too.

@@ -230,9 +230,8 @@ VLM_KERNEL u8 const* FindSimple(u8 const* text, u32 unit)
     if (BytesBehind(text, PageSize) > PageSize - BlockSize || BytesBehind(text, sizeof(Unit)) != 0) {
         // Never aligned: never stopped.
         bool const isAligned = BytesBehind(text, sizeof(Unit)) == 0;
-        return FindSimplePlainly<Unit>(text, unit,
-                                       isAligned ? text + BytesToPageEnd(text)
-                                                 : reinterpret_cast<u8 const*>(~std::uintptr_t{0}));
+        return FindSimplePlainly<Unit>(
+            text, unit, isAligned ? text + BytesToPageEnd(text) : reinterpret_cast<u8 const*>(~std::uintptr_t{0}));
     }
     TLanes<Unit> const wanted = Fill<Unit>(static_cast<Unit>(unit));
     u64 mask = 0;
