@@ -364,6 +364,112 @@ TEST_P(CStringKernels, EverySurrogateRun)
     }
 }
 
+// Every length around that of a block, in every flavour, with the last byte in front of the end of its memory, the first
+// byte at its beginning, and an odd place between: what short texts take, and where they hand over to the long ways.
+TEST_P(CStringKernels, EveryShortLength)
+{
+    std::mt19937 random(12);
+    for (EStringEncoding::Type const encoding : AllEncodings) {
+        u64 const unitSize = Encodings::GetUnitSize(encoding);
+        for (unsigned flavour = 0; flavour < Flavours; ++flavour) {
+            for (u64 length = 0; length <= 70; ++length) {
+                SCOPED_TRACE(testing::Message()
+                             << "encoding " << encoding << " flavour " << flavour << " length " << length);
+                std::vector<u8> const bytes = MakeText(random, encoding, flavour, length);
+                u64 const shift = unitSize * (1 + length % 67);
+                u8* const shifted = m_text.TakeTail(bytes.size() + shift);
+                for (u8* const place : {m_text.TakeTail(bytes.size()), m_text.GetBegin(), shifted}) {
+                    std::memcpy(place, bytes.data(), bytes.size());
+                    CString const text(place, encoding);
+                    for (EStringEncoding::Type const target : AllEncodings) {
+                        auto const measures = Both([&] {
+                            return std::vector<u64>{text.GetLength(), text.GetAllocatedSize(),
+                                                    text.GetAllocatedSizeAs(target)};
+                        });
+                        ASSERT_EQ(measures.first, measures.second) << "as " << target;
+                        // To the end of memory, and from its beginning on: nothing in front of it may be written.
+                        for (bool const atEnd : {false, true}) {
+                            auto const copies = Both([&] {
+                                u64 const size = measures.first[2];
+                                u8* const out = atEnd ? m_out.TakeTail(size) : m_out.GetBegin();
+                                std::memset(out, 0xCD, size);
+                                text.CopyAs(target, out, false);
+                                return std::vector<u8>(out, out + size);
+                            });
+                            ASSERT_EQ(copies.first, copies.second) << "as " << target;
+                        }
+                    }
+                }
+            }
+        }
+    }
+}
+
+// Equality, order and searches of short texts at every distance of one from the other and from the ends of memory.
+TEST_P(CStringKernels, EveryShortPair)
+{
+    std::mt19937 random(13);
+    for (EStringEncoding::Type const encoding : AllEncodings) {
+        u64 const unitSize = Encodings::GetUnitSize(encoding);
+        for (u64 length = 0; length <= 140; length += length < 70 ? 1 : 7) {
+            std::vector<u8> const bytes = MakeText(random, encoding, 6, length);
+            u8* const begin = m_text.GetBegin();
+            std::memcpy(begin, bytes.data(), bytes.size());
+            for (u64 change = 0; change <= length; change += 1 + length / 9) {
+                std::vector<u8> other = bytes;
+                other[change * unitSize] = static_cast<u8>(other[change * unitSize] + 1);
+                if (change == length)
+                    other.resize(other.size() + unitSize);
+                CString const end(m_other.PlaceAtEnd(other.data(), other.size()), encoding);
+                for (u64 const shift : {u64{0}, unitSize, 3 * unitSize, 63 * unitSize}) {
+                    u8* const place = m_text.TakeTail(bytes.size() + shift);
+                    std::memcpy(place, bytes.data(), bytes.size());
+                    CString const text(place, encoding);
+                    CString const same(begin, encoding);
+                    ASSERT_TRUE(text == same) << length << ' ' << shift;
+                    ASSERT_FALSE(text < same) << length << ' ' << shift;
+                    ASSERT_FALSE(text == end) << length << ' ' << change << ' ' << shift;
+                    ASSERT_TRUE(text < end) << length << ' ' << change << ' ' << shift;
+                    ASSERT_TRUE(end > text) << length << ' ' << change << ' ' << shift;
+                    auto const found = Both([&] {
+                        return std::vector<u64>{text.Find('a'), text.Find('b'), text.Find('d'),    text.Find("ab"),
+                                                text.Find(end), end.Find(text), text.Find("abca"), text.Find(0xE9)};
+                    });
+                    ASSERT_EQ(found.first, found.second) << length << ' ' << change << ' ' << shift;
+                }
+            }
+        }
+    }
+}
+
+// One unit and a few in front of the end of memory, with one character of another kind at every place.
+TEST_P(CStringKernels, SearchesAroundOtherCharacters)
+{
+    for (EStringEncoding::Type const encoding : AllEncodings) {
+        for (u64 length = 1; length <= 150; length += length < 70 ? 1 : 9) {
+            for (u64 place = 0; place < length; place += 1 + length / 11) {
+                for (u32 const kind : {0x20ACu, 0xE9u, 0xFFFFu, u32{'a'}, u32{'#'}}) {
+                    std::vector<u8> bytes;
+                    for (u64 index = 0; index < length; ++index) {
+                        u8 buffer[8];
+                        u32 const codePoint = index == place ? kind : index + 1 == length ? '#' : 'a' + index % 7;
+                        u8* const end =
+                            Encodings::Dispatch(encoding, [&](auto rules) { return rules.Write(codePoint, buffer); });
+                        bytes.insert(bytes.end(), buffer, end);
+                    }
+                    bytes.resize(bytes.size() + Encodings::GetUnitSize(encoding));
+                    CString const text(m_text.PlaceAtEnd(bytes.data(), bytes.size()), encoding);
+                    auto const found = Both([&] {
+                        return std::vector<u64>{text.Find('#'),  text.Find('g'),  text.Find('z'),  text.Find(kind),
+                                                text.Find("g#"), text.Find(u"#"), text.Find("#a"), text.Find("fgab")};
+                    });
+                    ASSERT_EQ(found.first, found.second) << encoding << ' ' << length << ' ' << place << ' ' << kind;
+                }
+            }
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Sets, CStringKernels,
                          ::testing::Values(ELevel::Plain, ELevel::SSE2, ELevel::AVX2, ELevel::AVX512),
                          [](auto const& instance) {
