@@ -6,6 +6,7 @@
 #include "support/Folders.h"
 
 #include <vlmcore/archives.h>
+#include <vlmcore/xml_stream.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -116,6 +117,44 @@ TEST(ResourceArchive, NameIsBuiltOnce)
         thread.join();
     for (IString const* const name : names)
         EXPECT_EQ(name, names[0]);
+}
+
+TEST(ResourceArchive, SeveralThreadsReadOneArchive)
+{
+    CFolderBeside const beside;
+    CResourceArchive resources;
+    std::u16string const folderText = TestSupport::ToText(beside.Path());
+    CFolderArchive folder{CString(folderText)};
+    CArchiveCollection all("all");
+    all.Add(folder);
+    all.Add(resources);
+    std::vector<std::thread> threads;
+    std::vector<int> failures(4);
+    for (int& failed : failures)
+        threads.emplace_back([&all, &failed] {
+            for (int round = 0; round < 20; ++round) {
+                TResourcePtr<IFile> const resource = all.OpenFile(":RCDATA/101", EFileOpen::Read);
+                TResourcePtr<IFile> const file = all.OpenFile("inner\\two.txt", EFileOpen::Read);
+                failed += !resource || ReadAll(*resource) != SampleData;
+                failed += !file || ReadAll(*file) != "two";
+                failed += all.Contains("inner\\three.txt") || !all.Contains(u":MYDATA/300");
+                TVector<CMutableString, 1> files;
+                TVector<CMutableString, 1> folders;
+                all.List("inner", files, folders);
+                failed += files.GetCount() != 1 || folders.GetCount() != 1;
+                files.Clear();
+                all.archives[1]->List("beside", files, folders);
+                failed += files.GetCount() != 13; // ten resources, three files
+                unsigned attributes = 0;
+                CXMLStream stream;
+                stream.OnAttribute = [&attributes](TPair<CString, CString> const&) { ++attributes; };
+                TResourcePtr<IFile> const document = all.OpenFile(":24/6", EFileOpen::Read);
+                failed += !document || !ReadXML(*document, stream, 8).complete || attributes != 2;
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures, std::vector<int>(4));
 }
 
 TEST(ResourceArchive, OneResourceHasSeveralPaths)
