@@ -53,34 +53,78 @@ bool MakeJunction(fs::path const& target, fs::path const& link)
     return made;
 }
 
-// Where Windows calls run on another system, that system's own tool makes its own kind of link.
-bool MakeHostLink(fs::path const& target, fs::path const& link)
+// Where Windows calls run on another system: that system's name of a path. Empty on Windows itself.
+std::wstring ToHostName(fs::path const& path)
 {
-    using ToHostName = char*(CDECL*)(wchar_t const*);
-    auto const toHostName = reinterpret_cast<ToHostName>(
+    using Convert = char*(CDECL*)(wchar_t const*);
+    auto const convert = reinterpret_cast<Convert>(
         reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
-    if (toHostName == nullptr)
-        return false;
-    auto const hostName = [toHostName](fs::path const& path) {
-        char* const text = toHostName(path.c_str());
-        std::string const copy = text != nullptr ? text : "";
-        ::HeapFree(::GetProcessHeap(), 0, text);
-        return fs::path(copy).wstring();
-    };
-    std::wstring command = L"Z:\\bin\\ln -s \"" + hostName(target) + L"\" \"" + hostName(link.parent_path()) + L"/" +
-                           link.filename().wstring() + L"\"";
+    if (convert == nullptr)
+        return {};
+    char* const text = convert(path.c_str());
+    std::string const copy = text != nullptr ? text : "";
+    ::HeapFree(::GetProcessHeap(), 0, text);
+    return fs::path(copy).wstring();
+}
+
+// Runs a tool of that system, and waits until it has made `isDone` true.
+template <class Condition>
+bool RunHostTool(std::wstring const& name, std::wstring const& arguments, Condition const& isDone)
+{
+    std::wstring const program = L"Z:\\bin\\" + name;
+    std::wstring command = program + L" " + arguments;
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process;
-    if (::CreateProcessW(L"Z:\\bin\\ln", command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+    if (::CreateProcessW(program.c_str(), command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
                          &process) == FALSE)
         return false;
     ::WaitForSingleObject(process.hProcess, 10000);
     ::CloseHandle(process.hThread);
     ::CloseHandle(process.hProcess);
-    for (int attempt = 0; attempt < 200 && ::GetFileAttributesW(link.c_str()) == INVALID_FILE_ATTRIBUTES; ++attempt)
+    for (int attempt = 0; attempt < 200 && !isDone(); ++attempt)
         ::Sleep(10); // the tool may run on after its stand-in process has ended
-    return ::GetFileAttributesW(link.c_str()) != INVALID_FILE_ATTRIBUTES;
+    return isDone();
+}
+
+bool Exists(std::wstring const& path)
+{
+    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+// That system's own tool makes its own kind of link.
+bool MakeHostLink(fs::path const& target, fs::path const& link)
+{
+    std::wstring const targetName = ToHostName(target);
+    std::wstring const folderName = ToHostName(link.parent_path());
+    if (targetName.empty() || folderName.empty())
+        return false;
+    return RunHostTool(L"ln", L"-s \"" + targetName + L"\" \"" + folderName + L"/" + link.filename().wstring() + L"\"",
+                       [&] { return Exists(link.wstring()); });
+}
+
+// Windows calls do not see such a link: they would go through it, and cannot remove it.
+void RemoveHostTree(fs::path const& path)
+{
+    std::wstring const name = ToHostName(path);
+    if (name.size() > 1)
+        (void)RunHostTool(L"rm", L"-rf \"" + name + L"\"", [&] { return !Exists(path.wstring()); });
+}
+
+void RemoveTreeByCalls(std::wstring const& path)
+{
+    WIN32_FIND_DATAW entry;
+    HANDLE const listing = IsLink(path) ? INVALID_HANDLE_VALUE : ::FindFirstFileW((path + L"\\*").c_str(), &entry);
+    if (listing != INVALID_HANDLE_VALUE) {
+        do {
+            std::wstring const name = entry.cFileName;
+            if (name != L"." && name != L"..")
+                RemoveTreeByCalls(path + L"\\" + name);
+        } while (::FindNextFileW(listing, &entry) != FALSE);
+        ::FindClose(listing);
+    }
+    if (::DeleteFileW(path.c_str()) == FALSE)
+        ::RemoveDirectoryW(path.c_str());
 }
 
 } // namespace
@@ -120,19 +164,11 @@ void RemoveTree(fs::path const& path)
 {
     std::wstring const text = path.wstring();
     std::wstring const prefixed = text.starts_with(L"\\\\?\\") ? text : L"\\\\?\\" + text;
-    WIN32_FIND_DATAW entry;
-    HANDLE const listing =
-        IsLink(prefixed) ? INVALID_HANDLE_VALUE : ::FindFirstFileW((prefixed + L"\\*").c_str(), &entry);
-    if (listing != INVALID_HANDLE_VALUE) {
-        do {
-            std::wstring const name = entry.cFileName;
-            if (name != L"." && name != L"..")
-                RemoveTree(prefixed + L"\\" + name);
-        } while (::FindNextFileW(listing, &entry) != FALSE);
-        ::FindClose(listing);
-    }
-    if (::DeleteFileW(prefixed.c_str()) == FALSE)
-        ::RemoveDirectoryW(prefixed.c_str());
+    if (!linksAreNative)
+        RemoveHostTree(path);
+    RemoveTreeByCalls(prefixed);
+    if (Exists(prefixed))
+        RemoveHostTree(path); // a link is left of another program
 }
 
 std::u16string UseDocumentsFolder(fs::path const&)
