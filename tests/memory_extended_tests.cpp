@@ -6,10 +6,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace Velmor;
@@ -70,6 +72,53 @@ protected:
 
     std::vector<void*> m_blocks;
 };
+
+// Frees of a container's elements come in the order of its keys, say; the next container is not to pay for it.
+TEST_F(ExtendedHeap, BlocksAllocatedTogetherLieTogetherWhateverTheOrderOfTheReleasesWas)
+{
+    constexpr u64 Count = 20000;
+    Fill(Count, 64);
+    std::shuffle(m_blocks.begin(), m_blocks.end(), std::mt19937(3));
+    Empty();
+    Fill(Count, 64);
+    u64 neighbours = 0;
+    for (u64 index = 1; index < Count; ++index)
+        neighbours += static_cast<u8*>(m_blocks[index]) == static_cast<u8*>(m_blocks[index - 1]) + 64 ? 1 : 0;
+    // All but those at the ends of the chunks and the few that a thread has at hand.
+    EXPECT_GT(neighbours, Count * 95 / 100);
+    EXPECT_EQ(GetStatistics().pools[0].classes[3].chunkCount, (Count + 255) / 256);
+    Empty();
+}
+
+TEST_F(ExtendedHeap, PurgeGivesBackEveryChunkWithoutABlockInUse)
+{
+    constexpr u64 Count = 20000;
+    Fill(Count, 64);
+    // Every chunk of 256 blocks keeps one, then none.
+    std::vector<void*> kept;
+    for (u64 index = 100; index < Count; index += 256)
+        kept.push_back(std::exchange(m_blocks[index], nullptr));
+    std::shuffle(m_blocks.begin(), m_blocks.end(), std::mt19937(4));
+    Empty();
+    Memory::Purge();
+    EXPECT_EQ(GetStatistics().pools[0].classes[3].chunkCount, kept.size());
+    while (kept.size() > 10) {
+        Memory::Free(kept.back());
+        kept.pop_back();
+    }
+    Memory::Purge();
+    EXPECT_EQ(GetStatistics().pools[0].classes[3].chunkCount, 10u);
+    // What is left is whole: its other blocks are handed out before a new chunk is made.
+    Fill(10 * 255, 64);
+    EXPECT_EQ(GetStatistics().pools[0].classes[3].chunkCount, 10u);
+    Fill(1, 64);
+    EXPECT_EQ(GetStatistics().pools[0].classes[3].chunkCount, 11u);
+    for (void* const block : kept)
+        Memory::Free(block);
+    Empty();
+    Memory::Purge();
+    EXPECT_EQ(GetStatistics().pools[0].classes[3].chunkCount, 0u);
+}
 
 TEST_F(ExtendedHeap, TheStoreGrowsWithTheRecordThatDoesNotFit)
 {

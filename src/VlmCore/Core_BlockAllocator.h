@@ -60,6 +60,9 @@ private:
 };
 
 /// One size class. Its block size is not stored: the allocator knows it from the index.
+///
+/// Its free blocks form a list until the heap is extended. From then on they are bits in the notes of their chunks (see
+/// CFreeChunks), but for those of a chunk for which there was no memory for notes: these stay a list.
 class CBlockClass {
 public:
     using SShape = SBlockShape;
@@ -79,12 +82,11 @@ public:
     }
 
     /// Takes a block back that was requested with `size` bytes.
-    void GiveBack(void* memory, SShape const& shape, u64 size)
+    void GiveBack(CGlobalHeap& heap, void* memory, SShape const& shape, u64 size)
     {
         SFreeBlock* const block = PrepareFree(memory, shape.blockSize, size);
         m_lock.Acquire();
-        MemoryDebug::WriteNext(block, m_free);
-        m_free = block;
+        AddFree(heap.GetExtension(), shape, block);
         m_lock.Release();
     }
 
@@ -92,7 +94,7 @@ public:
     [[nodiscard]] bool TakeRow(CGlobalHeap& heap, SShape const& shape, SMagazine& row);
 
     /// Takes a magazine's blocks back and empties it.
-    void GiveBackRow(SMagazine& row);
+    void GiveBackRow(CHeapExtension& extension, SShape const& shape, SMagazine& row);
 
     /// What a block in use goes through before it may join a list, and a free one before it is handed out.
     [[nodiscard]] static SFreeBlock* PrepareFree(void* memory, u64 blockSize, u64 size)
@@ -139,11 +141,23 @@ private:
         return block;
     }
 
+    // With the lock held.
+    void AddFree(CHeapExtension* extension, SShape const& shape, SFreeBlock* block)
+    {
+        if (extension != nullptr)
+            if (CChunkRecords* const chunk = extension->Find(block).chunk) {
+                extension->GetFreeChunks(shape).Add(*chunk, reinterpret_cast<u64>(block));
+                return;
+            }
+        MemoryDebug::WriteNext(block, m_free);
+        m_free = block;
+    }
+
     [[nodiscard]] void* TakeAfterGrowth(CGlobalHeap& heap, SShape const& shape, u64 size);
     [[nodiscard]] bool AcquireWithFreeBlock(CGlobalHeap& heap, SShape const& shape);
     void AddChunksToMap(CGlobalHeap& heap, SShape const& shape);
     [[nodiscard]] bool Grow(CGlobalHeap& heap, SShape const& shape);
-    void ChainBlocks(u8* start, SShape const& shape);
+    void AddFreshBlocks(CHeapExtension* extension, SShape const& shape, u8* start);
     void BeginPurge();
     [[nodiscard]] static SFreeBlock* UnlinkFreeChunks(SFreeBlock*& list, CPurgeScratch const& scratch, u64 chunkCount,
                                                       u32 blocksPerChunk);
@@ -217,7 +231,7 @@ public:
             return;
         }
         u32 const index = GetClass(size);
-        m_classes[index].GiveBack(block, GetShape(index), size);
+        m_classes[index].GiveBack(heap, block, GetShape(index), size);
     }
 
     /// The size of the blocks that serve `size` bytes, up to 1,024.

@@ -3,7 +3,7 @@
 #include <vlmcore/threads.h>
 
 #include <algorithm>
-#include <cstring>
+#include <utility>
 
 namespace Velmor {
 
@@ -11,15 +11,25 @@ namespace Velmor {
 
 void* CBlockClass::TakeAfterGrowth(CGlobalHeap& heap, SShape const& shape, u64 size)
 {
-    return AcquireWithFreeBlock(heap, shape) ? HandOut(m_free, shape, size) : nullptr;
+    if (!AcquireWithFreeBlock(heap, shape))
+        return nullptr;
+    if (m_free != nullptr)
+        return HandOut(m_free, shape, size);
+    void* block = nullptr;
+    heap.GetExtension()->GetFreeChunks(shape).Take(1, [&](u64 address) { block = reinterpret_cast<void*>(address); });
+    m_lock.Release();
+    PrepareUse(block, shape.blockSize, size);
+    return block;
 }
 
-// Takes the lock with at least one block in the free list; false, and the lock not taken, when the class cannot grow.
+// Takes the lock with at least one free block; false, and the lock not taken, when the class cannot grow.
 bool CBlockClass::AcquireWithFreeBlock(CGlobalHeap& heap, SShape const& shape)
 {
     for (;;) {
         m_lock.Acquire();
-        if (m_free != nullptr || Grow(heap, shape))
+        CHeapExtension* const extension = heap.GetExtension();
+        if (m_free != nullptr || (extension != nullptr && !extension->GetFreeChunks(shape).IsEmpty()) ||
+            Grow(heap, shape))
             return true;
         // A purge may hold free blocks: nothing is refused before they are back.
         bool const blocksAreComing = m_isPurging != 0;
@@ -37,32 +47,48 @@ bool CBlockClass::TakeRow(CGlobalHeap& heap, SShape const& shape, SMagazine& row
     if (m_isMapped == 0)
         AddChunksToMap(heap, shape);
     u32 const wanted = CHeapLane::GetMagazineSize(shape.blockBits);
-    row.first = m_free;
-    for (SFreeBlock* block = m_free; block != nullptr && row.count < wanted; block = MemoryDebug::ReadNext(block)) {
-        row.last = block;
+    SFreeBlock* last = nullptr;
+    auto const append = [&](SFreeBlock* block) {
+        if (last != nullptr)
+            MemoryDebug::WriteNext(last, block);
+        else
+            row.first = block;
+        last = block;
         ++row.count;
+    };
+    heap.GetExtension()->GetFreeChunks(shape).Take(
+        wanted, [&](u64 address) { append(reinterpret_cast<SFreeBlock*>(address)); });
+    while (row.count < wanted && m_free != nullptr) {
+        SFreeBlock* const next = MemoryDebug::ReadNext(m_free);
+        append(std::exchange(m_free, next));
     }
-    m_free = MemoryDebug::ReadNext(row.last);
     m_lock.Release();
     return true;
 }
 
-void CBlockClass::GiveBackRow(SMagazine& row)
+void CBlockClass::GiveBackRow(CHeapExtension& extension, SShape const& shape, SMagazine& row)
 {
     if (row.count == 0)
         return;
     m_lock.Acquire();
-    MemoryDebug::WriteNext(row.last, m_free);
-    m_free = row.first;
+    for (; row.count != 0; --row.count) {
+        SFreeBlock* const next = MemoryDebug::ReadNext(row.first);
+        AddFree(&extension, shape, std::exchange(row.first, next));
+    }
     m_lock.Release();
-    row = SMagazine{};
 }
 
-// The chunks from before the heap was extended. Their blocks in use keep their records until they are freed.
+// The chunks from before the heap was extended, and what is free in them. Their blocks in use keep their records until
+// they are freed.
 void CBlockClass::AddChunksToMap(CGlobalHeap& heap, SShape const& shape)
 {
     for (u32 index = 0; index < m_chunkCount; ++index)
         heap.AddChunk(m_chunks[index], m_blocksPerChunk, shape);
+    for (SFreeBlock* block = std::exchange(m_free, nullptr); block != nullptr;) {
+        SFreeBlock* const next = MemoryDebug::ReadNext(block);
+        AddFree(heap.GetExtension(), shape, block);
+        block = next;
+    }
     m_isMapped = 1;
 }
 
@@ -97,22 +123,19 @@ bool CBlockClass::Grow(CGlobalHeap& heap, SShape const& shape)
         heap.AddBytes(chunkSize);
     }
     heap.AddChunk(start, m_blocksPerChunk, shape);
-    ChainBlocks(start, shape);
+    AddFreshBlocks(heap.GetExtension(), shape, start);
     return true;
 }
 
-void CBlockClass::ChainBlocks(u8* start, SShape const& shape)
+// From the last one to the first, so that a list begins with the first.
+void CBlockClass::AddFreshBlocks(CHeapExtension* extension, SShape const& shape, u8* start)
 {
-    SFreeBlock* next = nullptr;
     for (u64 index = m_blocksPerChunk; index > 0; --index) {
         void* const memory = start + (index - 1) * shape.blockSize;
         MemoryDebug::FillFree(memory, shape.blockSize);
-        SFreeBlock* const block = static_cast<SFreeBlock*>(memory);
-        MemoryDebug::WriteNext(block, next);
+        AddFree(extension, shape, static_cast<SFreeBlock*>(memory));
         MemoryDebug::Poison(memory, shape.blockSize);
-        next = block;
     }
-    m_free = next;
 }
 
 // ---- Purge ----
@@ -157,12 +180,14 @@ void CBlockClass::BeginPurge()
     m_isPurging = 1;
 }
 
-// The free list is taken away first and looked through without the lock, so that other threads can go on: they free
-// into a new list and, should it run empty, grow the class. A chunk whose blocks are all in the list that was taken
+// Chunks with notes tell how many of their blocks are free; wholly free ones are taken out of the queue at once. The free
+// list, if there is one, is taken away first and looked through without the lock, so that other threads can go on: they
+// free into a new list and, should it run empty, grow the class. A chunk whose blocks are all in the list that was taken
 // away cannot be in use.
 bool CBlockClass::Purge(CGlobalHeap& heap, SShape const& shape, CPurgeScratch& scratch)
 {
-    if (CHeapExtension* const extension = heap.GetExtension())
+    CHeapExtension* const extension = heap.GetExtension();
+    if (extension != nullptr)
         static_cast<void>(extension->Drain(*this, shape));
     BeginPurge();
     u64 const chunkCount = m_chunkCount;
@@ -172,15 +197,19 @@ bool CBlockClass::Purge(CGlobalHeap& heap, SShape const& shape, CPurgeScratch& s
         return chunkCount == 0;
     }
     CPurgeScratch::SChunk* const chunks = scratch.GetChunks();
-    for (u64 index = 0; index < chunkCount; ++index)
+    u16* const counters = scratch.GetCounters();
+    for (u64 index = 0; index < chunkCount; ++index) {
+        CChunkRecords const* const noted = extension != nullptr ? extension->Find(m_chunks[index]).chunk : nullptr;
+        counters[index] = noted != nullptr ? static_cast<u16>(noted->GetFreeCount()) : u16{0};
         chunks[index] = {m_chunks[index], index};
-    SFreeBlock* list = m_free;
-    m_free = nullptr;
+    }
+    if (extension != nullptr)
+        extension->GetFreeChunks(shape).RemoveWhollyFree();
+    SFreeBlock* list = std::exchange(m_free, nullptr);
     m_lock.Release();
 
-    u16* const counters = scratch.GetCounters();
-    std::memset(counters, 0, chunkCount * sizeof(u16));
-    std::sort(chunks, chunks + chunkCount, [](auto const& a, auto const& b) { return a.start < b.start; });
+    if (list != nullptr)
+        std::sort(chunks, chunks + chunkCount, [](auto const& a, auto const& b) { return a.start < b.start; });
     SFreeBlock* last = nullptr;
     for (SFreeBlock* block = list; block != nullptr; block = MemoryDebug::ReadNext(block)) {
         ++counters[FindChunk(chunks, chunkCount, block).tableIndex];
@@ -281,6 +310,8 @@ void CBlockClass::TearDown(CGlobalHeap& heap, SShape const& shape)
         CGlobalHeap::CLock const lock(heap.GetLock());
         heap.SubtractBytes(m_chunkCount * (GetChunkSize(shape) + sizeof(u8*)));
     }
+    if (CHeapExtension* const extension = heap.GetExtension())
+        extension->GetFreeChunks(shape).Clear();
     m_chunks = nullptr;
     m_chunkCount = 0;
     m_free = nullptr;

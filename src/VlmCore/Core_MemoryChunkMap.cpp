@@ -6,6 +6,15 @@
 
 namespace Velmor {
 
+void CFreeChunks::RemoveWhollyFree()
+{
+    CFreeChunks kept;
+    while (!IsEmpty())
+        if (CChunkRecords& chunk = RemoveFirst(); !chunk.IsWhollyFree())
+            kept.Append(chunk);
+    *this = kept;
+}
+
 namespace {
 
 // The node that the slot points to, made when it is missing; null when the hook gives no memory.

@@ -4,6 +4,8 @@
 // The blocks of a chunk are alike, so that two bytes each are record enough: the size that was asked for. They lie side
 // by side in the chunk's CChunkRecords, which a radix tree over the address space leads to. A look-up reads four cache
 // lines that neighbouring blocks share.
+//
+//     CChunkRecords | start, counts, ... | a record per block | a bit per block: free in its class |
 #pragma once
 
 #include <vlmcore/memory.h>
@@ -17,6 +19,7 @@ namespace Velmor {
 struct SMemoryHooks;
 
 /// The records of one chunk's blocks. Any thread may look at them; a block's own record is changed by whoever owns it.
+/// What concerns free blocks is for the holder of the class lock.
 class CChunkRecords {
 public:
     /// 0 while the block is not recorded, else the size that was asked for, up to 1,024.
@@ -24,7 +27,7 @@ public:
 
     [[nodiscard]] static constexpr u64 GetByteCount(u32 blockCount)
     {
-        return sizeof(CChunkRecords) + blockCount * sizeof(Record);
+        return GetFreeBitsOffset(blockCount) + GetWordCount(blockCount) * sizeof(u64);
     }
 
     /// In memory of GetByteCount bytes.
@@ -34,6 +37,8 @@ public:
     {
         for (u32 index = 0; index < blockCount; ++index)
             ::new (GetRecords() + index) Record(0);
+        for (u32 word = 0; word < GetWordCount(blockCount); ++word)
+            ::new (GetFreeBits() + word) u64(0);
     }
 
     /// The block's record; null for an address at which no block of the chunk begins.
@@ -49,15 +54,106 @@ public:
     [[nodiscard]] u32 GetBlockBits() const { return m_blockBits; }
     [[nodiscard]] EHeap::Type GetKind() const { return static_cast<EHeap::Type>(m_kind); }
 
-    CChunkRecords* next = nullptr; ///< among those that wait for another chunk
+    // ---- Free blocks: under the class lock ----
+
+    [[nodiscard]] u32 GetFreeCount() const { return m_freeCount; }
+    [[nodiscard]] bool IsWhollyFree() const { return m_freeCount == m_blockCount; }
+
+    /// The block at the address, one of the chunk's, is free from now on.
+    void SetFree(u64 address)
+    {
+        u64 const index = (address - m_start) >> m_blockBits;
+        GetFreeBits()[index / 64] |= u64{1} << index % 64;
+        ++m_freeCount;
+    }
+
+    /// Takes up to `wanted` free blocks and runs `visit(address)` for each, lowest address first; how many.
+    template <class Visit>
+    u32 TakeFree(u32 wanted, Visit&& visit)
+    {
+        u32 taken = 0;
+        for (u32 word = 0; taken < wanted && m_freeCount != 0; ++word)
+            for (u64& bits = GetFreeBits()[word]; bits != 0 && taken < wanted; bits &= bits - 1) {
+                u64 const index = word * 64 + static_cast<u32>(std::countr_zero(bits));
+                visit(m_start + (index << m_blockBits));
+                --m_freeCount;
+                ++taken;
+            }
+        return taken;
+    }
+
+    CChunkRecords* next = nullptr; ///< in a CFreeChunks, never null there, or among those that wait for another chunk
 
 private:
+    [[nodiscard]] static constexpr u32 GetWordCount(u32 blockCount) { return (blockCount + 63) / 64; }
+    [[nodiscard]] static constexpr u64 GetFreeBitsOffset(u32 blockCount);
     [[nodiscard]] Record* GetRecords() { return reinterpret_cast<Record*>(this + 1); }
+    [[nodiscard]] u64* GetFreeBits()
+    {
+        return reinterpret_cast<u64*>(reinterpret_cast<u8*>(this) + GetFreeBitsOffset(m_blockCount));
+    }
 
     u64 m_start;
     u16 m_blockCount;
+    u16 m_freeCount = 0;
     u8 m_blockBits;
     u8 m_kind;
+};
+
+constexpr u64 CChunkRecords::GetFreeBitsOffset(u32 blockCount)
+{
+    return sizeof(CChunkRecords) + (blockCount * sizeof(Record) + sizeof(u64) - 1) / sizeof(u64) * sizeof(u64);
+}
+
+/// The chunks of a class that have free blocks, first come, first served: a chunk whose turn comes late has gathered
+/// free blocks meanwhile, and what is allocated together then lies together, whatever the order of the releases was.
+/// Under the class lock.
+class CFreeChunks {
+public:
+    [[nodiscard]] bool IsEmpty() const { return m_last == nullptr; }
+
+    void Add(CChunkRecords& chunk, u64 address)
+    {
+        chunk.SetFree(address);
+        if (chunk.next == nullptr)
+            Append(chunk);
+    }
+
+    /// Takes up to `wanted` blocks and runs `visit(address)` for each.
+    template <class Visit>
+    void Take(u32 wanted, Visit&& visit)
+    {
+        while (wanted != 0 && m_last != nullptr) {
+            CChunkRecords& chunk = *m_last->next;
+            wanted -= chunk.TakeFree(wanted, visit);
+            if (chunk.GetFreeCount() == 0)
+                RemoveFirst();
+        }
+    }
+
+    /// Leaves the chunks out of which every block is free: they are about to go.
+    void RemoveWhollyFree();
+    void Clear() { m_last = nullptr; }
+
+private:
+    void Append(CChunkRecords& chunk)
+    {
+        chunk.next = m_last != nullptr ? m_last->next : &chunk;
+        if (m_last != nullptr)
+            m_last->next = &chunk;
+        m_last = &chunk;
+    }
+    CChunkRecords& RemoveFirst()
+    {
+        CChunkRecords& first = *m_last->next;
+        m_last->next = first.next;
+        if (m_last == &first)
+            m_last = nullptr;
+        first.next = nullptr;
+        return first;
+    }
+
+    CChunkRecords* m_last = nullptr; // its next one is the first
 };
 
 static_assert(sizeof(CChunkRecords) == 24);

@@ -80,7 +80,7 @@ void CHeapExtension::GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShap
     CBiasedGuard const guard(lane.lock, lane.lock.Acquire(threadKey));
     CHeapLane::SClass& magazines = lane.GetClass(shape);
     if (magazines.loaded.count == CHeapLane::GetMagazineSize(shape.blockBits)) {
-        blocks.GiveBackRow(magazines.spare);
+        blocks.GiveBackRow(*this, shape, magazines.spare);
         magazines.spare = std::exchange(magazines.loaded, SMagazine{});
     }
     if (lane.credits >= MostCredits) {
@@ -132,8 +132,8 @@ bool CHeapExtension::Drain(CBlockClass& blocks, SBlockShape const& shape)
         CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
         CHeapLane::SClass& magazines = lane.GetClass(shape);
         hasDrained = hasDrained || magazines.loaded.count != 0 || magazines.spare.count != 0;
-        blocks.GiveBackRow(magazines.spare);
-        blocks.GiveBackRow(magazines.loaded);
+        blocks.GiveBackRow(*this, shape, magazines.spare);
+        blocks.GiveBackRow(*this, shape, magazines.loaded);
     }
     return hasDrained;
 }

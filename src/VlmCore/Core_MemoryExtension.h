@@ -3,6 +3,7 @@
 //
 //     CGlobalHeap -- CHeapExtension -+- CRecordBuckets   blocks of the hooks, and those of chunks not in the map
 //                                    +- CChunkMap        address -> CChunkRecords of its chunk, the records of pool blocks
+//                                    +- CFreeChunks [32] chunks with free blocks, by class
 //                                    +- CHeapLane [32]   free pool blocks and record credits, a lane per thread
 //
 // All memory of it comes from the malloc hook and is counted nowhere. Without memory for it, the heap goes on as before,
@@ -52,14 +53,11 @@ struct SBlockShape {
 /// A few free blocks in a row.
 struct SMagazine {
     SFreeBlock* first = nullptr;
-    SFreeBlock* last = nullptr;
     u32 count = 0;
 
     void Push(SFreeBlock* block)
     {
         MemoryDebug::WriteNext(block, first);
-        if (count == 0)
-            last = block;
         first = block;
         ++count;
     }
@@ -184,6 +182,12 @@ public:
     [[nodiscard]] u64 GetAllocationCount(EHeap::Type kind) const;
     [[nodiscard]] u64 GetLiveCount(EHeap::Type kind) const;
 
+    /// The class's chunks with free blocks. Under the class lock.
+    [[nodiscard]] CFreeChunks& GetFreeChunks(SBlockShape const& shape)
+    {
+        return m_freeChunks[shape.kind - 1][shape.blockBits - SBlockShape::SmallestBits];
+    }
+
     // ---- Chunks: under the heap lock ----
 
     /// Puts a chunk into the map, if it is not there. Without memory for it, its blocks go on with ordinary records.
@@ -264,6 +268,7 @@ private:
     CChunkRecords* m_unused[CHeapLane::ClassCount] = {};  // by block size, ready for another chunk
     CChunkRecords* m_removed[CHeapLane::ClassCount] = {}; // ready after the next purge
     CChunkMap m_map;
+    CFreeChunks m_freeChunks[CHeapLane::KindCount][CHeapLane::ClassCount];
     CHeapLane m_lanes[LaneCount];
 };
 

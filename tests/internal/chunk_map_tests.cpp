@@ -169,4 +169,89 @@ TEST_F(ChunkMap, AgreesWithASortedListOfChunks)
     }
 }
 
+// ---- Free blocks ----
+
+std::vector<u64> Take(CFreeChunks& chunks, u32 wanted)
+{
+    std::vector<u64> taken;
+    chunks.Take(wanted, [&](u64 address) { taken.push_back(address); });
+    return taken;
+}
+
+TEST_F(ChunkMap, FreeBlocksOfAChunkAreTakenLowestAddressFirst)
+{
+    CChunkRecords& chunk = *Make(0x4000'0010, 6, 256);
+    CFreeChunks chunks;
+    EXPECT_TRUE(chunks.IsEmpty());
+    for (u64 const index : {200u, 3u, 64u, 255u, 0u, 63u})
+        chunks.Add(chunk, 0x4000'0010 + 64 * index);
+    EXPECT_EQ(chunk.GetFreeCount(), 6u);
+    EXPECT_EQ(Take(chunks, 3), (std::vector<u64>{0x4000'0010, 0x4000'00D0, 0x4000'0FD0}));
+    EXPECT_EQ(chunk.GetFreeCount(), 3u);
+    chunks.Add(chunk, 0x4000'0010);
+    EXPECT_EQ(Take(chunks, 256), (std::vector<u64>{0x4000'0010, 0x4000'1010, 0x4000'3210, 0x4000'3FD0}));
+    EXPECT_TRUE(chunks.IsEmpty());
+    EXPECT_TRUE(Take(chunks, 1).empty());
+}
+
+TEST_F(ChunkMap, EveryBlockOfAChunkCanBeFreeAtOnce)
+{
+    for (u32 const blockCount : {4u, 16u, 63u, 64u, 65u, 100u, 256u}) {
+        CChunkRecords& chunk = *Make(0x4000'0000, 10, blockCount);
+        CFreeChunks chunks;
+        EXPECT_FALSE(chunk.IsWhollyFree());
+        for (u64 index = blockCount; index > 0; --index)
+            chunks.Add(chunk, 0x4000'0000 + 1024 * (index - 1));
+        EXPECT_TRUE(chunk.IsWhollyFree());
+        // The records beside the bits are not touched.
+        for (u64 index = 0; index < blockCount; ++index)
+            EXPECT_EQ(chunk.Find(0x4000'0000 + 1024 * index)->load(), 0u);
+        std::vector<u64> expected;
+        for (u64 index = 0; index < blockCount; ++index)
+            expected.push_back(0x4000'0000 + 1024 * index);
+        EXPECT_EQ(Take(chunks, blockCount + 1), expected);
+        EXPECT_EQ(chunk.GetFreeCount(), 0u);
+    }
+}
+
+TEST_F(ChunkMap, ChunksAreEmptiedInTheOrderInWhichTheyGotFreeBlocks)
+{
+    CChunkRecords& first = *Make(0x4000'0000, 6, 256);
+    CChunkRecords& second = *Make(0x3000'0000, 6, 256);
+    CChunkRecords& third = *Make(0x5000'0000, 6, 256);
+    CFreeChunks chunks;
+    chunks.Add(first, 0x4000'0040);
+    chunks.Add(second, 0x3000'0000);
+    chunks.Add(third, 0x5000'0000);
+    chunks.Add(first, 0x4000'0000);
+    EXPECT_EQ(Take(chunks, 3), (std::vector<u64>{0x4000'0000, 0x4000'0040, 0x3000'0000}));
+    // A chunk that was emptied comes last.
+    chunks.Add(first, 0x4000'0080);
+    EXPECT_EQ(Take(chunks, 9), (std::vector<u64>{0x5000'0000, 0x4000'0080}));
+}
+
+TEST_F(ChunkMap, WhollyFreeChunksLeaveTheQueueAndMayComeBack)
+{
+    CFreeChunks chunks;
+    std::vector<CChunkRecords*> all;
+    for (u64 number = 0; number < 5; ++number) {
+        all.push_back(Make(0x4000'0000 + 0x10000 * number, 10, 16));
+        // The second and the last are wholly free.
+        for (u64 index = 0; index < (number % 3 == 1 ? 16 : 15); ++index)
+            chunks.Add(*all[number], all[number]->GetStart() + 1024 * index);
+    }
+    chunks.RemoveWhollyFree();
+    EXPECT_EQ(all[1]->GetFreeCount(), 16u);
+    EXPECT_EQ(all[4]->GetFreeCount(), 16u);
+    std::vector<u64> const left = Take(chunks, 100);
+    ASSERT_EQ(left.size(), 45u);
+    EXPECT_EQ(left[0], all[0]->GetStart());
+    EXPECT_EQ(left[15], all[2]->GetStart());
+    EXPECT_EQ(left[30], all[3]->GetStart());
+    chunks.RemoveWhollyFree();
+    EXPECT_TRUE(chunks.IsEmpty());
+    EXPECT_EQ(all[0]->next, nullptr);
+    EXPECT_EQ(all[1]->next, nullptr);
+}
+
 } // namespace

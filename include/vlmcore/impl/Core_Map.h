@@ -12,6 +12,7 @@
 #include <vlmcore/types.h>
 
 #include <iterator>
+#include <type_traits>
 #include <utility>
 
 namespace Velmor {
@@ -57,6 +58,9 @@ class TMap {
 
     static constexpr u32 Black = 0;
     static constexpr u32 Red = 1;
+
+    // So many are more than the processor's own caches hold.
+    static constexpr u64 ManyNodes = 50000;
 
     template <bool IsConst>
     class TIterator;
@@ -111,10 +115,10 @@ public:
         bool isLeft = false;
         for (SNode* node = m_root; node != nullptr;) {
             isLeft = key < node->key;
-            if (!isLeft && !(node->key < key)) [[unlikely]]
+            if (IsAt(node, key, isLeft)) [[unlikely]]
                 return {&node->value, false};
             parent = node;
-            node = GetChild(node, isLeft);
+            node = GetChildForChange(node, isLeft);
         }
         SNode* const node = Memory::New<SNode>(Heap, parent, key, std::forward<Arguments>(arguments)...);
         if (parent == nullptr)
@@ -129,7 +133,7 @@ public:
     /// Removes the element at `key`; false when there is none. No other element moves.
     bool Erase(K const& key)
     {
-        SNode* const node = FindNode(key);
+        SNode* const node = Descend<&GetChildForChange>(key);
         if (node == nullptr)
             return false;
         EraseNode(node);
@@ -226,12 +230,28 @@ private:
 
     [[nodiscard]] SNode* FindNode(K const& key) const
     {
+        return m_count < ManyNodes ? Descend<&GetChild>(key) : Descend<&GetDistantChild>(key);
+    }
+
+    // True when the node has the key, which is not less than the node's when `isLeft` is false.
+    static bool IsAt(SNode const* node, K const& key, bool isLeft)
+    {
+        if constexpr (std::is_integral_v<K>)
+            return key == node->key; // tells nothing about the side, so that g++ finds nothing to branch on
+        else
+            return !isLeft && !(node->key < key);
+    }
+
+    /// \tparam TakeStep  `SNode*(SNode const* node, bool isLeft)`.
+    template <auto TakeStep>
+    [[nodiscard]] SNode* Descend(K const& key) const
+    {
         SNode* node = m_root;
         while (node != nullptr) {
             bool const isLeft = key < node->key;
-            if (!isLeft && !(node->key < key)) [[unlikely]]
+            if (IsAt(node, key, isLeft)) [[unlikely]]
                 break;
-            node = GetChild(node, isLeft);
+            node = TakeStep(node, isLeft);
         }
         return node;
     }
@@ -254,11 +274,42 @@ private:
 #endif
     }
 
+    // The same in a tree that is larger than the caches: one pointer is read, from the place that the comparison gives.
+    // A step takes longer, but touches no more memory than it needs, and at a million nodes finds a third faster.
+    static SNode* GetDistantChild(SNode const* node, bool isLeft)
+    {
+        u64 isRight = isLeft ? 0 : 1;
+#if defined(__GNUC__)
+        __asm__("" : "+r"(isRight)); // else the optimiser reads both after all, or branches
+#endif
+        u64 const distance = isRight * sizeof(node->left); // right follows left
+        auto const* const place = reinterpret_cast<u8 const*>(&node->left) + distance;
+        return *reinterpret_cast<TPackedPointer<SNode> const*>(place);
+    }
+
+    // The same on the way to a change, which may have to look at the other child, too: it is asked for in time.
+    static SNode* GetChildForChange(SNode const* node, bool isLeft)
+    {
+        Prefetch(GetChild(node, !isLeft));
+        return GetChild(node, isLeft);
+    }
+
+    static void Prefetch([[maybe_unused]] SNode const* node)
+    {
+#if defined(__GNUC__)
+        __builtin_prefetch(node);
+#endif
+    }
+
+    // Asks for the right children on the way down: they come next in the order of the keys.
     static SNode* GetFirst(SNode* node)
     {
-        while (node->left != nullptr)
+        for (;;) {
+            Prefetch(node->right);
+            if (node->left == nullptr)
+                return node;
             node = node->left;
-        return node;
+        }
     }
 
     static SNode* GetNext(SNode* node)
