@@ -145,7 +145,7 @@ private:
     void AddFree(CHeapExtension* extension, SShape const& shape, SFreeBlock* block)
     {
         if (extension != nullptr)
-            if (CChunkRecords* const chunk = extension->Find(block).chunk) {
+            if (CChunkRecords* const chunk = extension->FindChunk(block)) {
                 extension->GetFreeChunks(shape).Add(*chunk, reinterpret_cast<u64>(block));
                 return;
             }

@@ -199,7 +199,7 @@ bool CBlockClass::Purge(CGlobalHeap& heap, SShape const& shape, CPurgeScratch& s
     CPurgeScratch::SChunk* const chunks = scratch.GetChunks();
     u16* const counters = scratch.GetCounters();
     for (u64 index = 0; index < chunkCount; ++index) {
-        CChunkRecords const* const noted = extension != nullptr ? extension->Find(m_chunks[index]).chunk : nullptr;
+        CChunkRecords const* const noted = extension != nullptr ? extension->FindChunk(m_chunks[index]) : nullptr;
         counters[index] = noted != nullptr ? static_cast<u16>(noted->GetFreeCount()) : u16{0};
         chunks[index] = {m_chunks[index], index};
     }

@@ -198,7 +198,7 @@ void ReportKnownFree(CGlobalHeap& heap, void* block)
 }
 
 // A pool block of an extended heap, its record taken out of its chunk.
-void GiveBackToLane(CGlobalHeap& heap, CHeapExtension& extension, CChunkRecords const& chunk, void* block, u64 size)
+void GiveBackToLane(CGlobalHeap& heap, CHeapExtension& extension, CChunkTag chunk, void* block, u64 size)
 {
     u32 const blockBits = chunk.GetBlockBits();
     SFreeBlock* const prepared = CBlockClass::PrepareFree(block, u64{1} << blockBits, size);
@@ -314,7 +314,7 @@ void Free(void* block)
     if (CHeapExtension* const extension = heap.GetExtension()) {
         CChunkMap::SFound const found = extension->Find(block);
         if (u64 const size = CHeapExtension::TakeRecord(found); size != 0) [[likely]] {
-            GiveBackToLane(heap, *extension, *found.chunk, block, size);
+            GiveBackToLane(heap, *extension, found.tag, block, size);
             return;
         }
     }

@@ -55,26 +55,25 @@ auto TChunkTree<GranuleBits>::GetGranule(u64 number) const -> SGranule&
 }
 
 template <u32 GranuleBits>
-void TChunkTree<GranuleBits>::SetEntry(CChunkRecords const* chunk, u64 number, bool isPresent)
+void TChunkTree<GranuleBits>::SetEntry(CChunkRecords& chunk, u64 number, bool isPresent)
 {
     SGranule& granule = GetGranule(number);
     u64 const granuleStart = number << GranuleBits;
-    u64 const address = reinterpret_cast<u64>(chunk);
-    if (chunk->GetStart() <= granuleStart)
-        granule.across.store(isPresent ? address : 0, std::memory_order_release);
-    else
-        granule.inside.store(isPresent ? address | (chunk->GetStart() - granuleStart) << AddressBits : NoneInside,
-                             std::memory_order_release);
+    bool const isAcross = chunk.GetStart() <= granuleStart;
+    u64 const none = isAcross ? NoneAcross : NoneInside;
+    u64 const entry = CChunkTag(chunk).GetValue() | (chunk.GetStart() - granuleStart) << CChunkTag::Bits;
+    (isAcross ? granule.across : granule.inside).store(isPresent ? entry : none, std::memory_order_release);
 }
 
 template <u32 GranuleBits>
-bool TChunkTree<GranuleBits>::Add(SMemoryHooks const& hooks, CChunkRecords* chunk)
+bool TChunkTree<GranuleBits>::Add(SMemoryHooks const& hooks, CChunkRecords& chunk)
 {
-    u64 const last = chunk->GetEnd() - 1;
-    if (chunk->GetEnd() - chunk->GetStart() < SmallestChunk || last >> AddressBits != 0 ||
-        reinterpret_cast<u64>(chunk) >> AddressBits != 0)
+    u64 const size = chunk.GetEnd() - chunk.GetStart();
+    u64 const last = chunk.GetEnd() - 1;
+    if (size < SmallestChunk || size >= DistanceRange || last >> AddressBits != 0 ||
+        reinterpret_cast<u64>(chunk.GetRecords()) >> CChunkTag::Bits != 0)
         return false;
-    u64 const firstGranule = chunk->GetStart() >> GranuleBits;
+    u64 const firstGranule = chunk.GetStart() >> GranuleBits;
     u64 const lastGranule = last >> GranuleBits;
     // All parts of the tree before the first entry, so that there is nothing to take back.
     for (u64 number = firstGranule; number <= lastGranule; ++number)
@@ -86,10 +85,10 @@ bool TChunkTree<GranuleBits>::Add(SMemoryHooks const& hooks, CChunkRecords* chun
 }
 
 template <u32 GranuleBits>
-void TChunkTree<GranuleBits>::Remove(CChunkRecords const* chunk)
+void TChunkTree<GranuleBits>::Remove(CChunkRecords& chunk)
 {
-    u64 const lastGranule = (chunk->GetEnd() - 1) >> GranuleBits;
-    for (u64 number = chunk->GetStart() >> GranuleBits; number <= lastGranule; ++number)
+    u64 const lastGranule = (chunk.GetEnd() - 1) >> GranuleBits;
+    for (u64 number = chunk.GetStart() >> GranuleBits; number <= lastGranule; ++number)
         SetEntry(chunk, number, false);
 }
 
@@ -109,9 +108,21 @@ void TChunkTree<GranuleBits>::Release(SMemoryHooks const& hooks)
 
 CChunkMap::SFound CChunkMap::FindSmall(u64 address) const
 {
-    CChunkRecords* const chunk = m_small.Find(address);
-    CChunkRecords::Record* const record = chunk != nullptr ? chunk->Find(address) : nullptr;
-    return record != nullptr ? SFound{record, chunk} : SFound{};
+    return FindRecord(m_small.Find(address));
+}
+
+bool CChunkMap::Add(SMemoryHooks const& hooks, CChunkRecords& chunk)
+{
+    std::atomic<u16>& blockCount = m_blockCounts[CChunkTag(chunk).GetClass()];
+    u16 const known = blockCount.load(std::memory_order_relaxed);
+    if (known != 0 && known != chunk.GetBlockCount())
+        return false;
+    // Before the entries: whoever finds one finds the number, too.
+    blockCount.store(static_cast<u16>(chunk.GetBlockCount()), std::memory_order_relaxed);
+    if (IsLarge(chunk) ? m_large.Add(hooks, chunk) : m_small.Add(hooks, chunk))
+        return true;
+    blockCount.store(known, std::memory_order_relaxed);
+    return false;
 }
 
 template class TChunkTree<14>;

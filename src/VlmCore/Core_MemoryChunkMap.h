@@ -2,10 +2,12 @@
 // has outgrown its own record table.
 //
 // The blocks of a chunk are alike, so that two bytes each are record enough: the size that was asked for. They lie side
-// by side in the chunk's CChunkRecords, which a radix tree over the address space leads to. A look-up reads four cache
-// lines that neighbouring blocks share.
+// by side in the chunk's CChunkRecords, which a radix tree over the address space leads to:
 //
-//     CChunkRecords | start, counts, ... | a record per block | a bit per block: free in its class |
+//     ... | a record per block | CChunkRecords | a bit per block: free in its class | ...
+//
+// The tree's entry tells where the records are, where the chunk begins and how large its blocks are, so that a look-up
+// reads the tree and the record, and nothing in between.
 #pragma once
 
 #include <vlmcore/memory.h>
@@ -25,33 +27,35 @@ public:
     /// 0 while the block is not recorded, else the size that was asked for, up to 1,024.
     using Record = std::atomic<u16>;
 
+    /// The records begin at a multiple of it.
+    static constexpr u64 Alignment = 64;
+
     [[nodiscard]] static constexpr u64 GetByteCount(u32 blockCount)
     {
-        return GetFreeBitsOffset(blockCount) + GetWordCount(blockCount) * sizeof(u64);
+        return GetRecordBytes(blockCount) + sizeof(CChunkRecords) + GetWordCount(blockCount) * sizeof(u64);
     }
 
-    /// In memory of GetByteCount bytes.
-    CChunkRecords(void const* start, u32 blockBits, u32 blockCount, EHeap::Type kind)
-        : m_start(reinterpret_cast<u64>(start)), m_blockCount(static_cast<u16>(blockCount)),
-          m_blockBits(static_cast<u8>(blockBits)), m_kind(static_cast<u8>(kind))
+    /// In memory of GetByteCount bytes, suitably aligned.
+    [[nodiscard]] static CChunkRecords* Create(void* memory, void const* start, u32 blockBits, u32 blockCount,
+                                               EHeap::Type kind)
     {
-        for (u32 index = 0; index < blockCount; ++index)
-            ::new (GetRecords() + index) Record(0);
-        for (u32 word = 0; word < GetWordCount(blockCount); ++word)
-            ::new (GetFreeBits() + word) u64(0);
+        return ::new (static_cast<u8*>(memory) + GetRecordBytes(blockCount))
+            CChunkRecords(start, blockBits, blockCount, kind);
     }
-
-    /// The block's record; null for an address at which no block of the chunk begins.
-    [[nodiscard]] Record* Find(u64 address)
+    /// Those whose records begin at the address.
+    [[nodiscard]] static CChunkRecords* FromRecords(Record* records, u32 blockCount)
     {
-        // Bits below the block size come out on top and make the index too large.
-        u64 const index = std::rotr(address - m_start, m_blockBits);
-        return index < m_blockCount ? GetRecords() + index : nullptr;
+        return reinterpret_cast<CChunkRecords*>(reinterpret_cast<u8*>(records) + GetRecordBytes(blockCount));
     }
 
+    [[nodiscard]] Record* GetRecords()
+    {
+        return reinterpret_cast<Record*>(reinterpret_cast<u8*>(this) - GetRecordBytes(m_blockCount));
+    }
     [[nodiscard]] u64 GetStart() const { return m_start; }
     [[nodiscard]] u64 GetEnd() const { return m_start + (u64{m_blockCount} << m_blockBits); }
     [[nodiscard]] u32 GetBlockBits() const { return m_blockBits; }
+    [[nodiscard]] u32 GetBlockCount() const { return m_blockCount; }
     [[nodiscard]] EHeap::Type GetKind() const { return static_cast<EHeap::Type>(m_kind); }
 
     // ---- Free blocks: under the class lock ----
@@ -85,13 +89,22 @@ public:
     CChunkRecords* next = nullptr; ///< in a CFreeChunks, never null there, or among those that wait for another chunk
 
 private:
-    [[nodiscard]] static constexpr u32 GetWordCount(u32 blockCount) { return (blockCount + 63) / 64; }
-    [[nodiscard]] static constexpr u64 GetFreeBitsOffset(u32 blockCount);
-    [[nodiscard]] Record* GetRecords() { return reinterpret_cast<Record*>(this + 1); }
-    [[nodiscard]] u64* GetFreeBits()
+    CChunkRecords(void const* start, u32 blockBits, u32 blockCount, EHeap::Type kind)
+        : m_start(reinterpret_cast<u64>(start)), m_blockCount(static_cast<u16>(blockCount)),
+          m_blockBits(static_cast<u8>(blockBits)), m_kind(static_cast<u8>(kind))
     {
-        return reinterpret_cast<u64*>(reinterpret_cast<u8*>(this) + GetFreeBitsOffset(m_blockCount));
+        for (u32 index = 0; index < blockCount; ++index)
+            ::new (GetRecords() + index) Record(0);
+        for (u32 word = 0; word < GetWordCount(blockCount); ++word)
+            ::new (GetFreeBits() + word) u64(0);
     }
+
+    [[nodiscard]] static constexpr u64 GetRecordBytes(u32 blockCount)
+    {
+        return (blockCount * sizeof(Record) + sizeof(u64) - 1) / sizeof(u64) * sizeof(u64);
+    }
+    [[nodiscard]] static constexpr u32 GetWordCount(u32 blockCount) { return (blockCount + 63) / 64; }
+    [[nodiscard]] u64* GetFreeBits() { return reinterpret_cast<u64*>(this + 1); }
 
     u64 m_start;
     u16 m_blockCount;
@@ -100,10 +113,44 @@ private:
     u8 m_kind;
 };
 
-constexpr u64 CChunkRecords::GetFreeBitsOffset(u32 blockCount)
-{
-    return sizeof(CChunkRecords) + (blockCount * sizeof(Record) + sizeof(u64) - 1) / sizeof(u64) * sizeof(u64);
-}
+static_assert(sizeof(CChunkRecords) == 24);
+static_assert(CChunkRecords::Record::is_always_lock_free && sizeof(CChunkRecords::Record) == 2);
+
+/// What a chunk's entries in the tree say, in 47 bits: where its records are and, in the low bits that are free because
+/// of their alignment, the size and kind of its blocks.
+class CChunkTag {
+public:
+    static constexpr u32 Bits = 47;
+
+    CChunkTag() = default;
+    explicit CChunkTag(u64 entry) : m_value(entry & ((u64{1} << Bits) - 1)) {}
+    explicit CChunkTag(CChunkRecords& chunk)
+        : m_value(reinterpret_cast<u64>(chunk.GetRecords()) | (chunk.GetBlockBits() - SmallestBlockBits) |
+                  u64{chunk.GetKind() - 1u} << KindShift)
+    {
+    }
+
+    [[nodiscard]] u64 GetValue() const { return m_value; }
+    [[nodiscard]] CChunkRecords::Record* GetRecords() const
+    {
+        return reinterpret_cast<CChunkRecords::Record*>(m_value & ~(CChunkRecords::Alignment - 1));
+    }
+    /// 0 to 7, for blocks of 8 to 1,024 bytes.
+    [[nodiscard]] u32 GetClass() const { return m_value & ClassMask; }
+    [[nodiscard]] u32 GetBlockBits() const { return GetClass() + SmallestBlockBits; }
+    [[nodiscard]] EHeap::Type GetKind() const
+    {
+        return static_cast<EHeap::Type>(((m_value >> KindShift) & KindMask) + 1);
+    }
+
+private:
+    static constexpr u32 SmallestBlockBits = 3;
+    static constexpr u32 ClassMask = 7;
+    static constexpr u32 KindShift = 3;
+    static constexpr u32 KindMask = 3;
+
+    u64 m_value = 0;
+};
 
 /// The chunks of a class that have free blocks, first come, first served: a chunk whose turn comes late has gathered
 /// free blocks meanwhile, and what is allocated together then lies together, whatever the order of the releases was.
@@ -172,29 +219,35 @@ public:
     TChunkTree& operator=(TChunkTree const&) = delete;
     ~TChunkTree() = default;
 
-    /// The only chunk of the tree that may hold the address, which may be any; null when there is none.
-    [[nodiscard]] CChunkRecords* Find(u64 address) const
+    struct SFound {
+        CChunkTag tag;
+        u64 distance = ~u64{0}; ///< of the address from the chunk's start; beyond every chunk's end without one
+    };
+
+    /// The only chunk of the tree that may hold the address, which may be any.
+    [[nodiscard, gnu::always_inline]] SFound Find(u64 address) const
     {
         if (address >> AddressBits != 0) [[unlikely]]
-            return nullptr;
+            return {};
         SBranch const* const branch = m_branches[address >> BranchShift].load(std::memory_order_acquire);
         if (branch == nullptr)
-            return nullptr;
+            return {};
         SLeaf const* const leaf = branch->leaves[(address >> LeafShift) & LevelMask].load(std::memory_order_acquire);
         if (leaf == nullptr)
-            return nullptr;
+            return {};
         SGranule const& granule = leaf->granules[(address >> GranuleBits) & LevelMask];
         u64 const inside = granule.inside.load(std::memory_order_acquire);
         u64 const across = granule.across.load(std::memory_order_acquire);
-        u64 const entry = (address & (SmallestChunk - 1)) >= inside >> AddressBits ? inside : across;
-        return reinterpret_cast<CChunkRecords*>(entry & AddressMask);
+        u64 const offset = address & (SmallestChunk - 1);
+        u64 const entry = offset >= inside >> CChunkTag::Bits ? inside : across;
+        return {CChunkTag(entry), offset - static_cast<u64>(static_cast<i64>(entry) >> CChunkTag::Bits)};
     }
 
-    /// False when the hooks refuse the memory for a part of the tree, or the address is beyond what a program gets; the
-    /// tree holds what it held then.
-    [[nodiscard]] bool Add(SMemoryHooks const& hooks, CChunkRecords* chunk);
+    /// False when the hooks refuse the memory for a part of the tree, the chunk is smaller or larger than the tree can
+    /// say, or an address is beyond what a program gets; the tree holds what it held then.
+    [[nodiscard]] bool Add(SMemoryHooks const& hooks, CChunkRecords& chunk);
 
-    void Remove(CChunkRecords const* chunk);
+    void Remove(CChunkRecords& chunk);
 
     /// Gives the tree's memory back; it is empty.
     void Release(SMemoryHooks const& hooks);
@@ -208,15 +261,15 @@ private:
     static constexpr u64 LevelMask = LevelSize - 1;
     static_assert(BranchShift + LevelBits == AddressBits && GranuleBits < 64 - AddressBits);
 
-    static constexpr u64 AddressMask = (u64{1} << AddressBits) - 1;
-    static constexpr u64 NoneInside = ~AddressMask; // begins behind everything
-
-    // An entry is the address of a chunk's records and, above it, how far behind the granule's first byte the chunk
-    // begins: the look-up of one chunk reads nothing of another.
+    // An entry is a chunk's tag and, above it, the signed distance from the granule's first byte to the chunk's start.
     struct SGranule {
-        std::atomic<u64> across{0};          // the chunk that holds the granule's first byte
-        std::atomic<u64> inside{NoneInside}; // the chunk that begins behind it; NoneInside without one
+        std::atomic<u64> across{NoneAcross}; // the chunk that holds the granule's first byte; begins there or before it
+        std::atomic<u64> inside{NoneInside}; // the chunk that begins behind it
     };
+    static constexpr u64 DistanceRange = u64{1} << (63 - CChunkTag::Bits);
+    static constexpr u64 NoneInside = ~u64{0} << CChunkTag::Bits;       // unsigned: begins behind everything
+    static constexpr u64 NoneAcross = DistanceRange << CChunkTag::Bits; // begins so long before that it has ended
+    static_assert(SmallestChunk <= DistanceRange);
 
     struct SLeaf {
         SGranule granules[LevelSize];
@@ -227,7 +280,7 @@ private:
 
     [[nodiscard]] SGranule* MakeGranule(SMemoryHooks const& hooks, u64 number);
     [[nodiscard]] SGranule& GetGranule(u64 number) const;
-    void SetEntry(CChunkRecords const* chunk, u64 number, bool isPresent);
+    void SetEntry(CChunkRecords& chunk, u64 number, bool isPresent);
 
     std::atomic<SBranch*> m_branches[LevelSize] = {};
 };
@@ -238,24 +291,26 @@ class CChunkMap {
 public:
     struct SFound {
         CChunkRecords::Record* record = nullptr; ///< null when no chunk in the map has a block at the address
-        CChunkRecords* chunk = nullptr;
+        CChunkTag tag;                           ///< of the block's chunk
     };
 
     /// The record of the block that begins at the address, which may be any.
     [[nodiscard, gnu::always_inline]] SFound Find(u64 address) const
     {
-        if (CChunkRecords* const chunk = m_large.Find(address))
-            if (CChunkRecords::Record* const record = chunk->Find(address)) [[likely]]
-                return {record, chunk};
-        return FindSmall(address);
+        SFound const found = FindRecord(m_large.Find(address));
+        return found.record != nullptr ? found : FindSmall(address);
     }
 
-    /// False, and the map as before, when the chunk cannot be added: smaller than 2 KB, or no memory for the map.
-    [[nodiscard]] bool Add(SMemoryHooks const& hooks, CChunkRecords* chunk)
+    /// The records of a found block's chunk.
+    [[nodiscard]] CChunkRecords& GetChunk(SFound const& found) const
     {
-        return IsLarge(chunk) ? m_large.Add(hooks, chunk) : m_small.Add(hooks, chunk);
+        return *CChunkRecords::FromRecords(found.tag.GetRecords(), GetBlockCount(found.tag.GetClass()));
     }
-    void Remove(CChunkRecords const* chunk)
+
+    /// False, and the map as before, when the chunk cannot be added: smaller than 2 KB, of another number of blocks than
+    /// others of its block size, or no memory for the map.
+    [[nodiscard]] bool Add(SMemoryHooks const& hooks, CChunkRecords& chunk);
+    void Remove(CChunkRecords& chunk)
     {
         if (IsLarge(chunk))
             m_large.Remove(chunk);
@@ -272,12 +327,25 @@ private:
     using LargeTree = TChunkTree<14>;
     using SmallTree = TChunkTree<11>;
 
-    [[nodiscard]] SFound FindSmall(u64 address) const;
-    [[nodiscard]] static bool IsLarge(CChunkRecords const* chunk)
+    [[nodiscard]] u32 GetBlockCount(u32 index) const { return m_blockCounts[index].load(std::memory_order_relaxed); }
+
+    template <class TreeFound>
+    [[nodiscard, gnu::always_inline]] SFound FindRecord(TreeFound const& found) const
     {
-        return chunk->GetEnd() - chunk->GetStart() >= LargeTree::SmallestChunk;
+        // Bits below the block size come out on top and make the index too large, as does an address behind the end.
+        u64 const index = std::rotr(found.distance, static_cast<int>(found.tag.GetBlockBits()));
+        if (index >= GetBlockCount(found.tag.GetClass())) [[unlikely]]
+            return {};
+        return {found.tag.GetRecords() + index, found.tag};
     }
 
+    [[nodiscard]] SFound FindSmall(u64 address) const;
+    [[nodiscard]] static bool IsLarge(CChunkRecords const& chunk)
+    {
+        return chunk.GetEnd() - chunk.GetStart() >= LargeTree::SmallestChunk;
+    }
+
+    std::atomic<u16> m_blockCounts[8] = {}; // blocks of a chunk, by class; 0 before the first
     LargeTree m_large;
     SmallTree m_small;
 };

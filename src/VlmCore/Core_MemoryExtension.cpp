@@ -170,9 +170,9 @@ void* CHeapExtension::AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, 
 {
     if (CChunkRecords* const unused = m_unused[blockBits - SBlockShape::SmallestBits]) {
         m_unused[blockBits - SBlockShape::SmallestBits] = unused->next;
-        return unused;
+        return unused->GetRecords();
     }
-    constexpr u64 LineSize = 64;
+    constexpr u64 LineSize = CChunkRecords::Alignment;
     u64 const size = (byteCount + LineSize - 1) & ~(LineSize - 1);
     if (SlabSize - m_slabUsed < size) {
         void* const memory = hooks.malloc(SlabSize);
@@ -194,17 +194,17 @@ void CHeapExtension::AddChunk(SMemoryHooks const& hooks, void const* start, u32 
     void* const memory = AllocateRecords(hooks, shape.blockBits, CChunkRecords::GetByteCount(blockCount));
     if (memory == nullptr)
         return;
-    CChunkRecords* const chunk = ::new (memory) CChunkRecords(start, shape.blockBits, blockCount, shape.kind);
-    if (!m_map.Add(hooks, chunk))
+    CChunkRecords* const chunk = CChunkRecords::Create(memory, start, shape.blockBits, blockCount, shape.kind);
+    if (!m_map.Add(hooks, *chunk))
         chunk->next = std::exchange(m_unused[shape.blockBits - SBlockShape::SmallestBits], chunk);
 }
 
 void CHeapExtension::RemoveChunk(void const* start)
 {
-    CChunkRecords* const chunk = Find(start).chunk;
+    CChunkRecords* const chunk = FindChunk(start);
     if (chunk == nullptr)
         return;
-    m_map.Remove(chunk);
+    m_map.Remove(*chunk);
     chunk->next = std::exchange(m_removed[chunk->GetBlockBits() - SBlockShape::SmallestBits], chunk);
 }
 

@@ -128,6 +128,13 @@ public:
     /// The record of a pool block, if it is found this way.
     [[nodiscard]] CChunkMap::SFound Find(void const* block) const { return m_map.Find(reinterpret_cast<u64>(block)); }
 
+    /// The records of the chunk in which a block begins at the address; null when no chunk in the map has one there.
+    [[nodiscard]] CChunkRecords* FindChunk(void const* block) const
+    {
+        CChunkMap::SFound const found = Find(block);
+        return found.record != nullptr ? &m_map.GetChunk(found) : nullptr;
+    }
+
     /// Takes a record out: its size, 0 when there was none. Of two threads that free a block at once, one finds it.
     [[nodiscard]] static u64 TakeRecord(CChunkMap::SFound const& found)
     {

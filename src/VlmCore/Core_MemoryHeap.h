@@ -161,7 +161,7 @@ public:
         if (CHeapExtension const* const extension = GetExtension())
             if (CChunkMap::SFound const found = extension->Find(block); found.record != nullptr)
                 if (u64 const size = found.record->load(std::memory_order_relaxed); size != 0)
-                    return {size, found.chunk->GetKind()};
+                    return {size, found.tag.GetKind()};
         CLock const lock(m_lock);
         SAllocationRecord const* const record = FindInTable(block);
         return record != nullptr ? SKnown{record->GetSize(), record->GetKind()} : SKnown{};

@@ -45,15 +45,23 @@ protected:
     // Chunks at addresses that are never looked into.
     CChunkRecords* Make(u64 start, u32 blockBits, u32 blockCount)
     {
-        m_memory.push_back(std::make_unique<u8[]>(CChunkRecords::GetByteCount(blockCount)));
-        return ::new (m_memory.back().get())
-            CChunkRecords(reinterpret_cast<void*>(start), blockBits, blockCount, EHeap::Pool8);
+        constexpr u64 Alignment = CChunkRecords::Alignment;
+        m_memory.push_back(std::make_unique<u8[]>(CChunkRecords::GetByteCount(blockCount) + Alignment));
+        u64 const memory = (reinterpret_cast<u64>(m_memory.back().get()) + Alignment - 1) & ~(Alignment - 1);
+        return CChunkRecords::Create(reinterpret_cast<void*>(memory), reinterpret_cast<void*>(start), blockBits,
+                                     blockCount, EHeap::Pool8);
     }
     CChunkRecords* Add(u64 start, u32 blockBits, u32 blockCount)
     {
         CChunkRecords* const chunk = Make(start, blockBits, blockCount);
-        EXPECT_TRUE(m_map->Add(Hooks, chunk));
+        EXPECT_TRUE(m_map->Add(Hooks, *chunk));
         return chunk;
+    }
+
+    CChunkRecords* FindChunk(u64 address) const
+    {
+        CChunkMap::SFound const found = m_map->Find(address);
+        return found.record != nullptr ? &m_map->GetChunk(found) : nullptr;
     }
 
     std::unique_ptr<CChunkMap> m_map = std::make_unique<CChunkMap>();
@@ -69,8 +77,10 @@ TEST_F(ChunkMap, FindsEachBlockAtItsFirstByteOnly)
         u64 const size = u64{1} << blockBits;
         for (u64 index = 0; index < blockCount; ++index) {
             CChunkMap::SFound const found = m_map->Find(start + index * size);
-            ASSERT_EQ(found.chunk, chunk) << blockBits << ' ' << index;
-            ASSERT_EQ(found.record, chunk->Find(start) + index);
+            ASSERT_EQ(found.record, chunk->GetRecords() + index) << blockBits;
+            ASSERT_EQ(&m_map->GetChunk(found), chunk);
+            ASSERT_EQ(found.tag.GetBlockBits(), blockBits);
+            ASSERT_EQ(found.tag.GetKind(), EHeap::Pool8);
             ASSERT_EQ(m_map->Find(start + index * size + 1).record, nullptr);
             ASSERT_EQ(m_map->Find(start + index * size + size / 2).record, nullptr);
         }
@@ -94,28 +104,28 @@ TEST_F(ChunkMap, NeighboursInOneGranuleAreToldApart)
     CChunkRecords* const second = Add(0x5000'4020, 6, 256);
     CChunkRecords* const third = Add(0x5000'8030, 3, 256);
     CChunkRecords* const fourth = Add(0x5000'8840, 3, 256);
-    EXPECT_EQ(m_map->Find(0x5000'3FD0).chunk, first);
+    EXPECT_EQ(FindChunk(0x5000'3FD0), first);
     EXPECT_EQ(m_map->Find(0x5000'4010).record, nullptr);
-    EXPECT_EQ(m_map->Find(0x5000'4020).chunk, second);
+    EXPECT_EQ(FindChunk(0x5000'4020), second);
     EXPECT_EQ(m_map->Find(0x5000'8028).record, nullptr);
-    EXPECT_EQ(m_map->Find(0x5000'8030).chunk, third);
-    EXPECT_EQ(m_map->Find(0x5000'8828).chunk, third);
-    EXPECT_EQ(m_map->Find(0x5000'8840).chunk, fourth);
-    m_map->Remove(second);
-    EXPECT_EQ(m_map->Find(0x5000'3FD0).chunk, first);
+    EXPECT_EQ(FindChunk(0x5000'8030), third);
+    EXPECT_EQ(FindChunk(0x5000'8828), third);
+    EXPECT_EQ(FindChunk(0x5000'8840), fourth);
+    m_map->Remove(*second);
+    EXPECT_EQ(FindChunk(0x5000'3FD0), first);
     EXPECT_EQ(m_map->Find(0x5000'4020).record, nullptr);
-    EXPECT_EQ(m_map->Find(0x5000'8030).chunk, third);
-    m_map->Remove(third);
+    EXPECT_EQ(FindChunk(0x5000'8030), third);
+    m_map->Remove(*third);
     EXPECT_EQ(m_map->Find(0x5000'8030).record, nullptr);
-    EXPECT_EQ(m_map->Find(0x5000'8840).chunk, fourth);
+    EXPECT_EQ(FindChunk(0x5000'8840), fourth);
 }
 
 TEST_F(ChunkMap, SmallChunksAndThoseBeyondTheAddressSpaceAreRefused)
 {
-    EXPECT_FALSE(m_map->Add(Hooks, Make(0x10000, 3, 4)));
-    EXPECT_FALSE(m_map->Add(Hooks, Make(0x10000, 3, 255)));
-    EXPECT_TRUE(m_map->Add(Hooks, Make(0x10000, 3, 256)));
-    EXPECT_FALSE(m_map->Add(Hooks, Make((u64{1} << 47) - 64, 6, 256)));
+    EXPECT_FALSE(m_map->Add(Hooks, *Make(0x10000, 3, 4)));
+    EXPECT_FALSE(m_map->Add(Hooks, *Make(0x10000, 3, 255)));
+    EXPECT_TRUE(m_map->Add(Hooks, *Make(0x10000, 3, 256)));
+    EXPECT_FALSE(m_map->Add(Hooks, *Make((u64{1} << 47) - 64, 6, 256)));
     EXPECT_EQ(m_map->Find((u64{1} << 47) - 64).record, nullptr);
 }
 
@@ -126,15 +136,15 @@ TEST_F(ChunkMap, WithoutMemoryForTheTreeItStaysAsItWas)
     CChunkRecords* const before = Add(leafEnd - 0x8000, 6, 256);
     for (u64 requests = 0; requests < 2; ++requests) {
         requestsLeft = requests;
-        EXPECT_FALSE(m_map->Add(Hooks, Make(leafEnd - 0x2000, 6, 256))) << requests;
+        EXPECT_FALSE(m_map->Add(Hooks, *Make(leafEnd - 0x2000, 6, 256))) << requests;
         EXPECT_EQ(m_map->Find(leafEnd - 0x2000).record, nullptr);
         EXPECT_EQ(m_map->Find(leafEnd).record, nullptr);
-        EXPECT_EQ(m_map->Find(leafEnd - 0x8000).chunk, before);
+        EXPECT_EQ(FindChunk(leafEnd - 0x8000), before);
     }
     requestsLeft = 2;
     CChunkRecords* const across = Add(leafEnd - 0x2000, 6, 256);
-    EXPECT_EQ(m_map->Find(leafEnd - 0x2000).chunk, across);
-    EXPECT_EQ(m_map->Find(leafEnd + 0x1FC0).chunk, across);
+    EXPECT_EQ(FindChunk(leafEnd - 0x2000), across);
+    EXPECT_EQ(FindChunk(leafEnd + 0x1FC0), across);
 }
 
 // Against a sorted list of the chunks, through random additions and removals.
@@ -144,7 +154,12 @@ TEST_F(ChunkMap, AgreesWithASortedListOfChunks)
     std::map<u64, CChunkRecords*> chunks;
     auto const findPlainly = [&](u64 address) -> CChunkRecords::Record* {
         auto const after = chunks.upper_bound(address);
-        return after == chunks.begin() ? nullptr : std::prev(after)->second->Find(address);
+        if (after == chunks.begin())
+            return nullptr;
+        auto const& [start, chunk] = *std::prev(after);
+        u64 const size = u64{1} << chunk->GetBlockBits();
+        bool const isBlock = address < chunk->GetEnd() && (address - start) % size == 0;
+        return isBlock ? chunk->GetRecords() + (address - start) / size : nullptr;
     };
     u64 end = 0x6000'0000;
     std::vector<u64> starts;
@@ -158,7 +173,7 @@ TEST_F(ChunkMap, AgreesWithASortedListOfChunks)
         }
         else {
             u64 const index = random() % starts.size();
-            m_map->Remove(chunks[starts[index]]);
+            m_map->Remove(*chunks[starts[index]]);
             chunks.erase(starts[index]);
             starts.erase(starts.begin() + static_cast<i64>(index));
         }
@@ -205,7 +220,7 @@ TEST_F(ChunkMap, EveryBlockOfAChunkCanBeFreeAtOnce)
         EXPECT_TRUE(chunk.IsWhollyFree());
         // The records beside the bits are not touched.
         for (u64 index = 0; index < blockCount; ++index)
-            EXPECT_EQ(chunk.Find(0x4000'0000 + 1024 * index)->load(), 0u);
+            EXPECT_EQ(chunk.GetRecords()[index].load(), 0u);
         std::vector<u64> expected;
         for (u64 index = 0; index < blockCount; ++index)
             expected.push_back(0x4000'0000 + 1024 * index);
