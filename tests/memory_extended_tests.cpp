@@ -83,7 +83,7 @@ TEST_F(ExtendedHeap, BlocksAllocatedTogetherLieTogetherWhateverTheOrderOfTheRele
     Fill(Count, 64);
     u64 neighbours = 0;
     for (u64 index = 1; index < Count; ++index)
-        neighbours += static_cast<u8*>(m_blocks[index]) == static_cast<u8*>(m_blocks[index - 1]) + 64 ? 1 : 0;
+        neighbours += static_cast<u8*>(m_blocks[index]) == static_cast<u8*>(m_blocks[index - 1]) + 64 ? 1u : 0u;
     // All but those at the ends of the chunks and the few that a thread has at hand.
     EXPECT_GT(neighbours, Count * 95 / 100);
     EXPECT_EQ(GetStatistics().pools[0].classes[3].chunkCount, (Count + 255) / 256);
