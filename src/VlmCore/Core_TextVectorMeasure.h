@@ -45,6 +45,13 @@ struct SNeighbours {
     }
 };
 
+/// For measures that take every register alike.
+template <class Unit>
+struct SNothingRare {
+    static constexpr bool HasRare(u8 const*) { return false; }
+    static void TakeRare(u8 const*, TLanes<Unit>&, TLanes<Unit>&) {}
+};
+
 /// What measures of UTF-8 share.
 struct SMeasure8 {
     using Rules = SUTF8;
@@ -83,7 +90,7 @@ struct SMeasure8 {
 };
 
 /// Characters.
-struct SCharacters8 : SMeasure8 {
+struct SCharacters8 : SMeasure8, SNothingRare<u8> {
     VLM_KERNEL static SMeasured Read(u8 const* block, u64 valid, u64 carried)
     {
         SBytes const bytes = ReadBytes(block, valid);
@@ -123,18 +130,27 @@ struct SUnits8 : SMeasure8 {
     }
     VLM_KERNEL static void Take(u8 const* place, CLanes8& irregular, CLanes8& least, CLanes8& amount)
     {
-        SNeighbours const lanes(place);
-        irregular |= lanes.GetIrregular();
-        least = Least(least, lanes.bytes);
-        amount += lanes.GetStarts();
-        // Most text has no lead bytes from EF on, nor does what lies just in front of it.
-        CLanes8 const limit = Fill<u8>(0xEF - 0x80);
-        if (MaskOf(SubtractDownTo0(lanes.bytes, limit) | SubtractDownTo0(lanes.before1, limit)) != 0) {
-            auto const last = (lanes.before1 == Fill<u8>(0xEF)) & (lanes.bytes == Fill<u8>(0xBF));
-            auto const small = (lanes.before1 == Fill<u8>(0xF0)) & (lanes.bytes < Fill<u8>(0x90));
-            irregular |= reinterpret_cast<CLanes8>(last | small);
-            amount -= reinterpret_cast<CLanes8>(lanes.bytes >= Fill<u8>(0xF0));
+        SCharacters8::Take(place, irregular, least, amount);
+    }
+    /// Most text has no lead bytes from EF on, nor does what lies just in front of it.
+    VLM_KERNEL static bool HasRare(u8 const* chunk)
+    {
+        CLanes8 highest{};
+        for (u64 offset = 0; offset < ChunkSize; offset += VectorWidth) {
+            CLanes8 const bytes = LoadAround<u8>(chunk + offset);
+            highest = highest > bytes ? highest : bytes;
         }
+        return chunk[-1] >= 0xEF || MaskOf(SubtractDownTo0(highest, Fill<u8>(0xEF - 0x80))) != 0;
+    }
+    /// What such lead bytes add.
+    VLM_KERNEL static void TakeRare(u8 const* place, CLanes8& irregular, CLanes8& amount)
+    {
+        CLanes8 const bytes = LoadAround<u8>(place);
+        CLanes8 const before = LoadAround<u8>(place - 1);
+        auto const last = (before == Fill<u8>(0xEF)) & (bytes == Fill<u8>(0xBF));
+        auto const small = (before == Fill<u8>(0xF0)) & (bytes < Fill<u8>(0x90));
+        irregular |= reinterpret_cast<CLanes8>(last | small);
+        amount -= reinterpret_cast<CLanes8>(bytes >= Fill<u8>(0xF0));
     }
     static u64 GetAmount(SCharacter const& character) { return SUTF16::GetWrittenSize(character.codePoint) / 2; }
     static u64 GetCountedFor(u8 const* lead) { return *lead < 0xF0 ? 1 : 2; }
@@ -169,7 +185,7 @@ struct SIsZero {
 
 /// What measures of wider units share. Where no surrogate is about, a unit is a character.
 template <class R>
-struct SMeasureUnits {
+struct SMeasureUnits : SNothingRare<typename R::Unit> {
     using Rules = R;
     using Unit = typename Rules::Unit;
 
@@ -262,6 +278,10 @@ VLM_KERNEL u8 const* MeasureChunks(u8 const* place, u64& amount)
             Lanes added{};
             for (u64 offset = 0; offset < ChunkSize; offset += VectorWidth)
                 Measure::Take(place + offset, irregular, least, added);
+            if (Measure::HasRare(place)) {
+                for (u64 offset = 0; offset < ChunkSize; offset += VectorWidth)
+                    Measure::TakeRare(place + offset, irregular, added);
+            }
             goesOn = (MaskWhere(irregular) | MaskWhere(least == Lanes{})) == 0;
             if (!goesOn)
                 break;

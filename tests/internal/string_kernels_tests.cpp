@@ -452,7 +452,7 @@ TEST_P(CStringKernels, SearchesAroundOtherCharacters)
                     std::vector<u8> bytes;
                     for (u64 index = 0; index < length; ++index) {
                         u8 buffer[8];
-                        u32 const codePoint = index == place ? kind : index + 1 == length ? '#' : 'a' + index % 7;
+                        u32 const codePoint = index == place ? kind : index + 1 == length ? '#' : 'a' + static_cast<u32>(index % 7);
                         u8* const end =
                             Encodings::Dispatch(encoding, [&](auto rules) { return rules.Write(codePoint, buffer); });
                         bytes.insert(bytes.end(), buffer, end);
