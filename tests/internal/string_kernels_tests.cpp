@@ -452,7 +452,9 @@ TEST_P(CStringKernels, SearchesAroundOtherCharacters)
                     std::vector<u8> bytes;
                     for (u64 index = 0; index < length; ++index) {
                         u8 buffer[8];
-                        u32 const codePoint = index == place ? kind : index + 1 == length ? '#' : 'a' + static_cast<u32>(index % 7);
+                        u32 const codePoint = index == place        ? kind
+                                              : index + 1 == length ? '#'
+                                                                    : 'a' + static_cast<u32>(index % 7);
                         u8* const end =
                             Encodings::Dispatch(encoding, [&](auto rules) { return rules.Write(codePoint, buffer); });
                         bytes.insert(bytes.end(), buffer, end);
@@ -465,6 +467,54 @@ TEST_P(CStringKernels, SearchesAroundOtherCharacters)
                     });
                     ASSERT_EQ(found.first, found.second) << encoding << ' ' << length << ' ' << place << ' ' << kind;
                 }
+            }
+        }
+    }
+}
+
+// What stands behind a terminator is not looked at, whatever it is.
+TEST_P(CStringKernels, BehindTheTerminator)
+{
+    std::mt19937 random(14);
+    for (EStringEncoding::Type const encoding : AllEncodings) {
+        u64 const unitSize = Encodings::GetUnitSize(encoding);
+        for (u64 length = 0; length <= 70; ++length) {
+            for (unsigned flavour = 0; flavour < Flavours; ++flavour) {
+                std::vector<u8> const bytes = MakeText(random, encoding, flavour, length);
+                std::vector<u8> const behind = MakeText(random, encoding, flavour == 0 ? 6 : 7, 200);
+                u8* const place = m_text.GetBegin() + unitSize * (random() % 100);
+                u8* const copy = m_other.GetBegin() + unitSize * (random() % 100);
+                std::memset(m_text.GetBegin(), 0, 4096);
+                std::memset(m_other.GetBegin(), 0, 4096);
+                std::memcpy(place, bytes.data(), bytes.size());
+                std::memcpy(copy, bytes.data(), bytes.size());
+                CString const text(place, encoding);
+                CString const same(copy, encoding);
+                CMutableString const needle = CString(behind.data(), encoding).GetSubstring(0, 3);
+                auto const ask = [&] {
+                    std::vector<u64> results = {text.GetLength(),
+                                                text.GetAllocatedSize(),
+                                                text.Find(needle),
+                                                text.Find(needle.GetCodePointAt(0)),
+                                                text.FindLast(needle),
+                                                text.Find('b'),
+                                                text == same,
+                                                text < same,
+                                                same < text};
+                    for (EStringEncoding::Type const target : AllEncodings) {
+                        results.push_back(text.GetAllocatedSizeAs(target));
+                        std::vector<u8> out(results.back());
+                        text.CopyAs(target, out.data(), false);
+                        results.insert(results.end(), out.begin(), out.end());
+                    }
+                    return results;
+                };
+                auto const alone = Both(ask);
+                std::memcpy(place + bytes.size(), behind.data(), behind.size());
+                auto const followed = Both(ask);
+                ASSERT_EQ(alone.first, alone.second) << encoding << ' ' << flavour << ' ' << length;
+                ASSERT_EQ(alone.first, followed.first) << encoding << ' ' << flavour << ' ' << length;
+                ASSERT_EQ(alone.first, followed.second) << encoding << ' ' << flavour << ' ' << length;
             }
         }
     }
