@@ -56,6 +56,10 @@ command_bench() {
         name=$(basename "$name" .cpp)
         [[ $name != *$filter* ]] || names+=("$name")
     done
+    if ((${#names[@]} == 0)); then
+        echo "No benchmark's name has \"$filter\" in it; there are:" benchmarks/*_bench.cpp >&2
+        exit 2
+    fi
     targets="${names[*]}" configure_and_build "$preset" "${options[@]}"
     mkdir -p "$results"
     for name in "${names[@]}"; do
