@@ -93,12 +93,15 @@ void KillWhileRecording(char const* capacity)
         TestSupport::SChildOptions options;
         options.arguments = {capacity};
         options.killAfterMilliseconds = startup + 1 + static_cast<unsigned>(random() % 150);
+        // Nothing of the child before: emptying its many megabytes would be most of what this one is killed at.
+        std::remove(EventsPath);
+        std::remove(StacksPath);
         auto const child = TestSupport::RunChild("RecordsUntilKilled", options);
         ASSERT_TRUE(child.timedOut) << "ended by itself with " << child.exitCode;
         std::string const events = ReadAll(EventsPath);
         std::string const stacks = ReadAll(StacksPath);
-        // A child that a busy machine has not even let open its files has nothing to show.
-        if (stacks.empty() || IsCut(events) || IsCut(stacks))
+        // A child that a busy machine has not even let begin its files has nothing to show; that of the events is begun last.
+        if (events.empty() || IsCut(events) || IsCut(stacks))
             continue;
         SJSONValue eventDocument;
         SJSONValue stackDocument;
