@@ -120,6 +120,48 @@ TEST_F(ExtendedHeap, PurgeGivesBackEveryChunkWithoutABlockInUse)
     EXPECT_EQ(GetStatistics().pools[0].classes[3].chunkCount, 0u);
 }
 
+// A class's chunks get their notes when a thread first needs a block after the heap was extended; a purge may hold the
+// class's free list at that moment.
+TEST_F(ExtendedHeap, ChunksMayGetTheirNotesWhileAPurgeHoldsTheirFreeBlocks)
+{
+    for (u32 round = 0; round < 150; ++round) {
+        TearDown();
+        SetUp();
+        // Four chunks with some blocks in use, before the heap is extended; then another class extends it.
+        Fill(1000, 64);
+        std::vector<void*> kept;
+        for (u64 index = 0; index < m_blocks.size(); index += 10)
+            kept.push_back(std::exchange(m_blocks[index], nullptr));
+        Empty();
+        Fill(5000, 8);
+        Empty();
+        std::atomic<bool> isPurging{false};
+        std::atomic<bool> isDone{false};
+        std::thread purger([&] {
+            while (!isDone) {
+                isPurging = true;
+                Memory::Purge();
+            }
+        });
+        while (!isPurging)
+            std::this_thread::yield();
+        for (u32 volatile wait = 0; wait < round * 1000; wait = wait + 1)
+            continue;
+        Fill(1, 64);
+        isDone = true;
+        purger.join();
+        for (void* const block : kept)
+            Memory::Free(block);
+        Memory::Purge();
+        // No block comes from a chunk that has gone.
+        Fill(2000, 64);
+        EXPECT_GE(GetStatistics().pools[0].classes[3].chunkCount * 256, 2001u) << round;
+        Empty();
+        Memory::Purge();
+        EXPECT_EQ(GetStatistics().pools[0].classes[3].chunkCount, 0u);
+    }
+}
+
 TEST_F(ExtendedHeap, TheStoreGrowsWithTheRecordThatDoesNotFit)
 {
     u64 const empty = GetRecordBytes();

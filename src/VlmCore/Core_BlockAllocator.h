@@ -153,6 +153,7 @@ private:
         m_free = block;
     }
 
+    void AddFreeList(CHeapExtension* extension, SShape const& shape, SFreeBlock* list);
     [[nodiscard]] void* TakeAfterGrowth(CGlobalHeap& heap, SShape const& shape, u64 size);
     [[nodiscard]] bool AcquireWithFreeBlock(CGlobalHeap& heap, SShape const& shape);
     void AddChunksToMap(CGlobalHeap& heap, SShape const& shape);

@@ -84,12 +84,17 @@ void CBlockClass::AddChunksToMap(CGlobalHeap& heap, SShape const& shape)
 {
     for (u32 index = 0; index < m_chunkCount; ++index)
         heap.AddChunk(m_chunks[index], m_blocksPerChunk, shape);
-    for (SFreeBlock* block = std::exchange(m_free, nullptr); block != nullptr;) {
-        SFreeBlock* const next = MemoryDebug::ReadNext(block);
-        AddFree(heap.GetExtension(), shape, block);
-        block = next;
-    }
+    AddFreeList(heap.GetExtension(), shape, std::exchange(m_free, nullptr));
     m_isMapped = 1;
+}
+
+// With the lock held: each block of a list goes where it belongs.
+void CBlockClass::AddFreeList(CHeapExtension* extension, SShape const& shape, SFreeBlock* list)
+{
+    while (list != nullptr) {
+        SFreeBlock* const next = MemoryDebug::ReadNext(list);
+        AddFree(extension, shape, std::exchange(list, next));
+    }
 }
 
 // Nothing is counted before both the table and the chunk are there.
@@ -220,7 +225,10 @@ bool CBlockClass::Purge(CGlobalHeap& heap, SShape const& shape, CPurgeScratch& s
         last = UnlinkFreeChunks(list, scratch, chunkCount, m_blocksPerChunk);
 
     m_lock.Acquire();
-    if (last != nullptr) {
+    // Chunks that got notes meanwhile have their free blocks there and nowhere else.
+    if (m_isMapped != 0)
+        AddFreeList(heap.GetExtension(), shape, list);
+    else if (last != nullptr) {
         MemoryDebug::WriteNext(last, m_free);
         m_free = list;
     }
