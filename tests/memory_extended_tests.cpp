@@ -145,8 +145,8 @@ TEST_F(ExtendedHeap, ChunksMayGetTheirNotesWhileAPurgeHoldsTheirFreeBlocks)
         });
         while (!isPurging)
             std::this_thread::yield();
-        for (u32 volatile wait = 0; wait < round * 1000; wait = wait + 1)
-            continue;
+        for (u32 wait = 0; wait < round * 1000; ++wait)
+            std::atomic_signal_fence(std::memory_order_seq_cst);
         Fill(1, 64);
         isDone = true;
         purger.join();
