@@ -423,9 +423,9 @@ private:
             successor->colour = node->colour;
         }
         --m_count;
+        Memory::Delete(node); // first: the checks below may throw
         if (removedColour == Black)
             RebalanceAfterErase(child, childParent);
-        Memory::Delete(node);
     }
 
     void RebalanceAfterErase(SNode* node, SNode* parent)
@@ -456,6 +456,8 @@ private:
             parent->colour = Red;
             Rotate<LeftLacks>(parent);
             sibling = LeftLacks ? parent->right : parent->left;
+            if (sibling == nullptr)
+                Impl::ThrowMapError(859, Impl::MapHasInvalidProperties);
         }
         SNode* inner = LeftLacks ? sibling->left : sibling->right;
         SNode* outer = LeftLacks ? sibling->right : sibling->left;
