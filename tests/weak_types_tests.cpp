@@ -148,6 +148,31 @@ TEST(WeakType, TextsOfEveryEncodingAreOwnedAsUTF8)
     EXPECT_EQ(Utf8(value.AsString()), "own");
 }
 
+// A pointer converts to bool before it converts to a text: none may slip through as a Boolean.
+TEST(WeakType, LiteralsOfEveryEncodingAreTextsAndOtherPointersAreRefused)
+{
+    EXPECT_EQ(CWeakType("w\u00F6rter").GetType(), CWeakType::String);
+    EXPECT_EQ(Utf8(CWeakType(u8"w\u00F6rter").AsString()), "w\xC3\xB6rter");
+    EXPECT_EQ(Utf8(CWeakType(u"w\u00F6rter").AsString()), "w\xC3\xB6rter");
+    EXPECT_EQ(Utf8(CWeakType(U"w\u00F6rter").AsString()), "w\xC3\xB6rter");
+    EXPECT_EQ(Utf8(CWeakType(L"w\u00F6rter").AsString()), "w\xC3\xB6rter");
+    char16_t units[] = u"own";
+    CWeakType value = units;
+    EXPECT_EQ(value.GetType(), CWeakType::String);
+    value = u"assigned";
+    EXPECT_EQ(Utf8(value.AsString()), "assigned");
+    CMutableString const owner("owner");
+    value = owner;
+    EXPECT_EQ(Utf8(value.AsString()), "owner");
+    char const* const null = nullptr;
+    EXPECT_EQ(CWeakType(null).GetType(), CWeakType::String);
+    EXPECT_EQ(CWeakType(nullptr).GetType(), CWeakType::String);
+    EXPECT_FALSE((std::is_constructible_v<CWeakType, void const*>));
+    EXPECT_FALSE((std::is_constructible_v<CWeakType, int*>));
+    EXPECT_FALSE((std::is_constructible_v<CWeakType, CWeakType*>));
+    EXPECT_FALSE((std::is_constructible_v<CWeakType, void (*)()>));
+}
+
 TEST(WeakType, TextsAreCopiedMovedAndFreed)
 {
     u64 const before = CountLiveBlocks();

@@ -19,6 +19,8 @@
 #include <atomic>
 #include <bit>
 #include <cstring>
+#include <type_traits>
+#include <utility>
 
 /// Type codes of weak types as CPinnedTypeException carries them: the codes of CWeakType::EType.
 enum _VlmWeakTypeDataType : Velmor::u32 { // NOLINT(bugprone-reserved-identifier): kept, hosts use the name
@@ -80,6 +82,17 @@ public:
     /// Copies the text, converted to UTF-8. Throws CBadAllocation.
     CWeakType(CString const& value);
     CWeakType(char const* value) : CWeakType(CString(value)) {}
+    CWeakType(IString const& value) : CWeakType(CString(value)) {}
+    /// The same of any other text that a CString can view.
+    template <class T>
+        requires(!std::is_same_v<T, char> && std::is_constructible_v<CString, T const*>)
+    CWeakType(T const* value) : CWeakType(CString(value))
+    {
+    }
+    /// What any other pointer is meant to be is unclear; without this it would become a Boolean.
+    template <class T>
+        requires(!std::is_constructible_v<CString, T const*>)
+    CWeakType(T* value) = delete;
     /// A text is copied, a reference stays a reference to the same value. Throws CBadAllocation.
     CWeakType(CWeakType const& other)
     {
