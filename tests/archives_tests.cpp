@@ -495,6 +495,38 @@ TEST_F(FolderArchive, ALinkIsListedOnceAsWhatItLeadsTo)
     EXPECT_EQ(List(archive, "link").files, (Names{"inside"})); // asked for by name it is what it leads to
 }
 
+TEST_F(FolderArchive, TellsLinksFromWhatTheyLeadTo)
+{
+    fs::create_directory(Root() / "target");
+    WriteText(Root() / "target" / "inside", "");
+    for (char const* const path :
+         {"", "target", "target\\", "target\\inside", "missing", "missing\\too", "target\\*", "..", "?"})
+        EXPECT_FALSE(archive.IsLink(path)) << path;
+    EXPECT_FALSE(archive.IsLink(CString()));
+    if (!TestSupport::MakeLink(Root() / "target", Root() / "link"))
+        GTEST_SKIP() << "no links here";
+    for (CString const& path : {CString("link"), CString(u"link\\"), CString(U"target/../link/")})
+        EXPECT_TRUE(archive.IsLink(path)) << Bytes(path);
+    EXPECT_FALSE(archive.IsLink("link\\inside")); // behind a link everything is what it is
+    // Two that lead back would make a walk endless; asked first, it ends.
+    (void)TestSupport::MakeLink(Root(), Root() / "target" / "up");
+    EXPECT_TRUE(archive.IsLink("target\\up"));
+    EXPECT_FALSE(archive.IsLink("target\\up\\target"));
+    std::u16string const linkText = rootText + u"\\link";
+    EXPECT_TRUE(CFolderArchive{CString(linkText)}.IsLink("")); // its own root
+}
+
+TEST_F(FolderArchive, ALinkToAFileOrToNothingIsALink)
+{
+    WriteText(Root() / "file", "");
+    if (!TestSupport::MakeLink(Root() / "file", Root() / "link") || !TestSupport::LinksAreNative())
+        GTEST_SKIP() << "no links here, or none that the system itself sees";
+    EXPECT_TRUE(archive.IsLink("link"));
+    EXPECT_FALSE(archive.IsLink("file"));
+    fs::remove(Root() / "file");
+    EXPECT_TRUE(archive.IsLink("link"));
+}
+
 TEST_F(FolderArchive, RemoveFolderStaysWithinItsRoot)
 {
     CTemporaryFolder outside;

@@ -94,6 +94,11 @@ public:
     /// root itself is contained (the empty path).
     [[nodiscard]] bool Contains(CString const& path) const override;
 
+    /// True when the entry itself is a link or a junction, wherever it leads; a missing one is none. List names links as
+    /// what they lead to: a walk down a tree asks here before it enters a folder, or two links that lead back make it
+    /// endless.
+    [[nodiscard]] bool IsLink(CString const& path) const;
+
     [[nodiscard]] IString const& GetName() const override { return m_name; }
 
     void RemoveFile(CString const& path) override;

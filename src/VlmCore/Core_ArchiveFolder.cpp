@@ -231,6 +231,18 @@ bool CFolderArchive::Contains(CString const& path) const
     return Path::NamesEntry(Path::NormalizeJoined(m_root, path));
 }
 
+bool CFolderArchive::IsLink(CString const& path) const
+{
+    PathUnits full = Path::NormalizeJoined(m_root, path);
+    (void)Path::DropTrailingSeparators(full);
+    PathUnits parentPath;
+    char16_t const* name = nullptr;
+    Platform::CFolder parent;
+    Platform::SEntryKind kind;
+    return SplitLast(full, parentPath, name) && parent.Open(parentPath.GetData()) == 0 &&
+           parent.DescribeEntry(name, kind) == 0 && kind.isLink;
+}
+
 void CFolderArchive::RemoveFile(CString const& path)
 {
     if (innermostRemoval != nullptr) {
