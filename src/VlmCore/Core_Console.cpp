@@ -7,9 +7,8 @@ namespace Velmor::System {
 
 void GetArguments(TVector<CMutableString, 1>& arguments)
 {
-    auto const append = [](void* context, void const* text, u32 unitWidth) {
-        CString const argument(text, unitWidth == 2 ? EStringEncoding::UTF16 : EStringEncoding::UTF8);
-        static_cast<TVector<CMutableString, 1>*>(context)->Append(argument.ToUTF8());
+    auto const append = [](void* context, char const* text) {
+        static_cast<TVector<CMutableString, 1>*>(context)->Append(CMutableString(CString(text)));
     };
     Platform::VisitArguments(append, &arguments);
 }

@@ -6,8 +6,8 @@
 
 namespace Velmor::Platform {
 
-/// Receives one argument: terminated text, UTF-16 when `unitWidth` is 2, UTF-8 when it is 1. Valid during the call only.
-using VisitArgument = void (*)(void* context, void const* text, u32 unitWidth);
+/// Receives one argument: terminated text, UTF-8 as the system writes it. Valid during the call only.
+using VisitArgument = void (*)(void* context, char const* text);
 
 /// Calls `visit` for every argument of the command line, the program's name first, in order. Exceptions of `visit` pass.
 void VisitArguments(VisitArgument visit, void* context);

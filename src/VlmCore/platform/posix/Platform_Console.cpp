@@ -22,7 +22,7 @@ void VisitArguments(VisitArgument visit, void* context)
             argument.push_back(static_cast<char>(byte));
             continue;
         }
-        visit(context, argument.c_str(), 1);
+        visit(context, argument.c_str());
         argument.clear();
     }
 }

@@ -5,6 +5,7 @@
 #include <shellapi.h>
 
 #include <memory>
+#include <string>
 
 namespace Velmor::Platform {
 
@@ -15,8 +16,15 @@ void VisitArguments(VisitArgument visit, void* context)
     int count = 0;
     std::unique_ptr<LPWSTR, decltype(&::LocalFree)> const arguments(CommandLineToArgvW(GetCommandLineW(), &count),
                                                                     &::LocalFree);
-    for (int index = 0; arguments != nullptr && index < count; ++index)
-        visit(context, arguments.get()[index], 2);
+    std::string argument;
+    for (int index = 0; arguments != nullptr && index < count; ++index) {
+        // Converted by the system: the library's own conversion has another form for characters beyond U+FFFF.
+        wchar_t const* const text = arguments.get()[index];
+        int const size = ::WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
+        argument.resize(size > 0 ? static_cast<std::size_t>(size) : 1);
+        ::WideCharToMultiByte(CP_UTF8, 0, text, -1, argument.data(), size, nullptr, nullptr);
+        visit(context, argument.c_str());
+    }
 }
 
 // ---- standard streams ----
