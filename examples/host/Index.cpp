@@ -1,5 +1,6 @@
 #include "Index.h"
 
+#include "Names.h"
 #include "Source.h"
 
 #include <algorithm>
@@ -51,11 +52,12 @@ void FindPlaces(SFileReport& report, CString const& text, CString const& wanted)
 void WriteReplaced(SOptions const& options, CString const& path, CTextFile const& file)
 {
     // The memory file touches nothing: it only knows how to take a path apart.
-    CMemoryFile parts(path.Replace('/', '\\', 0));
+    CMemoryFile parts(ToSystemName(path.Replace('/', '\\', 0)));
+    CMutableString const name = FromSystemName(parts.GetFileName());
+    CMutableString const extension = FromSystemName(parts.GetFileExt());
     CMutableString target;
-    Format(target, parts.GetFileExt().IsEmpty() ? "%1/%2" : "%1/%2.%3", options.replaceFolder, parts.GetFileName(),
-           parts.GetFileExt());
-    CNativeFile copy(target, EFileOpen::Write | EFileOpen::CreateAlways);
+    Format(target, extension.IsEmpty() ? "%1/%2" : "%1/%2.%3", options.replaceFolder, name, extension);
+    CNativeFile copy(ToSystemName(target), EFileOpen::Write | EFileOpen::CreateAlways);
     file.WriteLike(copy, file.GetText().Replace(options.replaceFrom, options.replaceTo, 0));
 }
 

@@ -93,7 +93,7 @@ CString GetUsage()
            "files\n"
            "also the elements and attributes. \":\" names the samples that are embedded in the program, \":RCDATA/1\" "
            "one\n"
-           "of them.\n"
+           "of them. Links to folders are followed where they are named, not below a folder.\n"
            "\n"
            "  --json             print the index as JSON\n"
            "  --jobs N           measure N files at a time (1)\n"

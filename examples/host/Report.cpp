@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 
 using namespace Velmor;
 
@@ -49,18 +50,23 @@ void PrintNumbers(SFileReport const& report)
                 report.sizeAs[2]);
 }
 
-// A text between quotes: control characters, quotes and backslashes escaped.
-void PrintJSONText(CString const& text)
+// A text between quotes: control characters, quotes and backslashes escaped. A byte of a name that is no UTF-8 becomes
+// the lone surrogate of its value, as in other programs that must not lose it.
+void PrintJSONText(CMutableString const& utf8)
 {
-    CMutableString const utf8 = text.ToUTF8();
+    char const* const text = GetText(utf8);
+    u64 const size = std::strlen(text);
     std::fputc('"', stdout);
-    for (char const* unit = GetText(utf8); *unit != 0; ++unit) {
-        if (*unit == '"' || *unit == '\\')
-            std::printf("\\%c", *unit);
-        else if (static_cast<u8>(*unit) < 0x20)
-            std::printf("\\u%04x", static_cast<u32>(static_cast<u8>(*unit)));
+    for (u64 offset = 0; offset < size;) {
+        u8 const byte = static_cast<u8>(text[offset]);
+        u64 const length = MeasureUTF8Character(reinterpret_cast<u8 const*>(text) + offset, size - offset);
+        if (byte == '"' || byte == '\\')
+            std::printf("\\%c", byte);
+        else if (byte < 0x20 || length == 0)
+            std::printf("\\u%04x", length == 0 ? 0xDC00u | byte : u32{byte});
         else
-            std::fputc(*unit, stdout);
+            std::fwrite(text + offset, 1, length, stdout);
+        offset += length == 0 ? 1 : length;
     }
     std::fputc('"', stdout);
 }

@@ -33,23 +33,6 @@ void SwapBytes(u8* data, u64 size, u64 unitSize)
     }
 }
 
-// Length of the well-formed UTF-8 character at `text`, 0 when there is none. A zero byte is no text.
-u64 MeasureUTF8Character(u8 const* text, u64 size)
-{
-    u8 const lead = text[0];
-    u64 const length = lead < 0x80 ? 1 : lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 0;
-    if (lead == 0 || length == 0 || length > size)
-        return 0;
-    for (u64 index = 1; index < length; ++index) {
-        if ((text[index] & 0xC0) != 0x80)
-            return 0;
-    }
-    bool const isOverlong = (lead == 0xE0 && text[1] < 0xA0) || (lead == 0xF0 && text[1] < 0x90);
-    bool const isSurrogate = lead == 0xED && text[1] >= 0xA0;
-    bool const isTooLarge = lead == 0xF4 && text[1] >= 0x90;
-    return isOverlong || isSurrogate || isTooLarge ? 0 : length;
-}
-
 u64 MeasureUTF16Character(u8 const* text, u64 size)
 {
     auto const getUnit = [text](u64 offset) { return static_cast<u32>(text[offset] | text[offset + 1] << 8); };
@@ -71,6 +54,22 @@ u64 MeasureUTF32Character(u8 const* text, u64 size)
 }
 
 } // namespace
+
+u64 MeasureUTF8Character(u8 const* text, u64 size)
+{
+    u8 const lead = text[0];
+    u64 const length = lead < 0x80 ? 1 : lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 0;
+    if (lead == 0 || length == 0 || length > size)
+        return 0;
+    for (u64 index = 1; index < length; ++index) {
+        if ((text[index] & 0xC0) != 0x80)
+            return 0;
+    }
+    bool const isOverlong = (lead == 0xE0 && text[1] < 0xA0) || (lead == 0xF0 && text[1] < 0x90);
+    bool const isSurrogate = lead == 0xED && text[1] >= 0xA0;
+    bool const isTooLarge = lead == 0xF4 && text[1] >= 0x90;
+    return isOverlong || isSurrogate || isTooLarge ? 0 : length;
+}
 
 CTextFile::CTextFile(IFile& file, SFileReport& report)
 {

@@ -31,6 +31,9 @@ struct SFileEncoding {
     Velmor::u8 mark[4];
 };
 
+// Length of the well-formed UTF-8 character at `text`, 0 when there is none. A zero byte is no text.
+[[nodiscard]] Velmor::u64 MeasureUTF8Character(Velmor::u8 const* text, Velmor::u64 size);
+
 // A whole file in memory, its text in the machine's byte order.
 class CTextFile {
 public:

@@ -4,6 +4,7 @@
 // library is gone before the heap is.
 
 #include "Index.h"
+#include "Names.h"
 #include "Options.h"
 #include "Report.h"
 
@@ -21,7 +22,7 @@ int Run(SOptions const& options)
 {
     // The log's own text goes through a buffer; a writer thread takes it to the file.
     constexpr u64 LogBufferSize = 64 * 1024;
-    CFileLogger logger(options.logPath, LogBufferSize);
+    CFileLogger logger(ToSystemName(options.logPath), LogBufferSize);
     Log::Initialize(&logger);
     SIndex index;
     BuildIndex(options, index);
@@ -45,7 +46,8 @@ public:
         CMutableString stacks;
         Format(events, "%1/events.json", options.memoryLogFolder);
         Format(stacks, "%1/stacks.json", options.memoryLogFolder);
-        m_logger.Reset(Memory::New<CFileMemoryLogger>(EHeap::General, events, stacks, EventsBuffered));
+        m_logger.Reset(
+            Memory::New<CFileMemoryLogger>(EHeap::General, ToSystemName(events), ToSystemName(stacks), EventsBuffered));
         Memory::InitializeLog(m_logger.Get());
     }
     CMemoryLog(CMemoryLog const&) = delete;

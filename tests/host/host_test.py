@@ -133,13 +133,74 @@ class Host(unittest.TestCase):
         self.assertEqual(sum("error" in row for row in index["files"]), len(bad))
 
     def test_names_beyond_ascii(self):
-        for name in ("Übersicht.txt", "дом.txt", "文字.txt"):
-            (self.folder / name).write_text(name, encoding="utf-8")
+        names = ["Übersicht.txt", "дом.txt", "文字.txt", "😀 und 𐍈.txt"]
+        inner = self.folder / "𝄞"
+        inner.mkdir()
+        for folder in (self.folder, inner):
+            for name in names:
+                (folder / name).write_text(name, encoding="utf-8")
         index = json.loads(self.run_host("--json", self.folder)[0])
-        names = [row["path"].replace("\\", "/").rsplit("/", 1)[1] for row in index["files"]]
-        self.assertEqual(sorted(names), sorted(["Übersicht.txt", "дом.txt", "文字.txt"]))
-        single = json.loads(self.run_host("--json", self.folder / "文字.txt")[0])
-        self.assertEqual(single["files"][0]["codePoints"], len("文字.txt"))
+        found = [row["path"].replace("\\", "/").rsplit("/", 1)[1] for row in index["files"]]
+        self.assertEqual(found, sorted(names, key=str.encode) * 2)
+        for name in names:
+            for path in (self.folder / name, inner / name):
+                single = json.loads(self.run_host("--json", path)[0])
+                self.assertEqual(single["files"][0]["codePoints"], len(name))
+        rows = json.loads(self.run_host("--json", "--mount", self.folder, "𝄞/😀 und 𐍈.txt", "𝄞")[0])["files"]
+        self.assertEqual(len(rows), 5)
+        target = self.work / "🗑"
+        target.mkdir()
+        self.run_host("--log", self.work / "📜.log", "--replace", "und", "oder", "--into", target, inner)
+        self.assertEqual((target / "😀 und 𐍈.txt").read_text(encoding="utf-8"), "😀 oder 𐍈.txt")
+        self.assertTrue((self.work / "📜.log").exists())
+
+    def test_names_that_are_no_text(self):
+        if EMULATOR:
+            self.skipTest("names are text there")
+        (pathlib.Path(os.fsdecode(os.fsencode(self.folder) + b"/caf\xe9.txt"))).write_bytes(b"x")
+        (self.folder / "back\\slash.txt").write_bytes(b"yy")
+        rows = json.loads(self.run_host("--json", self.folder)[0])["files"]
+        self.assertEqual([row["bytes"] for row in rows], [2, 1])
+        self.assertTrue(rows[1]["path"].endswith("/caf\udce9.txt"), rows[1]["path"])
+
+    def test_links_to_folders_are_passed_over(self):
+        (self.folder / "inner").mkdir()
+        (self.folder / "inner" / "one.txt").write_bytes(b"1")
+        try:
+            for place, name in ((self.folder, "a"), (self.folder, "b"), (self.folder / "inner", "up")):
+                (place / name).symlink_to(self.folder, target_is_directory=True)
+            (self.folder / "file-link").symlink_to(self.folder / "inner" / "one.txt")
+        except OSError:
+            self.skipTest("no links here")
+        for arguments in ((self.folder,), ("--mount", self.work, "input")):
+            rows = json.loads(self.run_host("--json", *arguments)[0])["files"]
+            ends = [row["path"].replace("\\", "/").split("input/")[1] for row in rows]
+            self.assertEqual(ends, ["file-link", "inner/one.txt"])
+        # Asked for by name, a link is what it leads to.
+        rows = json.loads(self.run_host("--json", self.folder / "a")[0])["files"]
+        self.assertEqual(len(rows), 2)
+
+    def test_an_empty_folder_has_no_files_and_a_closed_one_is_named(self):
+        self.assertEqual(json.loads(self.run_host("--json", self.folder)[0])["files"], [])
+        if EMULATOR or os.geteuid() == 0:
+            return
+        (self.folder / "closed").mkdir(mode=0)
+        rows = json.loads(self.run_host("--json", self.folder, code=1)[0])["files"]
+        self.assertEqual(len(rows), 1)
+        self.assertIn("error", rows[0])
+
+    def test_a_folder_beside_the_program_through_its_archive(self):
+        beside = pathlib.Path(PROGRAM).parent / "vlmhost-beside"
+        shutil.rmtree(beside, ignore_errors=True)
+        (beside / "inner").mkdir(parents=True)
+        try:
+            (beside / "one.txt").write_bytes(b"1")
+            (beside / "inner" / "two.txt").write_bytes(b"22")
+            rows = json.loads(self.run_host("--json", "--mount", ":", "vlmhost-beside", "vlmhost-beside/one.txt",
+                                            ":RCDATA/1")[0])["files"]
+            self.assertEqual([row["bytes"] for row in rows], [2, 1, 1, 246])
+        finally:
+            shutil.rmtree(beside)
 
     def test_more_jobs_give_the_same_index(self):
         one = self.run_host("--json", "--find", "e", "docs", "examples", "README.md")[0]
