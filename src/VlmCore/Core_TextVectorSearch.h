@@ -243,26 +243,55 @@ VLM_KERNEL u8 const* FindSimple(u8 const* text, u32 unit)
     return FindSimpleFurther<Unit>(next - BytesBehind(next, VectorWidth), unit);
 }
 
+/// Where a text is looked at as one block: from its first byte on, or with some bytes in front of it.
+struct SBlockPlace {
+    u8 const* block;
+    u64 ahead; ///< bytes of the block in front of the text
+};
+
+/// For a text in the last block of its page. When it ends in there, it is looked at where it lies; otherwise it goes on
+/// in the next page, which may be read for that.
+VLM_KERNEL inline SBlockPlace PlaceAtPageEnd(u8 const* text)
+{
+    u64 const ahead = BytesBehind(text, BlockSize);
+    u8 const* const block = text - ahead;
+    return EqualBytes(block, CLanes8{}) >> ahead != 0 ? SBlockPlace{block, ahead} : SBlockPlace{text, 0};
+}
+
 /// Both texts in one block each.
+VLM_KERNEL VLM_INLINE u64 FindInBlockAt(SBlockPlace text, SBlockPlace needle)
+{
+    u64 const textEnd = EqualBytes(text.block, CLanes8{}) >> text.ahead;
+    u64 const needleEnd = EqualBytes(needle.block, CLanes8{}) >> needle.ahead;
+    u64 const high = (HighBytes(text.block) >> text.ahead & BelowLowest(textEnd)) |
+                     (HighBytes(needle.block) >> needle.ahead & BelowLowest(needleEnd));
+    if (textEnd == 0 || needleEnd == 0 || high != 0)
+        return Undecided;
+    u8 const* const wanted = needle.block + needle.ahead;
+    u64 const back = LowestBit(needleEnd) - 1;
+    u64 candidates = EqualBytes(text.block, Fill<u8>(wanted[0])) >> text.ahead &
+                     EqualBytes(text.block, Fill<u8>(wanted[back])) >> text.ahead >> back &
+                     BelowLowest(textEnd) >> back;
+    for (; candidates != 0; candidates &= candidates - 1) {
+        u64 const index = LowestBit(candidates);
+        if (std::memcmp(text.block + text.ahead + index, wanted, back) == 0)
+            return index;
+    }
+    return ~u64{0};
+}
+
+VLM_KERNEL VLM_SEPARATE u64 FindInBlockAtPageEnd(u8 const* text, u8 const* needle)
+{
+    return FindInBlockAt(PlaceAtPageEnd(text), PlaceAtPageEnd(needle));
+}
+
+/// `needle` is not empty.
 VLM_KERNEL u64 FindInBlock(u8 const* text, u8 const* needle)
 {
     constexpr u64 LastPlace = PageSize - BlockSize;
     if (BytesBehind(text, PageSize) > LastPlace || BytesBehind(needle, PageSize) > LastPlace)
-        return Undecided;
-    u64 const textEnd = EqualBytes(text, CLanes8{});
-    u64 const needleEnd = EqualBytes(needle, CLanes8{});
-    u64 const high = (HighBytes(text) & BelowLowest(textEnd)) | (HighBytes(needle) & BelowLowest(needleEnd));
-    if (textEnd == 0 || needleEnd == 0 || high != 0)
-        return Undecided;
-    u64 const back = LowestBit(needleEnd) - 1;
-    u64 candidates = EqualBytes(text, Fill<u8>(needle[0])) & (EqualBytes(text, Fill<u8>(needle[back])) >> back) &
-                     BelowLowest(textEnd) >> back;
-    for (; candidates != 0; candidates &= candidates - 1) {
-        u64 const index = LowestBit(candidates);
-        if (std::memcmp(text + index, needle, back) == 0)
-            return index;
-    }
-    return ~u64{0};
+        return FindInBlockAtPageEnd(text, needle);
+    return FindInBlockAt({text, 0}, {needle, 0});
 }
 
 // ---- ASCII case -----------------------------------------------------------------------------------------------------

@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <random>
+#include <string>
 #include <vector>
 
 using namespace Velmor;
@@ -466,6 +467,45 @@ TEST_P(CStringKernels, SearchesAroundOtherCharacters)
                                                 text.Find("g#"), text.Find(u"#"), text.Find("#a"), text.Find("fgab")};
                     });
                     ASSERT_EQ(found.first, found.second) << encoding << ' ' << length << ' ' << place << ' ' << kind;
+                }
+            }
+        }
+    }
+}
+
+// Short texts at every place around the end of a page, among letters that would be found if they belonged to the text.
+TEST_P(CStringKernels, SearchesAroundPageEnds)
+{
+    std::mt19937 random(15);
+    auto const makeLetters = [&random](u64 count) {
+        std::string letters;
+        for (u64 index = 0; index < count; ++index)
+            letters += static_cast<char>('a' + random() % 3);
+        return letters;
+    };
+    u8* const textPage = m_text.GetBegin() + 4096;
+    u8* const needlePage = m_other.GetBegin() + 8192;
+    std::string const surroundings = makeLetters(512);
+    for (u64 ahead = 0; ahead <= 70; ++ahead) {
+        for (u64 const length : {u64{1}, u64{2}, u64{5}, u64{17}, u64{40}, u64{63}, u64{64}, u64{66}, u64{130}}) {
+            std::string const letters = makeLetters(length);
+            std::memcpy(textPage - 256, surroundings.data(), surroundings.size());
+            std::memcpy(textPage - ahead, letters.c_str(), length + 1);
+            u8* const last = m_text.PlaceAtEnd(letters.c_str(), length + 1);
+            for (u64 const size : {u64{1}, u64{2}, u64{3}, u64{6}, u64{50}}) {
+                std::string const wanted =
+                    random() % 2 == 0 && size <= length ? letters.substr(length - size) : makeLetters(size);
+                std::memcpy(needlePage - 256, surroundings.data(), surroundings.size());
+                u64 const needleAhead = random() % 70;
+                std::memcpy(needlePage - needleAhead, wanted.c_str(), size + 1);
+                u8* const lastNeedle = m_other.PlaceAtEnd(wanted.c_str(), size + 1);
+                u64 const expected = letters.find(wanted);
+                for (u8 const* const text : {textPage - ahead, last}) {
+                    for (u8 const* const needle : {needlePage - needleAhead, lastNeedle}) {
+                        ASSERT_EQ(CString(text, EStringEncoding::UTF8).Find(CString(needle, EStringEncoding::UTF8)),
+                                  expected)
+                            << letters << ' ' << wanted << ' ' << ahead << ' ' << needleAhead;
+                    }
                 }
             }
         }
