@@ -5,12 +5,14 @@
 ///     Format(line, "%1: [%2] %3\n", count, level, message);
 ///     Format(line, "%x1 is %1, 100%%", 255u);                  // 0xFF is 255, 100%
 ///
-/// | in the template | prints |
-/// |---|---|
-/// | "%1" to "%8"   | the argument of that number, as often as it is named; "0" when the call has no such argument |
-/// | "%x1" to "%x8" | an integer as "0x" and upper-case digits, a string as its GetHash() in that form, "0x0" for none
-/// | | "%%", "%x%"    | one "%" | | "%" and anything else | nothing, and the character behind it is dropped; nor does a
-/// "%" at the end print anything |
+/// | in the template       | prints                                                                            |
+/// |-----------------------|-----------------------------------------------------------------------------------|
+/// | "%1" to "%8"          | the argument of that number, as often as it is named; "0" when there is none      |
+/// | "%x1" to "%x8"        | an integer as "0x" and upper-case digits, a string as its GetHash() in that form; |
+/// |                       | "0x0" when there is none                                                          |
+/// | "%%", "%x%"           | one "%"                                                                           |
+/// | "%" and anything else | nothing: the character behind the "%" or "%x" is dropped with it                  |
+/// | "%", "%x" at the end  | nothing                                                                           |
 ///
 /// There is no width, padding or precision. Arguments are integers of every width (negative ones print in hexadecimal
 /// as their 64-bit two's complement), enumerations that convert to integers, strings of the library, and whatever
