@@ -3,10 +3,10 @@
 #include "Texts.h"
 #include "support/Files.h"
 #include "support/Folders.h"
+#include "support/VirtualSlots.h"
 
 #include <vlmcore/archives.h>
 
-#include <cstring>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -17,21 +17,11 @@ using namespace Velmor;
 using TestSupport::CTemporaryFolder;
 using TestSupport::FileErrorOf;
 using TestSupport::ReadAll;
+using TestSupport::SlotOf;
 using VlmTest::Bytes;
 using VlmTest::Units;
 
 namespace {
-
-/// Place of a virtual operation in its class's table. A pointer to one holds the table's offset, in bytes, plus one.
-template <class Operation>
-u64 SlotOf(Operation operation)
-{
-    u64 words[2] = {};
-    static_assert(sizeof operation == sizeof words);
-    std::memcpy(words, &operation, sizeof words);
-    EXPECT_EQ(words[0] % sizeof(void*), 1u) << "not virtual";
-    return (words[0] - 1) / sizeof(void*);
-}
 
 using Log = std::vector<std::string>;
 
@@ -94,7 +84,6 @@ protected:
 
 TEST(ArchiveInterface, OperationsAreInOrder)
 {
-    // Two destructors come first in this compiler family's tables.
     EXPECT_EQ(SlotOf(&IArchive::OpenFile), 2u);
     EXPECT_EQ(SlotOf(&IArchive::List), 3u);
     EXPECT_EQ(SlotOf(&IArchive::Contains), 4u);

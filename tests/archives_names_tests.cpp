@@ -16,6 +16,7 @@
 using namespace Velmor;
 using TestSupport::CTemporaryFolder;
 using TestSupport::FileErrorOf;
+using TestSupport::HasDrives;
 using TestSupport::ReadAll;
 using TestSupport::ReadText;
 using TestSupport::WriteText;
@@ -27,12 +28,6 @@ namespace {
 
 using Names = std::multiset<std::string>;
 
-// True where full paths begin with a drive, and the rules for names are Windows's.
-bool HasDrives()
-{
-    return fs::current_path().has_root_name();
-}
-
 class ArchiveNames : public ::testing::Test {
 protected:
     [[nodiscard]] fs::path const& Root() const { return folder.Path(); }
@@ -40,14 +35,10 @@ protected:
     // Files and folders.
     [[nodiscard]] Names List(CString const& path) const
     {
-        TVector<CMutableString, 1> files;
-        TVector<CMutableString, 1> folders;
-        archive.List(path, files, folders);
-        Names names;
-        for (CMutableString const& name : files)
-            names.insert(Bytes(name));
-        for (CMutableString const& name : folders)
-            names.insert(Bytes(name) + "\\");
+        auto const listing = TestSupport::ListArchive<Names>(archive, path);
+        Names names = listing.files;
+        for (std::string const& name : listing.folders)
+            names.insert(name + "\\");
         return names;
     }
 

@@ -32,24 +32,11 @@ namespace {
 
 using Names = std::multiset<std::string>;
 
-struct SListing {
-    Names files;
-    Names folders;
-};
+using SListing = TestSupport::TListing<Names>;
 
 SListing List(IArchive const& archive, CString const& path)
 {
-    TVector<CMutableString, 1> files;
-    TVector<CMutableString, 1> folders;
-    archive.List(path, files, folders);
-    SListing listing;
-    for (CMutableString const& file : files) {
-        EXPECT_EQ(file.GetEncoding(), path.GetEncoding());
-        listing.files.insert(Bytes(file));
-    }
-    for (CMutableString const& folder : folders)
-        listing.folders.insert(Bytes(folder));
-    return listing;
+    return TestSupport::ListArchive<Names>(archive, path);
 }
 
 // An archive on a fresh folder.

@@ -21,6 +21,7 @@ using namespace Velmor;
 using TestSupport::CCurrentFolder;
 using TestSupport::CTemporaryFolder;
 using TestSupport::FileErrorOf;
+using TestSupport::HasDrives;
 using TestSupport::ReadAll;
 using TestSupport::ReadText;
 using TestSupport::WriteText;
@@ -33,12 +34,6 @@ namespace {
 
 constexpr EFileOpen::Type NoMode = static_cast<EFileOpen::Type>(0);
 constexpr EFileOpen::Type ReadWrite = EFileOpen::Read | EFileOpen::Write;
-
-// True where full paths begin with a drive.
-bool HasDrives()
-{
-    return fs::current_path().has_root_name();
-}
 
 } // namespace
 

@@ -6,6 +6,7 @@
 #include <vlmcore/weak_types.h>
 
 #include "TestHeap.h"
+#include "Texts.h"
 
 #include <cmath>
 #include <cstdio>
@@ -17,6 +18,7 @@
 #include <vector>
 
 using namespace Velmor;
+using VlmTest::Bytes;
 
 namespace {
 
@@ -78,12 +80,6 @@ private:
     bool m_isReference = false;
 };
 
-std::string Utf8(CString const& text)
-{
-    CMutableString const utf8 = text.ToUTF8();
-    return utf8.GetData() == nullptr ? "" : static_cast<char const*>(utf8.GetData());
-}
-
 std::string Show(bool value)
 {
     return value ? "1" : "0";
@@ -97,7 +93,7 @@ std::string Show(CWeakType const& value)
     case CWeakType::Integer:
         return "I" + std::to_string(value.AsInteger());
     case CWeakType::String:
-        return "S" + Utf8(value.AsString());
+        return "S" + Bytes(value.AsString());
     case CWeakType::Float: {
         char text[32];
         std::snprintf(text, sizeof text, "%.9g", static_cast<double>(std::fabs(value.AsFloat())));
@@ -119,7 +115,7 @@ COperation Wrap(Operator op)
             return Show(op(left, right));
         }
         catch (CPinnedTypeException const& exception) {
-            return "!" + Utf8(exception.GetLeftTypeName()) + "-" + Utf8(exception.GetRightTypeName());
+            return "!" + Bytes(exception.GetLeftTypeName()) + "-" + Bytes(exception.GetRightTypeName());
         }
     };
 }
@@ -282,9 +278,9 @@ TEST(WeakTypeOperators, CountingInStrictModeNeedsANumberOrNothing)
         FAIL();
     }
     catch (CPinnedTypeException const& exception) {
-        EXPECT_EQ(Utf8(exception.GetText()), "Type Boolean invalid in context.");
-        EXPECT_EQ(Utf8(exception.GetLeftTypeName()), "Boolean");
-        EXPECT_EQ(Utf8(exception.GetRightTypeName()), "Boolean");
+        EXPECT_EQ(Bytes(exception.GetText()), "Type Boolean invalid in context.");
+        EXPECT_EQ(Bytes(exception.GetLeftTypeName()), "Boolean");
+        EXPECT_EQ(Bytes(exception.GetRightTypeName()), "Boolean");
     }
     CWeakType text("1");
     EXPECT_THROW(--text, CPinnedTypeException);

@@ -1,6 +1,7 @@
 // What hosts see of the storages besides their operations: the order of these, the layout of the nodes, the order in which
 // memory goes back, and what a damaged tree is answered with.
 #include "TestHeap.h"
+#include "support/VirtualSlots.h"
 
 #include <vlmcore/logging.h>
 #include <vlmcore/weak_types.h>
@@ -12,6 +13,7 @@
 #include <gtest/gtest.h>
 
 using namespace Velmor;
+using TestSupport::SlotOf;
 
 namespace {
 
@@ -27,17 +29,6 @@ template <class T>
 void WriteAt(void* object, u64 offset, T value)
 {
     std::memcpy(static_cast<u8*>(object) + offset, &value, sizeof value);
-}
-
-/// Place of a virtual operation in its class's table. A pointer to one holds the table's offset, in bytes, plus one.
-template <class Operation>
-u64 SlotOf(Operation operation)
-{
-    u64 words[2] = {};
-    static_assert(sizeof operation == sizeof words);
-    std::memcpy(words, &operation, sizeof words);
-    EXPECT_EQ(words[0] % sizeof(void*), 1u) << "not virtual";
-    return (words[0] - 1) / sizeof(void*);
 }
 
 // Remembers what goes back to the memory manager for the length of a scope.
@@ -121,7 +112,6 @@ std::string ErrorOf(Action action)
 TEST(WeakTypeStorageInterface, OperationsAreInOrder)
 {
     using S = IWeakTypeStorage;
-    // Two destructors come first in this compiler family's tables.
     EXPECT_EQ(SlotOf(&S::GetVariableId), 2u);
     EXPECT_EQ(SlotOf(static_cast<bool (S::*)(unsigned int) const>(&S::IsRegistered)), 3u);
     EXPECT_EQ(SlotOf(static_cast<bool (S::*)(CString const&) const>(&S::IsRegistered)), 4u);

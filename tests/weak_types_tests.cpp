@@ -3,6 +3,7 @@
 #include <vlmcore/weak_types.h>
 
 #include "TestHeap.h"
+#include "Texts.h"
 #include "support/ThreadHelpers.h"
 
 #include <cmath>
@@ -14,14 +15,9 @@
 #include <vector>
 
 using namespace Velmor;
+using VlmTest::Bytes;
 
 namespace {
-
-std::string Utf8(CString const& text)
-{
-    CMutableString const utf8 = text.ToUTF8();
-    return utf8.GetData() == nullptr ? "" : static_cast<char const*>(utf8.GetData());
-}
 
 // The whole tree is walked after every step in debug builds, now and then in others.
 #if defined(NDEBUG)
@@ -54,7 +50,7 @@ TEST(WeakType, AFreshValueIsInvalid)
     EXPECT_EQ(value.AsInteger(), 0);
     EXPECT_EQ(value.AsFloat(), 0.0f);
     EXPECT_FALSE(value.AsBoolean());
-    EXPECT_EQ(Utf8(value.AsString()), "");
+    EXPECT_EQ(Bytes(value.AsString()), "");
 }
 
 TEST(WeakType, CodesAndNames)
@@ -67,8 +63,8 @@ TEST(WeakType, CodesAndNames)
     EXPECT_EQ(int{CWeakType::Invalid}, 5);
     char const* const names[] = {"Reference", "Boolean", "Integer", "Float", "String", "Invalid"};
     for (u32 code = 0; code < 6; ++code) {
-        EXPECT_EQ(Utf8(CWeakType::GetTypeName(static_cast<CWeakType::EType>(code))), names[code]);
-        EXPECT_EQ(Utf8(CWeakType::GetTypeName(static_cast<_VlmWeakTypeDataType>(code))), names[code]);
+        EXPECT_EQ(Bytes(CWeakType::GetTypeName(static_cast<CWeakType::EType>(code))), names[code]);
+        EXPECT_EQ(Bytes(CWeakType::GetTypeName(static_cast<_VlmWeakTypeDataType>(code))), names[code]);
         EXPECT_STREQ(CWeakType::TypeName[code], names[code]);
     }
     EXPECT_EQ(CWeakType::GetTypeName(CWeakType::Float).GetData(), CWeakType::TypeName[3]);
@@ -76,8 +72,8 @@ TEST(WeakType, CodesAndNames)
 
 TEST(WeakType, ACodeOutsideTheTableIsInvalid)
 {
-    EXPECT_EQ(Utf8(CWeakType::GetTypeName(static_cast<_VlmWeakTypeDataType>(6))), "Invalid");
-    EXPECT_EQ(Utf8(CPinnedTypeException(static_cast<_VlmWeakTypeDataType>(7)).GetText()),
+    EXPECT_EQ(Bytes(CWeakType::GetTypeName(static_cast<_VlmWeakTypeDataType>(6))), "Invalid");
+    EXPECT_EQ(Bytes(CPinnedTypeException(static_cast<_VlmWeakTypeDataType>(7)).GetText()),
               "Type Invalid invalid in context.");
 }
 
@@ -92,8 +88,8 @@ TEST(WeakType, Layout)
 
 TEST(WeakType, ConversionsOfBooleans)
 {
-    EXPECT_EQ(Utf8(CWeakType(true).AsString()), "true");
-    EXPECT_EQ(Utf8(CWeakType(false).AsString()), "false");
+    EXPECT_EQ(Bytes(CWeakType(true).AsString()), "true");
+    EXPECT_EQ(Bytes(CWeakType(false).AsString()), "false");
     EXPECT_EQ(CWeakType(true).AsInteger(), 1);
     EXPECT_EQ(CWeakType(true).AsFloat(), 1.0f);
     EXPECT_FALSE(CWeakType(false).AsBoolean());
@@ -101,16 +97,16 @@ TEST(WeakType, ConversionsOfBooleans)
 
 TEST(WeakType, ConversionsOfIntegers)
 {
-    EXPECT_EQ(Utf8(CWeakType(-42).AsString()), "-42");
+    EXPECT_EQ(Bytes(CWeakType(-42).AsString()), "-42");
     EXPECT_TRUE(CWeakType(-42).AsBoolean());
     EXPECT_FALSE(CWeakType(0).AsBoolean());
     EXPECT_EQ(CWeakType(16777217).AsFloat(), 16777216.0f);
-    EXPECT_EQ(Utf8(CWeakType(std::numeric_limits<int>::min()).AsString()), "-2147483648");
+    EXPECT_EQ(Bytes(CWeakType(std::numeric_limits<int>::min()).AsString()), "-2147483648");
 }
 
 TEST(WeakType, ConversionsOfFloats)
 {
-    EXPECT_EQ(Utf8(CWeakType(1.5f).AsString()), "1.5");
+    EXPECT_EQ(Bytes(CWeakType(1.5f).AsString()), "1.5");
     EXPECT_EQ(CWeakType(2.9f).AsInteger(), 2);
     EXPECT_EQ(CWeakType(-2.9f).AsInteger(), -2);
     EXPECT_EQ(CWeakType(3e9f).AsInteger(), static_cast<int>(3000000000u));
@@ -138,32 +134,32 @@ TEST(WeakType, ConversionsOfTexts)
 
 TEST(WeakType, TextsOfEveryEncodingAreOwnedAsUTF8)
 {
-    EXPECT_EQ(Utf8(CWeakType(CString(u"wörter")).AsString()), "wörter");
-    EXPECT_EQ(Utf8(CWeakType(CString(U"wörter")).AsString()), "wörter");
-    EXPECT_EQ(Utf8(CWeakType(CString()).AsString()), "");
+    EXPECT_EQ(Bytes(CWeakType(CString(u"wörter")).AsString()), "wörter");
+    EXPECT_EQ(Bytes(CWeakType(CString(U"wörter")).AsString()), "wörter");
+    EXPECT_EQ(Bytes(CWeakType(CString()).AsString()), "");
     EXPECT_EQ(CWeakType(CString()).GetType(), CWeakType::String);
     char text[] = "own";
     CWeakType const value(text);
     text[0] = 'X';
-    EXPECT_EQ(Utf8(value.AsString()), "own");
+    EXPECT_EQ(Bytes(value.AsString()), "own");
 }
 
 // A pointer converts to bool before it converts to a text: none may slip through as a Boolean.
 TEST(WeakType, LiteralsOfEveryEncodingAreTextsAndOtherPointersAreRefused)
 {
     EXPECT_EQ(CWeakType("w\u00F6rter").GetType(), CWeakType::String);
-    EXPECT_EQ(Utf8(CWeakType(u8"w\u00F6rter").AsString()), "w\xC3\xB6rter");
-    EXPECT_EQ(Utf8(CWeakType(u"w\u00F6rter").AsString()), "w\xC3\xB6rter");
-    EXPECT_EQ(Utf8(CWeakType(U"w\u00F6rter").AsString()), "w\xC3\xB6rter");
-    EXPECT_EQ(Utf8(CWeakType(L"w\u00F6rter").AsString()), "w\xC3\xB6rter");
+    EXPECT_EQ(Bytes(CWeakType(u8"w\u00F6rter").AsString()), "w\xC3\xB6rter");
+    EXPECT_EQ(Bytes(CWeakType(u"w\u00F6rter").AsString()), "w\xC3\xB6rter");
+    EXPECT_EQ(Bytes(CWeakType(U"w\u00F6rter").AsString()), "w\xC3\xB6rter");
+    EXPECT_EQ(Bytes(CWeakType(L"w\u00F6rter").AsString()), "w\xC3\xB6rter");
     char16_t units[] = u"own";
     CWeakType value = units;
     EXPECT_EQ(value.GetType(), CWeakType::String);
     value = u"assigned";
-    EXPECT_EQ(Utf8(value.AsString()), "assigned");
+    EXPECT_EQ(Bytes(value.AsString()), "assigned");
     CMutableString const owner("owner");
     value = owner;
-    EXPECT_EQ(Utf8(value.AsString()), "owner");
+    EXPECT_EQ(Bytes(value.AsString()), "owner");
     char const* const null = nullptr;
     EXPECT_EQ(CWeakType(null).GetType(), CWeakType::String);
     EXPECT_EQ(CWeakType(nullptr).GetType(), CWeakType::String);
@@ -185,10 +181,10 @@ TEST(WeakType, TextsAreCopiedMovedAndFreed)
         copy = CWeakType(1);
         copy = CWeakType("again");
         copy = std::move(moved);
-        EXPECT_EQ(Utf8(copy.AsString()), "a text");
+        EXPECT_EQ(Bytes(copy.AsString()), "a text");
         CWeakType& self = copy;
         copy = self;
-        EXPECT_EQ(Utf8(copy.AsString()), "a text");
+        EXPECT_EQ(Bytes(copy.AsString()), "a text");
         EXPECT_EQ(CountLiveBlocks(), before + 1);
     }
     EXPECT_EQ(CountLiveBlocks(), before);
@@ -224,7 +220,7 @@ TEST(WeakType, AssignmentOfEveryTypeOverEveryType)
         };
         auto const expect = [](CWeakType const& value, SKind const& kind) {
             EXPECT_EQ(value.GetType(), kind.type);
-            EXPECT_EQ(Utf8(value.AsString()), kind.text);
+            EXPECT_EQ(Bytes(value.AsString()), kind.text);
         };
         for (SKind const& to : Kinds) {
             for (SKind const& from : Kinds) {
@@ -264,7 +260,7 @@ TEST(WeakType, AChainOfAnyLengthResolvesToItsEnd)
     EXPECT_EQ(last.AsInteger(), 12);
     EXPECT_EQ(last.AsFloat(), 12.0f);
     EXPECT_FALSE(last.AsBoolean());
-    EXPECT_EQ(Utf8(last.AsString()), "12");
+    EXPECT_EQ(Bytes(last.AsString()), "12");
     last.Trace();
     end = CWeakType(5);
     EXPECT_EQ(last.AsInteger(), 5);
@@ -314,7 +310,7 @@ TEST(WeakType, StrictModeIsOffAtFirstAndAllowsNumbers)
         ADD_FAILURE();
     }
     catch (CPinnedTypeException const& exception) {
-        EXPECT_EQ(Utf8(exception.GetText()), "Type mismatch between Reference and Integer.");
+        EXPECT_EQ(Bytes(exception.GetText()), "Type mismatch between Reference and Integer.");
         EXPECT_EQ(exception.GetKind(), 2);
     }
     CWeakType::SetStrictMode(false);
@@ -326,10 +322,10 @@ TEST(PinnedTypeException, CloneIsOfTheSameClassWithBothCodes)
     CException* const clone = original.Clone();
     auto* const pinned = dynamic_cast<CPinnedTypeException*>(clone);
     ASSERT_NE(pinned, nullptr);
-    EXPECT_EQ(Utf8(pinned->GetText()), "Type mismatch between String and Float.");
+    EXPECT_EQ(Bytes(pinned->GetText()), "Type mismatch between String and Float.");
     EXPECT_EQ(pinned->GetKind(), 2);
-    EXPECT_EQ(Utf8(pinned->GetLeftTypeName()), "String");
-    EXPECT_EQ(Utf8(pinned->GetRightTypeName()), "Float");
+    EXPECT_EQ(Bytes(pinned->GetLeftTypeName()), "String");
+    EXPECT_EQ(Bytes(pinned->GetRightTypeName()), "Float");
     Memory::Delete(clone);
 }
 

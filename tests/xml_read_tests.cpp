@@ -1,6 +1,8 @@
 // ReadXML: the feeding loop, its errors, and hostile documents.
 #include "TestHeap.h"
+#include "Texts.h"
 #include "internal/xml_recorder.h"
+#include "support/ProducedFile.h"
 
 #include <vlmcore/files.h>
 #include <vlmcore/xml_stream.h>
@@ -14,42 +16,30 @@
 using namespace Velmor;
 using namespace Velmor::Test;
 using testing::ElementsAre;
+using TestSupport::CProducedFile;
+using VlmTest::Bytes;
 
 namespace {
 
-/// A file of a host's own: bytes made on demand, given in pieces of at most `pieceSize`.
-class CGeneratedFile : public IFile {
+/// Bytes by their place, given in pieces of at most `pieceSize`.
+class CGeneratedFile : public CProducedFile {
 public:
     CGeneratedFile(u64 size, u64 pieceSize, char (*byteAt)(u64))
-        : m_size(size), m_pieceSize(pieceSize), m_byteAt(byteAt)
+        : CProducedFile(size), m_pieceSize(pieceSize), m_byteAt(byteAt)
     {
     }
+    u64 Read(void* buffer, u64 size) override { return CProducedFile::Read(buffer, std::min(size, m_pieceSize)); }
 
-    CString GetPath() override { return "generated"; }
-    CString GetFileName() override { return "generated"; }
-    CString GetFileExt() override { return ""; }
-    [[nodiscard]] bool IsWritable() const override { return false; }
-    [[nodiscard]] bool IsReadable() const override { return true; }
-    [[nodiscard]] void* GetNativeHandle() const override { return nullptr; }
-    u64 Read(void* buffer, u64 size) override
+protected:
+    void Produce(char* bytes, u64 position, u64 count) override
     {
-        u64 const count = std::min({size, m_pieceSize, m_size - m_position});
         for (u64 i = 0; i < count; ++i)
-            static_cast<char*>(buffer)[i] = m_byteAt(m_position + i);
-        m_position += count;
-        return count;
+            bytes[i] = m_byteAt(position + i);
     }
-    u64 Write(void const*, u64) override { return 0; }
-    u64 Seek(ESeek::Type, i64) override { return m_position; }
-    [[nodiscard]] u64 GetPosition() const override { return m_position; }
-    [[nodiscard]] bool ReachedEOF() const override { return m_position == m_size; }
-    [[nodiscard]] u64 GetSizeByte() const override { return m_size; }
 
 private:
-    u64 m_size;
     u64 m_pieceSize;
     char (*m_byteAt)(u64);
-    u64 m_position = 0;
 };
 
 SXMLReadStatistics Read(CXMLStream& stream, std::string_view text, u64 bufferSize)
@@ -84,11 +74,6 @@ std::vector<std::string> Join(std::vector<SXMLEvent> const& events)
 
 constexpr char const* Document = "<?xml version='1.0'?>\n<root a=\"1\" bcd=\"some value\">\n text &amp; text "
                                  "<b/>\n<c>d</c> more\xE2\x82\xAC\n<e f='g'/>\n</root>\n";
-
-std::string Describe(CString const& text)
-{
-    return static_cast<char const*>(text.GetData());
-}
 
 struct SCounts {
     u64 elements = 0;
@@ -221,7 +206,7 @@ TEST(XMLRead, ErrorsTellTheirByte)
                 ADD_FAILURE() << c.text;
             }
             catch (CException const& exception) {
-                EXPECT_EQ(Describe(exception.GetText()), c.message);
+                EXPECT_EQ(Bytes(exception.GetText()), c.message);
                 EXPECT_EQ(exception.GetKind(), 0);
                 CXMLException const* const error = dynamic_cast<CXMLException const*>(&exception);
                 ASSERT_NE(error, nullptr);
@@ -253,49 +238,38 @@ namespace {
 
 /// A file that begins and ends in some way and holds one byte over and over between. Counts what a reader that consumes
 /// nothing looks at: all that came so far, again after every call.
-class CMonotonousFile : public IFile {
+class CMonotonousFile : public CProducedFile {
 public:
     CMonotonousFile(std::string_view begin, char filler, std::string_view end, u64 size)
-        : m_begin(begin), m_end(end), m_filler(filler), m_size(size)
+        : CProducedFile(size), m_begin(begin), m_end(end), m_filler(filler)
     {
     }
-
-    CString GetPath() override { return ""; }
-    CString GetFileName() override { return "monotonous"; }
-    CString GetFileExt() override { return ""; }
-    [[nodiscard]] bool IsWritable() const override { return false; }
-    [[nodiscard]] bool IsReadable() const override { return true; }
-    [[nodiscard]] void* GetNativeHandle() const override { return nullptr; }
     u64 Read(void* buffer, u64 size) override
     {
-        u64 const count = std::min(size, m_size - m_position);
-        char* const bytes = static_cast<char*>(buffer);
-        std::memset(bytes, m_filler, count);
-        for (u64 i = 0; i < count && m_position + i < m_begin.size(); ++i)
-            bytes[i] = m_begin[m_position + i];
-        u64 const endBegin = m_size - m_end.size();
-        for (u64 i = std::max(m_position, endBegin); i < m_position + count; ++i)
-            bytes[i - m_position] = m_end[i - endBegin];
-        m_position += count;
-        m_lookedAt += m_position;
+        u64 const count = CProducedFile::Read(buffer, size);
+        m_lookedAt += GetPosition();
         ++m_callCount;
         return count;
     }
-    u64 Write(void const*, u64) override { return 0; }
-    u64 Seek(ESeek::Type, i64) override { return m_position; }
-    [[nodiscard]] u64 GetPosition() const override { return m_position; }
-    [[nodiscard]] bool ReachedEOF() const override { return m_position == m_size; }
-    [[nodiscard]] u64 GetSizeByte() const override { return m_size; }
 
     [[nodiscard]] u64 GetCallCount() const { return m_callCount; }
     [[nodiscard]] u64 GetLookedAt() const { return m_lookedAt; }
+
+protected:
+    void Produce(char* bytes, u64 position, u64 count) override
+    {
+        std::memset(bytes, m_filler, count);
+        for (u64 i = 0; i < count && position + i < m_begin.size(); ++i)
+            bytes[i] = m_begin[position + i];
+        u64 const endBegin = GetSizeByte() - m_end.size();
+        for (u64 i = std::max(position, endBegin); i < position + count; ++i)
+            bytes[i - position] = m_end[i - endBegin];
+    }
 
 private:
     std::string_view m_begin;
     std::string_view m_end;
     char m_filler;
-    u64 m_size;
-    u64 m_position = 0;
     u64 m_callCount = 0;
     u64 m_lookedAt = 0;
 };
@@ -332,8 +306,8 @@ TEST(XMLRead, ATokenThatNeverEndsIsLookedAtAFewTimes)
         }
         catch (CXMLException const& error) {
             EXPECT_EQ(error.GetByteOffset(), c.offset) << c.begin;
-            EXPECT_NE(Describe(error.GetText()).find(std::string("state 0x") + c.state), std::string::npos)
-                << Describe(error.GetText());
+            EXPECT_NE(Bytes(error.GetText()).find(std::string("state 0x") + c.state), std::string::npos)
+                << Bytes(error.GetText());
         }
         EXPECT_LE(file->GetCallCount(), 14u) << c.begin; // 64 KiB doubled ten times, the end, what was in front
         EXPECT_LT(file->GetLookedAt(), 4 * c.size) << c.begin;
@@ -424,12 +398,12 @@ TEST(XMLRead, StreamsDoNotDisturbEachOther)
 {
     std::string inner;
     CXMLStream other;
-    other.OnText = [&](CString const* text) { inner += text != nullptr ? Describe(*text) : "-"; };
+    other.OnText = [&](CString const* text) { inner += text != nullptr ? Bytes(*text) : "-"; };
     std::string outer;
     CXMLStream stream;
     stream.OnText = [&](CString const* text) {
         Read(other, "[&lt;&#65;&unknown;&amp;]<b>", 64); // a document of its own, in the midst of a token
-        outer += text != nullptr ? Describe(*text) : "-";
+        outer += text != nullptr ? Bytes(*text) : "-";
     };
     char first[] = "1&abcdefghijklmnopqrst";
     EXPECT_EQ(stream.ProcessData(first, sizeof first - 1), sizeof first - 1);
@@ -577,7 +551,7 @@ TEST(XMLRead, AReadMayFailAtAnyCall)
             ADD_FAILURE() << "read " << failing << " did not fail";
         }
         catch (CFileException const& error) {
-            EXPECT_EQ(Describe(error.GetText()), "gone");
+            EXPECT_EQ(Bytes(error.GetText()), "gone");
             EXPECT_EQ(error.GetFileError(), EFileError::Corrupt);
         }
         EXPECT_EQ(file->GetCallCount(), failing + 1);

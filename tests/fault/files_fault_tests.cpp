@@ -2,6 +2,7 @@
 // no heap at all. Whatever is refused, the outcome is bad_alloc, files are as they were, and nothing is lost to the hooks
 // or to the system.
 #include "../support/CountingHooks.h"
+#include "../support/Faults.h"
 #include "../support/Files.h"
 #include "../support/Folders.h"
 
@@ -18,27 +19,15 @@
 
 using namespace Velmor;
 using TestSupport::CTemporaryFolder;
+using TestSupport::IsServed;
 using TestSupport::ReadAll;
+using TestSupport::SFaultMode;
 using TestSupport::WriteText;
 using Velmor::Test::CCountingHooks;
 
 namespace fs = std::filesystem;
 
 namespace {
-
-// Whether the action got the memory it needed. What else it throws fails the test.
-template <class Action>
-bool IsServed(Action const& action)
-{
-    try {
-        action();
-        return true;
-    }
-    catch (std::bad_alloc const& error) {
-        EXPECT_STREQ(error.what(), "bad allocation");
-    }
-    return false;
-}
 
 // The same for what must fail: the file error's kind, or nothing for want of memory.
 template <class Action>
@@ -153,12 +142,7 @@ void RunArchive(std::u16string const& root)
     });
 }
 
-struct SMode {
-    unsigned char heapFlags;
-    bool isOnce; // one request is refused, not all from there on
-};
-
-class FileFaults : public ::testing::TestWithParam<SMode> {
+class FileFaults : public ::testing::TestWithParam<SFaultMode> {
 protected:
     // Runs everything with the n-th request refused; false when it makes fewer requests than that.
     bool RunWith(u64 failing)
@@ -206,13 +190,7 @@ protected:
 
 } // namespace
 
-INSTANTIATE_TEST_SUITE_P(Modes, FileFaults,
-                         ::testing::Values(SMode{0, false}, SMode{0, true}, SMode{EHeapFlag::Passthrough, false},
-                                           SMode{EHeapFlag::Passthrough, true}),
-                         [](auto const& test) {
-                             return std::string(test.param.heapFlags == 0 ? "Normal" : "Passthrough") +
-                                    (test.param.isOnce ? "Once" : "FromThere");
-                         });
+INSTANTIATE_TEST_SUITE_P(Modes, FileFaults, TestSupport::FaultModes(), TestSupport::NameOf);
 
 TEST_P(FileFaults, EveryRequestMayBeRefused)
 {

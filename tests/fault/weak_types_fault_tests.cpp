@@ -1,6 +1,7 @@
 // Weak types and their storages while memory runs out, once for every request that they make, and while there is no heap
 // at all. Whatever is refused, the outcome is bad_alloc, values and storages are as they were, and nothing is lost.
 #include "../support/CountingHooks.h"
+#include "../support/Faults.h"
 
 #include <vlmcore/weak_types.h>
 
@@ -12,6 +13,8 @@
 #include <gtest/gtest.h>
 
 using namespace Velmor;
+using TestSupport::IsServed;
+using TestSupport::SFaultMode;
 using Velmor::Test::CCountingHooks;
 
 namespace {
@@ -33,19 +36,6 @@ bool HasText(CWeakType const& value, std::string const& expected)
     char const* text;
     std::memcpy(&text, static_cast<void const*>(&value), sizeof text);
     return value.GetType() == CWeakType::String && expected == text;
-}
-
-template <class Action>
-bool IsServed(Action const& action)
-{
-    try {
-        action();
-        return true;
-    }
-    catch (std::bad_alloc const& error) {
-        EXPECT_STREQ(error.what(), "bad allocation");
-    }
-    return false;
 }
 
 void RunValues(std::string const& text)
@@ -144,12 +134,7 @@ void RunErrors()
     EXPECT_EQ(value.AsInteger(), 1);
 }
 
-struct SMode {
-    unsigned char heapFlags;
-    bool isOnce; // one request is refused, not all from there on
-};
-
-class WeakTypeFaults : public ::testing::TestWithParam<SMode> {
+class WeakTypeFaults : public ::testing::TestWithParam<SFaultMode> {
 protected:
     // Runs everything with the n-th request refused; false when it makes fewer requests than that.
     static bool RunWith(u64 failing)
@@ -182,13 +167,7 @@ protected:
 
 } // namespace
 
-INSTANTIATE_TEST_SUITE_P(Modes, WeakTypeFaults,
-                         ::testing::Values(SMode{0, false}, SMode{0, true}, SMode{EHeapFlag::Passthrough, false},
-                                           SMode{EHeapFlag::Passthrough, true}),
-                         [](auto const& test) {
-                             return std::string(test.param.heapFlags == 0 ? "Normal" : "Passthrough") +
-                                    (test.param.isOnce ? "Once" : "FromThere");
-                         });
+INSTANTIATE_TEST_SUITE_P(Modes, WeakTypeFaults, TestSupport::FaultModes(), TestSupport::NameOf);
 
 TEST_P(WeakTypeFaults, EveryRequestMayBeRefused)
 {

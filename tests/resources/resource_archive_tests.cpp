@@ -58,25 +58,11 @@ std::string ContentOf(CString const& path)
     return file ? ReadAll(*file) : "(missing)";
 }
 
-struct SListing {
-    std::vector<std::string> files;
-    std::vector<std::string> folders;
-};
+using SListing = TestSupport::TListing<std::vector<std::string>>;
 
 SListing List(CString const& path)
 {
-    CResourceArchive const archive;
-    TVector<CMutableString, 1> files;
-    TVector<CMutableString, 1> folders;
-    archive.List(path, files, folders);
-    SListing listing;
-    for (CMutableString const& file : files) {
-        EXPECT_EQ(file.GetEncoding(), path.GetEncoding());
-        listing.files.push_back(Bytes(file));
-    }
-    for (CMutableString const& folder : folders)
-        listing.folders.push_back(Bytes(folder));
-    return listing;
+    return TestSupport::ListArchive<std::vector<std::string>>(CResourceArchive(), path);
 }
 
 bool IsResource(std::string const& entry)

@@ -3,6 +3,7 @@
 // they were before the call, and nothing is lost to the hooks or to the system.
 #include "support/CountingHooks.h"
 #include "support/DebuggedProcess.h"
+#include "support/Faults.h"
 #include "support/Files.h"
 #include "support/Folders.h"
 
@@ -16,7 +17,9 @@
 #include <gtest/gtest.h>
 
 using namespace Velmor;
+using TestSupport::IsServed;
 using TestSupport::ReadAll;
+using TestSupport::SFaultMode;
 using Velmor::Test::CCountingHooks;
 
 namespace fs = std::filesystem;
@@ -24,25 +27,6 @@ namespace fs = std::filesystem;
 namespace {
 
 std::string const SampleData("sample \0\1\2\xff data\n", 17);
-
-struct SMode {
-    unsigned char heapFlags;
-    bool isOnce; // one request is refused, not all from there on
-};
-
-// Whether the action got the memory it needed. What else it throws fails the test.
-template <class Action>
-bool IsServed(Action const& action)
-{
-    try {
-        action();
-        return true;
-    }
-    catch (std::bad_alloc const& error) {
-        EXPECT_STREQ(error.what(), "bad allocation");
-    }
-    return false;
-}
 
 // The folder that the listings see, and that nobody else uses.
 class CFolderBeside {
@@ -263,7 +247,7 @@ private:
     Lines m_folders;
 };
 
-class ResourceFaults : public ::testing::TestWithParam<SMode> {
+class ResourceFaults : public ::testing::TestWithParam<SFaultMode> {
 protected:
     void SetUp() override { before = (RunWith(0), TestSupport::OpenHandleCount()); }
 
@@ -316,13 +300,7 @@ protected:
 
 } // namespace
 
-INSTANTIATE_TEST_SUITE_P(Modes, ResourceFaults,
-                         ::testing::Values(SMode{0, false}, SMode{0, true}, SMode{EHeapFlag::Passthrough, false},
-                                           SMode{EHeapFlag::Passthrough, true}),
-                         [](auto const& test) {
-                             return std::string(test.param.heapFlags == 0 ? "Normal" : "Passthrough") +
-                                    (test.param.isOnce ? "Once" : "FromThere");
-                         });
+INSTANTIATE_TEST_SUITE_P(Modes, ResourceFaults, TestSupport::FaultModes(), TestSupport::NameOf);
 
 TEST_P(ResourceFaults, EveryRequestMayBeRefused)
 {

@@ -51,14 +51,11 @@ struct SListing {
 
 SListing List(CString const& path)
 {
-    TVector<CMutableString, 1> files;
-    TVector<CMutableString, 1> folders;
-    CResourceArchive().List(path, files, folders);
+    auto const all = TestSupport::ListArchive<std::multiset<std::string>>(CResourceArchive(), path);
     SListing listing;
-    for (CMutableString const& file : files)
-        (Bytes(file).starts_with(':') ? listing.resources : listing.files).insert(Bytes(file));
-    for (CMutableString const& folder : folders)
-        listing.folders.insert(Bytes(folder));
+    for (std::string const& file : all.files)
+        (file.starts_with(':') ? listing.resources : listing.files).insert(file);
+    listing.folders = all.folders;
     return listing;
 }
 
@@ -201,8 +198,7 @@ TEST_F(FilesBeside, FoldersMayVanishWhileTheTreeIsListed)
 // One descriptor a level.
 TEST_F(FilesBeside, DeepTreesAreListed)
 {
-    bool const hasDrives = fs::current_path().has_root_name();
-    int const levels = hasDrives ? 60 : 600;
+    int const levels = TestSupport::HasDrives() ? 60 : 600;
     CFolderArchive folder{CString(TestSupport::ToText(path).c_str())};
     std::u16string text = u"d";
     for (int level = 0; level < levels; ++level, text += u"\\d")

@@ -2,6 +2,9 @@
 /// What tests of files, archives and resources share.
 #pragma once
 
+#include "../Texts.h"
+
+#include <vlmcore/archives.h>
 #include <vlmcore/files.h>
 
 #include <filesystem>
@@ -33,6 +36,37 @@ Velmor::EFileError::Type FileErrorOf(Action action)
     file.Seek(Velmor::ESeek::Begin, 0);
     content.resize(static_cast<std::size_t>(file.Read(content.data(), content.size())));
     return content;
+}
+
+/// True where full paths begin with a drive, and the rules for names are those of Windows.
+[[nodiscard]] inline bool HasDrives()
+{
+    return std::filesystem::current_path().has_root_name();
+}
+
+/// What an archive lists, as UTF-8. `Names` is a container of strings: in order, or sorted.
+template <class Names>
+struct TListing {
+    Names files;
+    Names folders;
+};
+
+/// Lists `path`; the names must come in its encoding.
+template <class Names>
+[[nodiscard]] TListing<Names> ListArchive(Velmor::IArchive const& archive, Velmor::CString const& path)
+{
+    Velmor::TVector<Velmor::CMutableString, 1> files;
+    Velmor::TVector<Velmor::CMutableString, 1> folders;
+    archive.List(path, files, folders);
+    auto const copy = [&path](Velmor::TVector<Velmor::CMutableString, 1> const& from) {
+        Names names;
+        for (Velmor::CMutableString const& name : from) {
+            EXPECT_EQ(name.GetEncoding(), path.GetEncoding());
+            names.insert(names.end(), VlmTest::Bytes(name));
+        }
+        return names;
+    };
+    return {copy(files), copy(folders)};
 }
 
 /// Sets the current folder for a test.
