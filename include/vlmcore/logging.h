@@ -160,6 +160,7 @@ private:
     SBuffer m_buffers[2];
     u64 m_bufferSize;
     std::atomic<i32> m_index{0};
+    bool m_isOwnFile = false; ///< opened by the logger, not handed to it
 };
 
 /// Where memory events go. Installed with Memory::InitializeLog, taken back with Memory::ReleaseLog. Called from the
@@ -248,6 +249,7 @@ private:
     SBuffer m_buffers[2];
     u64 m_capacity;
     std::atomic<i32> m_index{0};
+    bool m_areOwnFiles = false; ///< opened by the logger, not handed to it
 };
 
 } // namespace Velmor

@@ -34,9 +34,17 @@ private:
     std::atomic<i32> m_refCount;
 };
 
+namespace Impl {
+
+/// CResource::Release for handles. False, and the object not looked at, without a heap: its memory may be gone, too.
+[[nodiscard]] VLM_API bool ReleaseHeldResource(CResource* resource);
+
+} // namespace Impl
+
 /// Owning handle of an object that derives from CResource and lives in memory of the memory manager.
 /// The object is destroyed and freed when its last handle goes. Different handles of one object may be used from
-/// different threads; one handle belongs to one thread at a time.
+/// different threads; one handle belongs to one thread at a time. A handle that outlives the heap, as statics do at
+/// exit, lets go of its object without touching it: pools take their objects with them.
 template <class T>
 class TResourcePtr {
 public:
@@ -66,7 +74,7 @@ public:
     void Reset()
     {
         T* const object = std::exchange(m_object, nullptr);
-        if (object != nullptr && object->Release()) {
+        if (object != nullptr && Impl::ReleaseHeldResource(object)) {
             void* const memory = dynamic_cast<void*>(object);
             object->~T();
             Memory::FreeQuietly(memory);
@@ -110,7 +118,7 @@ public:
     [[nodiscard]] void* ReserveBytes(unsigned int size);
     /// Reserves `size` bytes and copies `data` into them. Throws CBadAllocation.
     void* StoreCopy(void const* data, unsigned int size);
-    /// Frees every chunk; what ReserveBytes returned is gone.
+    /// Frees every chunk; what ReserveBytes returned is gone. Without a heap it is gone already.
     void Clear();
 
 private:

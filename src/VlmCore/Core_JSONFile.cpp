@@ -31,6 +31,7 @@ void ReportLoss(u64 size)
 CJSONFile::CJSONFile(TResourcePtr<IFile> const& file, CJSONFile* referred)
     : m_file(file), m_referred(referred), m_isNative(IsNativeFile(file.Get()))
 {
+    m_text.Reserve(1);
     try {
         if (m_file) {
             m_position = m_file->GetPosition();

@@ -22,25 +22,21 @@ namespace Velmor {
 class CJSONFile {
 public:
     /// Writes the opening and the trailer at the file's current position. `referred`, when given, is the file that the
-    /// items of this one refer to: whatever waits there is written before anything is written here.
+    /// items of this one refer to: whatever waits there is written before anything is written here. Throws
+    /// CBadAllocation.
     explicit CJSONFile(TResourcePtr<IFile> const& file, CJSONFile* referred = nullptr);
     CJSONFile(CJSONFile const&) = delete;
     CJSONFile& operator=(CJSONFile const&) = delete;
 
     /// Adds the item that `build(text)` appends to a CJSONText, beginning with "{". False, and no item, when the build
-    /// throws or there is no memory.
+    /// throws or there is no memory for the one item. A page of it is set aside at the start.
     template <class Build>
     bool AddItem(Build const& build) noexcept
     {
-        m_itemStart = m_text.GetSizeByte();
-        try {
-            m_text.Append(",");
-            build(m_text);
-            m_text.Reserve(TrailerSize);
-        }
-        catch (...) {
-            m_text.Truncate(m_itemStart);
-            return false;
+        if (!TryAppend(build)) {
+            Flush(); // without memory for more, what is collected makes room
+            if (!TryAppend(build))
+                return false;
         }
         WriteIfDue();
         return true;
@@ -51,6 +47,22 @@ public:
 
 private:
     static constexpr u64 TrailerSize = 3;
+
+    template <class Build>
+    [[nodiscard]] bool TryAppend(Build const& build) noexcept
+    {
+        m_itemStart = m_text.GetSizeByte();
+        try {
+            m_text.Append(",");
+            build(m_text);
+            m_text.Reserve(TrailerSize);
+            return true;
+        }
+        catch (...) {
+            m_text.Truncate(m_itemStart);
+            return false;
+        }
+    }
 
     void WriteIfDue() noexcept;
     void WriteItems(u64 size) noexcept;

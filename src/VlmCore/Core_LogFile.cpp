@@ -67,7 +67,10 @@ void ReportLoss(u64 lost)
 
 // ---- the logger ----
 
-CFileLogger::CFileLogger(CString const& path, u64 bufferSize) : CFileLogger(OpenLogFile(path), bufferSize) {}
+CFileLogger::CFileLogger(CString const& path, u64 bufferSize) : CFileLogger(OpenLogFile(path), bufferSize)
+{
+    m_isOwnFile = static_cast<bool>(m_file);
+}
 
 CFileLogger::CFileLogger(TResourcePtr<IFile> const& file, u64 bufferSize) : m_file(file), m_bufferSize(bufferSize)
 {
@@ -88,6 +91,10 @@ CFileLogger::~CFileLogger()
         for (SBuffer& buffer : m_buffers)
             Memory::FreeQuietly(buffer.data);
     }
+    // Without a heap the handle does not touch its object. This one is still there, in general memory, and is to be
+    // closed.
+    if (m_isOwnFile && !Memory::IsInitialized())
+        m_file->~IFile();
 }
 
 void CFileLogger::StartWriter()

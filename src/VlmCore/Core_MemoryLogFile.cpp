@@ -29,6 +29,7 @@ enum Type : u64 { Allocate = 0, Free = 1, Retain = 2, Release = 3 };
 CFileMemoryLogger::CFileMemoryLogger(CString const& eventsPath, CString const& stacksPath, u64 capacity)
     : CFileMemoryLogger(CreateFile(eventsPath), CreateFile(stacksPath), capacity)
 {
+    m_areOwnFiles = true;
 }
 
 CFileMemoryLogger::CFileMemoryLogger(TResourcePtr<IFile> const& events, TResourcePtr<IFile> const& stacks, u64 capacity)
@@ -48,6 +49,12 @@ CFileMemoryLogger::~CFileMemoryLogger()
     Memory::Delete(m_writer);
     for (SBuffer& buffer : m_buffers)
         Memory::FreeQuietly(buffer.records);
+    // Without a heap the handles do not touch their objects. These are still there, in general memory, and are to be
+    // closed.
+    if (m_areOwnFiles && !Memory::IsInitialized()) {
+        m_events->~IFile();
+        m_stacks->~IFile();
+    }
 }
 
 void CFileMemoryLogger::Start()

@@ -138,12 +138,12 @@ void CJSONMemoryLogWriter::AddStack(SRecord const& record) noexcept
     if (m_filter.Knows(record.stackHash))
         return;
     try {
-        if (!m_writtenStacks.Insert(record.stackHash, true).second)
+        if (!m_writtenStacks.insert(record.stackHash).second)
             return;
         if (m_stacks.AddItem([&](CJSONText& text) { AppendStack(text, record); }))
             m_filter.Note(record.stackHash);
         else
-            m_writtenStacks.Erase(record.stackHash);
+            m_writtenStacks.erase(record.stackHash);
     }
     catch (CBadAllocation const&) {
     }

@@ -8,12 +8,14 @@
 #include "Core_StallWatch.h"
 
 #include <vlmcore/debug.h>
-#include <vlmcore/impl/Core_Map.h>
+#include <vlmcore/impl/Core_Allocator.h>
 #include <vlmcore/logging.h>
 #include <vlmcore/threads.h>
 #include <vlmcore/types.h>
 
 #include <atomic>
+#include <functional>
+#include <set>
 
 namespace Velmor {
 
@@ -74,7 +76,8 @@ private:
     CWriterBell m_bell;
     CStackFilter m_filter; ///< of m_writtenStacks
     Debug::SCallstackLine m_frames[Debug::MaxFrames];
-    TMap<u32, bool> m_writtenStacks;
+    /// In general memory: a logger may outlive the pools at process exit, with events still to write.
+    std::set<u32, std::less<>, TAllocator<u32, EHeap::General>> m_writtenStacks;
     CJSONFile m_stacks;
     CJSONFile m_events;
     CDrainPolicy m_policy;

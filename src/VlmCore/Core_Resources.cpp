@@ -1,5 +1,7 @@
 #include <vlmcore/resources.h>
 
+#include "Core_MemoryModule.h"
+
 #include <cstring>
 
 namespace Velmor {
@@ -34,6 +36,11 @@ bool CResource::Release()
 int CResource::GetRefCount() const
 {
     return m_refCount.load(std::memory_order_relaxed);
+}
+
+bool Impl::ReleaseHeldResource(CResource* resource)
+{
+    return g_heapModule.heap != nullptr && resource->Release();
 }
 
 // ---- CBlockStorage ----
@@ -82,7 +89,9 @@ void* CBlockStorage::StoreCopy(void const* data, unsigned int size)
 
 void CBlockStorage::Clear()
 {
-    for (u32 index = 0; index < m_chunkCount; ++index)
+    // The table lies in a pool: without a heap it must not be read.
+    u32 const readable = g_heapModule.heap != nullptr ? m_chunkCount : 0;
+    for (u32 index = 0; index < readable; ++index)
         Memory::FreeQuietly(m_chunks[index].start);
     Memory::FreeQuietly(m_chunks);
     m_chunks = nullptr;

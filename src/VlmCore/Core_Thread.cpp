@@ -103,7 +103,8 @@ constexpr void SThreadStart::CheckLayout()
 
 void SThreadStart::Main(void* record)
 {
-    SThreadStart const& start = *static_cast<SThreadStart const*>(record);
+    // A copy: the record lies in a pool, and a thread may outlive the heap.
+    SThreadStart const start = *static_cast<SThreadStart const*>(record);
     start.SetDebuggerName();
     start.threadId.store(Thread::GetId(), std::memory_order_release);
     start.RunBody();
