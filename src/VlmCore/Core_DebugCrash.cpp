@@ -193,7 +193,8 @@ char const* GetExceptionName(u32 code)
 void BuildDumpPath(char* path, u64 size, char const* executable, Platform::SCalendarTime const& time)
 {
     u64 const length = std::strlen(executable);
-    bool const hasExtension = length >= 4 && executable[length - 4] == '.';
+    bool const hasExtension =
+        length >= 4 && executable[length - 4] == '.' && std::strpbrk(executable + length - 3, "/\\") == nullptr;
     int const kept = static_cast<int>(hasExtension ? length - 4 : length);
     FormatTruncatingF(path, size, "%.*s_%u-%u-%u_%u-%u-%u.dmp", kept, executable, time.year, time.month, time.day,
                       time.hour, time.minute, time.second);

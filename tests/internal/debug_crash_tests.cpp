@@ -67,6 +67,10 @@ TEST(DumpPath, KeepsANameWithoutExtension)
     EXPECT_EQ(BuildPath("abc"), "abc_2014-2-28_10-3-20.dmp");
     EXPECT_EQ(BuildPath(""), "_2014-2-28_10-3-20.dmp");
     EXPECT_EQ(BuildPath("a.b/tool"), "a.b/tool_2014-2-28_10-3-20.dmp");
+    // The dot of a folder's name is not the program's.
+    EXPECT_EQ(BuildPath("/opt/x.d/a"), "/opt/x.d/a_2014-2-28_10-3-20.dmp");
+    EXPECT_EQ(BuildPath("/opt/.b/c"), "/opt/.b/c_2014-2-28_10-3-20.dmp");
+    EXPECT_EQ(BuildPath("C:\\x.y\\z"), "C:\\x.y\\z_2014-2-28_10-3-20.dmp");
 }
 
 TEST(DumpPath, IsCutToItsBuffer)
