@@ -47,14 +47,15 @@ VLM_API void Reschedule();
 ///     ticker.RunLooped(); // Tick every 10 ms ...
 ///     ticker.Join();      // ... until now
 ///
-/// | state            | Run, RunLooped          | Join                              | SetName, SetPriority,
-/// SetStackSize |
-/// |------------------|-------------------------|-----------------------------------|------------------------------------|
-/// | idle             | starts                  | returns at once                   | for the next start | | running |
-/// Join first, then starts | waits for the end of this pass    | for the next start; the name of a  | | | | | thread
-/// just started may be read    | | body has ended   | as running              | does not wait, makes it idle      | for
-/// the next start                 | | in its own body  | throws CException       | throws CException                 |
-/// for the next start                 |
+/// | state           | Run, RunLooped          | Join                           |
+/// |-----------------|-------------------------|--------------------------------|
+/// | idle            | starts                  | returns at once                |
+/// | running         | Join first, then starts | waits for the end of this pass |
+/// | body has ended  | as running              | does not wait, makes it idle   |
+/// | in its own body | throws CException       | throws CException              |
+///
+/// SetName, SetPriority and SetStackSize are for the next start, whatever the state; a thread that was just started may
+/// still read the new name.
 ///
 /// Threads: Run, RunLooped, Join, SetPaused, IsRunning and GetThreadId may be called from any thread at any time. When
 /// several start at once, one thread after the other runs, each ended by the next start.
