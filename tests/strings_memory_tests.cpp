@@ -1,6 +1,7 @@
 // Memory that runs out: whatever builds text throws std::bad_alloc and leaves everything as it was. Nothing leaks.
 #include <gtest/gtest.h>
 
+#include <vlmcore/format.h>
 #include <vlmcore/strings.h>
 
 #include "support/StringAccess.h"
@@ -101,6 +102,11 @@ TEST(StringMemory, EveryOperationIsAllOrNothing)
         std::function<void(CTestString&)> run;
     };
     CMutableString const other(u"new");
+    TVector<TPair<Math::TRange<unsigned int>, unsigned int>, 1> maps;
+    maps.Append({{'a', 'e'}, 'A'});
+    TVector<CMutableString, 1> parts;
+    parts.Append(CMutableString("one"));
+    parts.Append(CMutableString(u"two"));
     SOperation const operations[] = {
         {"assign another", [&](CTestString& text) { text = other; }},
         {"assign a literal", [](CTestString& text) { text = u"literal"; }},
@@ -117,7 +123,21 @@ TEST(StringMemory, EveryOperationIsAllOrNothing)
         {"cut", [](CTestString& text) { text = text.GetSubstring(1, 3); }},
         {"unescape", [](CTestString& text) { text = text.Unescape('l'); }},
         {"upper case", [](CTestString& text) { text = text.CopyToUppercaseASCII(); }},
+        {"lower case", [](CTestString& text) { text = text.CopyToLowercaseASCII(); }},
+        {"to UTF-8", [](CTestString& text) { text = text.ToUTF8(); }},
         {"to UTF-16", [](CTestString& text) { text = text.ToUTF16(); }},
+        {"to UTF-32", [](CTestString& text) { text = text.ToUTF32(); }},
+        {"to wide text", [](CTestString& text) { text = text.ToWide(); }},
+        {"map", [&](CTestString& text) { text = text.MapToCopy(maps); }},
+        {"join", [&](CTestString& text) { text = IString::Join(text, parts); }},
+        {"join one", [&](CTestString& text) { text = IString::Join(text, parts, 1, 0); }},
+        {"join none", [](CTestString& text) { text = IString::Join(text, TVector<CMutableString, 1>()); }},
+        {"a signed number", [](CTestString& text) { text.AssignInt64(-5, EStringEncoding::UTF16); }},
+        {"an unsigned number", [](CTestString& text) { text.AssignUInt64(5, EStringEncoding::UTF8); }},
+        {"a floating-point number", [](CTestString& text) { text.AssignDouble(0.5, EStringEncoding::UTF32); }},
+        {"format", [&](CTestString& text) { Format(text, "%1 %2", other, 5); }},
+        {"format itself", [](CTestString& text) { Format(text, text, text); }},
+        {"format a long text", [&](CTestString& text) { Format(text, CString(std::u16string(400, u'%').c_str())); }},
     };
     for (SOperation const& operation : operations) {
         SCOPED_TRACE(operation.name);
@@ -151,10 +171,14 @@ TEST(StringMemory, SplitLeavesTheListAsItWas)
 
 TEST(StringMemory, DistanceThrowsAndLeaksNothing)
 {
-    EXPECT_EQ(CString("kitten").GetDistance("sitting"), 3u); // short texts need no memory
+    // Texts of any length need memory, unless one of them is empty.
+    EXPECT_GE(FailEveryAllocation([] { EXPECT_EQ(CString("kitten").GetDistance("sitting"), 3u); }, [] {}), 1u);
+    EXPECT_GE(FailEveryAllocation([] { EXPECT_EQ(CString(u"flaw").GetDistance(u"lawn"), 2u); }, [] {}), 1u);
+    EXPECT_GE(FailEveryAllocation([] { EXPECT_EQ(CString(U"a").GetDistance(U"a"), 0u); }, [] {}), 1u);
+    EXPECT_EQ(FailEveryAllocation([] { EXPECT_EQ(CString("").GetDistance("abc"), 3u); }, [] {}), 0u);
     std::string const left = std::string(900, 'a') + "kitten";
     std::string const right = "sitting" + std::string(900, 'a');
-    EXPECT_GE(FailEveryAllocation([&] { EXPECT_EQ(CString(left).GetDistance(right), 13u); }, [] {}), 1u);
+    EXPECT_GE(FailEveryAllocation([&] { EXPECT_EQ(CString(left).GetDistance(right), 13u); }, [] {}), 2u);
 }
 
 TEST(StringMemory, FreesWhatItOwns)
@@ -188,6 +212,28 @@ TEST(StringMemory, TextsOutliveTheHeapQuietly)
     Memory::Deinitialize();
     text->~CMutableString();
     EXPECT_THROW(CMutableString("x"), std::bad_alloc);
+    // What builds text throws, what only reads it works.
+    CMutableString null;
+    EXPECT_THROW(null = "x", std::bad_alloc);
+    EXPECT_THROW(null = CString("x") + "y", std::bad_alloc);
+    EXPECT_THROW((void)CString("x").ToUTF16(), std::bad_alloc);
+    EXPECT_THROW((void)CString("x").Append("y"), std::bad_alloc);
+    EXPECT_THROW((void)CString("x").Replace('x', 'y'), std::bad_alloc);
+    EXPECT_THROW(Format(null, "%1", 1), std::bad_alloc);
+    EXPECT_THROW((void)CString("ab").GetDistance("ba"), std::bad_alloc);
+    null = CString();
+    null.SetManagedReference(nullptr, EStringEncoding::UTF16);
+    EXPECT_EQ(null.ToLowercaseASCII().GetData(), nullptr);
+    EXPECT_EQ(CString().ToUTF8().GetData(), nullptr);
+    CString const text8("12, \xC3\xA9");
+    EXPECT_EQ(text8.GetLength(), 5u);
+    EXPECT_EQ(text8.Find(u"\u00E9"), 4u);
+    EXPECT_EQ(text8.Count(","), 1u);
+    EXPECT_EQ(text8.ToInteger(EBinaryEncoding::BigEndian), 12);
+    EXPECT_TRUE(text8 == u"12, \u00E9");
+    char buffer[16];
+    EXPECT_EQ(IString::FromInteger(-12345, buffer, sizeof(buffer), EStringEncoding::UTF8), 6u);
+    EXPECT_EQ(FormatTo(buffer, sizeof(buffer), "%1 %2", 5, u"\u00E9").size, 4u);
     Memory::Initialize(CountingMalloc, CountingRealloc, CountingFree, EHeapFlag::Passthrough, 0);
     EXPECT_EQ(CMutableString("again"), "again");
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <optional>
 
 namespace Velmor {
 
@@ -210,51 +211,62 @@ u64 GetWordDistance(SCodePoints const& longer, SCodePoints const& shorter, GetRo
            static_cast<u64>(std::popcount(column.minus & used));
 }
 
-/// The same for code points below 256 in both texts: a table of which only the entries that are used are cleared.
-u64 GetSmallDistance(SCodePoints const& longer, SCodePoints const& shorter)
-{
+/// Rows for code points below CPlaces::DirectCount, of which only those that occur are cleared.
+struct SDirectRows {
     u64 rows[CPlaces::DirectCount];
-    for (u64 index = 0; index < longer.count; ++index)
-        rows[longer.data[index]] = 0;
-    for (u64 index = 0; index < shorter.count; ++index)
-        rows[shorter.data[index]] = 0;
-    for (u64 index = 0; index < shorter.count; ++index)
-        rows[shorter.data[index]] |= u64{1} << index;
-    return GetWordDistance(longer, shorter, [&rows](u32 codePoint) { return rows[codePoint]; });
-}
 
-bool AreDirect(SCodePoints const& text)
-{
-    u32 all = 0;
-    for (u64 index = 0; index < text.count; ++index)
-        all |= text.data[index];
-    return all < CPlaces::DirectCount;
-}
-
-/// Memory for one call: a little from the stack, more from the heap.
-class CScratch {
-public:
-    static constexpr u64 StackSize = 6144;
-
-    explicit CScratch(u64 size) : m_block(size <= StackSize ? nullptr : Memory::Malloc(size, EHeap::Pool8))
+    /// False when the text has a code point without a row.
+    [[nodiscard]] bool TryClear(SCodePoints const& text)
     {
-        if (size > StackSize && m_block == nullptr)
+        for (u64 index = 0; index < text.count; ++index) {
+            if (text.data[index] >= CPlaces::DirectCount)
+                return false;
+            rows[text.data[index]] = 0;
+        }
+        return true;
+    }
+};
+
+/// The same with rows that were cleared for both texts.
+u64 GetDirectDistance(SCodePoints const& longer, SCodePoints const& shorter, SDirectRows& direct)
+{
+    for (u64 index = 0; index < shorter.count; ++index)
+        direct.rows[shorter.data[index]] |= u64{1} << index;
+    return GetWordDistance(longer, shorter, [&direct](u32 codePoint) { return direct.rows[codePoint]; });
+}
+
+/// A block of the heap for one call.
+class CBlock {
+public:
+    explicit CBlock(u64 size) : m_block(Memory::Malloc(size, EHeap::Pool8))
+    {
+        if (m_block == nullptr)
             throw CBadAllocation();
     }
-    ~CScratch()
-    {
-        if (m_block != nullptr)
-            Memory::FreeQuietly(m_block);
-    }
-    CScratch(CScratch const&) = delete;
-    CScratch& operator=(CScratch const&) = delete;
+    ~CBlock() { Memory::FreeQuietly(m_block); }
+    CBlock(CBlock const&) = delete;
+    CBlock& operator=(CBlock const&) = delete;
 
-    [[nodiscard]] u8* Get() { return m_block != nullptr ? static_cast<u8*>(m_block) : m_stack; }
+    [[nodiscard]] u8* Get() const { return static_cast<u8*>(m_block); }
 
 private:
     void* m_block;
-    alignas(8) u8 m_stack[StackSize];
 };
+
+/// The distance of texts that begin and end differently, with the table of places on the stack when it is small.
+u64 GetTableDistance(SCodePoints const& longer, SCodePoints const& shorter, SColumn* columns)
+{
+    constexpr u64 StackSize = 4096;
+    alignas(8) u8 stack[StackSize];
+    u64 const size = CPlaces::GetSize(shorter.count);
+    std::optional<CBlock> block;
+    if (size > StackSize)
+        block.emplace(size);
+    CPlaces const places(shorter, block ? block->Get() : stack);
+    if (shorter.count <= WordBits)
+        return GetWordDistance(longer, shorter, [&places](u32 codePoint) { return *places.GetRow(codePoint); });
+    return GetColumnDistance(longer, shorter, places, columns);
+}
 
 } // namespace
 
@@ -264,16 +276,13 @@ u64 IString::GetDistance(CString const& other) const
     u64 const otherLength = other.GetLength();
     if (ownLength == 0 || otherLength == 0)
         return ownLength + otherLength;
-    u64 const shorterLength = std::min(ownLength, otherLength);
     if (ownLength + otherLength > u64{1} << 31)
         throw CBadAllocation(); // the rows are numbered with 32 bits, and there is no such memory
-    u64 const columnsSize = CPlaces::GetWordCount(shorterLength) * sizeof(SColumn);
-    u64 const codePointsSize = (ownLength + otherLength + 1) / 2 * 2 * sizeof(u32);
-    // One block for everything, of eight-byte cells first.
-    CScratch scratch(columnsSize + codePointsSize + CPlaces::GetSize(shorterLength));
-    u8* const block = scratch.Get();
-    SColumn* const columns = reinterpret_cast<SColumn*>(block);
-    u32* const own = reinterpret_cast<u32*>(block + columnsSize);
+    // Of the heap for short texts, too: whether a call needs memory does not depend on how long the texts are.
+    u64 const columnsSize = CPlaces::GetWordCount(std::min(ownLength, otherLength)) * sizeof(SColumn);
+    CBlock const block(columnsSize + (ownLength + otherLength) * sizeof(u32));
+    SColumn* const columns = reinterpret_cast<SColumn*>(block.Get());
+    u32* const own = reinterpret_cast<u32*>(block.Get() + columnsSize);
     u32* const others = own + ownLength;
     Dispatch(m_encoding, [&](auto rules) {
         using Rules = decltype(rules);
@@ -290,12 +299,9 @@ u64 IString::GetDistance(CString const& other) const
         std::swap(longer, shorter);
     if (shorter.count == 0)
         return longer.count;
-    if (shorter.count <= WordBits && AreDirect(longer) && AreDirect(shorter))
-        return GetSmallDistance(longer, shorter);
-    CPlaces const places(shorter, block + columnsSize + codePointsSize);
-    if (shorter.count <= WordBits)
-        return GetWordDistance(longer, shorter, [&places](u32 codePoint) { return *places.GetRow(codePoint); });
-    return GetColumnDistance(longer, shorter, places, columns);
+    if (SDirectRows direct; shorter.count <= WordBits && direct.TryClear(longer) && direct.TryClear(shorter))
+        return GetDirectDistance(longer, shorter, direct);
+    return GetTableDistance(longer, shorter, columns);
 }
 
 } // namespace Velmor

@@ -40,6 +40,9 @@ public:
 class CTestString : public CMutableString {
 public:
     using CMutableString::Assign;
+    using CMutableString::AssignDouble;
+    using CMutableString::AssignInt64;
+    using CMutableString::AssignUInt64;
     using CMutableString::CMutableString;
     using CMutableString::Convert;
     using CMutableString::operator=;
