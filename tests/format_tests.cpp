@@ -100,6 +100,53 @@ TEST(Format, HexadecimalForm)
     EXPECT_EQ(Print("%x1%x2", 0, ~u64{0}), "0x00xFFFFFFFFFFFFFFFF");
 }
 
+TEST(Format, EverySlotHasBothForms)
+{
+    EXPECT_EQ(Print("%x1%x2%x3%x4%x5%x6%x7%x8", 16, 17, 18, 19, 20, 21, 22, 23), "0x100x110x120x130x140x150x160x17");
+    EXPECT_EQ(Print(u"%1%x1 %8%x8", 10, 2, 3, 4, 5, 6, 7, 80u), "100xA 800x50");
+}
+
+namespace {
+
+/// Counts how often the formatter asks for its size and its length, which it does once for each form.
+class CCountingString : public CString {
+public:
+    using CString::CString;
+    mutable int sizes = 0;
+    mutable int lengths = 0;
+    [[nodiscard]] u64 GetAllocatedSize() const override
+    {
+        ++sizes;
+        return CString::GetAllocatedSize();
+    }
+    [[nodiscard]] u64 GetLength() const override
+    {
+        ++lengths;
+        return CString::GetLength();
+    }
+};
+
+} // namespace
+
+TEST(Format, RendersEachFormOfAnArgumentOnce)
+{
+    std::string const filler(300, '.'); // more than a short message has
+    for (std::string const& behind : {std::string(), filler}) {
+        CCountingString const argument("ab");
+        EXPECT_EQ(Print(("%1%1%x1%1%x1" + behind).c_str(), argument), "abab0xECD16355ab0xECD16355" + behind);
+        EXPECT_EQ(argument.sizes, 1);
+        EXPECT_EQ(argument.lengths, 1) << "for the hash";
+        CCountingString const unused("ab");
+        EXPECT_EQ(Print(("%2" + behind).c_str(), unused, 5), "5" + behind);
+        EXPECT_EQ(unused.sizes + unused.lengths, 0) << "an argument that no placeholder names is not looked at";
+    }
+    char small[4];
+    CCountingString const cut("abcdef");
+    FormatTo(small, sizeof(small), "%1%1", cut);
+    EXPECT_STREQ(small, "abc");
+    EXPECT_EQ(cut.sizes, 1);
+}
+
 TEST(Format, HexadecimalFormOfAStringIsItsHash)
 {
     // Of "ab" with its terminator: FNV-1a from 0x14650FB0739D0383, the two halves of it combined.

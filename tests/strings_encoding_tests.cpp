@@ -142,7 +142,8 @@ TEST(CodePoints, WrittenUTF16)
     EXPECT_EQ(EncodeUTF16(0xFFFF), Units({0xD83F, 0xFFFF}));
     EXPECT_EQ(EncodeUTF16(0x10000), Units({0xD840, 0xDC00}));
     EXPECT_EQ(EncodeUTF16(0x1F600), Units({0xD87D, 0xFE00}));
-    EXPECT_EQ(EncodeUTF16(0x10FFFF), Units({0xDC3F | 0xD800, 0xFFFF}));
+    EXPECT_EQ(EncodeUTF16(0x10FFFF), Units({0xDC3F, 0xFFFF}));
+    EXPECT_EQ(EncodeUTF16(0xFFFFFFFF), Units({0xFFFF, 0xFFFF})) << "cut to 16 bits";
 }
 
 TEST(CodePoints, WrittenUTF32)
@@ -386,7 +387,24 @@ TEST(Converters, NoCodePointsGiveATerminator)
     EXPECT_TRUE(third.IsUntouchedFrom(1));
     SDestination fourth;
     EXPECT_EQ(CConverters::ConvertUTF16(u"abc", fourth.bytes.data(), 0, UTF8, true), 0u);
+    EXPECT_EQ(fourth.Take<u8>(1), Bytes({0}));
     EXPECT_TRUE(fourth.IsUntouchedFrom(1));
+    SDestination fifth;
+    EXPECT_EQ(CConverters::ConvertUTF16(u"abc", fifth.bytes.data(), 0, UTF8, false), 0u);
+    EXPECT_EQ(fifth.Take<u8>(1), Bytes({0}));
+    EXPECT_TRUE(fifth.IsUntouchedFrom(1));
+    for (EStringEncoding::Type const target : {UTF32, Unknown}) {
+        SDestination sixth;
+        EXPECT_EQ(CConverters::ConvertUTF8("abc", sixth.bytes.data(), 0, target), 0u);
+        EXPECT_EQ(sixth.Take<u32>(1), std::vector<u32>{0});
+        EXPECT_TRUE(sixth.IsUntouchedFrom(4));
+    }
+    for (EStringEncoding::Type const target : {UTF16, Unknown}) {
+        SDestination seventh;
+        EXPECT_EQ(CConverters::ConvertUTF32(U"abc", seventh.bytes.data(), 0, target), 0u);
+        EXPECT_EQ(seventh.Take<u16>(1), Units({0}));
+        EXPECT_TRUE(seventh.IsUntouchedFrom(2));
+    }
 }
 
 TEST(Converters, TheCountDecidesNotTheTerminator)

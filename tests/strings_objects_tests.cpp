@@ -449,6 +449,38 @@ TEST(StringChain, EmptyPieces)
     EXPECT_EQ(wide.GetAllocatedSize(), 2u);
 }
 
+namespace {
+
+/// Remembers what it was assigned.
+class CAssignProbe : public CMutableString {
+public:
+    using CMutableString::CMutableString;
+    using CMutableString::operator=;
+    u64 assignments = 0;
+
+protected:
+    void Assign(void const* data, EStringEncoding::Type encoding) override
+    {
+        ++assignments;
+        CMutableString::Assign(data, encoding);
+    }
+};
+
+} // namespace
+
+TEST(StringChain, AnEmptyChainIsAssignedVirtually)
+{
+    CAssignProbe text(u"old");
+    ASSERT_EQ(text.assignments, 0u) << "constructors do not reach derived classes";
+    text = TUniquePtr<CStringElement>();
+    EXPECT_EQ(text.assignments, 1u);
+    EXPECT_EQ(text.GetLength(), 0u);
+    EXPECT_EQ(text.GetEncoding(), UTF16);
+    text = CString("x");
+    EXPECT_EQ(text.assignments, 2u);
+    EXPECT_EQ(text, "x");
+}
+
 TEST(StringChain, LongChainsEndWithoutDepth)
 {
     TUniquePtr<CStringElement> chain;
@@ -592,6 +624,44 @@ TEST(StringLayout, VirtualSlots)
     reinterpret_cast<Assign>(table[4])(&probe, "x", UTF8);
     EXPECT_STREQ(static_cast<char const*>(probe.assigned), "x");
     static_assert(std::has_virtual_destructor_v<IString>);
+}
+
+namespace {
+
+/// A string of a host, with an idea of its own how long it is.
+class CHostString : public IString {
+public:
+    CHostString(char const* utf8, u64 length) : IString(utf8, UTF8), m_length(length) {}
+    [[nodiscard]] u64 GetLength() const override { return m_length; }
+
+protected:
+    void Assign(void const* data, EStringEncoding::Type encoding) override
+    {
+        m_data = data;
+        m_encoding = encoding;
+    }
+
+private:
+    u64 m_length;
+};
+
+} // namespace
+
+TEST(StringLayout, OperationsAskForTheLengthVirtually)
+{
+    CHostString const text("hello", 2);
+    EXPECT_EQ(text.GetAllocatedSizeAs(UTF32), 12u);
+    EXPECT_EQ(text.GetAllocatedSizeAs(UTF16), 12u) << "walked";
+    char16_t wide[6] = {};
+    text.CopyAs(UTF16, wide, false);
+    EXPECT_EQ(std::u16string(wide), u"he");
+    char same[6] = {};
+    text.CopyAs(UTF8, same, false);
+    EXPECT_STREQ(same, "hello") << "to its own encoding the whole text goes";
+    // Two code points and a unit: h, e, l.
+    EXPECT_EQ(text.GetHash(), 0x15C642C1u);
+    EXPECT_EQ(text.GetDistance("hexe"), 2u) << "he against hexe";
+    EXPECT_EQ(CString("hello").GetLength(), 5u);
 }
 
 TEST(StringLayout, TypesForbidWhatWouldDangle)
