@@ -335,6 +335,24 @@ TEST(Delegate, TakesFunctionsAndReferences)
     dropping(3);
 }
 
+TEST(Delegate, OfANullPointerIsEmpty)
+{
+    int (*nothing)(int) = nullptr;
+    TDelegate<int(int)> delegate = nothing;
+    EXPECT_FALSE(delegate);
+    delegate = Double;
+    EXPECT_TRUE(delegate);
+    EXPECT_EQ(delegate(4), 8);
+    delegate = nothing;
+    EXPECT_FALSE(delegate);
+    // Of another signature, too.
+    TDelegate<void(int)> const other = delegate;
+    EXPECT_FALSE(other);
+    delegate = [](int value) { return value; };
+    TDelegate<long(int)> const filled = delegate;
+    EXPECT_EQ(filled(5), 5);
+}
+
 TEST_F(FailingHeap, ADelegateThatCannotAllocateThrows)
 {
     std::string const text(100, 'x');

@@ -14,6 +14,25 @@ namespace Velmor {
 template <class Signature>
 class TDelegate;
 
+namespace Impl {
+
+template <class Callable>
+inline constexpr bool IsDelegate = false;
+template <class Signature>
+inline constexpr bool IsDelegate<TDelegate<Signature>> = true;
+
+/// True when a callable is known to lead nowhere: a null pointer, an empty delegate of another signature.
+template <class Callable>
+[[nodiscard]] constexpr bool IsEmptyCallable([[maybe_unused]] Callable const& callable)
+{
+    if constexpr (std::is_pointer_v<Callable> || std::is_member_pointer_v<Callable> || IsDelegate<Callable>)
+        return !callable;
+    else
+        return false;
+}
+
+} // namespace Impl
+
 /// A callable and its bound context. Callables of up to 32 bytes are kept inside without allocating, larger ones in a
 /// block of EHeap::Pool16. Empty by default; calling an empty delegate is an error of the caller, test it first.
 template <class R, class... A>
@@ -28,10 +47,17 @@ public:
     template <class Callable>
         requires(!std::is_same_v<std::remove_cvref_t<Callable>, TDelegate> &&
                  std::is_invocable_r_v<R, std::decay_t<Callable>&, A...>)
-    /// Takes any callable of this signature. Throws CBadAllocation for a large one, and what its copy throws.
+    /// Takes any callable of this signature; of a null pointer to a function it stays empty. Throws CBadAllocation for a
+    /// large one, and what its copy throws.
     TDelegate(Callable&& callable)
     {
-        Set(std::forward<Callable>(callable));
+        if constexpr (std::is_function_v<std::remove_reference_t<Callable>>) {
+            Set(&callable);
+        }
+        else {
+            if (!Impl::IsEmptyCallable(callable))
+                Set(std::forward<Callable>(callable));
+        }
     }
 
     TDelegate(TDelegate const& other)
