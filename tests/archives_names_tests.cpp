@@ -148,6 +148,21 @@ TEST_F(ArchiveNames, NamesThatLookLikePathsOfOtherKinds)
     EXPECT_THROW((void)archive.OpenFile(":RCDATA/101", EFileOpen::Read), CFileException);
 }
 
+TEST_F(ArchiveNames, ATildeInFrontOfTheRootIsTheDocumentsFolder)
+{
+    std::u16string const documents = TestSupport::UseDocumentsFolder(Root());
+    CFolderArchive home("~");
+    EXPECT_EQ(VlmTest::Units(home.GetName()), documents);
+    CFolderArchive below("~\\vlmcore-test-archive");
+    EXPECT_EQ(VlmTest::Units(below.GetName()), documents + u"\\vlmcore-test-archive");
+    home.CreateFolder("vlmcore-test-archive");
+    below.OpenFile("~", EFileOpen::Write | EFileOpen::CreateAlways)->Write("1", 1); // only in front
+    EXPECT_TRUE(home.Contains("vlmcore-test-archive\\~"));
+    EXPECT_TRUE(below.Contains("~"));
+    below.RemoveFolder("");
+    EXPECT_FALSE(home.Contains("vlmcore-test-archive"));
+}
+
 TEST_F(ArchiveNames, RemovingALinkToAFileLeavesTheFile)
 {
     WriteText(Root() / "precious", "kept");

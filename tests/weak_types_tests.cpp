@@ -7,6 +7,7 @@
 #include "support/ThreadHelpers.h"
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <map>
 #include <random>
@@ -81,6 +82,15 @@ TEST(WeakType, Layout)
 {
     EXPECT_EQ(alignof(CWeakType), 4u);
     EXPECT_EQ(sizeof(CManagedWeakType), 24u);
+    EXPECT_EQ(sizeof(CPinnedTypeException), sizeof(CException) + 8);
+    EXPECT_EQ(sizeof(_VlmWeakTypeDataType), 4u);
+    EXPECT_EQ(sizeof(CWeakType::EType), 1u);
+    // The payload comes first, the code behind it.
+    CWeakType const value(-3);
+    i32 payload;
+    std::memcpy(&payload, &value, sizeof payload);
+    EXPECT_EQ(payload, -3);
+    EXPECT_EQ(reinterpret_cast<u8 const*>(&value)[8], 2);
     EXPECT_FALSE(std::is_copy_constructible_v<CWeakTypeList>);
     EXPECT_FALSE(std::is_copy_constructible_v<CWeakTypeMap>);
     EXPECT_FALSE(std::is_copy_assignable_v<CWeakTypeMap>);
@@ -160,6 +170,8 @@ TEST(WeakType, LiteralsOfEveryEncodingAreTextsAndOtherPointersAreRefused)
     CMutableString const owner("owner");
     value = owner;
     EXPECT_EQ(Bytes(value.AsString()), "owner");
+    EXPECT_TRUE(value == owner);
+    EXPECT_TRUE(value == u"owner");
     char const* const null = nullptr;
     EXPECT_EQ(CWeakType(null).GetType(), CWeakType::String);
     EXPECT_EQ(CWeakType(nullptr).GetType(), CWeakType::String);
@@ -314,6 +326,19 @@ TEST(WeakType, StrictModeIsOffAtFirstAndAllowsNumbers)
         EXPECT_EQ(exception.GetKind(), 2);
     }
     CWeakType::SetStrictMode(false);
+}
+
+TEST(PinnedTypeException, OfOneTypeNamesItOnBothSides)
+{
+    char const* const names[] = {"Reference", "Boolean", "Integer", "Float", "String", "Invalid"};
+    for (u32 code = 0; code < 6; ++code) {
+        CPinnedTypeException const exception(static_cast<_VlmWeakTypeDataType>(code));
+        EXPECT_EQ(Bytes(exception.GetText()), std::string("Type ") + names[code] + " invalid in context.");
+        EXPECT_EQ(Bytes(exception.GetLeftTypeName()), names[code]);
+        EXPECT_EQ(Bytes(exception.GetRightTypeName()), names[code]);
+        EXPECT_EQ(exception.GetLeftTypeName().GetData(), CWeakType::TypeName[code]);
+        EXPECT_EQ(exception.GetKind(), 2);
+    }
 }
 
 TEST(PinnedTypeException, CloneIsOfTheSameClassWithBothCodes)
