@@ -64,6 +64,8 @@ void ReadArgument(SOptions& options, CString const& argument, CArguments& argume
     }
     else if (argument == "--into")
         options.replaceFolder = arguments.TakeValue(argument);
+    else if (argument.IsEmpty())
+        throw CException("A path is empty."); // the library takes it for the root of everything
     else if (argument.StartsWith("-"))
         Refuse("Unknown option %1; see --help.", argument);
     else

@@ -299,6 +299,7 @@ class Host(unittest.TestCase):
         self.assertIn("--jobs takes a number from 1 to 255, not 0.", self.run_host("--jobs", "0", "x", code=2)[1])
         self.assertIn("--jobs takes a number from 1 to 255, not many.", self.run_host("--jobs", "many", "x", code=2)[1])
         self.assertIn("Nothing to index", self.run_host(code=2)[1])
+        self.assertIn("A path is empty.", self.run_host("", code=2)[1])
         self.assertIn("Unknown option --wrong", self.run_host("--wrong", code=2)[1])
         self.assertIn("--log needs a value.", self.run_host("--log", code=2)[1])
         self.assertIn("Exit code", self.run_host("--help")[0])
