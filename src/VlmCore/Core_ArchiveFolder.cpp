@@ -12,6 +12,7 @@
 namespace Velmor {
 
 using Path::PathUnits;
+using Platform::EFolderUse;
 
 namespace {
 
@@ -170,7 +171,7 @@ void OpenBelow(PathUnits const& root, PathUnits const& path, Platform::CFolder& 
 {
     Platform::CFolder held[2];
     u64 current = 0;
-    RaiseFileError(held[current].Open(root.GetData()));
+    RaiseFileError(held[current].Open(root.GetData(), EFolderUse::Hold));
     u64 start = root.GetCount() - 1;
     PathUnits part;
     while (path[start] != 0) {
@@ -222,7 +223,7 @@ void CFolderArchive::List(CString const& path, TVector<CMutableString, 1>& files
         }
     }
     Platform::CFolder folder;
-    RaiseFileError(folder.Open(Path::NormalizeJoined(m_root, path).GetData()));
+    RaiseFileError(folder.Open(Path::NormalizeJoined(m_root, path).GetData(), EFolderUse::Look));
     AppendEntries(folder, path.GetEncoding(), files, folders);
 }
 
@@ -239,7 +240,7 @@ bool CFolderArchive::IsLink(CString const& path) const
     char16_t const* name = nullptr;
     Platform::CFolder parent;
     Platform::SEntryKind kind;
-    return SplitLast(full, parentPath, name) && parent.Open(parentPath.GetData()) == 0 &&
+    return SplitLast(full, parentPath, name) && parent.Open(parentPath.GetData(), EFolderUse::Look) == 0 &&
            parent.DescribeEntry(name, kind) == 0 && kind.isLink;
 }
 
@@ -281,14 +282,14 @@ void CFolderArchive::RemoveFolder(CString const& path)
     Platform::CFolder parent;
     if (!SplitLast(full, parentPath, name)) {
         SRemoval removal{this, CopyTerminated(wide.Get()), innermostRemoval, {}};
-        RaiseFileError(removal.folder.Open(full.GetData()));
+        RaiseFileError(removal.folder.Open(full.GetData(), EFolderUse::Hold));
         RemoveContents(*this, removal);
         removal.folder.Close();
         RaiseFileError(Platform::DeleteFolderPath(full.GetData()));
         return;
     }
     if (full.GetCount() == root.GetCount()) {
-        RaiseFileError(parent.Open(parentPath.GetData()));
+        RaiseFileError(parent.Open(parentPath.GetData(), EFolderUse::Hold));
     }
     else {
         PathUnits const realRoot = ResolveLinks(root);

@@ -270,7 +270,8 @@ void CResourceArchive::List(CString const& path, TVector<CMutableString, 1>& fil
         std::rethrow_exception(resources.failure);
 
     TUniquePtr<STreeLevel> root(Memory::New<STreeLevel>(EHeap::Pool8));
-    RaiseFileError(root->folder.Open(Path::NormalizeJoined(Path::ViewOf(GetExecutableFolder()), path).GetData()));
+    PathUnits const rootPath = Path::NormalizeJoined(Path::ViewOf(GetExecutableFolder()), path);
+    RaiseFileError(root->folder.Open(rootPath.GetData(), Platform::EFolderUse::Hold));
     Path::CWideText const wide(path);
     for (u64 index = 0; index <= wide.GetCount(); ++index)
         root->path.Append(wide.Get()[index]);

@@ -238,7 +238,7 @@ TEST(FolderSeam, ListsDescribesAndRemoves)
     fs::create_directory(temporary.Path() / "sub");
     WriteText(temporary.Path() / u"\u00E4\U0001F600", "x");
     CFolder folder;
-    ASSERT_EQ(folder.Open(temporary.Text().c_str()), 0u);
+    ASSERT_EQ(folder.Open(temporary.Text().c_str(), EFolderUse::Hold), 0u);
     EXPECT_EQ(NamesIn(folder), (std::set<std::u16string>{u"sub", u"\u00E4\U0001F600"}));
     SEntryKind kind{};
     EXPECT_EQ(folder.DescribeEntry(u"sub", kind), 0u);
@@ -257,7 +257,7 @@ TEST(FolderSeam, ListsDescribesAndRemoves)
     EXPECT_EQ(folder.DeleteFileEntry(u"\u00E4\U0001F600"), 0u);
     EXPECT_EQ(folder.DeleteFileEntry(u"none"), 2u);
     EXPECT_TRUE(fs::is_empty(temporary.Path()));
-    EXPECT_NE(folder.Open(temporary.Text(u"none").c_str()), 0u);
+    EXPECT_NE(folder.Open(temporary.Text(u"none").c_str(), EFolderUse::Hold), 0u);
 }
 
 TEST(FolderSeam, AnEntryThatIsALinkIsNotOpened)
@@ -267,7 +267,7 @@ TEST(FolderSeam, AnEntryThatIsALinkIsNotOpened)
     if (!TestSupport::MakeLink(temporary.Path() / "target", temporary.Path() / "link"))
         GTEST_SKIP() << "no links here";
     CFolder folder;
-    ASSERT_EQ(folder.Open(temporary.Text().c_str()), 0u);
+    ASSERT_EQ(folder.Open(temporary.Text().c_str(), EFolderUse::Hold), 0u);
     SEntryKind kind{};
     EXPECT_EQ(folder.DescribeEntry(u"link", kind), 0u);
     EXPECT_TRUE(kind.isLink);
@@ -289,7 +289,7 @@ TEST(FolderSeam, AnOpenFolderCannotBeSwappedForALink)
     WriteText(temporary.Path() / "folder" / "precious", "goes");
     CFolder parent;
     CFolder folder;
-    ASSERT_EQ(parent.Open(temporary.Text().c_str()), 0u);
+    ASSERT_EQ(parent.Open(temporary.Text().c_str(), EFolderUse::Hold), 0u);
     ASSERT_EQ(folder.OpenEntry(parent, u"folder"), 0u);
     std::error_code refused;
     fs::rename(temporary.Path() / "folder", temporary.Path() / "moved", refused);
@@ -297,6 +297,18 @@ TEST(FolderSeam, AnOpenFolderCannotBeSwappedForALink)
         (void)TestSupport::MakeLink(outside.Path(), temporary.Path() / "folder");
     EXPECT_EQ(folder.DeleteFileEntry(u"precious"), 0u);
     EXPECT_EQ(TestSupport::ReadText(outside.Path() / "precious"), "kept");
+}
+
+TEST(FolderSeam, AFolderThatIsLookedAtIsInNobodysWay)
+{
+    CTemporaryFolder temporary;
+    fs::create_directory(temporary.Path() / "folder");
+    WriteText(temporary.Path() / "folder" / "file", "");
+    CFolder folder;
+    ASSERT_EQ(folder.Open(temporary.Text(u"folder").c_str(), EFolderUse::Look), 0u);
+    std::error_code refused;
+    fs::rename(temporary.Path() / "folder", temporary.Path() / "moved", refused);
+    EXPECT_FALSE(refused) << refused.message();
 }
 
 // ---- resources ----

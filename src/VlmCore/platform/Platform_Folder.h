@@ -2,7 +2,8 @@
 /// Seam: folders held open, their entries, and removal that cannot be led astray.
 ///
 /// A folder that is open stays the same folder whatever is renamed or swapped for a link around it: the posix room
-/// works through the descriptor; the Windows room keeps a handle that forbids renaming and deleting, and works by path.
+/// works through the descriptor; the Windows room works by path and, unless the folder is only looked at, keeps a handle
+/// that forbids renaming and deleting.
 #pragma once
 
 #include "Platform_Path.h"
@@ -28,6 +29,12 @@ struct SFolderEntry {
     SEntryKind kind;
 };
 
+/// What a folder is opened for.
+enum class EFolderUse {
+    Look, ///< others may rename or delete it meanwhile
+    Hold, ///< it stays in its place, where the room works by path
+};
+
 /// A folder held open. One thread at a time.
 class CFolder {
 public:
@@ -38,9 +45,9 @@ public:
 
     /// Opens the folder of a full, terminated path; links on the way and at its end are followed. No folder:
     /// NotAFolder, or PathNotFound when it is a part before the last.
-    [[nodiscard]] u32 Open(char16_t const* path);
+    [[nodiscard]] u32 Open(char16_t const* path, EFolderUse use);
 
-    /// Opens the entry `name` of `parent`, which must be a folder and no link: a link is refused.
+    /// Opens the entry `name` of `parent`, which must be a folder and no link, to hold it: a link is refused.
     [[nodiscard]] u32 OpenEntry(CFolder const& parent, char16_t const* name);
 
     void Close();

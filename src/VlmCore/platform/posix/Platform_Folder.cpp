@@ -47,7 +47,7 @@ CFolder::~CFolder()
     Close();
 }
 
-u32 CFolder::Open(char16_t const* path)
+u32 CFolder::Open(char16_t const* path, EFolderUse)
 {
     Close();
     CSystemPath const systemPath(path);

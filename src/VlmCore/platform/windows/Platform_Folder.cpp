@@ -42,12 +42,13 @@ PathUnits JoinEntry(PathUnits const& folder, char16_t const* name)
     return path;
 }
 
-u32 OpenFolderPath(char16_t const* path, DWORD linkFlag, void*& handle)
+u32 OpenFolderPath(char16_t const* path, EFolderUse use, DWORD linkFlag, void*& handle)
 {
     CSystemPath const systemPath(path);
     // Without the right to share deletion nobody renames or removes the folder while it is open.
-    HANDLE const opened = ::CreateFileW(systemPath.Get(), FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                        nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | linkFlag, nullptr);
+    DWORD const share = FILE_SHARE_READ | FILE_SHARE_WRITE | (use == EFolderUse::Look ? FILE_SHARE_DELETE : 0);
+    HANDLE const opened = ::CreateFileW(systemPath.Get(), FILE_LIST_DIRECTORY, share, nullptr, OPEN_EXISTING,
+                                        FILE_FLAG_BACKUP_SEMANTICS | linkFlag, nullptr);
     if (opened == INVALID_HANDLE_VALUE)
         return ::GetLastError();
     BY_HANDLE_FILE_INFORMATION information;
@@ -69,19 +70,19 @@ CFolder::~CFolder()
     Close();
 }
 
-u32 CFolder::Open(char16_t const* path)
+u32 CFolder::Open(char16_t const* path, EFolderUse use)
 {
     Close();
     for (char16_t const* unit = path; unit == path || unit[-1] != 0; ++unit)
         m_path.Append(*unit);
-    return OpenFolderPath(path, 0, m_handle);
+    return OpenFolderPath(path, use, 0, m_handle);
 }
 
 u32 CFolder::OpenEntry(CFolder const& parent, char16_t const* name)
 {
     Close();
     m_path = JoinEntry(parent.m_path, name);
-    u32 const error = OpenFolderPath(m_path.GetData(), FILE_FLAG_OPEN_REPARSE_POINT, m_handle);
+    u32 const error = OpenFolderPath(m_path.GetData(), EFolderUse::Hold, FILE_FLAG_OPEN_REPARSE_POINT, m_handle);
     if (error != 0)
         return error;
     // Asked while the handle holds the entry in place.
