@@ -44,6 +44,14 @@ public:
 
     static u64 GetRequests() { return Get().requests; }
     static u64 GetLiveBlocks() { return Get().blocks.size(); }
+    /// Bytes of the live blocks, as they were requested.
+    static u64 GetBytes()
+    {
+        u64 bytes = 0;
+        for (auto const& [block, size] : Get().blocks)
+            bytes += size;
+        return bytes;
+    }
     static u64 GetFreesOfNull() { return Get().freesOfNull; }
     /// Blocks freed or resized that were never handed out or are gone already.
     static u64 GetForeignBlocks() { return Get().foreignBlocks; }
