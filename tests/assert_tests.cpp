@@ -1,4 +1,5 @@
 #include "support/AssertionSwitch.h"
+#include "support/ChildOutput.h"
 #include "support/DebuggedProcess.h"
 #include "support/SystemTraits.h"
 
@@ -20,6 +21,7 @@
 #include <vector>
 
 using namespace Velmor;
+using TestSupport::CPrintingLogger;
 using TestSupport::EAnswer;
 using TestSupport::RunChild;
 using TestSupport::SChildOptions;
@@ -33,20 +35,6 @@ SChildResult RunAnswering(std::string const& name, std::vector<EAnswer> answers)
     options.answers = std::move(answers);
     return RunChild(name, options);
 }
-
-/// Prints what is logged, one message a line, line ends within a message as "|".
-class CPrintingLogger : public ILogger {
-public:
-    void Write(Log::EMessage::Type type, u64, CString const& message) override
-    {
-        std::string text = static_cast<char const*>(message.GetData());
-        for (char& c : text)
-            if (c == '\n')
-                c = '|';
-        std::printf("%u: %s\n", static_cast<unsigned>(type), text.c_str());
-        std::fflush(stdout);
-    }
-};
 
 #define VLM_REQUIRE_USER()                                                                                             \
     if (!TestSupport::CanAnswerQuestions())                                                                            \

@@ -1,5 +1,6 @@
 #include "TestHeap.h"
 #include "support/AssertionSwitch.h"
+#include "support/ChildOutput.h"
 #include "support/DebuggedProcess.h"
 #include "support/SystemTraits.h"
 
@@ -21,6 +22,8 @@
 #include <vector>
 
 using namespace Velmor;
+using TestSupport::CountOf;
+using TestSupport::CPrintingLogger;
 using TestSupport::RunChild;
 using TestSupport::SChildResult;
 using TestSupport::SystemTraits;
@@ -122,23 +125,6 @@ void (*FindCrash(std::string const& name))()
     std::abort();
 }
 
-/// Prints what is logged, line ends within a message as "|".
-class CPrintingLogger : public ILogger {
-public:
-    void Write(Log::EMessage::Type type, u64, CString const& message) override
-    {
-        char line[8192];
-        std::size_t size = 0;
-        line[size++] = static_cast<char>('0' + type);
-        line[size++] = ' ';
-        for (char const* c = static_cast<char const*>(message.GetData()); *c != '\0' && size < sizeof line - 2; ++c)
-            line[size++] = *c == '\n' ? '|' : *c;
-        line[size++] = '\n';
-        std::fwrite(line, 1, size, stdout);
-        std::fflush(stdout);
-    }
-};
-
 /// Prints the report and lets the crash take its course.
 bool PrintReport(char const*, long, char const* title, char const* format, char* arguments)
 {
@@ -152,14 +138,6 @@ bool PrintReport(char const*, long, char const* title, char const* format, char*
     std::fwrite(line, 1, static_cast<std::size_t>(size), stdout);
     std::fflush(stdout);
     return false;
-}
-
-std::size_t CountOf(std::string const& text, std::string const& part)
-{
-    std::size_t count = 0;
-    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        ++count;
-    return count;
 }
 
 /// The path in the log line about the dump; "" without one.
@@ -177,7 +155,7 @@ std::string FindDump(std::string const& output)
 void CheckDump(std::string const& output)
 {
     if (!SystemTraits.writesMinidumps) {
-        EXPECT_EQ(CountOf(output, "2 Failed to write minidump " + TestSupport::GetProgramPath() + "_"), 1u) << output;
+        EXPECT_EQ(CountOf(output, "2: Failed to write minidump " + TestSupport::GetProgramPath() + "_"), 1u) << output;
         return;
     }
     std::string const path = FindDump(output);
@@ -219,7 +197,7 @@ void ExpectReport(char const* kind, char const* exception, char const* code, cha
     EXPECT_EQ(child.exitCode, 1u) << output << child.standardError;
     EXPECT_FALSE(child.timedOut);
     CheckDump(output);
-    std::string const report = std::string("2 Unhandled exception.||") + exception + " (" + code + ") at 0x";
+    std::string const report = std::string("2: Unhandled exception.||") + exception + " (" + code + ") at 0x";
     std::size_t const start = output.find(report);
     ASSERT_NE(start, std::string::npos) << output;
     std::string const line = output.substr(start, output.find('\n', start) - start);

@@ -4,6 +4,7 @@
 #include "TestHeap.h"
 #include "support/DebuggedProcess.h"
 #include "support/SystemTraits.h"
+#include "support/ThreadHelpers.h"
 
 #include <vlmcore/exceptions.h>
 #include <vlmcore/logging.h>
@@ -23,6 +24,7 @@ namespace {
 
 using namespace Velmor;
 using testing::ElementsAre;
+using TestSupport::Eventually;
 using VlmTest::CRecordingFile;
 
 using CFileHandle = TResourcePtr<CRecordingFile>;
@@ -38,24 +40,6 @@ using CFileHandle = TResourcePtr<CRecordingFile>;
     std::string content(file.GetSizeByte(), '\0');
     content.resize(file.Read(content.data(), content.size()));
     return content;
-}
-
-/// Waits up to five seconds for the condition.
-template <class Condition>
-[[nodiscard]] bool WaitFor(Condition condition)
-{
-    for (int attempt = 0; attempt < 5000; ++attempt) {
-        if (condition())
-            return true;
-        Thread::Sleep(1);
-    }
-    return false;
-}
-
-[[nodiscard]] int GetStress()
-{
-    char const* const text = std::getenv("VLMCORE_STRESS");
-    return text != nullptr ? std::max(1, std::atoi(text)) : 1;
 }
 
 [[nodiscard]] std::string Repeat(char const* text, int count)
@@ -121,9 +105,9 @@ TEST(FileLogger, BufferedLinesArriveOnTheirOwn)
     CFileHandle const file = MakeFile();
     CFileLogger logger(file, 4096);
     WriteInfo(logger, 1, "first");
-    EXPECT_TRUE(WaitFor([&] { return file->GetContent() == "1: [Info] first\n"; })) << file->GetContent();
+    EXPECT_TRUE(Eventually([&] { return file->GetContent() == "1: [Info] first\n"; })) << file->GetContent();
     WriteInfo(logger, 2, "second");
-    EXPECT_TRUE(WaitFor([&] { return file->GetContent() == "1: [Info] first\n2: [Info] second\n"; }))
+    EXPECT_TRUE(Eventually([&] { return file->GetContent() == "1: [Info] first\n2: [Info] second\n"; }))
         << file->GetContent();
 }
 
@@ -319,7 +303,7 @@ void ExpectAllLines(std::string const& content, int producerCount, int lineCount
 
 TEST(FileLoggerThreads, EightProducersLoseNothingAndKeepTheirOrder)
 {
-    int const lineCount = 1000 * GetStress();
+    int const lineCount = 1000 * static_cast<int>(TestSupport::GetStressFactor());
     CFileHandle const file = MakeFile();
     {
         // Room for everything, so that no line crosses a buffer.
@@ -331,7 +315,7 @@ TEST(FileLoggerThreads, EightProducersLoseNothingAndKeepTheirOrder)
 
 TEST(FileLoggerThreads, UnbufferedProducersLoseNothingAndKeepTheirOrder)
 {
-    int const lineCount = 500 * GetStress();
+    int const lineCount = 500 * static_cast<int>(TestSupport::GetStressFactor());
     CFileHandle const file = MakeFile();
     {
         CFileLogger logger(file, 0);
@@ -343,7 +327,7 @@ TEST(FileLoggerThreads, UnbufferedProducersLoseNothingAndKeepTheirOrder)
 TEST(FileLoggerThreads, ProducersThatOutrunTheWriterLoseNoByte)
 {
     // Lines of different threads mix where they cross buffers; each thread has a letter of its own to count.
-    int const lineCount = 200 * GetStress();
+    int const lineCount = 200 * static_cast<int>(TestSupport::GetStressFactor());
     CFileHandle const file = MakeFile();
     {
         CFileLogger logger(file, 64);
@@ -462,7 +446,7 @@ TEST(FileLoggerFailure, ABufferedFileThatThrowsLosesWhatItWasGivenAndGoesOn)
     {
         CFileLogger logger(file, 4096);
         WriteInfo(logger, 1, "lost");
-        ASSERT_TRUE(WaitFor([&] { return file->GetCallCount() == 1; }));
+        ASSERT_TRUE(Eventually([&] { return file->GetCallCount() == 1; }));
         WriteInfo(logger, 2, "kept");
         WriteInfo(logger, 3, "kept too");
     }

@@ -2,6 +2,7 @@
 #include "StrictJSON.h"
 #include "support/DebuggedProcess.h"
 #include "support/SystemTraits.h"
+#include "support/ThreadHelpers.h"
 
 #include <vlmcore/logging.h>
 #include <vlmcore/memory.h>
@@ -58,12 +59,6 @@ VLMCORE_CHILD(RecordsUntilKilled)
     return 0;
 }
 
-[[nodiscard]] unsigned GetStress()
-{
-    char const* const text = std::getenv("VLMCORE_STRESS");
-    return text != nullptr ? static_cast<unsigned>(std::max(1, std::atoi(text))) : 1;
-}
-
 [[nodiscard]] std::string ReadAll(char const* path)
 {
     std::ifstream file(path, std::ios::binary);
@@ -85,7 +80,7 @@ void KillWhileRecording(char const* capacity)
     auto const start = Clock::now();
     ASSERT_EQ(TestSupport::RunChild("RecordsUntilKilled", {capacity, "once"}).exitCode, 0u);
     unsigned const startup = static_cast<unsigned>(duration_cast<milliseconds>(Clock::now() - start).count());
-    unsigned const rounds = std::clamp(4000 / (startup + 75), 3u, 100u) * GetStress();
+    unsigned const rounds = std::clamp(4000 / (startup + 75), 3u, 100u) * TestSupport::GetStressFactor();
 
     std::mt19937 random(std::random_device{}());
     unsigned recorded = 0;

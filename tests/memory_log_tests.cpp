@@ -3,6 +3,7 @@
 #include "RecordingFile.h"
 #include "StrictJSON.h"
 #include "TestHeap.h"
+#include "support/ThreadHelpers.h"
 
 #include <vlmcore/exceptions.h>
 #include <vlmcore/logging.h>
@@ -71,12 +72,6 @@ constexpr char const* Empty = "{ \"Data\": [\n]}\n";
 [[nodiscard]] void const* FakeAddress(u64 value)
 {
     return reinterpret_cast<void const*>(value);
-}
-
-[[nodiscard]] int GetStress()
-{
-    char const* const text = std::getenv("VLMCORE_STRESS");
-    return text != nullptr ? std::max(1, std::atoi(text)) : 1;
 }
 
 /// Both files and a logger on them; the capacities under test are the parameter.
@@ -460,7 +455,7 @@ TEST_P(MemoryLogTest, AFileThatAllocatesAndFreesNeitherRecursesNorBlocks)
 
 TEST_P(MemoryLogTest, ThreadsLoseNoEvent)
 {
-    int const rounds = 200 * GetStress();
+    int const rounds = 200 * static_cast<int>(TestSupport::GetStressFactor());
     constexpr int ThreadCount = 4;
     {
         CFileMemoryLogger logger(m_events, m_stacks, GetParam());

@@ -13,7 +13,7 @@ fail() { echo "FAILED: $*" >&2; exit 1; }
 crash() {
     local kind=$1 output dump
     output=$("$wine" "$program" --vlmcore-child=LeavesADump "$kind" </dev/null 2>/dev/null | tr -d '\r') || true
-    dump=$(sed -n 's/^1 Wrote minidump .*[\\]//p' <<<"$output")
+    dump=$(sed -n 's/^1: Wrote minidump .*[\\]//p' <<<"$output")
     [[ -n $dump ]] || fail "$kind: no dump in: $output"
     sed -n 's/^thread //p' <<<"$output" >"$kept/$kind.thread"
     mv "$folder/$dump" "$kept/$kind.dmp"
@@ -81,7 +81,7 @@ check_full_disk() {
     local output dump
     output=$(trap '' XFSZ && ulimit -f 64 &&
         "$wine" "$program" --vlmcore-child=LeavesADump WriteToNull </dev/null 2>/dev/null | tr -d '\r') || true
-    dump=$(sed -n 's/^2 Failed to write minidump .*[\\]//p' <<<"$output")
+    dump=$(sed -n 's/^2: Failed to write minidump .*[\\]//p' <<<"$output")
     [[ -n $dump ]] || fail "full disk: not in the log: $output"
     [[ ! -e $folder/$dump ]] || fail "full disk: half a dump is left"
     echo "full disk: no dump, and the log says so"

@@ -2,6 +2,7 @@
 #include "StrictJSON.h"
 #include "TestHeap.h"
 #include "support/AssertionSwitch.h"
+#include "support/ChildOutput.h"
 #include "support/DebuggedProcess.h"
 #include "support/HiddenDebuggingLibrary.h"
 #include "support/SystemTraits.h"
@@ -22,37 +23,17 @@
 namespace {
 
 using namespace Velmor;
+using TestSupport::CountOf;
+using TestSupport::CPrintingLogger;
 using TestSupport::SChildResult;
 using VlmTest::CStrictJSON;
 using VlmTest::SJSONValue;
-
-/// Prints what is logged, one message a line, line ends within a message as "|".
-class CPrintingLogger : public ILogger {
-public:
-    void Write(Log::EMessage::Type type, u64, CString const& message) override
-    {
-        std::string text = static_cast<char const*>(message.GetData());
-        for (char& c : text)
-            if (c == '\n')
-                c = '|';
-        std::printf("%u: %s\n", static_cast<unsigned>(type), text.c_str());
-        std::fflush(stdout);
-    }
-};
 
 void StartLogging()
 {
     Memory::Initialize(0, 0);
     static CPrintingLogger logger;
     Log::Initialize(&logger);
-}
-
-std::size_t CountOf(std::string const& text, std::string const& part)
-{
-    std::size_t count = 0;
-    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        ++count;
-    return count;
 }
 
 // ---- no debugging library ----

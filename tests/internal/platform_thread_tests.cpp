@@ -2,10 +2,12 @@
 // The contract of the thread seam, which both rooms keep.
 #include "TestHeap.h"
 #include "platform/Platform_Thread.h"
+#include "support/SystemTraits.h"
 #include "support/ThreadHelpers.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <string>
@@ -53,9 +55,35 @@ TEST(PlatformThread, ALowerPriorityIsForTheAsking)
         void* handle = nullptr;
         ASSERT_EQ(Platform::StartThread(&SBody::Run, &body, 0, priority, handle), 0u);
         Platform::JoinThread(handle);
-        EXPECT_EQ(body.priority, priority);
+        EXPECT_EQ(body.priority, std::max(priority, TestSupport::GetLowestThreadPriority()));
     }
     EXPECT_EQ(Platform::GetThreadPriority(), 0) << "the starter keeps its own";
+}
+
+TEST(PlatformThread, ThreadObjectsPassTheirPriorityOn)
+{
+    i32 expected = 0;
+    i32 seen = 99;
+    // A thread may begin before its starter has set the priority.
+    auto const look = [&] {
+        TestSupport::Eventually([&] { return (seen = Platform::GetThreadPriority()) == expected; });
+    };
+    TestSupport::CFunctionThread thread(look);
+    thread.Run();
+    thread.Join();
+    EXPECT_EQ(seen, 0) << "the normal priority is the first";
+    for (i32 const priority : {-1, -2, 0}) {
+        expected = std::max(priority, TestSupport::GetLowestThreadPriority());
+        thread.SetPriority(priority);
+        thread.Run();
+        thread.Join();
+        EXPECT_EQ(seen, expected);
+    }
+    expected = 0;
+    thread.SetPriority(-256); // stands for 0
+    thread.Run();
+    thread.Join();
+    EXPECT_EQ(seen, 0);
 }
 
 TEST(PlatformThread, AnyStackSizeStarts)

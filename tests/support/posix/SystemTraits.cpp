@@ -1,5 +1,8 @@
 #include "../SystemTraits.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 namespace TestSupport {
 
 SSystemTraits const SystemTraits = {
@@ -12,5 +15,12 @@ SSystemTraits const SystemTraits = {
     .debuggedProcessMayThrow = true,
     .accessViolationExitCode = 128 + 11,
 };
+
+int GetLowestThreadPriority()
+{
+    constexpr int HighestNice = 19;
+    constexpr int NicePerPriority = 5;
+    return (::getpriority(PRIO_PROCESS, static_cast<id_t>(::getpid())) - HighestNice) / NicePerPriority;
+}
 
 } // namespace TestSupport

@@ -24,4 +24,9 @@ SSystemTraits const SystemTraits = {
     .accessViolationExitCode = 0xC0000005,
 };
 
+int GetLowestThreadPriority()
+{
+    return -15;
+}
+
 } // namespace TestSupport
