@@ -592,6 +592,25 @@ TEST(NativeFile, NoHandleLeaksWhenOpeningFails)
     EXPECT_EQ(TestSupport::OpenHandleCount(), before);
 }
 
+// What every call says when the system refuses it: most throw, two answer.
+TEST(NativeFile, FailingCallsThrowAndTheTwoThatNeverDoAnswer)
+{
+    CTemporaryFolder folder;
+    CNativeFile file(folder.Text(u"a").c_str(), ReadWrite | EFileOpen::CreateAlways);
+    file.Write("0123456789", 10);
+    file.Seek(ESeek::Begin, 4);
+    EXPECT_EQ(file.GetSizeByte(), 10u);
+    TestSupport::CloseNativeHandle(file.GetNativeHandle());
+    char byte = 'x';
+    EXPECT_EQ(FileErrorOf([&] { file.Read(&byte, 1); }), EFileError::Unknown);
+    EXPECT_EQ(byte, 'x');
+    EXPECT_EQ(FileErrorOf([&] { file.Write(&byte, 1); }), EFileError::Unknown);
+    EXPECT_EQ(FileErrorOf([&] { file.Seek(ESeek::Begin, 0); }), EFileError::Unknown);
+    EXPECT_EQ(FileErrorOf([&] { (void)file.GetPosition(); }), EFileError::Unknown);
+    EXPECT_TRUE(file.ReachedEOF());
+    EXPECT_EQ(file.GetSizeByte(), 0u);
+}
+
 TEST(NativeFile, FolderAndPathAreJoinedAsTheyStand)
 {
     CTemporaryFolder folder;

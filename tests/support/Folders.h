@@ -58,4 +58,7 @@ void RemoveTree(std::filesystem::path const& path);
 /// Handles or descriptors that this process holds now.
 [[nodiscard]] unsigned OpenHandleCount();
 
+/// Takes a file's handle away behind its back: every call on it fails from then on.
+void CloseNativeHandle(void* handle);
+
 } // namespace TestSupport

@@ -1,8 +1,11 @@
 #include "support/Folders.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+
+#include <unistd.h>
 
 namespace TestSupport {
 
@@ -53,6 +56,11 @@ unsigned OpenHandleCount()
     for (fs::directory_entry const& entry : fs::directory_iterator("/proc/self/fd"))
         count += entry.path().empty() ? 0u : 1u;
     return count;
+}
+
+void CloseNativeHandle(void* handle)
+{
+    ::close(static_cast<int>(reinterpret_cast<std::intptr_t>(handle)));
 }
 
 } // namespace TestSupport

@@ -195,4 +195,9 @@ unsigned OpenHandleCount()
     return count;
 }
 
+void CloseNativeHandle(void* handle)
+{
+    ::CloseHandle(handle);
+}
+
 } // namespace TestSupport
