@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <initializer_list>
@@ -47,6 +48,22 @@ TEST(Math, FastReciprocalRootIsTheEstimateAfterTwoSteps)
         EXPECT_NEAR(Math::FastRSqrt(value) * Math::Sqrt(value), 1.0f, 6e-6f) << value;
     EXPECT_EQ(Math::FastSqrt(0.0f), 0.0f);
     EXPECT_NEAR(Math::FastSqrt(16.0f), 4.0f, 2e-5f);
+}
+
+TEST(Math, FastRootsAreTheSameToTheBitEverywhere)
+{
+    struct {
+        float value;
+        u32 reciprocal;
+        u32 root;
+    } const expected[] = {
+        {1.0f, 0x3F7FFFB7, 0x3F7FFFB7},    {2.0f, 0x3F3504F3, 0x3FB504F3},  {0.25f, 0x3FFFFFB7, 0x3EFFFFB7},
+        {1234.5f, 0x3CE927A2, 0x420C8AB4}, {1e-6f, 0x4479FFF1, 0x3A831267}, {0.0f, 0x5FCE45D6, 0},
+    };
+    for (auto const& [value, reciprocal, root] : expected) {
+        EXPECT_EQ(std::bit_cast<u32>(Math::FastRSqrt(value)), reciprocal) << value;
+        EXPECT_EQ(std::bit_cast<u32>(Math::FastSqrt(value)), root) << value;
+    }
 }
 
 TEST(Math, RandomDrawsFifteenBitsBetweenItsBounds)

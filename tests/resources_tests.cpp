@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 using namespace Velmor;
@@ -51,6 +52,9 @@ public:
 } // namespace
 
 // ---- CResource ----
+
+static_assert(sizeof(TResourcePtr<CNode>) == 8 && sizeof(CBlockStorage) == 16);
+static_assert(std::is_same_v<decltype(CResource::DerivedFromCResource), int const>);
 
 TEST(Resource, StartsAtZeroAndCounts)
 {
@@ -157,6 +161,31 @@ TEST(ResourcePtr, AHandleOfADerivedClassConverts)
     EXPECT_EQ(destroyed, 1);
     EXPECT_FALSE(base);
     base.Reset();
+}
+
+namespace {
+
+/// The resource is not where the object begins.
+struct SFront {
+    virtual ~SFront() = default;
+    u64 filler = 1;
+};
+class CBehind : public SFront, public CNode {
+public:
+    using CNode::CNode;
+};
+
+} // namespace
+
+TEST(ResourcePtr, FreesAnObjectThatBeginsElsewhere)
+{
+    u64 const live = GetLiveBlocks();
+    int destroyed = 0;
+    TResourcePtr<CNode> handle = MakeResource<CBehind>(&destroyed);
+    EXPECT_EQ(GetLiveBlocks(), live + 1);
+    handle.Reset();
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_EQ(GetLiveBlocks(), live);
 }
 
 TEST(ResourcePtr, AHeadMayBecomeItsOwnNext)
