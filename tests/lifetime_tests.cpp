@@ -183,11 +183,12 @@ TEST_F(Lifetime, AFileLoggerGoesOnAndClosesItsFile)
             CFileLogger logger("lifetime_tests.log", bufferSize);
             logger.Write(Log::EMessage::Info, 1, "before");
             EXPECT_TRUE(Eventually([] { return !ReadFile("lifetime_tests.log").empty(); })); // the thread has begun
+            logger.Write(Log::EMessage::Debug, 1, "just");                                   // and is seen to have
             Memory::Deinitialize();
             logger.Write(Log::EMessage::Warning, 2, "behind");
             EXPECT_THROW(logger.Write(Log::EMessage::Info, 3, std::string(5000, 'x').c_str()), std::bad_alloc);
         }
-        EXPECT_EQ(ReadFile("lifetime_tests.log"), "1: [Info] before\n2: [Warning] behind\n");
+        EXPECT_EQ(ReadFile("lifetime_tests.log"), "1: [Info] before\n1: [Debug] just\n2: [Warning] behind\n");
         EXPECT_EQ(std::remove("lifetime_tests.log"), 0) << "still open";
         SetUp();
     }

@@ -177,6 +177,23 @@ public:
 
 } // namespace
 
+TEST(ResourcePtr, HandlesAreEqualThatHoldTheSameObject)
+{
+    TResourcePtr<CDerivedNode> const derived = MakeResource<CDerivedNode>();
+    TResourcePtr<CNode> const first = derived;
+    TResourcePtr<CNode> const other = MakeResource<CNode>();
+    TResourcePtr<CNode> const none;
+    EXPECT_TRUE(first == derived);
+    EXPECT_TRUE(first == first.Get());
+    EXPECT_TRUE(derived.Get() == first);
+    EXPECT_TRUE(first != other);
+    EXPECT_TRUE(first != nullptr);
+    EXPECT_TRUE(none == nullptr);
+    EXPECT_TRUE(nullptr == none);
+    EXPECT_FALSE(none == first);
+    EXPECT_EQ(first->GetRefCount(), 2) << "a comparison retains nothing for good";
+}
+
 TEST(ResourcePtr, FreesAnObjectThatBeginsElsewhere)
 {
     u64 const live = GetLiveBlocks();

@@ -7,6 +7,7 @@
 #include <vlmcore/types.h>
 
 #include <atomic>
+#include <cstddef>
 #include <type_traits>
 #include <utility>
 
@@ -86,6 +87,14 @@ public:
     T* operator->() const { return m_object; }
     T& operator*() const { return *m_object; }
     explicit operator bool() const { return m_object != nullptr; }
+
+    /// Equal: the same object, or none.
+    friend bool operator==(TResourcePtr const& left, TResourcePtr const& right)
+    {
+        return left.m_object == right.m_object;
+    }
+    friend bool operator==(TResourcePtr const& left, T const* right) { return left.m_object == right; }
+    friend bool operator==(TResourcePtr const& left, std::nullptr_t) { return left.m_object == nullptr; }
 
 private:
     void RetainObject()
