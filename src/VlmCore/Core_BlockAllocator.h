@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstddef>
+#include <span>
 
 namespace Velmor {
 
@@ -90,11 +91,12 @@ public:
         m_lock.Release();
     }
 
-    /// Fills an empty magazine with what the class has, growing it when that is nothing; false when it cannot grow.
-    [[nodiscard]] bool TakeRow(CGlobalHeap& heap, SShape const& shape, SMagazine& row);
+    /// Fills the slots with free blocks, the one to hand out first last; grows the class when there are none. How many
+    /// there were: fewer than wanted when the class has not more, 0 when it cannot grow.
+    [[nodiscard]] u32 TakeRow(CGlobalHeap& heap, SShape const& shape, std::span<SFreeSlot> slots);
 
-    /// Takes a magazine's blocks back and empties it.
-    void GiveBackRow(CHeapExtension& extension, SShape const& shape, SMagazine& row);
+    /// Takes blocks back.
+    void GiveBackRow(CHeapExtension& extension, SShape const& shape, std::span<SFreeSlot const> slots);
 
     /// What a block in use goes through before it may join a list, and a free one before it is handed out.
     [[nodiscard]] static SFreeBlock* PrepareFree(void* memory, u64 blockSize, u64 size)
@@ -218,10 +220,10 @@ public:
     }
 
     /// Takes back a block whose record was found in its chunk and taken out. The block is prepared.
-    void GiveBack(CGlobalHeap& heap, CHeapExtension& extension, SFreeBlock* block, u64 size)
+    void GiveBack(CGlobalHeap& heap, CHeapExtension& extension, SFreeSlot const& slot, u64 size)
     {
         u32 const index = GetClass(size);
-        extension.GiveBack(heap, m_classes[index], GetShape(index), block);
+        extension.GiveBack(heap, m_classes[index], GetShape(index), slot);
     }
 
     /// Takes back a block that was recorded with `size` bytes.

@@ -16,7 +16,8 @@ void* CBlockClass::TakeAfterGrowth(CGlobalHeap& heap, SShape const& shape, u64 s
     if (m_free != nullptr)
         return HandOut(m_free, shape, size);
     void* block = nullptr;
-    heap.GetExtension()->GetFreeChunks(shape).Take(1, [&](u64 address) { block = reinterpret_cast<void*>(address); });
+    heap.GetExtension()->GetFreeChunks(shape).Take(
+        1, [&](u64 address, CChunkRecords::Record*) { block = reinterpret_cast<void*>(address); });
     m_lock.Release();
     PrepareUse(block, shape.blockSize, size);
     return block;
@@ -40,41 +41,33 @@ bool CBlockClass::AcquireWithFreeBlock(CGlobalHeap& heap, SShape const& shape)
     }
 }
 
-bool CBlockClass::TakeRow(CGlobalHeap& heap, SShape const& shape, SMagazine& row)
+u32 CBlockClass::TakeRow(CGlobalHeap& heap, SShape const& shape, std::span<SFreeSlot> slots)
 {
     if (!AcquireWithFreeBlock(heap, shape))
-        return false;
+        return 0;
     if (m_isMapped == 0)
         AddChunksToMap(heap, shape);
-    u32 const wanted = CHeapLane::GetMagazineSize(shape.blockBits);
-    SFreeBlock* last = nullptr;
-    auto const append = [&](SFreeBlock* block) {
-        if (last != nullptr)
-            MemoryDebug::WriteNext(last, block);
-        else
-            row.first = block;
-        last = block;
-        ++row.count;
-    };
-    heap.GetExtension()->GetFreeChunks(shape).Take(
-        wanted, [&](u64 address) { append(reinterpret_cast<SFreeBlock*>(address)); });
-    while (row.count < wanted && m_free != nullptr) {
+    u32 const wanted = static_cast<u32>(slots.size());
+    u32 count = 0;
+    heap.GetExtension()->GetFreeChunks(shape).Take(wanted, [&](u64 address, CChunkRecords::Record* record) {
+        slots[count++] = {reinterpret_cast<SFreeBlock*>(address), record};
+    });
+    while (count < wanted && m_free != nullptr) {
         SFreeBlock* const next = MemoryDebug::ReadNext(m_free);
-        append(std::exchange(m_free, next));
+        slots[count++] = {std::exchange(m_free, next), nullptr};
     }
     m_lock.Release();
-    return true;
+    std::reverse(slots.begin(), slots.begin() + count);
+    return count;
 }
 
-void CBlockClass::GiveBackRow(CHeapExtension& extension, SShape const& shape, SMagazine& row)
+void CBlockClass::GiveBackRow(CHeapExtension& extension, SShape const& shape, std::span<SFreeSlot const> slots)
 {
-    if (row.count == 0)
+    if (slots.empty())
         return;
     m_lock.Acquire();
-    for (; row.count != 0; --row.count) {
-        SFreeBlock* const next = MemoryDebug::ReadNext(row.first);
-        AddFree(&extension, shape, std::exchange(row.first, next));
-    }
+    for (SFreeSlot const& slot : slots)
+        AddFree(&extension, shape, slot.block);
     m_lock.Release();
 }
 

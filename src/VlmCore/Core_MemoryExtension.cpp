@@ -51,11 +51,11 @@ void* CHeapExtension::TryTakeShared(CHeapLane& lane, EHeap::Type kind, u32 block
     return block;
 }
 
-bool CHeapExtension::TryGiveBackShared(CHeapLane& lane, EHeap::Type kind, u32 blockBits, SFreeBlock* block)
+bool CHeapExtension::TryGiveBackShared(CHeapLane& lane, EHeap::Type kind, u32 blockBits, SFreeSlot const& slot)
 {
     if (!lane.lock.TryAcquireShared())
         return false;
-    bool const hasRoom = TryPush(lane, kind, blockBits, block);
+    bool const hasRoom = TryPush(lane, kind, blockBits, slot);
     lane.lock.Release(EBiasedHold::Guest);
     return hasRoom;
 }
@@ -65,29 +65,35 @@ auto CHeapExtension::Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape co
     u64 const threadKey = Platform::GetThreadKey();
     CHeapLane& lane = GetLane(threadKey);
     EBiasedHold hold = lane.lock.Acquire(threadKey);
-    if (!Refill(heap, blocks, shape, lane, hold))
+    SFreeSlot const slot = TakeSlowly(heap, blocks, shape, lane, hold);
+    if (slot.block == nullptr)
         return {nullptr, false};
-    void* const block = lane.GetClass(shape).loaded.Pop();
-    bool const isRecorded = TryRecord(lane, block, shape.kind, size);
+    if (slot.record != nullptr)
+        Record(lane, slot, shape.kind, size);
     lane.lock.Release(hold);
-    return {block, isRecorded};
+    return {slot.block, slot.record != nullptr};
 }
 
-void CHeapExtension::GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, SFreeBlock* block)
+void CHeapExtension::GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, SFreeSlot const& slot)
 {
     u64 const threadKey = Platform::GetThreadKey();
     CHeapLane& lane = GetLane(threadKey);
     CBiasedGuard const guard(lane.lock, lane.lock.Acquire(threadKey));
     CHeapLane::SClass& magazines = lane.GetClass(shape);
-    if (magazines.loaded.count == CHeapLane::GetMagazineSize(shape.blockBits)) {
-        blocks.GiveBackRow(*this, shape, magazines.spare);
-        magazines.spare = std::exchange(magazines.loaded, SMagazine{});
-    }
     if (lane.credits >= MostCredits) {
         lane.credits -= CreditsAtOnce;
         heap.ReturnRecords(CreditsAtOnce);
     }
-    Push(lane, magazines.loaded, shape.kind, block);
+    CountRelease(lane, shape.kind);
+    if (!magazines.loaded.HasSlots() && !MakeSlots(heap, magazines, shape.blockBits)) {
+        blocks.GiveBackRow(*this, shape, {&slot, 1});
+        return;
+    }
+    if (magazines.loaded.IsFull()) {
+        GiveBackAll(blocks, shape, magazines.spare);
+        std::swap(magazines.spare, magazines.loaded);
+    }
+    magazines.loaded.Push(slot);
 }
 
 void CHeapExtension::GiveBackCredit()
@@ -97,10 +103,10 @@ void CHeapExtension::GiveBackCredit()
     ++lane.credits;
 }
 
-// With the lane's lock held, which it keeps on success: a block in the loaded magazine and a credit. The lock is let go
-// whenever other lanes or the record store have to be looked into; what was there before may be gone afterwards.
-bool CHeapExtension::Refill(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, CHeapLane& lane,
-                            EBiasedHold& hold)
+// With the lane's lock held, which it keeps on success: a block, and a credit for it. The lock is let go whenever other
+// lanes or the record store have to be looked into; what was there before may be gone afterwards.
+SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, CHeapLane& lane,
+                                     EBiasedHold& hold)
 {
     u64 const threadKey = Platform::GetThreadKey();
     CHeapLane::SClass& magazines = lane.GetClass(shape);
@@ -109,20 +115,59 @@ bool CHeapExtension::Refill(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape 
             lane.lock.Release(hold);
             u32 const reserved = heap.ReserveRecords(CreditsAtOnce);
             if (reserved == 0)
-                return false;
+                return {};
             hold = lane.lock.Acquire(threadKey);
             lane.credits += reserved;
         }
-        if (magazines.loaded.count == 0)
-            std::swap(magazines.loaded, magazines.spare);
-        if (magazines.loaded.count != 0 || blocks.TakeRow(heap, shape, magazines.loaded))
-            return true;
+        if (SFreeSlot const slot = TakeFromLane(heap, blocks, shape, magazines); slot.block != nullptr)
+            return slot;
         // Nothing is refused while another lane has a free block.
         lane.lock.Release(hold);
         if (!Drain(blocks, shape))
-            return false;
+            return {};
         hold = lane.lock.Acquire(threadKey);
     }
+}
+
+// With the lane's lock held: a block of its magazines, which the class fills when they are empty; without memory for
+// magazines one of the class.
+SFreeSlot CHeapExtension::TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
+                                       CHeapLane::SClass& magazines)
+{
+    CMagazine& loaded = magazines.loaded;
+    if (!loaded.HasSlots() && !MakeSlots(heap, magazines, shape.blockBits)) {
+        SFreeSlot slot{};
+        static_cast<void>(blocks.TakeRow(heap, shape, {&slot, 1}));
+        return slot;
+    }
+    if (loaded.IsEmpty())
+        std::swap(loaded, magazines.spare);
+    if (loaded.IsEmpty())
+        loaded.Fill(blocks.TakeRow(heap, shape, loaded.GetSlots()));
+    if (loaded.IsEmpty())
+        return {};
+    SFreeSlot const slot = loaded.GetLast();
+    loaded.Pop();
+    return slot;
+}
+
+// With the lane's lock held.
+bool CHeapExtension::MakeSlots(CGlobalHeap& heap, CHeapLane::SClass& magazines, u32 blockBits)
+{
+    u32 const count = CHeapLane::GetMagazineSize(blockBits);
+    void* const memory = heap.AllocateNotes(2 * count * sizeof(SFreeSlot));
+    if (memory == nullptr)
+        return false;
+    SFreeSlot* const slots = ::new (memory) SFreeSlot[2 * count];
+    magazines.loaded.SetSlots(slots, count);
+    magazines.spare.SetSlots(slots + count, count);
+    return true;
+}
+
+void CHeapExtension::GiveBackAll(CBlockClass& blocks, SBlockShape const& shape, CMagazine& magazine)
+{
+    blocks.GiveBackRow(*this, shape, magazine.GetTaken());
+    magazine.Fill(0);
 }
 
 bool CHeapExtension::Drain(CBlockClass& blocks, SBlockShape const& shape)
@@ -131,9 +176,9 @@ bool CHeapExtension::Drain(CBlockClass& blocks, SBlockShape const& shape)
     for (CHeapLane& lane : m_lanes) {
         CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
         CHeapLane::SClass& magazines = lane.GetClass(shape);
-        hasDrained = hasDrained || magazines.loaded.count != 0 || magazines.spare.count != 0;
-        blocks.GiveBackRow(*this, shape, magazines.spare);
-        blocks.GiveBackRow(*this, shape, magazines.loaded);
+        hasDrained = hasDrained || !magazines.loaded.IsEmpty() || !magazines.spare.IsEmpty();
+        GiveBackAll(blocks, shape, magazines.spare);
+        GiveBackAll(blocks, shape, magazines.loaded);
     }
     return hasDrained;
 }
@@ -166,12 +211,8 @@ u64 CHeapExtension::GetLiveCount(EHeap::Type kind) const
 
 // ---- Chunks ----
 
-void* CHeapExtension::AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, u64 byteCount)
+void* CHeapExtension::AllocateNotes(SMemoryHooks const& hooks, u64 byteCount)
 {
-    if (CChunkRecords* const unused = m_unused[blockBits - SBlockShape::SmallestBits]) {
-        m_unused[blockBits - SBlockShape::SmallestBits] = unused->next;
-        return unused->GetRecords();
-    }
     constexpr u64 LineSize = CChunkRecords::Alignment;
     u64 const size = (byteCount + LineSize - 1) & ~(LineSize - 1);
     if (SlabSize - m_slabUsed < size) {
@@ -182,9 +223,17 @@ void* CHeapExtension::AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, 
         u64 const address = reinterpret_cast<u64>(memory) + sizeof(SSlab);
         m_slabUsed = sizeof(SSlab) + (LineSize - address % LineSize) % LineSize;
     }
-    void* const records = reinterpret_cast<u8*>(m_slabs) + m_slabUsed;
+    void* const notes = reinterpret_cast<u8*>(m_slabs) + m_slabUsed;
     m_slabUsed += size;
-    return records;
+    return notes;
+}
+
+void* CHeapExtension::AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, u64 byteCount)
+{
+    CChunkRecords*& unused = m_unused[blockBits - SBlockShape::SmallestBits];
+    if (unused == nullptr)
+        return AllocateNotes(hooks, byteCount);
+    return std::exchange(unused, unused->next)->GetRecords();
 }
 
 void CHeapExtension::AddChunk(SMemoryHooks const& hooks, void const* start, u32 blockCount, SBlockShape const& shape)

@@ -26,6 +26,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <span>
 #include <utility>
 
 namespace Velmor {
@@ -50,27 +51,39 @@ struct SBlockShape {
     }
 };
 
-/// A few free blocks in a row.
-struct SMagazine {
-    SFreeBlock* first = nullptr;
-    u32 count = 0;
+/// A free pool block and where its record goes: null for a block of a chunk without notes.
+struct SFreeSlot {
+    SFreeBlock* block;
+    CChunkRecords::Record* record;
+};
 
-    void Push(SFreeBlock* block)
+/// Free blocks of one class, last in, first out. They are named in slots, not linked through the blocks: these are not
+/// touched from their release until whoever gets them next uses them. Without slots it is empty and full at once.
+class CMagazine {
+public:
+    [[nodiscard]] bool HasSlots() const { return m_first != nullptr; }
+    /// The slots stay the caller's.
+    void SetSlots(SFreeSlot* slots, u32 count)
     {
-        MemoryDebug::WriteNext(block, first);
-        first = block;
-        ++count;
+        m_first = m_next = slots;
+        m_end = slots + count;
     }
-    [[nodiscard]] SFreeBlock* Pop()
-    {
-        SFreeBlock* const block = first;
-        first = MemoryDebug::ReadNext(block);
-        --count;
-#if !defined(VLM_ADDRESS_SANITIZER)
-        __builtin_prefetch(first, 1); // its link is what the next request will wait for
-#endif
-        return block;
-    }
+
+    [[nodiscard]] bool IsEmpty() const { return m_next == m_first; }
+    [[nodiscard]] bool IsFull() const { return m_next == m_end; }
+    [[nodiscard]] SFreeSlot const& GetLast() const { return m_next[-1]; }
+    void Push(SFreeSlot const& slot) { *m_next++ = slot; }
+    void Pop() { --m_next; }
+
+    /// All slots, of which Fill says how many are taken from the first on.
+    [[nodiscard]] std::span<SFreeSlot> GetSlots() const { return {m_first, m_end}; }
+    [[nodiscard]] std::span<SFreeSlot const> GetTaken() const { return {m_first, m_next}; }
+    void Fill(u32 count) { m_next = m_first + count; }
+
+private:
+    SFreeSlot* m_first = nullptr;
+    SFreeSlot* m_next = nullptr; // behind the last one taken
+    SFreeSlot* m_end = nullptr;
 };
 
 /// Free blocks that one thread took out of the classes, or freed, with the counters of what went through. Threads whose
@@ -83,8 +96,8 @@ public:
     /// Two magazines, so that a thread that allocates and frees by turns at the end of one does not go to the class
     /// each time.
     struct SClass {
-        SMagazine loaded;
-        SMagazine spare;
+        CMagazine loaded;
+        CMagazine spare;
     };
 
     [[nodiscard]] SClass& GetClass(EHeap::Type kind, u32 blockBits)
@@ -160,13 +173,13 @@ public:
     }
 
     /// The usual case of GiveBack, likewise; false, and nothing done, in every other case. The block is prepared.
-    [[nodiscard]] bool TryGiveBack(EHeap::Type kind, u32 blockBits, SFreeBlock* block)
+    [[nodiscard]] bool TryGiveBack(EHeap::Type kind, u32 blockBits, SFreeSlot const& slot)
     {
         u64 const threadKey = Platform::GetThreadKey();
         CHeapLane& lane = GetLane(threadKey);
         if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
-            return TryGiveBackShared(lane, kind, blockBits, block);
-        bool const hasRoom = TryPush(lane, kind, blockBits, block);
+            return TryGiveBackShared(lane, kind, blockBits, slot);
+        bool const hasRoom = TryPush(lane, kind, blockBits, slot);
         lane.lock.ReleaseAsOwner();
         return hasRoom;
     }
@@ -175,7 +188,7 @@ public:
     [[nodiscard]] STaken Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, u64 size);
 
     /// Takes back a block whose record has been taken out, with its credit.
-    void GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, SFreeBlock* block);
+    void GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, SFreeSlot const& slot);
 
     /// A record was taken out whose block stays where it is, counted as live.
     void GiveBackCredit();
@@ -194,6 +207,11 @@ public:
     {
         return m_freeChunks[shape.kind - 1][shape.blockBits - SBlockShape::SmallestBits];
     }
+
+    // ---- Notes: under the heap lock ----
+
+    /// Memory that stays until the end, at a multiple of 64; null when the hook gives none.
+    [[nodiscard]] void* AllocateNotes(SMemoryHooks const& hooks, u64 byteCount);
 
     // ---- Chunks: under the heap lock ----
 
@@ -223,49 +241,56 @@ private:
         return m_lanes[(threadKey >> 12) * 0x9E3779B97F4A7C15u >> (64 - LaneBits)];
     }
 
-    // Records and counts a block that the lane, which has a credit, is about to hand out. False when its chunk is not in
-    // the map.
-    [[nodiscard, gnu::always_inline]] bool TryRecord(CHeapLane& lane, void const* block, EHeap::Type kind, u64 size)
+    // Records and counts a block that the lane, which has a credit, is about to hand out.
+    static void Record(CHeapLane& lane, SFreeSlot const& slot, EHeap::Type kind, u64 size)
     {
-        CChunkRecords::Record* const record = Find(block).record;
-        if (record == nullptr) [[unlikely]]
-            return false;
-        record->store(static_cast<u16>(size), std::memory_order_relaxed);
+        slot.record->store(static_cast<u16>(size), std::memory_order_relaxed);
         --lane.credits;
         lane.GetAllocations(kind).Add(1);
-        return true;
     }
 
     // With the lane's lock.
-    [[nodiscard, gnu::always_inline]] void* TryPop(CHeapLane& lane, EHeap::Type kind, u32 blockBits, u64 size)
+    [[nodiscard, gnu::always_inline]] static void* TryPop(CHeapLane& lane, EHeap::Type kind, u32 blockBits, u64 size)
     {
-        SMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
-        if (loaded.count != 0 && lane.credits != 0 && TryRecord(lane, loaded.first, kind, size)) [[likely]]
-            return loaded.Pop();
-        return nullptr;
+        CMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
+        if (loaded.IsEmpty() || lane.credits == 0 || loaded.GetLast().record == nullptr) [[unlikely]]
+            return nullptr;
+        SFreeSlot const& slot = loaded.GetLast();
+        Record(lane, slot, kind, size);
+        loaded.Pop();
+        return slot.block;
     }
 
-    static void Push(CHeapLane& lane, SMagazine& loaded, EHeap::Type kind, SFreeBlock* block)
+    static void Push(CHeapLane& lane, CMagazine& loaded, EHeap::Type kind, SFreeSlot const& slot)
     {
-        loaded.Push(block);
+        loaded.Push(slot);
+        CountRelease(lane, kind);
+    }
+    static void CountRelease(CHeapLane& lane, EHeap::Type kind)
+    {
         lane.GetReleases(kind).Add(1);
         ++lane.credits;
     }
 
     // With the lane's lock.
-    [[nodiscard]] static bool TryPush(CHeapLane& lane, EHeap::Type kind, u32 blockBits, SFreeBlock* block)
+    [[nodiscard]] static bool TryPush(CHeapLane& lane, EHeap::Type kind, u32 blockBits, SFreeSlot const& slot)
     {
-        SMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
-        if (loaded.count == CHeapLane::GetMagazineSize(blockBits) || lane.credits == MostCredits) [[unlikely]]
+        CMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
+        if (loaded.IsFull() || lane.credits == MostCredits) [[unlikely]]
             return false;
-        Push(lane, loaded, kind, block);
+        Push(lane, loaded, kind, slot);
         return true;
     }
 
-    [[nodiscard]] void* TryTakeShared(CHeapLane& lane, EHeap::Type kind, u32 blockBits, u64 size);
-    [[nodiscard]] static bool TryGiveBackShared(CHeapLane& lane, EHeap::Type kind, u32 blockBits, SFreeBlock* block);
-    [[nodiscard]] bool Refill(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, CHeapLane& lane,
-                              EBiasedHold& hold);
+    [[nodiscard]] static void* TryTakeShared(CHeapLane& lane, EHeap::Type kind, u32 blockBits, u64 size);
+    [[nodiscard]] static bool TryGiveBackShared(CHeapLane& lane, EHeap::Type kind, u32 blockBits,
+                                                SFreeSlot const& slot);
+    [[nodiscard]] SFreeSlot TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
+                                       CHeapLane& lane, EBiasedHold& hold);
+    [[nodiscard]] static SFreeSlot TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
+                                                CHeapLane::SClass& magazines);
+    void GiveBackAll(CBlockClass& blocks, SBlockShape const& shape, CMagazine& magazine);
+    [[nodiscard]] static bool MakeSlots(CGlobalHeap& heap, CHeapLane::SClass& magazines, u32 blockBits);
     [[nodiscard]] void* AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, u64 byteCount);
 
     CRecordBuckets m_buckets;

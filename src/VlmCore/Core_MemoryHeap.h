@@ -199,6 +199,12 @@ public:
         if (CHeapExtension* const extension = GetExtension())
             extension->RemoveChunk(start);
     }
+    /// Memory for what an extended heap notes, until its end; null when the hook gives none.
+    [[nodiscard]] void* AllocateNotes(u64 byteCount)
+    {
+        CLock const lock(m_lock);
+        return m_buckets.beyond.extension->AllocateNotes(m_hooks, byteCount);
+    }
     /// Before the pools are purged.
     void BeginPurge()
     {
