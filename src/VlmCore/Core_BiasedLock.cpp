@@ -6,9 +6,10 @@ void CBiasedLock::EnterAsGuest()
 {
     m_guests.Acquire();
     // Without an owner the guests are among themselves.
-    if (m_owner.load(std::memory_order_relaxed) == NoThread)
+    u64 const owner = m_owner.load(std::memory_order_relaxed);
+    if (owner == NoThread)
         return;
-    Impl::MakeWanted(m_isWanted, &Platform::SynchronizeThreads);
+    Impl::MakeWanted(m_isWanted, [owner] { Platform::SynchronizeThread(owner); });
     CBackoff backoff;
     while (m_isInside.load(std::memory_order_acquire) != 0)
         backoff.Wait();

@@ -1,9 +1,9 @@
 // A spin lock that costs the thread which mostly takes it no locked instruction.
 //
 // Its owner only says that it is inside, and looks whether somebody else wants in. That both see each other needs a
-// barrier between a store and a load; it is paid by the others, for both sides, with a barrier in every running thread of
-// the process. So the owner takes the lock for the price of two stores, others for that of a system call. Method: David
-// Dice, Hui Huang, Mingyao Yang, "Asymmetric Dekker Synchronization" (2001).
+// barrier between a store and a load; it is paid by the others, for both sides, with a barrier that the system carries
+// out in the owner's thread. So the owner takes the lock for the price of two stores, others for that of a system call.
+// Method: David Dice, Hui Huang, Mingyao Yang, "Asymmetric Dekker Synchronization" (2001).
 #pragma once
 
 #include "Core_Backoff.h"
@@ -40,10 +40,10 @@ bool TryEnterAsOwner(OwnerWord& owner, Word& isInside, Word& isWanted, Key threa
 
 /// What a guest, which holds the lock among guests, does before it waits for the owner to be outside.
 template <class Word, class Barrier>
-void MakeWanted(Word& isWanted, Barrier&& processBarrier)
+void MakeWanted(Word& isWanted, Barrier&& barrierInOwner)
 {
     isWanted.store(1, std::memory_order_seq_cst);
-    processBarrier();
+    barrierInOwner();
 }
 
 } // namespace Impl

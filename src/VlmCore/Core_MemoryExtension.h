@@ -235,10 +235,10 @@ private:
 
     CHeapExtension() = default;
 
-    // Fibonacci hashing: keys are addresses some pages apart, and neighbours get lanes far from each other.
+    // Fibonacci hashing: neighbours get lanes far from each other.
     [[nodiscard]] CHeapLane& GetLane(u64 threadKey)
     {
-        return m_lanes[(threadKey >> 12) * 0x9E3779B97F4A7C15u >> (64 - LaneBits)];
+        return m_lanes[(threadKey >> Platform::ThreadKeyShift) * 0x9E3779B97F4A7C15u >> (64 - LaneBits)];
     }
 
     // Records and counts a block that the lane, which has a credit, is about to hand out.

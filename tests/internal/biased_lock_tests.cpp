@@ -149,13 +149,12 @@ TEST(BiasedLock, NothingThatIsDoneInsideIsLost)
     constexpr u64 Visits = 30000;
     constexpr u64 MostVisitsInARow = 200;
     constexpr u64 LineSize = 64;
-    constexpr u64 OwnerKey = 1;
     CBiasedLock lock;
     u64 number = 0;
     std::atomic<u64> ownerRounds{0};
     std::atomic<bool> guestIsDone{false};
-    lock.Release(lock.Acquire(OwnerKey));
     std::thread owner([&] {
+        u64 const ownerKey = Platform::GetThreadKey();
         std::vector<u8> farAway(u64{64} << 20);
         u64 random = 1;
         while (!guestIsDone) {
@@ -163,7 +162,7 @@ TEST(BiasedLock, NothingThatIsDoneInsideIsLost)
                 random = random * 6364136223846793005u + 1442695040888963407u;
                 *static_cast<u8 volatile*>(&farAway[(random >> 32) * LineSize % farAway.size()]) = 1;
             }
-            EBiasedHold const hold = lock.Acquire(OwnerKey);
+            EBiasedHold const hold = lock.Acquire(ownerKey);
             number = number + 1;
             lock.Release(hold);
             ownerRounds.store(ownerRounds.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);

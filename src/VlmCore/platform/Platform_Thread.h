@@ -60,13 +60,14 @@ using ThreadBody = void (*)(void* argument);
 /// Waits until the thread has ended and gives its handle back. Must not be called by that thread.
 void JoinThread(void* handle);
 
-/// True when SynchronizeThreads does what it says; not every system that this runs on has the means. Readies it; may be
+/// True when SynchronizeThread does what it says; not every system that this runs on has the means. Readies it; may be
 /// called again and again.
 [[nodiscard]] bool CanSynchronizeThreads();
 
-/// A full memory barrier in every thread of the process that is running: what any of them stored before is visible
-/// here afterwards, and what was stored here before is visible to all that they load afterwards. Takes microseconds.
-void SynchronizeThreads();
+/// A full memory barrier in the thread with the key (see Platform_ThreadKey.h) and in this one: what that one stored
+/// before is visible here afterwards, and what was stored here before is visible to all that it loads afterwards. The
+/// thread may have ended. Takes microseconds.
+void SynchronizeThread(u64 threadKey);
 
 // Types
 

@@ -199,7 +199,8 @@ bool CanSynchronizeThreads()
     return ::syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
 }
 
-void SynchronizeThreads()
+// In every thread of the process that is running: there is none for a single one.
+void SynchronizeThread(u64)
 {
     static_cast<void>(::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0));
 }

@@ -12,4 +12,7 @@ namespace Velmor::Platform {
     return reinterpret_cast<u64>(__builtin_thread_pointer());
 }
 
+/// The low bits that do not tell keys apart.
+inline constexpr u32 ThreadKeyShift = 12;
+
 } // namespace Velmor::Platform

@@ -158,14 +158,69 @@ void JoinThread(void* handle)
 
 bool CanSynchronizeThreads()
 {
-    // Wine 8 has the function, but it does nothing there (seen with the biased lock's test: additions were lost).
-    HMODULE const system = ::GetModuleHandleW(L"ntdll.dll");
-    return system != nullptr && ::GetProcAddress(system, "wine_get_version") == nullptr;
+    return true;
 }
 
-void SynchronizeThreads()
+namespace {
+
+// Wine 8 has FlushProcessWriteBuffers, but it does nothing there: the biased lock's test lost additions.
+bool IsWine()
 {
-    ::FlushProcessWriteBuffers();
+    static bool const isWine = [] {
+        HMODULE const system = ::GetModuleHandleW(L"ntdll.dll");
+        return system != nullptr && ::GetProcAddress(system, "wine_get_version") != nullptr;
+    }();
+    return isWine;
+}
+
+// One at a time: of two threads that suspend each other nobody would resume either.
+SRWLOCK g_suspendLock = SRWLOCK_INIT;
+
+// A thread whose registers are known has been interrupted, and an interruption is a barrier. To suspend it is not
+// enough: that only asks for it.
+void Interrupt(HANDLE thread)
+{
+    ::AcquireSRWLockExclusive(&g_suspendLock);
+    if (::SuspendThread(thread) != static_cast<DWORD>(-1)) { // else it has ended
+        CONTEXT context{};
+        context.ContextFlags = CONTEXT_CONTROL;
+        static_cast<void>(::GetThreadContext(thread, &context));
+        ::ResumeThread(thread);
+    }
+    ::ReleaseSRWLockExclusive(&g_suspendLock);
+}
+
+// Null when it has ended. Its id may belong to a thread of another process by then.
+HANDLE OpenForInterruption(DWORD threadId)
+{
+    constexpr DWORD Rights = THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT | THREAD_QUERY_LIMITED_INFORMATION;
+    HANDLE thread = ::OpenThread(Rights, FALSE, threadId);
+    while (thread == nullptr && ::GetLastError() != ERROR_INVALID_PARAMETER) { // no memory for the handle
+        ::Sleep(1);
+        thread = ::OpenThread(Rights, FALSE, threadId);
+    }
+    if (thread == nullptr || ::GetProcessIdOfThread(thread) == ::GetCurrentProcessId())
+        return thread;
+    ::CloseHandle(thread);
+    return nullptr;
+}
+
+} // namespace
+
+void SynchronizeThread(u64 threadKey)
+{
+    if (!IsWine()) {
+        ::FlushProcessWriteBuffers();
+        return;
+    }
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    DWORD const threadId = static_cast<DWORD>(threadKey);
+    if (threadId == ::GetCurrentThreadId())
+        return;
+    if (HANDLE const thread = OpenForInterruption(threadId)) {
+        Interrupt(thread);
+        ::CloseHandle(thread);
+    }
 }
 
 // Types
