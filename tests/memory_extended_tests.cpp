@@ -350,6 +350,50 @@ TEST_F(ExtendedHeap, APurgeFindsTheBlocksInEveryLane)
     }
 }
 
+// A lane that has no memory for what it would set aside hands blocks through, one at a time.
+TEST_F(ExtendedHeap, WithoutMemoryForItsMagazinesALaneTakesBlocksFromTheirClass)
+{
+    constexpr EHeap::Type Kinds[] = {EHeap::Pool, EHeap::Pool4, EHeap::Pool8, EHeap::Pool16};
+    // A chunk of every class, made before the heap is extended by the hook's blocks.
+    for (EHeap::Type const kind : Kinds)
+        for (u64 size = 16; size <= 1024; size *= 2)
+            Fill(2, size, kind);
+    std::vector<void*> records;
+    while (records.size() < 1100) {
+        records.push_back(Memory::Malloc(8, EHeap::General));
+        ASSERT_NE(records.back(), nullptr);
+    }
+    Memory::SStatistics const before = GetStatistics();
+
+    CCountingHooks::FailFrom(1);
+    for (u32 round = 0; round < 3; ++round) {
+        Empty();
+        for (EHeap::Type const kind : Kinds)
+            for (u64 size = 16; size <= 1024; size *= 2)
+                Fill(2, size, kind);
+    }
+    for (u64 index = 0; index < m_blocks.size(); ++index) {
+        ASSERT_EQ(Memory::GetSize(m_blocks[index]), u64{16} << index / 2 % 7);
+        ASSERT_EQ(Memory::GetHeap(m_blocks[index]), Kinds[index / 14]);
+        std::memset(m_blocks[index], static_cast<int>(index), Memory::GetSize(m_blocks[index]));
+    }
+    for (u64 index = 0; index < m_blocks.size(); ++index)
+        ASSERT_EQ(static_cast<u8*>(m_blocks[index])[(u64{16} << index / 2 % 7) - 1], index)
+            << "two blocks share memory";
+    for (u32 pool = 0; pool < 4; ++pool) {
+        EXPECT_EQ(GetStatistics().pools[pool].allocationCount, before.pools[pool].allocationCount + 3 * 14) << pool;
+        EXPECT_EQ(GetStatistics().pools[pool].liveCount, 14u) << pool;
+    }
+    CCountingHooks::FailFrom(0);
+
+    Empty();
+    for (void* const block : records)
+        Memory::Free(block);
+    Memory::Purge();
+    for (auto const& pool : GetStatistics().pools)
+        EXPECT_EQ(pool.liveCount, 0u);
+}
+
 // At every request from the first that extends the heap on.
 TEST_F(ExtendedHeap, WithoutMemoryForItTheHeapGoesOnAsItWas)
 {

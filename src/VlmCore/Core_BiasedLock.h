@@ -63,12 +63,6 @@ public:
     }
     void ReleaseAsOwner() { m_isInside.store(0, std::memory_order_release); }
 
-    /// Takes the lock when it is free and there are no owners any more: everybody's quick way in then.
-    [[nodiscard]] bool TryAcquireShared()
-    {
-        return m_isShared.load(std::memory_order_relaxed) && m_guests.TryAcquire();
-    }
-
     /// Takes the lock for a thread that will take it again and again: it becomes the owner when there is none, or in
     /// the place of another one that is probably gone. When owners change all the time, there are none any more.
     [[nodiscard]] EBiasedHold Acquire(u64 threadKey)

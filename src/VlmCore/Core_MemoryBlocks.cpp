@@ -168,9 +168,9 @@ void* MoveInPool(CGlobalHeap& heap, Pool& pool, void* block, u64 oldSize, u64 si
     }
     if (taken.record != nullptr) {
         if (moved != nullptr)
-            pool.GiveBack(
-                heap, *heap.GetExtension(),
-                {CBlockClass::PrepareFree(block, Pool::GetBlockSize(oldSize), oldSize), taken.record}, oldSize);
+            pool.GiveBack(heap, *heap.GetExtension(),
+                          {CBlockClass::PrepareFree(block, Pool::GetBlockSize(oldSize), oldSize), taken.record},
+                          oldSize);
         else
             heap.GetExtension()->GiveBackCredit();
     }
@@ -195,42 +195,54 @@ void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 oldSize, u64 
     return block;
 }
 
-// ---- Release ----
-
-void ReportKnownFree(CGlobalHeap& heap, void* block)
+[[gnu::noinline]] void* AllocateSlowly(u64 size, EHeap::Type heap)
 {
-    if (heap.Find(block).size != 0)
-        LogFree(block);
+    if (size == 0)
+        return nullptr;
+    CGlobalHeap& global = g_heapModule.FetchHeap();
+    if (size > CGlobalHeap::LargestSize)
+        return nullptr;
+    EHeap::Type const kind = CutKind(heap);
+    auto const useHooks = [&] { return AllocateFromHooks(global, size, kind); };
+    if (global.IsPassthrough())
+        return useHooks();
+    return g_heapModule.Dispatch(kind, [&](auto* pool) { return AllocateFromPool(global, pool, size); }, useHooks);
 }
 
-// A pool block of an extended heap, its record taken out of its chunk.
-void GiveBackToLane(CGlobalHeap& heap, CHeapExtension& extension, CChunkMap::SFound const& found, void* block, u64 size)
+// ---- Release ----
+
+// A pool block whose record was taken out of its chunk.
+[[gnu::noinline]] void GiveBackSlowly(CChunkTag chunk, SFreeSlot slot, u64 size)
 {
-    u32 const blockBits = found.tag.GetBlockBits();
-    SFreeSlot const slot{CBlockClass::PrepareFree(block, u64{1} << blockBits, size), found.record};
-    if (extension.TryGiveBack(found.tag.GetKind(), blockBits, slot)) [[likely]]
-        return;
+    CGlobalHeap& heap = *g_heapModule.heap;
     g_heapModule.Dispatch(
-        found.tag.GetKind(),
+        chunk.GetKind(),
         [&](auto* pool) {
             if (pool != nullptr)
-                pool->GiveBack(heap, extension, slot, size);
+                pool->GiveBack(heap, *heap.GetExtension(), slot, size);
         },
         [] {});
 }
 
-[[gnu::noinline]] void* AllocateSlowly(CGlobalHeap& heap, u64 size, EHeap::Type kind)
+// True when the block had a record in a chunk of the extended heap.
+[[gnu::always_inline]] inline bool TryFreeInChunk(CHeapExtension& extension, void* block)
 {
-    if (size > CGlobalHeap::LargestSize)
-        return nullptr;
-    auto const useHooks = [&] { return AllocateFromHooks(heap, size, kind); };
-    if (heap.IsPassthrough())
-        return useHooks();
-    return g_heapModule.Dispatch(kind, [&](auto* pool) { return AllocateFromPool(heap, pool, size); }, useHooks);
+#if !defined(VLM_ADDRESS_SANITIZER)
+    __builtin_prefetch(block, 1); // whoever gets it next will write to it
+#endif
+    CChunkMap::SFound const found = extension.Find(block);
+    u64 const size = CHeapExtension::TakeRecord(found);
+    if (size == 0) [[unlikely]]
+        return false;
+    u32 const blockBits = found.tag.GetBlockBits();
+    SFreeSlot const slot{CBlockClass::PrepareFree(block, u64{1} << blockBits, size), found.record};
+    if (!extension.TryGiveBack(found.tag.GetKind(), blockBits, slot)) [[unlikely]]
+        GiveBackSlowly(found.tag, slot, size);
+    return true;
 }
 
 // A block whose record is in the heap's table, or unknown.
-[[gnu::noinline]] void FreeInTable(CGlobalHeap& heap, void* block)
+void FreeInTable(CGlobalHeap& heap, void* block)
 {
     // The record goes before the block: once that is free, its address may be handed out and recorded anew.
     bool const isPassthrough = heap.IsPassthrough();
@@ -270,21 +282,35 @@ void GiveBackToLane(CGlobalHeap& heap, CHeapExtension& extension, CChunkMap::SFo
             useHooks);
 }
 
+[[gnu::noinline]] void FreeSlowly(void* block)
+{
+    if (block == nullptr)
+        return;
+    CGlobalHeap& heap = g_heapModule.FetchHeap();
+    if (MemoryLog::IsInstalled() && heap.Find(block).size != 0)
+        LogFree(block);
+    CHeapExtension* const extension = heap.GetExtension();
+    if (extension == nullptr || !TryFreeInChunk(*extension, block))
+        FreeInTable(heap, block);
+}
+
+// The extension of a heap whose usual cases need nothing else: there is one, and no memory logger wants to know.
+CHeapExtension* FindQuickWay()
+{
+    CGlobalHeap const* const heap = g_heapModule.heap;
+    return heap != nullptr && !MemoryLog::IsInstalled() ? heap->GetExtension() : nullptr;
+}
+
 } // namespace
 
 void* Malloc(u64 size, EHeap::Type heap)
 {
-    if (size == 0)
-        return nullptr;
-    CGlobalHeap& global = g_heapModule.FetchHeap();
-    EHeap::Type const kind = CutKind(heap);
-    if (CHeapExtension* const extension = global.GetExtension())
-        if (void* const block = extension->TryTake(kind, size)) [[likely]] {
-            CBlockClass::PrepareUse(block, u64{1} << SBlockShape::GetBlockBits(kind, size), size);
-            ReportAllocation(block, size);
+    if (CHeapExtension* const extension = FindQuickWay())
+        if (void* const block = extension->TryTake(heap, size)) [[likely]] {
+            CBlockClass::PrepareUse(block, u64{1} << SBlockShape::GetBlockBits(heap, size), size);
             return block;
         }
-    return AllocateSlowly(global, size, kind);
+    return AllocateSlowly(size, heap);
 }
 
 void* Realloc(void* block, u64 size, EHeap::Type heap)
@@ -308,23 +334,9 @@ void* Realloc(void* block, u64 size, EHeap::Type heap)
 
 void Free(void* block)
 {
-    if (block == nullptr)
-        return;
-    CGlobalHeap& heap = g_heapModule.FetchHeap();
-    if (MemoryLog::IsInstalled()) [[unlikely]]
-        ReportKnownFree(heap, block);
-
-#if !defined(VLM_ADDRESS_SANITIZER)
-    __builtin_prefetch(block, 1); // a pool writes its link there
-#endif
-    if (CHeapExtension* const extension = heap.GetExtension()) {
-        CChunkMap::SFound const found = extension->Find(block);
-        if (u64 const size = CHeapExtension::TakeRecord(found); size != 0) [[likely]] {
-            GiveBackToLane(heap, *extension, found, block, size);
-            return;
-        }
-    }
-    FreeInTable(heap, block);
+    CHeapExtension* const extension = FindQuickWay();
+    if (extension == nullptr || !TryFreeInChunk(*extension, block)) [[unlikely]]
+        FreeSlowly(block);
 }
 
 void FreeQuietly(void* block) noexcept

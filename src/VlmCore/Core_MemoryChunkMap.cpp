@@ -106,11 +106,6 @@ void TChunkTree<GranuleBits>::Release(SMemoryHooks const& hooks)
     }
 }
 
-CChunkMap::SFound CChunkMap::FindSmall(u64 address) const
-{
-    return FindRecord(m_small.Find(address));
-}
-
 bool CChunkMap::Add(SMemoryHooks const& hooks, CChunkRecords& chunk)
 {
     std::atomic<u16>& blockCount = m_blockCounts[CChunkTag(chunk).GetClass()];

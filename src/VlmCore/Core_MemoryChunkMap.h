@@ -295,7 +295,7 @@ public:
     [[nodiscard, gnu::always_inline]] SFound Find(u64 address) const
     {
         SFound const found = FindRecord(m_large.Find(address));
-        return found.record != nullptr ? found : FindSmall(address);
+        return found.record != nullptr ? found : FindRecord(m_small.Find(address));
     }
 
     /// The records of a found block's chunk.
@@ -336,7 +336,6 @@ private:
         return {found.tag.GetRecords() + index, found.tag};
     }
 
-    [[nodiscard]] SFound FindSmall(u64 address) const;
     [[nodiscard]] static bool IsLarge(CChunkRecords const& chunk)
     {
         return chunk.GetEnd() - chunk.GetStart() >= LargeTree::SmallestChunk;

@@ -42,24 +42,6 @@ void CHeapExtension::Release(SMemoryHooks const& hooks)
 
 // ---- Lanes ----
 
-void* CHeapExtension::TryTakeShared(CHeapLane& lane, EHeap::Type kind, u32 blockBits, u64 size)
-{
-    if (!lane.lock.TryAcquireShared())
-        return nullptr;
-    void* const block = TryPop(lane, kind, blockBits, size);
-    lane.lock.Release(EBiasedHold::Guest);
-    return block;
-}
-
-bool CHeapExtension::TryGiveBackShared(CHeapLane& lane, EHeap::Type kind, u32 blockBits, SFreeSlot const& slot)
-{
-    if (!lane.lock.TryAcquireShared())
-        return false;
-    bool const hasRoom = TryPush(lane, kind, blockBits, slot);
-    lane.lock.Release(EBiasedHold::Guest);
-    return hasRoom;
-}
-
 auto CHeapExtension::Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, u64 size) -> STaken
 {
     u64 const threadKey = Platform::GetThreadKey();

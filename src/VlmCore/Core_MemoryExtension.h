@@ -47,7 +47,8 @@ struct SBlockShape {
     /// The class for `size` bytes, above 0: the base-2 logarithm of its block size, above 10 for what is no pool block.
     [[nodiscard]] static constexpr u32 GetBlockBits(EHeap::Type kind, u64 size)
     {
-        return std::max(static_cast<u32>(std::bit_width(size - 1)), kind == EHeap::Pool16 ? 4u : SmallestBits);
+        u64 const smallest = kind == EHeap::Pool16 ? 15 : 7; // not max(): a number that cannot be 0 needs no branch
+        return static_cast<u32>(std::bit_width((size - 1) | smallest));
     }
 };
 
@@ -139,7 +140,10 @@ public:
     [[nodiscard]] CRecordBuckets& GetBuckets() { return m_buckets; }
 
     /// The record of a pool block, if it is found this way.
-    [[nodiscard]] CChunkMap::SFound Find(void const* block) const { return m_map.Find(reinterpret_cast<u64>(block)); }
+    [[nodiscard, gnu::always_inline]] CChunkMap::SFound Find(void const* block) const
+    {
+        return m_map.Find(reinterpret_cast<u64>(block));
+    }
 
     /// The records of the chunk in which a block begins at the address; null when no chunk in the map has one there.
     [[nodiscard]] CChunkRecords* FindChunk(void const* block) const
@@ -156,30 +160,42 @@ public:
 
     // ---- Blocks ----
 
-    /// The usual case of Take, in the calling thread's own lane; null in every other case, and for what is no pool
-    /// block. The block still has to be prepared for use.
-    [[nodiscard]] void* TryTake(EHeap::Type kind, u64 size)
+    /// The usual case of Take, in a lane that the calling thread owns; null in every other case, and for what is no pool
+    /// block. The block still has to be prepared for use. Calls nothing, like TryGiveBack and what they use: a function
+    /// that ends with a call for the other cases then keeps nothing on the stack.
+    [[nodiscard, gnu::always_inline]] void* TryTake(EHeap::Type kind, u64 size)
     {
-        u32 const blockBits = SBlockShape::GetBlockBits(kind, size);
-        if (kind < EHeap::Pool || kind > EHeap::Pool16 || blockBits > SBlockShape::LargestBits)
+        if (kind - EHeap::Pool >= CHeapLane::KindCount || size - 1 >= u64{1} << SBlockShape::LargestBits) [[unlikely]]
             return nullptr;
         u64 const threadKey = Platform::GetThreadKey();
         CHeapLane& lane = GetLane(threadKey);
         if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
-            return TryTakeShared(lane, kind, blockBits, size);
-        void* const block = TryPop(lane, kind, blockBits, size);
+            return nullptr;
+        CMagazine& loaded = lane.GetClass(kind, SBlockShape::GetBlockBits(kind, size)).loaded;
+        void* block = nullptr;
+        if (!loaded.IsEmpty() && lane.credits != 0 && loaded.GetLast().record != nullptr) [[likely]] {
+            SFreeSlot const slot = loaded.GetLast();
+            loaded.Pop();
+            Record(lane, slot, kind, size);
+            block = slot.block;
+        }
         lane.lock.ReleaseAsOwner();
         return block;
     }
 
     /// The usual case of GiveBack, likewise; false, and nothing done, in every other case. The block is prepared.
-    [[nodiscard]] bool TryGiveBack(EHeap::Type kind, u32 blockBits, SFreeSlot const& slot)
+    [[nodiscard, gnu::always_inline]] bool TryGiveBack(EHeap::Type kind, u32 blockBits, SFreeSlot const& slot)
     {
         u64 const threadKey = Platform::GetThreadKey();
         CHeapLane& lane = GetLane(threadKey);
         if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
-            return TryGiveBackShared(lane, kind, blockBits, slot);
-        bool const hasRoom = TryPush(lane, kind, blockBits, slot);
+            return false;
+        CMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
+        bool const hasRoom = !loaded.IsFull() && lane.credits < MostCredits;
+        if (hasRoom) [[likely]] {
+            loaded.Push(slot);
+            CountRelease(lane, kind);
+        }
         lane.lock.ReleaseAsOwner();
         return hasRoom;
     }
@@ -249,42 +265,12 @@ private:
         lane.GetAllocations(kind).Add(1);
     }
 
-    // With the lane's lock.
-    [[nodiscard, gnu::always_inline]] static void* TryPop(CHeapLane& lane, EHeap::Type kind, u32 blockBits, u64 size)
-    {
-        CMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
-        if (loaded.IsEmpty() || lane.credits == 0 || loaded.GetLast().record == nullptr) [[unlikely]]
-            return nullptr;
-        SFreeSlot const& slot = loaded.GetLast();
-        Record(lane, slot, kind, size);
-        loaded.Pop();
-        return slot.block;
-    }
-
-    static void Push(CHeapLane& lane, CMagazine& loaded, EHeap::Type kind, SFreeSlot const& slot)
-    {
-        loaded.Push(slot);
-        CountRelease(lane, kind);
-    }
     static void CountRelease(CHeapLane& lane, EHeap::Type kind)
     {
         lane.GetReleases(kind).Add(1);
         ++lane.credits;
     }
 
-    // With the lane's lock.
-    [[nodiscard]] static bool TryPush(CHeapLane& lane, EHeap::Type kind, u32 blockBits, SFreeSlot const& slot)
-    {
-        CMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
-        if (loaded.IsFull() || lane.credits == MostCredits) [[unlikely]]
-            return false;
-        Push(lane, loaded, kind, slot);
-        return true;
-    }
-
-    [[nodiscard]] static void* TryTakeShared(CHeapLane& lane, EHeap::Type kind, u32 blockBits, u64 size);
-    [[nodiscard]] static bool TryGiveBackShared(CHeapLane& lane, EHeap::Type kind, u32 blockBits,
-                                                SFreeSlot const& slot);
     [[nodiscard]] SFreeSlot TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
                                        CHeapLane& lane, EBiasedHold& hold);
     [[nodiscard]] static SFreeSlot TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
