@@ -189,8 +189,19 @@ TEST_F(ChunkMap, AgreesWithASortedListOfChunks)
 std::vector<u64> Take(CFreeChunks& chunks, u32 wanted)
 {
     std::vector<u64> taken;
-    chunks.Take(wanted, [&](u64 address) { taken.push_back(address); });
+    chunks.Take(wanted, [&](u64 address, CChunkRecords::Record*) { taken.push_back(address); });
     return taken;
+}
+
+TEST_F(ChunkMap, AFreeBlockComesWithItsRecord)
+{
+    CChunkRecords& chunk = *Make(0x4000'0010, 6, 256);
+    CFreeChunks chunks;
+    for (u64 const index : {200u, 0u, 64u, 255u})
+        chunks.Add(chunk, 0x4000'0010 + 64 * index);
+    std::vector<i64> places;
+    chunks.Take(4, [&](u64, CChunkRecords::Record* record) { places.push_back(record - chunk.GetRecords()); });
+    EXPECT_EQ(places, (std::vector<i64>{0, 64, 200, 255}));
 }
 
 TEST_F(ChunkMap, FreeBlocksOfAChunkAreTakenLowestAddressFirst)
