@@ -331,6 +331,10 @@ TEST(MutableString, AssignsFromEveryKind)
     IString const& base = other;
     text = base;
     EXPECT_EQ(text, "d");
+    EXPECT_NE(text.GetData(), base.GetData());
+    CMutableString const copy = base;
+    EXPECT_EQ(copy, "d");
+    EXPECT_NE(copy.GetData(), base.GetData());
     CMutableString const implicit = "from a literal";
     EXPECT_EQ(implicit.GetLength(), 14u);
 }
@@ -661,7 +665,10 @@ TEST(StringLayout, OperationsAskForTheLengthVirtually)
     // Two code points and a unit: h, e, l.
     EXPECT_EQ(text.GetHash(), 0x15C642C1u);
     EXPECT_EQ(text.GetDistance("hexe"), 2u) << "he against hexe";
-    EXPECT_EQ(CString("hello").GetLength(), 5u);
+    // A copy has a length of its own.
+    CMutableString const copy = text;
+    EXPECT_EQ(copy.GetLength(), 5u);
+    EXPECT_EQ(copy, "hello");
 }
 
 TEST(StringLayout, TypesForbidWhatWouldDangle)

@@ -462,6 +462,7 @@ public:
     CMutableString() = default;
     /// A copy in the same encoding; null for a null text.
     CMutableString(CString const& text);
+    CMutableString(IString const& text) : CMutableString(CString(text)) {}
     /// A copy of UTF-8 text in the target encoding.
     CMutableString(char const* utf8, EStringEncoding::Type target);
     CMutableString(CMutableString const& other);
@@ -482,6 +483,7 @@ public:
 
     /// Null assigned leaves GetAllocatedSize as it was (kept: hosts depend on it).
     CMutableString& operator=(CString const& text);
+    CMutableString& operator=(IString const& text) { return *this = CString(text); }
     CMutableString& operator=(CMutableString const& other);
     CMutableString& operator=(CMutableString&& other) noexcept;
     /// The pieces one behind the other in the encoding of the first. They may be this text's own. An empty chain gives
