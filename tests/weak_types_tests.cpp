@@ -394,6 +394,21 @@ TYPED_TEST(WeakTypeStorage, ANameIsItsHash)
     EXPECT_EQ(variables.GetCount(), 0u);
 }
 
+TYPED_TEST(WeakTypeStorage, ANameInAnotherEncodingIsAnotherVariable)
+{
+    TypeParam storage;
+    IWeakTypeStorage& variables = storage;
+    variables["speed"] = 1;
+    EXPECT_FALSE(variables.IsRegistered(u"speed"));
+    EXPECT_FALSE(variables.IsRegistered(U"speed"));
+    // Only as many bytes as there are code points, and one unit more, are in the hash.
+    EXPECT_EQ(&variables["gr\u00F6\u00DFe1"], &variables["gr\u00F6\u00DFe2"]);
+    variables[u"variable1"] = 2;
+    EXPECT_EQ(&variables[u"variable2"], &variables[u"variable1"]);
+    EXPECT_NE(&variables["variable2"], &variables["variable1"]);
+    EXPECT_EQ(variables.GetCount(), 5u);
+}
+
 TYPED_TEST(WeakTypeStorage, RemovingFreesTextsAndMovesNobody)
 {
     u64 const before = CountLiveBlocks();
