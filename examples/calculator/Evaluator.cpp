@@ -22,6 +22,13 @@ bool IsBlank(char unit)
     return unit == ' ' || unit == '\t' || unit == '\r' || unit == '\n';
 }
 
+// Ids are made of all of a name: a storage's own, from the name's GetHash, see only the beginning of one beyond ASCII.
+u32 GetVariableId(CMutableString const& name)
+{
+    constexpr u32 Basis = 0x811C9DC5;
+    return GetFNV32(name.GetData(), name.GetAllocatedSize() - 1, 0, Basis);
+}
+
 // A binary operator and how tightly it binds. Where one text begins with another, the longer comes first.
 struct SOperator {
     char const* text;
@@ -134,7 +141,7 @@ private:
         CMutableString const name = ReadName();
         if (!name.IsEmpty() && Accept("=") && *m_at != '=') {
             CWeakType value = ReadStatement();
-            m_variables[name] = value;
+            m_variables[GetVariableId(name)] = value;
             return value;
         }
         m_at = start;
@@ -184,7 +191,7 @@ private:
         CMutableString const name = ReadName();
         if (name.IsEmpty())
             Fail("a name is missing");
-        return m_variables[name];
+        return m_variables[GetVariableId(name)];
     }
 
     CWeakType ReadValue()
@@ -209,7 +216,7 @@ private:
             return CWeakType();
         if (name == "ref")
             return CWeakType::MakeReference(ReadVariable());
-        return m_variables[name];
+        return m_variables[GetVariableId(name)];
     }
 
     CWeakType ReadNumber()

@@ -66,9 +66,12 @@ struct SNameCounts {
     CWeakTypeMap attributes;
 };
 
+// By an id of all of the name: the map's own, from the name's GetHash, sees only the beginning of one beyond ASCII.
 void CountName(CWeakTypeMap& counts, CString const& name)
 {
-    counts[name] = counts[name] + CWeakType(1);
+    constexpr u32 Basis = 0x811C9DC5;
+    CManagedWeakType& count = counts[GetFNV32(name.GetData(), name.GetAllocatedSize() - 1, 0, Basis)];
+    count = count + CWeakType(1);
 }
 
 void AddCounts(CWeakTypeMap& totals, CWeakTypeMap const& counts)

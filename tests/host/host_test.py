@@ -243,7 +243,9 @@ class Host(unittest.TestCase):
         self.assertIn("--replace and --into belong together.", self.run_host("--into", target, self.folder, code=2)[1])
 
     def test_xml_counts_agree_with_expat(self):
-        documents = [SOURCES / "examples/host/samples/catalog.xml"]
+        beyond_ascii = self.folder / "names.xml"
+        beyond_ascii.write_text("<größe><größe1 ä1='1'> </größe1><größe2 ä2='2'> </größe2><größe1/> </größe>\n", encoding="utf-8")
+        documents = [SOURCES / "examples/host/samples/catalog.xml", beyond_ascii]
         # Real documents without an apostrophe or a ">" in an attribute's value, which the tokenizer reads its own way.
         real = ("/usr/share/xml/iso-codes/iso_639-5.xml", "/usr/share/metainfo/org.winehq.wine.appdata.xml",
                 "/usr/share/unicode/cldr/common/main/de.xml")
