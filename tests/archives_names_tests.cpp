@@ -229,3 +229,77 @@ TEST_F(ArchiveNames, AFolderMayBeListedAgainWhileItIsRemoved)
     EXPECT_EQ(looking.counts, (std::vector<u64>{3, 2, 1}));
     EXPECT_FALSE(archive.Contains("t"));
 }
+
+namespace {
+
+// Swaps the folder t/a for a link that leads outside, before or after its removal has begun.
+class CSwappingArchive : public CFolderArchive {
+public:
+    CSwappingArchive(CString const& root, fs::path rootPath, fs::path outside, std::string swapBefore)
+        : CFolderArchive(root), m_rootPath(std::move(rootPath)), m_outside(std::move(outside)),
+          m_swapBefore(std::move(swapBefore))
+    {
+    }
+    void List(CString const& path, TVector<CMutableString, 1>& files,
+              TVector<CMutableString, 1>& folders) const override
+    {
+        Swap("list " + Bytes(path));
+        CFolderArchive::List(path, files, folders);
+    }
+    void RemoveFolder(CString const& path) override
+    {
+        Swap("folder " + Bytes(path));
+        CFolderArchive::RemoveFolder(path);
+    }
+    void RemoveFile(CString const& path) override
+    {
+        Swap("file " + Bytes(path));
+        CFolderArchive::RemoveFile(path);
+    }
+    mutable bool isSwapped = false;
+
+private:
+    void Swap(std::string const& call) const
+    {
+        if (call != m_swapBefore)
+            return;
+        std::error_code refused;
+        fs::rename(m_rootPath / "t" / "a", m_rootPath / "moved", refused);
+        isSwapped = !refused && TestSupport::MakeLink(m_outside, m_rootPath / "t" / "a");
+    }
+    fs::path m_rootPath;
+    fs::path m_outside;
+    std::string m_swapBefore;
+};
+
+} // namespace
+
+// Whenever it happens, what the link leads to stays.
+TEST_F(ArchiveNames, AFolderThatIsSwappedForALinkDoesNotLeadTheRemovalAstray)
+{
+    for (char const* const moment : {"folder t", "list t", "folder t/a", "list t/a", "folder t/a/b", "list t/a/b",
+                                     "file t/a/b/precious", "file t/a/precious"}) {
+        CTemporaryFolder outside;
+        fs::create_directories(outside.Path() / "b");
+        WriteText(outside.Path() / "precious", "kept");
+        WriteText(outside.Path() / "b" / "precious", "kept");
+        fs::create_directories(Root() / "t" / "a" / "b");
+        WriteText(Root() / "t" / "a" / "precious", "goes");
+        WriteText(Root() / "t" / "a" / "b" / "precious", "goes");
+        CSwappingArchive swapping(CString(rootText), Root(), outside.Path(), moment);
+        try {
+            swapping.RemoveFolder("t");
+        }
+        catch (CFileException const&) {
+            // where links are foreign to the system, the link itself is what it cannot remove
+        }
+        if (!HasDrives()) // elsewhere an open folder keeps its name
+            EXPECT_TRUE(swapping.isSwapped) << moment;
+        EXPECT_EQ(ReadText(outside.Path() / "precious"), "kept") << moment;
+        EXPECT_EQ(ReadText(outside.Path() / "b" / "precious"), "kept") << moment;
+        if (!swapping.isSwapped || TestSupport::LinksAreNative())
+            EXPECT_FALSE(archive.Contains("t")) << moment;
+        TestSupport::RemoveTree(Root() / "t");
+        TestSupport::RemoveTree(Root() / "moved");
+    }
+}
