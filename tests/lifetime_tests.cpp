@@ -194,18 +194,24 @@ TEST_F(Lifetime, AFileLoggerGoesOnAndClosesItsFile)
     }
 }
 
-TEST_F(Lifetime, AMemoryLoggerWritesWhatItAcceptedAndClosesItsFiles)
+TEST_F(Lifetime, AMemoryLoggerWritesWhatItTakesAndClosesItsFiles)
 {
     for (u64 const capacity : {0u, 16u}) {
         {
             CFileMemoryLogger logger("lifetime_events.json", "lifetime_stacks.json", capacity);
             Memory::InitializeLog(&logger);
-            Memory::Free(Memory::Malloc(1000, EHeap::Pool));
+            if (capacity == 0) // else its thread would allocate while the heap goes
+                Memory::Free(Memory::Malloc(1000, EHeap::Pool));
             Memory::Deinitialize(); // uninstalls it
+            EXPECT_EQ(Memory::ReleaseLog(), nullptr);
+            logger.OnRetain(&logger);
+            logger.OnRelease(&logger);
         }
         std::string const events = ReadFile("lifetime_events.json");
-        EXPECT_TRUE(Contains(events, "\"Size\": 1000, ")) << events;
-        EXPECT_TRUE(Contains(events, "\"Event\": \"free\", ")) << events;
+        EXPECT_EQ(Contains(events, "\"Size\": 1000, "), capacity == 0) << events;
+        EXPECT_EQ(Contains(events, "\"Event\": \"free\", "), capacity == 0) << events;
+        EXPECT_TRUE(Contains(events, "\"Size\": 0, \"HeapSize\": 0, \"Event\": \"retain\", ")) << events;
+        EXPECT_TRUE(Contains(events, "\"Size\": 0, \"HeapSize\": 0, \"Event\": \"release\", ")) << events;
         EXPECT_TRUE(Contains(events, " }\n]}\n")) << events;
         EXPECT_TRUE(Contains(ReadFile("lifetime_stacks.json"), "]}\n"));
         EXPECT_EQ(std::remove("lifetime_events.json"), 0) << "still open";

@@ -19,13 +19,19 @@ enum class EDrain {
 };
 
 /// Taking over at every entry would have the producers meet the writer each time. So a part-filled buffer is given the
-/// time of one idle wait to fill up to the half: some microseconds while there is work, a millisecond at most.
+/// time of one idle wait to fill up to the half: some microseconds while there is work, a millisecond at most. The wait
+/// counts rounds; on a busy machine a single one of them may take longer than all should, so the clock has its say.
 class CDrainPolicy {
 public:
-    [[nodiscard]] EDrain Decide(u64 used, u64 capacity)
+    static constexpr f64 LongestWait = 1.0; // milliseconds
+
+    /// \param getTime  gives a time in milliseconds; asked while a part-filled buffer waits.
+    template <class GetTime>
+    [[nodiscard]] EDrain Decide(u64 used, u64 capacity, GetTime const& getTime)
     {
-        if (used > capacity / 2 || m_idle.IsSleeping()) {
+        if (used > capacity / 2 || m_idle.IsSleeping() || (used > 0 && HasWaitedLong(getTime()))) {
             m_idle.Reset();
+            m_isWaited = false;
             return used > 0 ? EDrain::Now : EDrain::Idle;
         }
         m_idle.Wait();
@@ -33,7 +39,18 @@ public:
     }
 
 private:
+    [[nodiscard]] bool HasWaitedLong(f64 now)
+    {
+        if (!m_isWaited) {
+            m_isWaited = true;
+            m_since = now;
+        }
+        return now - m_since >= LongestWait;
+    }
+
     CBackoff m_idle;
+    bool m_isWaited = false; ///< something has been in the buffer since m_since
+    f64 m_since = 0;
 };
 
 /// Lets the writer sleep at no cost and wake at once. Producers look at it under the lock of their buffers, which they

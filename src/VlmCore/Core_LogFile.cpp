@@ -4,6 +4,7 @@
 #include <vlmcore/debug.h>
 #include <vlmcore/logging.h>
 #include <vlmcore/memory.h>
+#include <vlmcore/system.h>
 #include <vlmcore/threads.h>
 
 #include <algorithm>
@@ -183,11 +184,13 @@ u64 CFileLogger::WriteToFile(u8 const* data, u64 size) noexcept
 void CLogWriter::Execute()
 {
     auto const getUsed = [this] { return GetCurrentBuffer().used.load(std::memory_order_relaxed); };
-    EDrain const decision = m_policy.Decide(getUsed(), m_owner->m_bufferSize);
+    EDrain const decision = m_policy.Decide(getUsed(), m_owner->m_bufferSize, &System::GetTimeMs);
     if (decision == EDrain::Now)
         Drain();
-    else if (decision == EDrain::Idle)
+    else if (decision == EDrain::Idle) {
         m_bell.Sleep(m_owner->m_lock, [&] { return getUsed() == 0; });
+        Drain(); // the first line after a rest does not wait for company
+    }
 }
 
 void CLogWriter::Finish()

@@ -2,6 +2,8 @@
 
 #include "Core_Log.h"
 
+#include <vlmcore/system.h>
+
 #include <cstring>
 
 namespace Velmor {
@@ -50,11 +52,13 @@ void CJSONMemoryLogWriter::Execute()
     if (m_self.load(std::memory_order_relaxed) == NoThreadId)
         m_self.store(Thread::GetId(), std::memory_order_release);
     auto const getCount = [this] { return GetCurrentBuffer().count.load(std::memory_order_relaxed); };
-    EDrain const decision = m_policy.Decide(getCount(), m_owner->m_capacity);
+    EDrain const decision = m_policy.Decide(getCount(), m_owner->m_capacity, &System::GetTimeMs);
     if (decision == EDrain::Now)
         Drain();
-    else if (decision == EDrain::Idle)
+    else if (decision == EDrain::Idle) {
         m_bell.Sleep(m_owner->m_lock, [&] { return getCount() == 0; });
+        Drain(); // the first event after a rest does not wait for company
+    }
 }
 
 void CJSONMemoryLogWriter::Finish()

@@ -106,12 +106,34 @@ TEST(StackFilter, AThousandSitesAreNearlyAllKnown)
     EXPECT_GT(known, 950u);
 }
 
+/// Of a machine so quick that no time passes.
+[[nodiscard]] f64 GetNoTime()
+{
+    return 100;
+}
+
 TEST(DrainPolicy, TakesAHalfFullBufferAtOnce)
 {
     CDrainPolicy policy;
-    EXPECT_EQ(policy.Decide(51, 100), EDrain::Now);
-    EXPECT_EQ(policy.Decide(50, 100), EDrain::Later);
-    EXPECT_EQ(policy.Decide(1, 1), EDrain::Now);
+    EXPECT_EQ(policy.Decide(51, 100, &GetNoTime), EDrain::Now);
+    EXPECT_EQ(policy.Decide(50, 100, &GetNoTime), EDrain::Later);
+    EXPECT_EQ(policy.Decide(1, 1, &GetNoTime), EDrain::Now);
+}
+
+TEST(DrainPolicy, ALittleWaitsAMillisecondAtMost)
+{
+    CDrainPolicy policy;
+    f64 now = 100;
+    auto const getTime = [&now] { return now; };
+    for (int round = 0; round < 2; ++round) {
+        for (int empty = 0; empty < 20; ++empty, now += 5)
+            EXPECT_EQ(policy.Decide(0, 100, getTime), EDrain::Later) << "nothing waits";
+        EXPECT_EQ(policy.Decide(1, 100, getTime), EDrain::Later);
+        now += 0.9;
+        EXPECT_EQ(policy.Decide(2, 100, getTime), EDrain::Later);
+        now += 0.2;
+        EXPECT_EQ(policy.Decide(3, 100, getTime), EDrain::Now);
+    }
 }
 
 TEST(DrainPolicy, AfterAWhileTakesALittleOrSleeps)
@@ -120,11 +142,11 @@ TEST(DrainPolicy, AfterAWhileTakesALittleOrSleeps)
     int rounds = 0;
     EDrain decision = EDrain::Later;
     for (; decision == EDrain::Later; ++rounds)
-        decision = policy.Decide(1, 100);
+        decision = policy.Decide(1, 100, &GetNoTime);
     EXPECT_EQ(decision, EDrain::Now);
     EXPECT_GT(rounds, 100);
     for (decision = EDrain::Later; decision == EDrain::Later;)
-        decision = policy.Decide(0, 100);
+        decision = policy.Decide(0, 100, &GetNoTime);
     EXPECT_EQ(decision, EDrain::Idle);
 }
 
