@@ -28,7 +28,8 @@ public:
     static constexpr i64 WeakTypeKind = 2;
 
     /// Formats the message printf-style. A message of 4096 characters or more is an error of the caller: the
-    /// process ends as the C runtime's invalid-parameter handling ends it.
+    /// process ends as the C runtime's invalid-parameter handling ends it. Throws CBadAllocation, as copies do, also
+    /// without a heap.
     explicit CException(char const* format, ...) VLM_PRINTF(2, 3);
     CException(CException const& other);
     CException& operator=(CException const& other);
@@ -58,7 +59,7 @@ private:
 /// An error of a file or an archive.
 class VLM_API CFileException : public CException {
 public:
-    /// Takes the message as it stands; the kind is 1.
+    /// Takes the message as it stands; the kind is 1. Throws CBadAllocation, as copies do.
     CFileException(CString const& text, EFileError::Type error);
     CFileException(CFileException const& other);
     CFileException& operator=(CFileException const& other);

@@ -18,6 +18,8 @@
 /// | released by another    | is released        | throws CException                 |
 /// | released when free     | throws CException  | throws CException                 |
 ///
+/// (Without a heap there is no text to throw: CBadAllocation takes the place of CException.)
+///
 /// An acquisition sees everything that was written before the release that let it in.
 #pragma once
 
