@@ -67,7 +67,7 @@ void CHeapExtension::GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShap
         heap.ReturnRecords(CreditsAtOnce);
     }
     CountRelease(lane, shape.kind);
-    if (!magazines.loaded.HasSlots() && !MakeSlots(heap, magazines, shape.blockBits)) {
+    if (!magazines.loaded.HasSlots() && !MakeSlots(heap, lane, shape)) {
         blocks.GiveBackRow(*this, shape, {&slot, 1});
         return;
     }
@@ -91,7 +91,6 @@ SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBl
                                      EBiasedHold& hold)
 {
     u64 const threadKey = Platform::GetThreadKey();
-    CHeapLane::SClass& magazines = lane.GetClass(shape);
     for (;;) {
         if (lane.credits == 0) {
             lane.lock.Release(hold);
@@ -101,7 +100,7 @@ SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBl
             hold = lane.lock.Acquire(threadKey);
             lane.credits += reserved;
         }
-        if (SFreeSlot const slot = TakeFromLane(heap, blocks, shape, magazines); slot.block != nullptr)
+        if (SFreeSlot const slot = TakeFromLane(heap, blocks, shape, lane); slot.block != nullptr)
             return slot;
         // Nothing is refused while another lane has a free block.
         lane.lock.Release(hold);
@@ -114,10 +113,11 @@ SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBl
 // With the lane's lock held: a block of its magazines, which the class fills when they are empty; without memory for
 // magazines one of the class.
 SFreeSlot CHeapExtension::TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
-                                       CHeapLane::SClass& magazines)
+                                       CHeapLane& lane)
 {
+    CHeapLane::SClass& magazines = lane.GetClass(shape);
     CMagazine& loaded = magazines.loaded;
-    if (!loaded.HasSlots() && !MakeSlots(heap, magazines, shape.blockBits)) {
+    if (!loaded.HasSlots() && !MakeSlots(heap, lane, shape)) {
         SFreeSlot slot{};
         static_cast<void>(blocks.TakeRow(heap, shape, {&slot, 1}));
         return slot;
@@ -134,15 +134,13 @@ SFreeSlot CHeapExtension::TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, S
 }
 
 // With the lane's lock held.
-bool CHeapExtension::MakeSlots(CGlobalHeap& heap, CHeapLane::SClass& magazines, u32 blockBits)
+bool CHeapExtension::MakeSlots(CGlobalHeap& heap, CHeapLane& lane, SBlockShape const& shape)
 {
-    u32 const count = CHeapLane::GetMagazineSize(blockBits);
-    void* const memory = heap.AllocateNotes(2 * count * sizeof(SFreeSlot));
+    u32 const count = 2 * CHeapLane::GetMagazineSize(shape.blockBits);
+    void* const memory = heap.AllocateNotes(count * sizeof(SFreeSlot));
     if (memory == nullptr)
         return false;
-    SFreeSlot* const slots = ::new (memory) SFreeSlot[2 * count];
-    magazines.loaded.SetSlots(slots, count);
-    magazines.spare.SetSlots(slots + count, count);
+    lane.SetSlots(shape, ::new (memory) SFreeSlot[count]);
     return true;
 }
 
@@ -156,6 +154,8 @@ bool CHeapExtension::Drain(CBlockClass& blocks, SBlockShape const& shape)
 {
     bool hasDrained = false;
     for (CHeapLane& lane : m_lanes) {
+        if (!lane.HasUsed(shape))
+            continue;
         CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
         CHeapLane::SClass& magazines = lane.GetClass(shape);
         hasDrained = hasDrained || !magazines.loaded.IsEmpty() || !magazines.spare.IsEmpty();

@@ -107,6 +107,22 @@ public:
     }
     [[nodiscard]] SClass& GetClass(SBlockShape const& shape) { return GetClass(shape.kind, shape.blockBits); }
 
+    /// Gives the magazines of a class their slots, twice GetMagazineSize.
+    void SetSlots(SBlockShape const& shape, SFreeSlot* slots)
+    {
+        SClass& magazines = GetClass(shape);
+        u32 const count = GetMagazineSize(shape.blockBits);
+        magazines.loaded.SetSlots(slots, count);
+        magazines.spare.SetSlots(slots + count, count);
+        m_usedClasses.fetch_or(GetClassBit(shape), std::memory_order_relaxed);
+    }
+    /// False when the lane never had a block of the class. Needs no lock: a lane that begins now is like one that takes
+    /// blocks a moment after it was looked at.
+    [[nodiscard]] bool HasUsed(SBlockShape const& shape) const
+    {
+        return (m_usedClasses.load(std::memory_order_relaxed) & GetClassBit(shape)) != 0;
+    }
+
     /// Allocations and releases that went through the lane.
     [[nodiscard]] CStatisticsCounter& GetAllocations(EHeap::Type kind) { return m_allocations[kind - 1]; }
     [[nodiscard]] CStatisticsCounter& GetReleases(EHeap::Type kind) { return m_releases[kind - 1]; }
@@ -120,6 +136,12 @@ public:
     u32 credits = 0; ///< records that blocks may take
 
 private:
+    [[nodiscard]] static u32 GetClassBit(SBlockShape const& shape)
+    {
+        return 1u << ((shape.kind - 1) * ClassCount + shape.blockBits - SBlockShape::SmallestBits);
+    }
+
+    std::atomic<u32> m_usedClasses{0};
     CStatisticsCounter m_allocations[KindCount];
     CStatisticsCounter m_releases[KindCount];
     SClass m_classes[KindCount][ClassCount];
@@ -274,9 +296,9 @@ private:
     [[nodiscard]] SFreeSlot TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
                                        CHeapLane& lane, EBiasedHold& hold);
     [[nodiscard]] static SFreeSlot TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
-                                                CHeapLane::SClass& magazines);
+                                                CHeapLane& lane);
     void GiveBackAll(CBlockClass& blocks, SBlockShape const& shape, CMagazine& magazine);
-    [[nodiscard]] static bool MakeSlots(CGlobalHeap& heap, CHeapLane::SClass& magazines, u32 blockBits);
+    [[nodiscard]] static bool MakeSlots(CGlobalHeap& heap, CHeapLane& lane, SBlockShape const& shape);
     [[nodiscard]] void* AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, u64 byteCount);
 
     CRecordBuckets m_buckets;

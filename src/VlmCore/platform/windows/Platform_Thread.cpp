@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
+#include <iterator>
 #include <process.h>
 
 #if !defined(_MSC_VER)
@@ -173,21 +175,31 @@ bool IsWine()
     return isWine;
 }
 
-// One at a time: of two threads that suspend each other nobody would resume either.
-SRWLOCK g_suspendLock = SRWLOCK_INIT;
+// One thread at a time interrupts others, whichever module it is in: of two that suspend each other nobody would resume
+// either. Without memory for a handle it is null, and waiting for it fails at once.
+HANDLE GetInterruptionMutex()
+{
+    static HANDLE const mutex = [] {
+        wchar_t name[64];
+        std::swprintf(name, std::size(name), L"VlmCore interruption %lu", ::GetCurrentProcessId());
+        return ::CreateMutexW(nullptr, FALSE, name);
+    }();
+    return mutex;
+}
 
 // A thread whose registers are known has been interrupted, and an interruption is a barrier. To suspend it is not
 // enough: that only asks for it.
 void Interrupt(HANDLE thread)
 {
-    ::AcquireSRWLockExclusive(&g_suspendLock);
+    HANDLE const mutex = GetInterruptionMutex();
+    ::WaitForSingleObject(mutex, INFINITE);
     if (::SuspendThread(thread) != static_cast<DWORD>(-1)) { // else it has ended
         CONTEXT context{};
         context.ContextFlags = CONTEXT_CONTROL;
         static_cast<void>(::GetThreadContext(thread, &context));
         ::ResumeThread(thread);
     }
-    ::ReleaseSRWLockExclusive(&g_suspendLock);
+    ::ReleaseMutex(mutex);
 }
 
 // Null when it has ended. Its id may belong to a thread of another process by then.
