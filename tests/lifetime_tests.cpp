@@ -131,6 +131,56 @@ TEST_F(Lifetime, AHandleLetsGoOfWhatWentWithTheHeap)
     EXPECT_EQ(destroyed, 0);
 }
 
+TEST_F(Lifetime, ContainersForgetTheirElements)
+{
+    int destroyed = 0;
+    struct SNoticed {
+        explicit SNoticed(int& count) : destroyed(&count) {}
+        SNoticed(SNoticed&& other) noexcept : destroyed(std::exchange(other.destroyed, nullptr)) {}
+        SNoticed(SNoticed const&) = delete;
+        SNoticed& operator=(SNoticed const&) = delete;
+        ~SNoticed()
+        {
+            if (destroyed != nullptr)
+                ++*destroyed;
+        }
+        int* destroyed;
+    };
+    {
+        TVector<SNoticed> small;
+        small.Append(SNoticed(destroyed));
+        TVector<SNoticed> large; // beyond what a pool holds
+        for (int index = 0; index < 1000; ++index)
+            large.Append(SNoticed(destroyed));
+        TVector<CMutableString, 1> texts;
+        texts.Append(CMutableString("a text"));
+        TVector<int> numbers;
+        numbers.Append(1);
+        TMap<int, CMutableString> map;
+        for (int key = 0; key < 20; ++key)
+            map.Insert(key, CMutableString("a text"));
+        TMap<int, CMutableString> target;
+        target.Insert(1, CMutableString("another"));
+        TUniquePtr<SNoticed> owner(Memory::New<SNoticed>(EHeap::Pool, destroyed));
+        TUniquePtr<SNoticed> reset(Memory::New<SNoticed>(EHeap::Pool, destroyed));
+        CWeakTypeList list;
+        CWeakTypeMap variables;
+        for (u32 id = 1; id <= 20; ++id) {
+            list[id] = CWeakType("a text");
+            variables[id] = CWeakType("a text");
+        }
+        Memory::Deinitialize();
+        reset.Reset();
+        EXPECT_FALSE(reset);
+        target = std::move(map);
+        EXPECT_EQ(target.GetCount(), 20u);
+        EXPECT_EQ(map.GetCount(), 0u);
+        small = TVector<SNoticed>();
+        EXPECT_EQ(small.GetCount(), 0u);
+    }
+    EXPECT_EQ(destroyed, 0);
+}
+
 TEST_F(Lifetime, AFileInAHandleIsLeftAlone)
 {
     TResourcePtr<CMemoryFile> file = MakeResource<CMemoryFile>("memory");

@@ -42,6 +42,8 @@ struct CWeakTypeList::SNode {
 
 CWeakTypeList::~CWeakTypeList()
 {
+    if (!Memory::IsInitialized())
+        return; // without a heap the nodes, which a pool held, are gone already
     while (m_tail != nullptr)
         Remove(m_tail);
 }

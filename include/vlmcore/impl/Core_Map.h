@@ -509,6 +509,8 @@ private:
     {
         SNode* node = std::exchange(m_root, nullptr);
         m_count = 0;
+        if (node != nullptr && !Memory::IsInitialized()) [[unlikely]]
+            return; // without a heap the nodes, which a pool held, are gone already
         while (node != nullptr) {
             if (node->left != nullptr)
                 node = std::exchange(node->left, nullptr);

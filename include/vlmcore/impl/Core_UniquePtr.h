@@ -8,7 +8,9 @@
 
 namespace Velmor {
 
-/// Sole owner of one object that was made with Memory::New; destroys it and frees its memory. Movable only.
+/// Sole owner of one object that was made with Memory::New; destroys it and frees its memory. Movable only. An owner
+/// that outlives the heap, as statics do at exit, lets go of its object without touching it: pools take their objects with
+/// them.
 template <class T>
 class TUniquePtr {
 public:
@@ -18,7 +20,7 @@ public:
     explicit TUniquePtr(T* object) : m_object(object) {}
     TUniquePtr(TUniquePtr const&) = delete;
     TUniquePtr(TUniquePtr&& other) noexcept : m_object(other.Detach()) {}
-    ~TUniquePtr() { Memory::Delete(m_object); }
+    ~TUniquePtr() { Destroy(m_object); }
 
     TUniquePtr& operator=(TUniquePtr const&) = delete;
     TUniquePtr& operator=(TUniquePtr&& other) noexcept
@@ -28,7 +30,7 @@ public:
     }
 
     /// Destroys the object and owns `object` instead.
-    void Reset(T* object = nullptr) { Memory::Delete(std::exchange(m_object, object)); }
+    void Reset(T* object = nullptr) { Destroy(std::exchange(m_object, object)); }
 
     /// Gives the object up to the caller.
     [[nodiscard]] T* Detach() { return std::exchange(m_object, nullptr); }
@@ -40,6 +42,12 @@ public:
     explicit operator bool() const { return m_object != nullptr; }
 
 private:
+    static void Destroy(T* object)
+    {
+        if (object != nullptr && Memory::IsInitialized())
+            Memory::Delete(object);
+    }
+
     T* m_object = nullptr;
 };
 

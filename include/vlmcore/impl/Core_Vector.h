@@ -13,7 +13,8 @@
 namespace Velmor {
 
 /// Growable array. Elements lie one behind the other; growing moves them, so pointers into the array do not survive
-/// an Append. Growth is by half of the capacity.
+/// an Append. Growth is by half of the capacity. An array that outlives the heap, as statics do at exit, forgets its
+/// elements without destroying them: pools take them with them.
 ///
 /// \tparam T          element type; moved when the array grows (copied when it cannot be moved).
 /// \tparam Alignment  alignment in bytes that the storage asks for: 1, 4, 8 or 16; chooses the heap kind: Pool, Pool4,
@@ -184,8 +185,12 @@ private:
         m_capacity = capacity;
     }
 
+    // Without a heap the elements, which a pool may have held, are gone already.
     void ReleaseStorage() noexcept
     {
+        if constexpr (!std::is_trivially_destructible_v<T>)
+            if (m_count != 0 && !Memory::IsInitialized()) [[unlikely]]
+                m_count = 0;
         DestroyFrom(0);
         Memory::FreeQuietly(m_data);
         m_data = nullptr;
