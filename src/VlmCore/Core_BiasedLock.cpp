@@ -1,5 +1,7 @@
 #include "Core_BiasedLock.h"
 
+#include <algorithm>
+
 namespace Velmor {
 
 void CBiasedLock::EnterAsGuest()
@@ -18,15 +20,21 @@ void CBiasedLock::EnterAsGuest()
 // By a guest.
 void CBiasedLock::ChangeOwner(u64 threadKey)
 {
-    if (m_isShared.load(std::memory_order_relaxed) || m_owner.load(std::memory_order_relaxed) == threadKey)
+    if (m_owner.load(std::memory_order_relaxed) == threadKey)
         return;
-    ++m_ownerCount;
-    if (m_ownerCount <= MostOwners && Platform::CanSynchronizeThreads()) {
+    if (m_visitsLeft != 0) {
+        if (--m_visitsLeft != 0)
+            return;
+        m_ownersLeft = MostOwnersAgain;
+    }
+    if (m_ownersLeft != 0 && Platform::CanSynchronizeThreads()) {
+        --m_ownersLeft;
         m_owner.store(threadKey, std::memory_order_relaxed);
         return;
     }
     m_owner.store(NoThread, std::memory_order_relaxed);
-    m_isShared.store(true, std::memory_order_relaxed);
+    m_visitsLeft = m_nextShare;
+    m_nextShare = std::max(m_nextShare, m_nextShare * 2);
 }
 
 } // namespace Velmor

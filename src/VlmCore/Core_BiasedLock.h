@@ -64,7 +64,8 @@ public:
     void ReleaseAsOwner() { m_isInside.store(0, std::memory_order_release); }
 
     /// Takes the lock for a thread that will take it again and again: it becomes the owner when there is none, or in
-    /// the place of another one that is probably gone. When owners change all the time, there are none any more.
+    /// the place of another one that is probably gone. When owners change all the time, there is none for a while; ever
+    /// longer, if the next ones change as fast.
     [[nodiscard]] EBiasedHold Acquire(u64 threadKey)
     {
         if (TryAcquireAsOwner(threadKey))
@@ -93,6 +94,8 @@ public:
 
 private:
     static constexpr u32 MostOwners = 64;
+    static constexpr u32 MostOwnersAgain = 4; // after a while without one
+    static constexpr u32 FirstShare = 4096;
     static constexpr u64 NoThread = 0;
 
     void EnterAsGuest();
@@ -101,9 +104,11 @@ private:
     std::atomic<u64> m_owner{NoThread};
     std::atomic<u32> m_isInside{0};
     std::atomic<u32> m_isWanted{0};
-    std::atomic<bool> m_isShared{false}; // there will be no owner any more
     CSpinLock m_guests;
-    u32 m_ownerCount = 0; // so far; by guests
+    // For guests, under their lock:
+    u32 m_ownersLeft = MostOwners; // changes of owners until there is none for a while
+    u32 m_visitsLeft = 0;          // of that while
+    u32 m_nextShare = FirstShare;  // visits of the next such while
 };
 
 /// Holds a biased lock for the length of a scope.

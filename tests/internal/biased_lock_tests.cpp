@@ -120,20 +120,31 @@ TEST(BiasedLock, AVisitorLeavesItToItsOwner)
     EXPECT_EQ(EntersAsOwner(lock, FirstKey), HasOwners);
 }
 
-TEST(BiasedLock, AfterManyOwnersItHasNoneAnyMore)
+TEST(BiasedLock, AfterManyOwnersItHasNoneForAWhile)
 {
     CBiasedLock lock;
+    auto const visit = [&](u64 key) {
+        EBiasedHold const hold = lock.Acquire(key);
+        lock.Release(hold);
+        return hold;
+    };
     constexpr u64 MostOwners = 64;
     for (u64 key = FirstKey; key < FirstKey + MostOwners; ++key) {
-        lock.Release(lock.Acquire(key));
+        visit(key);
         EXPECT_EQ(EntersAsOwner(lock, key), HasOwners) << key;
     }
-    for (u64 key = FirstKey + MostOwners; key < FirstKey + MostOwners + 6; ++key) {
-        lock.Release(lock.Acquire(key));
-        EXPECT_FALSE(EntersAsOwner(lock, key)) << key;
-        EBiasedHold const hold = lock.Acquire(key);
-        EXPECT_EQ(hold, EBiasedHold::Guest) << key;
-        lock.Release(hold);
+    // None for 4,096 visits, and for twice as many after four more owners.
+    u64 key = FirstKey + MostOwners;
+    for (u64 const visits : {4096u, 8192u, 16384u}) {
+        for (u64 index = 0; index < visits; ++index)
+            ASSERT_EQ(visit(key), EBiasedHold::Guest);
+        EXPECT_FALSE(EntersAsOwner(lock, key));
+        for (u32 owner = 0; owner < 4; ++owner) {
+            EXPECT_EQ(visit(++key), EBiasedHold::Guest);
+            EXPECT_EQ(EntersAsOwner(lock, key), HasOwners) << key;
+            EXPECT_EQ(visit(key), HasOwners ? EBiasedHold::Owner : EBiasedHold::Guest);
+        }
+        ++key;
     }
 }
 
