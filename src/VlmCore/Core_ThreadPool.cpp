@@ -81,14 +81,16 @@ IThreadJob* CWorkerThread::TryTake()
 {
     if (!m_pool->m_ring.HasPublished())
         return nullptr;
-    m_busy.store(1, std::memory_order_relaxed); // shown by the move of the read index at the latest
+    SetState(EState::Reaching); // shown by the move of the read index at the latest
     IThreadJob* job = nullptr;
     // A null is the place of a push that failed.
     while (m_pool->m_ring.TryTake(job)) {
-        if (job != nullptr)
+        if (job != nullptr) {
+            SetState(EState::Working);
             return job;
+        }
     }
-    m_busy.store(0, std::memory_order_release);
+    SetState(EState::Idle);
     return nullptr;
 }
 
@@ -104,7 +106,7 @@ void CWorkerThread::WorkOff(IThreadJob* job)
     }
     m_putBy.Clear();
     m_worked = true;
-    m_busy.store(0, std::memory_order_release);
+    SetState(EState::Idle);
 }
 
 void CWorkerThread::RunJob(IThreadJob* job) noexcept
@@ -256,30 +258,37 @@ void CThreadPool::StartFirstWorker()
 }
 
 /// When more jobs wait than workers are looking for one: wakes or starts one more.
+///
+/// The jobs that waited before the workers were counted and those that still wait afterwards are two bounds of the
+/// need, as workers that reach out for a job are of who meets it. What lies between is looked at again: a worker that
+/// has just set out must not cost a thread, nor one that has just been lost a job its time.
 void CThreadPool::CallHelper()
 {
     TScopedLock lock(m_lock);
     CWorkerThread* sleeper = nullptr;
-    // A worker that has just set out to take the job counts as busy while the job still counts as waiting: what looks
-    // like a lack is looked at again before a thread is started for it.
     CBackoff backoff;
-    for (u32 attempt = 0; attempt < 8; ++attempt) {
+    for (;;) {
+        u64 const takenBefore = m_ring.GetTaken();
         u64 looking = 0;
+        u64 reaching = 0;
         sleeper = nullptr;
         for (CWorkerThread* const worker : m_workers) {
-            if (worker->IsStopped() || worker->IsBusy())
+            if (worker->IsStopped())
                 continue;
-            if (worker->IsAsleep())
+            CWorkerThread::EState const state = worker->GetState();
+            if (state == CWorkerThread::EState::Reaching)
+                ++reaching;
+            else if (state == CWorkerThread::EState::Idle && worker->IsAsleep())
                 sleeper = worker;
-            else
+            else if (state == CWorkerThread::EState::Idle)
                 ++looking;
         }
-        u64 const taken = m_ring.GetTaken(); // first: what is reserved meanwhile only makes more of it
-        if (m_ring.GetReserved() - taken <= looking)
+        u64 const reserved = m_ring.GetReserved();
+        if (reserved <= takenBefore + looking)
             return;
-        if (sleeper != nullptr)
+        if (reserved > m_ring.GetTaken() + looking + reaching)
             break;
-        static_cast<void>(backoff.TryWaitAwake());
+        backoff.Wait();
     }
     if (sleeper != nullptr) {
         sleeper->Wake();

@@ -13,8 +13,12 @@ class CWorkerThread final : public IThread {
 public:
     explicit CWorkerThread(CThreadPool& pool);
 
+    /// What a worker is at. It reaches out from before it takes a job until it has it, or finds that it was late.
+    enum class EState : u8 { Idle, Reaching, Working };
+
+    [[nodiscard]] EState GetState() const { return static_cast<EState>(m_busy.load(std::memory_order_acquire)); }
     /// From before a job is taken until nothing of it is left to do.
-    [[nodiscard]] bool IsBusy() const { return m_busy.load(std::memory_order_acquire) != 0; }
+    [[nodiscard]] bool IsBusy() const { return GetState() != EState::Idle; }
     [[nodiscard]] bool IsStopped() const { return GetStopFlag(); }
 
     /// Starts the thread anew; alone (under the pool's lock).
@@ -35,6 +39,7 @@ private:
 
     void Execute() override;
 
+    void SetState(EState state) { m_busy.store(static_cast<u8>(state), std::memory_order_release); }
     [[nodiscard]] IThreadJob* TryTake();
     void WorkOff(IThreadJob* job);
     static void RunJob(IThreadJob* job) noexcept;
@@ -45,8 +50,8 @@ private:
 
     f64 m_lastActive; // milliseconds of System::GetTimeMs
     CThreadPool* m_pool;
-    std::atomic<u8> m_busy{0};
-    bool m_worked = false; // since the last rest
+    std::atomic<u8> m_busy{0}; // EState
+    bool m_worked = false;     // since the last rest
     std::atomic<u32> m_asleep{0};
     u32 m_nextSleep = 1; // milliseconds
     CBackoff m_backoff;

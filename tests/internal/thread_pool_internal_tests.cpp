@@ -35,11 +35,25 @@ public:
     int runs = 0;
 };
 
+/// Runs until `open` is set.
+class CHeldJob : public IThreadJob {
+public:
+    [[nodiscard]] bool AutoDelete() const override { return false; }
+    void Execute() override
+    {
+        while (!*open)
+            Thread::Sleep(1);
+    }
+
+    std::atomic<bool> const* open = nullptr;
+};
+
 TEST(ThreadPoolWorkers, StartOnlyWhenNeededAndAllRetire)
 {
     CThreadPool pool(4);
     EXPECT_EQ(SThreadPoolProbe::GetRunning(pool), 0u);
     CCountedJob job;
+    // Whether the first worker looks for the job, reaches for it, runs it or is done when the push looks: it is enough.
     pool.PushJob(&job);
     EXPECT_EQ(SThreadPoolProbe::GetRunning(pool), 1u);
     pool.WaitForJobs();
@@ -56,6 +70,34 @@ TEST(ThreadPoolWorkers, StartOnlyWhenNeededAndAllRetire)
     pool.PushJob(&job);
     pool.WaitForJobs();
     EXPECT_EQ(job.runs, 3);
+}
+
+TEST(ThreadPoolWorkers, OneJobAtATimeNeedsOneWorker)
+{
+    for (int round = 0; round < 40; ++round) {
+        CThreadPool pool(3);
+        CCountedJob job;
+        for (int push = 0; push < 3; ++push) {
+            pool.PushJob(&job);
+            ASSERT_EQ(SThreadPoolProbe::GetRunning(pool), 1u) << "round " << round << ", push " << push;
+            pool.WaitForJobs();
+        }
+    }
+}
+
+TEST(ThreadPoolWorkers, EachJobBehindBusyWorkersStartsOneMore)
+{
+    for (int round = 0; round < 10; ++round) {
+        std::atomic<bool> open{false};
+        std::vector<CHeldJob> jobs(6);
+        CThreadPool pool(4);
+        for (u32 push = 1; push <= 6; ++push) {
+            jobs[push - 1].open = &open;
+            pool.PushJob(&jobs[push - 1]);
+            ASSERT_EQ(SThreadPoolProbe::GetRunning(pool), push < 4 ? push : 4u);
+        }
+        open = true;
+    }
 }
 
 TEST(ThreadPoolWorkers, FallAsleepAndAreWoken)
