@@ -3,7 +3,7 @@
 
 Benchmarks are named AREA/WHAT/WHO[/ARGUMENTS]; WHO is "ours" or the peer's name. Benchmarks that differ in WHO alone are
 compared: by items or bytes per second where they are counted, else by time. Every number is the median of the repetitions;
-the spread is their coefficient of variation.
+the spread is their coefficient of variation. Of a single repetition there is but the one number, and no spread.
 """
 import json
 import re
@@ -33,10 +33,13 @@ OWN_KEYS = {"family_index", "per_family_instance_index", "repetitions", "repetit
 
 
 def read(path):
-    """Maps what -> who -> {median, spread, rate}."""
+    """Maps what -> who -> {time, rate, unit, counters, spread}; spread is missing where nothing was repeated."""
     with open(path, encoding="utf-8") as file:
         document = json.load(file)
-    runs = [run for run in document["benchmarks"] if run.get("aggregate_name") in ("median", "cv")]
+    runs = [run for run in document["benchmarks"]
+            if run.get("aggregate_name") in ("median", "cv")
+            or run["run_type"] == "iteration" and run.get("repetitions", 1) == 1]
+    runs = [run for run in runs if not run.get("error_occurred")]
     # Interleaved runs are reported in a random order.
     runs.sort(key=lambda run: (run.get("family_index", 0), run.get("per_family_instance_index", 0)))
     split = split_names({run["run_name"] for run in runs})
@@ -44,10 +47,9 @@ def read(path):
     for run in runs:
         if run["run_name"] not in split:
             continue
-        aggregate = run["aggregate_name"]
         what, who = split[run["run_name"]]
         entry = table.setdefault(what, {}).setdefault(who, {})
-        if aggregate == "median":
+        if run.get("aggregate_name") != "cv":
             scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}[run["time_unit"]]
             entry["time"] = run["real_time"] * scale
             entry["rate"] = run.get("bytes_per_second") or run.get("items_per_second")
@@ -81,6 +83,11 @@ def speed(ours, peer):
     return peer["time"] / ours["time"]
 
 
+def spread(entry):
+    """The spread of one side, readable; blank when unknown."""
+    return f"+-{100 * entry['spread']:.0f} %" if "spread" in entry else ""
+
+
 def show_counters(who, entry):
     if entry["counters"]:
         text = ", ".join(f"{name} {value:.3g}" for name, value in entry["counters"].items())
@@ -95,13 +102,13 @@ def main():
             ours = sides.get("ours")
             if ours is None:
                 continue
-            print(f"  {what:44} ours {quantity(ours):>12}  +-{100 * ours.get('spread', 0):.0f} %")
+            print(f"  {what:44} ours {quantity(ours):>12}  {spread(ours)}".rstrip())
             show_counters("ours", ours)
             for who, peer in sides.items():
                 if who == "ours":
                     continue
                 factor = speed(ours, peer)
-                print(f"  {'':34}{who:>14} {quantity(peer):>12}  +-{100 * peer.get('spread', 0):.0f} %"
+                print(f"  {'':34}{who:>14} {quantity(peer):>12}  {spread(peer)}"
                       f"   ours is {factor:.2f} x as fast, takes {1 / factor:.2f} x the time")
                 show_counters(who, peer)
 
