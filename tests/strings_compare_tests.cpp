@@ -19,15 +19,6 @@ using namespace Velmor::Test;
 
 namespace {
 
-constexpr EStringEncoding::Type UTF8 = EStringEncoding::UTF8;
-constexpr EStringEncoding::Type UTF16 = EStringEncoding::UTF16;
-constexpr EStringEncoding::Type UTF32 = EStringEncoding::UTF32;
-
-CMutableString As(char const* utf8, EStringEncoding::Type encoding)
-{
-    return CMutableString(utf8, encoding);
-}
-
 /// Runs `check` with both texts in every pair of encodings.
 template <class Check>
 void InEveryPair(char const* left, char const* right, Check&& check)

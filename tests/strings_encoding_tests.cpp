@@ -69,9 +69,6 @@ struct SDestination {
     }
 };
 
-constexpr EStringEncoding::Type UTF8 = EStringEncoding::UTF8;
-constexpr EStringEncoding::Type UTF16 = EStringEncoding::UTF16;
-constexpr EStringEncoding::Type UTF32 = EStringEncoding::UTF32;
 constexpr auto Unknown = static_cast<EStringEncoding::Type>(7);
 
 } // namespace

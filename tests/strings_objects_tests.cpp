@@ -18,10 +18,6 @@ using namespace Velmor::Test;
 
 namespace {
 
-constexpr EStringEncoding::Type UTF8 = EStringEncoding::UTF8;
-constexpr EStringEncoding::Type UTF16 = EStringEncoding::UTF16;
-constexpr EStringEncoding::Type UTF32 = EStringEncoding::UTF32;
-
 /// A text of Memory::Malloc with the given units and a terminator.
 template <class Unit>
 void* Managed(std::initializer_list<Unit> units)

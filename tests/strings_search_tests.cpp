@@ -14,18 +14,10 @@ using namespace Velmor::Test;
 
 namespace {
 
-constexpr EStringEncoding::Type UTF8 = EStringEncoding::UTF8;
-constexpr EStringEncoding::Type UTF16 = EStringEncoding::UTF16;
-constexpr EStringEncoding::Type UTF32 = EStringEncoding::UTF32;
 constexpr u64 Miss = ~u64{0};
 
 using CParts = TVector<CMutableString, 1>;
 using CMaps = TVector<TPair<Math::TRange<unsigned int>, unsigned int>, 1>;
-
-CMutableString As(char const* utf8, EStringEncoding::Type encoding)
-{
-    return CMutableString(utf8, encoding);
-}
 
 CParts PartsOf(std::initializer_list<char const*> texts)
 {

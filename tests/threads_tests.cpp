@@ -1,6 +1,7 @@
 // Labels: threads
 #include "TestHeap.h"
 #include "support/DebuggedProcess.h"
+#include "support/Messages.h"
 #include "support/SystemTraits.h"
 #include "support/ThreadHelpers.h"
 
@@ -19,21 +20,22 @@
 using namespace Velmor;
 using TestSupport::CFunctionThread;
 using TestSupport::Eventually;
+using TestSupport::MessageOf;
 using TestSupport::RunConcurrently;
 
 namespace {
 
-/// The message of the CException that the call throws; says so when it throws none.
-template <class Call>
-std::string GetMessageOf(Call&& call)
+/// Whether another thread gets the lock.
+template <class Lock>
+bool IsFreeElsewhere(Lock& lock)
 {
-    try {
-        call();
-    }
-    catch (CException const& exception) {
-        return static_cast<char const*>(exception.GetText().GetData());
-    }
-    return "nothing thrown";
+    std::atomic<bool> isFree{false};
+    RunConcurrently(1, [&](unsigned) {
+        isFree = lock.TryAcquire();
+        if (isFree)
+            lock.Release();
+    });
+    return isFree;
 }
 
 constexpr char NotAcquired[] =
@@ -57,11 +59,11 @@ TEST(SpinLock, IsOneWordAndReleasesWhatWasAcquired)
 TEST(SpinLock, ReleasingAFreeLockThrows)
 {
     CSpinLock lock;
-    EXPECT_EQ(GetMessageOf([&] { lock.Release(); }), NotAcquired);
+    EXPECT_EQ(MessageOf([&] { lock.Release(); }), NotAcquired);
     EXPECT_FALSE(lock.TryRelease());
     lock.Acquire();
     lock.Release();
-    EXPECT_EQ(GetMessageOf([&] { lock.Release(); }), NotAcquired);
+    EXPECT_EQ(MessageOf([&] { lock.Release(); }), NotAcquired);
     EXPECT_TRUE(lock.TryAcquire()) << "a refused release changes nothing";
     lock.Release();
 }
@@ -115,22 +117,11 @@ TYPED_TEST(LockTest, AWaiterGetsInAfterAHolderThatSleeps)
 TYPED_TEST(LockTest, AGuardEndsWithItsScope)
 {
     TypeParam lock;
-    std::atomic<int> taken{0};
-    auto const tryOnOtherThread = [&] {
-        RunConcurrently(1, [&](unsigned) {
-            if (lock.TryAcquire()) {
-                ++taken;
-                lock.Release();
-            }
-        });
-    };
     {
         TScopedLock guard(lock);
-        tryOnOtherThread();
-        EXPECT_EQ(taken, 0);
+        EXPECT_FALSE(IsFreeElsewhere(lock));
     }
-    tryOnOtherThread();
-    EXPECT_EQ(taken, 1);
+    EXPECT_TRUE(IsFreeElsewhere(lock));
 }
 
 TEST(RecursiveSpinLock, IsTwoWords)
@@ -141,44 +132,32 @@ TEST(RecursiveSpinLock, IsTwoWords)
 TEST(RecursiveSpinLock, ThreeAcquisitionsNeedThreeReleases)
 {
     CRecursiveSpinLock lock;
-    std::atomic<int> taken{0};
-    auto const tryOnOtherThread = [&] {
-        RunConcurrently(1, [&](unsigned) {
-            if (lock.TryAcquire()) {
-                ++taken;
-                lock.Release();
-            }
-        });
-    };
     lock.Acquire();
     lock.Acquire();
     EXPECT_TRUE(lock.TryAcquire());
     EXPECT_TRUE(lock.IsOwned());
     lock.Release();
-    tryOnOtherThread();
-    EXPECT_EQ(taken, 0);
+    EXPECT_FALSE(IsFreeElsewhere(lock));
     lock.Release();
-    tryOnOtherThread();
-    EXPECT_EQ(taken, 0);
+    EXPECT_FALSE(IsFreeElsewhere(lock));
     lock.Release();
     EXPECT_FALSE(lock.IsOwned());
-    tryOnOtherThread();
-    EXPECT_EQ(taken, 1);
+    EXPECT_TRUE(IsFreeElsewhere(lock));
 }
 
 TEST(RecursiveSpinLock, OnlyTheOwnerReleases)
 {
     CRecursiveSpinLock lock;
-    EXPECT_EQ(GetMessageOf([&] { lock.Release(); }), NotOwned);
+    EXPECT_EQ(MessageOf([&] { lock.Release(); }), NotOwned);
     lock.Acquire();
     RunConcurrently(1, [&](unsigned) {
         EXPECT_FALSE(lock.IsOwned());
-        EXPECT_EQ(GetMessageOf([&] { lock.Release(); }), NotOwned);
+        EXPECT_EQ(MessageOf([&] { lock.Release(); }), NotOwned);
         EXPECT_FALSE(lock.TryRelease());
     });
     EXPECT_TRUE(lock.IsOwned());
     lock.Release();
-    EXPECT_EQ(GetMessageOf([&] { lock.Release(); }), NotOwned);
+    EXPECT_EQ(MessageOf([&] { lock.Release(); }), NotOwned);
 }
 
 VLMCORE_CHILD(LosesALock)
@@ -412,8 +391,8 @@ TEST(ThreadObject, CannotJoinItself)
     std::string join;
     std::string run;
     CFunctionThread thread([&] {
-        join = GetMessageOf([&] { self.load()->Join(); });
-        run = GetMessageOf([&] { self.load()->Run(); });
+        join = MessageOf([&] { self.load()->Join(); });
+        run = MessageOf([&] { self.load()->Run(); });
     });
     self = &thread;
     thread.RunLooped();

@@ -9,7 +9,6 @@
 #include <vlmcore/archives.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -151,27 +150,12 @@ protected:
         WriteText(folder.Path() / "sub" / "a" / "1", "");
         WriteText(folder.Path() / "sub" / "a" / "b" / "2", "");
         fs::remove(folder.Path() / "native.txt");
-        CCountingHooks::Reset();
-        CCountingHooks::Initialize(GetParam().heapFlags);
-        EXPECT_TRUE(Memory::IsInitialized());
-        u64 const requests = CCountingHooks::GetRequests();
-        if (failing != 0)
-            GetParam().isOnce ? CCountingHooks::FailOnce(failing) : CCountingHooks::FailFrom(failing);
-        RunMemoryFile();
-        RunByteStreams();
-        RunNativeFiles(root);
-        RunArchive(root);
-        bool const isReached = CCountingHooks::GetRequests() - requests >= failing;
-        CCountingHooks::FailFrom(0);
-        Memory::SStatistics statistics{};
-        EXPECT_TRUE(Memory::GetStatistics(statistics));
-        for (auto const& pool : statistics.pools)
-            EXPECT_EQ(pool.liveCount, 0u) << "request " << failing;
-        if (GetParam().heapFlags == EHeapFlag::Passthrough)
-            EXPECT_EQ(statistics.liveCount, 0u) << "request " << failing;
-        Memory::Deinitialize();
-        EXPECT_LE(CCountingHooks::GetLiveBlocks(), 1u) << "request " << failing; // the heap object
-        EXPECT_EQ(CCountingHooks::GetForeignBlocks(), 0u);
+        bool const isReached = TestSupport::IsRefusalReached(GetParam(), failing, [&] {
+            RunMemoryFile();
+            RunByteStreams();
+            RunNativeFiles(root);
+            RunArchive(root);
+        });
         EXPECT_TRUE(fs::exists(folder.Path() / "kept.txt"));
         return isReached;
     }
@@ -194,12 +178,8 @@ INSTANTIATE_TEST_SUITE_P(Modes, FileFaults, TestSupport::FaultModes(), TestSuppo
 
 TEST_P(FileFaults, EveryRequestMayBeRefused)
 {
-    u64 failing = 1;
-    while (RunWith(failing) && !HasFailure())
-        ++failing;
-    EXPECT_GT(failing, GetParam().heapFlags == 0 ? 10u : 100u);
+    TestSupport::RefuseEachInTurn(GetParam(), 100, [&](u64 failing) { return RunWith(failing); });
     EXPECT_EQ(TestSupport::OpenHandleCount(), handles);
-    std::printf("%u requests refused in turn\n", static_cast<unsigned>(failing - 1));
 }
 
 // ---- without a heap ----

@@ -5,7 +5,6 @@
 
 #include <vlmcore/weak_types.h>
 
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <type_traits>
@@ -134,36 +133,7 @@ void RunErrors()
     EXPECT_EQ(value.AsInteger(), 1);
 }
 
-class WeakTypeFaults : public ::testing::TestWithParam<SFaultMode> {
-protected:
-    // Runs everything with the n-th request refused; false when it makes fewer requests than that.
-    static bool RunWith(u64 failing)
-    {
-        CCountingHooks::Reset();
-        CCountingHooks::Initialize(GetParam().heapFlags);
-        EXPECT_TRUE(Memory::IsInitialized());
-        u64 const requests = CCountingHooks::GetRequests();
-        GetParam().isOnce ? CCountingHooks::FailOnce(failing) : CCountingHooks::FailFrom(failing);
-        std::string const text = Repeat(LongText, 10);
-        RunValues("short");
-        RunValues(text);
-        RunStorage<CWeakTypeList>(text);
-        RunStorage<CWeakTypeMap>(text);
-        RunErrors();
-        bool const isReached = CCountingHooks::GetRequests() - requests >= failing;
-        CCountingHooks::FailFrom(0);
-        Memory::SStatistics statistics{};
-        EXPECT_TRUE(Memory::GetStatistics(statistics));
-        for (auto const& pool : statistics.pools)
-            EXPECT_EQ(pool.liveCount, 0u) << "request " << failing;
-        if (GetParam().heapFlags == EHeapFlag::Passthrough)
-            EXPECT_EQ(statistics.liveCount, 0u) << "request " << failing;
-        Memory::Deinitialize();
-        EXPECT_LE(CCountingHooks::GetLiveBlocks(), 1u) << "request " << failing; // the heap object
-        EXPECT_EQ(CCountingHooks::GetForeignBlocks(), 0u);
-        return isReached;
-    }
-};
+class WeakTypeFaults : public ::testing::TestWithParam<SFaultMode> {};
 
 } // namespace
 
@@ -171,11 +141,16 @@ INSTANTIATE_TEST_SUITE_P(Modes, WeakTypeFaults, TestSupport::FaultModes(), TestS
 
 TEST_P(WeakTypeFaults, EveryRequestMayBeRefused)
 {
-    u64 failing = 1;
-    while (RunWith(failing) && !HasFailure())
-        ++failing;
-    EXPECT_GT(failing, GetParam().heapFlags == 0 ? 10u : 200u);
-    std::printf("%u requests refused in turn\n", static_cast<unsigned>(failing - 1));
+    std::string const text = Repeat(LongText, 10);
+    TestSupport::RefuseEachInTurn(GetParam(), 200, [&](u64 failing) {
+        return TestSupport::IsRefusalReached(GetParam(), failing, [&] {
+            RunValues("short");
+            RunValues(text);
+            RunStorage<CWeakTypeList>(text);
+            RunStorage<CWeakTypeMap>(text);
+            RunErrors();
+        });
+    });
 }
 
 // ---- without a heap ----

@@ -1,4 +1,4 @@
-// What the plugin offers its host: a table of functions behind one exported name.
+// What the plugin offers its host: the table of functions behind its entry.
 #pragma once
 
 #include <vlmcore/archives.h>
@@ -25,8 +25,5 @@ struct SPlugin {
     // Calls back; true when what that threw arrived as a CFileException of this kind and text.
     bool (*catchFileError)(void (*action)(), Velmor::EFileError::Type kind, char const* text);
 };
-
-using GetPluginFunction = SPlugin const* (*)();
-inline constexpr char GetPluginName[] = "GetObjectsPlugin";
 
 } // namespace PluginTest

@@ -3,40 +3,27 @@
 #include "../Texts.h"
 #include "../support/CountingHooks.h"
 #include "../support/Files.h"
+#include "../support/PluginModule.h"
 #include "Plugin.h"
-
-#include <vlmcore/system.h>
 
 #include <string>
 
 #include <gtest/gtest.h>
 
 using namespace Velmor;
-using PluginTest::SPlugin;
 using TestSupport::ReadAll;
 using Velmor::Test::CCountingHooks;
 using VlmTest::Bytes;
 
 namespace {
 
-class CPluginModule {
+// The plugin on the host's heap.
+class CPluginModule : public TestSupport::TPluginModule<PluginTest::SPlugin> {
 public:
-    // Beside the test program, which runs in its folder.
-    explicit CPluginModule(std::string const& name) : m_module(System::LoadLibrary(("./" + name).c_str()))
+    explicit CPluginModule(std::string const& fileName) : TPluginModule(fileName)
     {
-        m_plugin = reinterpret_cast<PluginTest::GetPluginFunction>(
-            System::GetLibraryFunctionPtr(m_module, PluginTest::GetPluginName))();
-        m_plugin->adopt(Memory::GetExternalHooks());
+        (*this)->adopt(Memory::GetExternalHooks());
     }
-    CPluginModule(CPluginModule const&) = delete;
-    CPluginModule& operator=(CPluginModule const&) = delete;
-    ~CPluginModule() { System::FreeLibrary(m_module); }
-
-    SPlugin const* operator->() const { return m_plugin; }
-
-private:
-    void* m_module;
-    SPlugin const* m_plugin;
 };
 
 class ModuleObjects : public ::testing::TestWithParam<char const*> {

@@ -1,4 +1,5 @@
 #include "Plugin.h"
+#include "../support/PluginEntry.h"
 
 #include <vlmcore/memory.h>
 
@@ -79,14 +80,4 @@ constexpr PluginTest::SPlugin Plugin = {
 
 } // namespace
 
-#if defined(__ELF__)
-#  define PLUGIN_EXPORT __attribute__((visibility("default")))
-#else
-#  define PLUGIN_EXPORT __declspec(dllexport)
-#endif
-
-extern "C" PLUGIN_EXPORT PluginTest::SPlugin const* GetObjectsPlugin();
-extern "C" PLUGIN_EXPORT PluginTest::SPlugin const* GetObjectsPlugin()
-{
-    return &Plugin;
-}
+VLMCORE_TEST_PLUGIN(Plugin)

@@ -254,31 +254,13 @@ protected:
     // Runs the scenario with the n-th request refused (0: none); false when it makes fewer requests than that.
     bool RunWith(u64 failing)
     {
-        if (Memory::IsInitialized())
-            Memory::Deinitialize(); // of a run that an exception ended
-        CCountingHooks::Reset();
-        CCountingHooks::Initialize(GetParam().heapFlags);
-        EXPECT_TRUE(Memory::IsInitialized());
-        u64 const requests = CCountingHooks::GetRequests();
-        if (failing != 0)
-            GetParam().isOnce ? CCountingHooks::FailOnce(failing) : CCountingHooks::FailFrom(failing);
-        CScenario scenario(GetParam().isOnce, beside.Text());
-        scenario.SetExpectedListing(files, folders);
-        scenario.Run();
-        bool const isReached = CCountingHooks::GetRequests() - requests >= failing;
-        CCountingHooks::FailFrom(0);
-        if (files.empty())
-            KeepListing();
-        Memory::SStatistics statistics{};
-        EXPECT_TRUE(Memory::GetStatistics(statistics));
-        if (GetParam().heapFlags == EHeapFlag::Passthrough)
-            EXPECT_EQ(statistics.liveCount, 0u) << "request " << failing;
-        for (auto const& pool : statistics.pools)
-            EXPECT_EQ(pool.liveCount, 0u) << "request " << failing;
-        Memory::Deinitialize();
-        EXPECT_LE(CCountingHooks::GetLiveBlocks(), 1u) << "request " << failing; // the heap object
-        EXPECT_EQ(CCountingHooks::GetForeignBlocks(), 0u);
-        return isReached;
+        return TestSupport::IsRefusalReached(GetParam(), failing, [&] {
+            CScenario scenario(GetParam().isOnce, beside.Text());
+            scenario.SetExpectedListing(files, folders);
+            scenario.Run();
+            if (files.empty())
+                KeepListing();
+        });
     }
 
     void KeepListing()
@@ -304,10 +286,6 @@ INSTANTIATE_TEST_SUITE_P(Modes, ResourceFaults, TestSupport::FaultModes(), TestS
 
 TEST_P(ResourceFaults, EveryRequestMayBeRefused)
 {
-    u64 failing = 1;
-    while (RunWith(failing) && !HasFailure())
-        ++failing;
-    EXPECT_GT(failing, GetParam().heapFlags == 0 ? 10u : 200u);
+    TestSupport::RefuseEachInTurn(GetParam(), 200, [&](u64 failing) { return RunWith(failing); });
     EXPECT_EQ(TestSupport::OpenHandleCount(), before);
-    std::printf("%u requests refused in turn\n", static_cast<unsigned>(failing - 1));
 }

@@ -1,6 +1,7 @@
-// What the plugin offers its host: a table of functions behind one exported name.
+// What the plugin offers its host: the table of functions behind its entry.
 #pragma once
 
+#include <vlmcore/memory.h>
 #include <vlmcore/types.h>
 
 namespace PluginTest {
@@ -18,7 +19,15 @@ struct SPlugin {
     bool (*throwsWithoutHeap)();
 };
 
-using GetPluginFunction = SPlugin const* (*)();
-inline constexpr char GetPluginName[] = "GetMemoryPlugin";
+/// As this module sees them.
+inline Velmor::u64 GetLivePoolBlocks()
+{
+    Velmor::Memory::SStatistics statistics{};
+    Velmor::Memory::GetStatistics(statistics);
+    Velmor::u64 count = 0;
+    for (auto const& pool : statistics.pools)
+        count += pool.liveCount;
+    return count;
+}
 
 } // namespace PluginTest

@@ -1,4 +1,5 @@
 #include "Plugin.h"
+#include "../support/PluginEntry.h"
 
 #include <vlmcore/memory.h>
 
@@ -33,16 +34,6 @@ bool ThrowsWithoutHeap()
     return false;
 }
 
-u64 GetLivePoolBlocks()
-{
-    Memory::SStatistics statistics{};
-    Memory::GetStatistics(statistics);
-    u64 count = 0;
-    for (auto const& pool : statistics.pools)
-        count += pool.liveCount;
-    return count;
-}
-
 // Allocates, fills, checks and frees.
 void Churn(u64 seed, u64 count)
 {
@@ -62,21 +53,11 @@ constexpr PluginTest::SPlugin Plugin = {
     [](void* block) { Memory::Free(block); },
     [](void* block) { return Memory::GetSize(block); },
     [](void* block) { return static_cast<u32>(Memory::GetHeap(block)); },
-    &GetLivePoolBlocks,
+    &PluginTest::GetLivePoolBlocks,
     &Churn,
     &ThrowsWithoutHeap,
 };
 
 } // namespace
 
-#if defined(__ELF__)
-#  define PLUGIN_EXPORT __attribute__((visibility("default")))
-#else
-#  define PLUGIN_EXPORT __declspec(dllexport)
-#endif
-
-extern "C" PLUGIN_EXPORT PluginTest::SPlugin const* GetMemoryPlugin();
-extern "C" PLUGIN_EXPORT PluginTest::SPlugin const* GetMemoryPlugin()
-{
-    return &Plugin;
-}
+VLMCORE_TEST_PLUGIN(Plugin)

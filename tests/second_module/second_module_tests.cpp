@@ -1,10 +1,10 @@
 // Labels: threads
 // One heap under two modules: the host's shared library, and a plugin with the static library inside.
 #include "../support/CountingHooks.h"
+#include "../support/PluginModule.h"
 #include "Plugin.h"
 
 #include <vlmcore/memory.h>
-#include <vlmcore/system.h>
 
 #include <gtest/gtest.h>
 
@@ -14,39 +14,15 @@
 #include <vector>
 
 using namespace Velmor;
-using PluginTest::SPlugin;
+using PluginTest::GetLivePoolBlocks;
 using Velmor::Test::CCountingHooks;
 
 namespace {
 
-class CPluginModule {
+class CPluginModule : public TestSupport::TPluginModule<PluginTest::SPlugin> {
 public:
-    // Beside the test program, which runs in its folder.
-    CPluginModule() : m_module(System::LoadLibrary("./" VLMCORE_PLUGIN_NAME))
-    {
-        m_plugin = reinterpret_cast<PluginTest::GetPluginFunction>(
-            System::GetLibraryFunctionPtr(m_module, PluginTest::GetPluginName))();
-    }
-    CPluginModule(CPluginModule const&) = delete;
-    CPluginModule& operator=(CPluginModule const&) = delete;
-    ~CPluginModule() { System::FreeLibrary(m_module); }
-
-    SPlugin const* operator->() const { return m_plugin; }
-
-private:
-    void* m_module;
-    SPlugin const* m_plugin;
+    CPluginModule() : TPluginModule(VLMCORE_PLUGIN_NAME) {}
 };
-
-u64 GetLivePoolBlocks()
-{
-    Memory::SStatistics statistics{};
-    Memory::GetStatistics(statistics);
-    u64 count = 0;
-    for (auto const& pool : statistics.pools)
-        count += pool.liveCount;
-    return count;
-}
 
 u64 GetBytes()
 {

@@ -1,4 +1,4 @@
-// What the plugin offers its host: a table of functions behind one exported name.
+// What the plugin offers its host: the table of functions behind its entry.
 #pragma once
 
 #include <vlmcore/strings.h>
@@ -15,8 +15,5 @@ struct SPlugin {
     bool (*isEqual)(Velmor::CString const& left, Velmor::CString const& right);
     Velmor::u64 (*getLength)(Velmor::IString const& text);
 };
-
-using GetPluginFunction = SPlugin const* (*)();
-inline constexpr char GetPluginName[] = "GetStringPlugin";
 
 } // namespace StringPlugin

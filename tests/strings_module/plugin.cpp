@@ -1,4 +1,5 @@
 #include "Plugin.h"
+#include "../support/PluginEntry.h"
 
 #include <vlmcore/format.h>
 
@@ -23,14 +24,4 @@ constexpr StringPlugin::SPlugin Plugin = {
 
 } // namespace
 
-#if defined(__ELF__)
-#  define PLUGIN_EXPORT __attribute__((visibility("default")))
-#else
-#  define PLUGIN_EXPORT __declspec(dllexport)
-#endif
-
-extern "C" PLUGIN_EXPORT StringPlugin::SPlugin const* GetStringPlugin();
-extern "C" PLUGIN_EXPORT StringPlugin::SPlugin const* GetStringPlugin()
-{
-    return &Plugin;
-}
+VLMCORE_TEST_PLUGIN(Plugin)

@@ -2,8 +2,11 @@
 /// What tests share that refuse a scenario's requests of memory in turn (CountingHooks.h).
 #pragma once
 
+#include "CountingHooks.h"
+
 #include <vlmcore/memory.h>
 
+#include <cstdio>
 #include <new>
 #include <string>
 
@@ -43,6 +46,50 @@ bool IsServed(Action const& action)
         EXPECT_STREQ(error.what(), "bad allocation");
     }
     return false;
+}
+
+/// Runs the scenario on a heap of its own with its n-th request refused (0: none); false when it makes fewer requests
+/// than that. Fails the test when anything is left behind, in the pools or with the hooks.
+template <class Scenario>
+bool IsRefusalReached(SFaultMode const& mode, Velmor::u64 failing, Scenario const& scenario)
+{
+    namespace Memory = Velmor::Memory;
+    using CHooks = Velmor::Test::CCountingHooks;
+
+    if (Memory::IsInitialized())
+        Memory::Deinitialize(); // of a run that an exception ended
+    CHooks::Reset();
+    CHooks::Initialize(mode.heapFlags);
+    EXPECT_TRUE(Memory::IsInitialized());
+    Velmor::u64 const requests = CHooks::GetRequests();
+    if (failing != 0)
+        mode.isOnce ? CHooks::FailOnce(failing) : CHooks::FailFrom(failing);
+    scenario();
+    bool const isReached = CHooks::GetRequests() - requests >= failing;
+    CHooks::FailFrom(0);
+
+    Memory::SStatistics statistics{};
+    EXPECT_TRUE(Memory::GetStatistics(statistics));
+    for (auto const& pool : statistics.pools)
+        EXPECT_EQ(pool.liveCount, 0u) << "request " << failing;
+    if (mode.heapFlags == Velmor::EHeapFlag::Passthrough)
+        EXPECT_EQ(statistics.liveCount, 0u) << "request " << failing;
+    Memory::Deinitialize();
+    EXPECT_LE(CHooks::GetLiveBlocks(), 1u) << "request " << failing; // the heap object
+    EXPECT_EQ(CHooks::GetForeignBlocks(), 0u);
+    return isReached;
+}
+
+/// Calls `run` with 1, 2 and so on, the request to refuse, while it answers that there was such a request. Requests that
+/// the pools serve are not seen: `leastPassthrough` is how many there must be without pools.
+template <class Run>
+void RefuseEachInTurn(SFaultMode const& mode, Velmor::u64 leastPassthrough, Run const& run)
+{
+    Velmor::u64 failing = 1;
+    while (run(failing) && !::testing::Test::HasFailure())
+        ++failing;
+    EXPECT_GT(failing, mode.heapFlags == 0 ? 10u : leastPassthrough);
+    std::printf("%u requests refused in turn\n", static_cast<unsigned>(failing - 1));
 }
 
 } // namespace TestSupport

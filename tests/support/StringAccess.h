@@ -48,8 +48,16 @@ public:
     using CMutableString::operator=;
 };
 
+inline constexpr EStringEncoding::Type UTF8 = EStringEncoding::UTF8;
+inline constexpr EStringEncoding::Type UTF16 = EStringEncoding::UTF16;
+inline constexpr EStringEncoding::Type UTF32 = EStringEncoding::UTF32;
 constexpr EStringEncoding::Type AllEncodings[] = {EStringEncoding::UTF8, EStringEncoding::UTF16,
                                                   EStringEncoding::UTF32};
+
+inline CMutableString As(char const* utf8, EStringEncoding::Type encoding)
+{
+    return CMutableString(utf8, encoding);
+}
 
 } // namespace Test
 } // namespace Velmor

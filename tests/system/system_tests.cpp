@@ -1,7 +1,7 @@
-#include <vlmcore/exceptions.h>
 #include <vlmcore/system.h>
 
 #include "TestHeap.h"
+#include "support/Messages.h"
 
 #include <gtest/gtest.h>
 
@@ -12,27 +12,13 @@
 #include <thread>
 
 using namespace Velmor;
+using TestSupport::MessageOf;
 
 static_assert(sizeof(System::SCPUInfo) == 56);
 static_assert(offsetof(System::SCPUInfo, cacheLineSize) == 24 && offsetof(System::SCPUInfo, processorCount) == 48 &&
               offsetof(System::SCPUInfo, hasVector8) == 51);
 
 namespace {
-
-/// The message of the CException that `action` throws.
-template <class Action>
-std::string MessageOf(Action&& action)
-{
-    try {
-        action();
-    }
-    catch (CException const& exception) {
-        EXPECT_EQ(exception.GetKind(), 0);
-        return static_cast<char const*>(exception.GetText().GetData());
-    }
-    ADD_FAILURE() << "nothing thrown";
-    return {};
-}
 
 std::string FailureOf(CString const& name)
 {
