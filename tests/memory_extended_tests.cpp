@@ -2,6 +2,7 @@
 // A heap past 1,024 records or 4,096 allocations: what it counts, refuses and reports is what a small one would.
 #include "support/CountingHooks.h"
 
+#include <vlmcore/logging.h>
 #include <vlmcore/memory.h>
 
 #include <gtest/gtest.h>
@@ -40,6 +41,18 @@ u64 GetRecordBytes()
         }
     return bytes;
 }
+
+// What it was told, in order.
+class CEvents : public IMemoryLogger {
+public:
+    void OnAllocate(void const* block, u64 size) override { allocated.emplace_back(block, size); }
+    void OnFree(void const* block) override { freed.push_back(block); }
+    void OnRetain(void const*) override {}
+    void OnRelease(void const*) override {}
+
+    std::vector<std::pair<void const*, u64>> allocated;
+    std::vector<void const*> freed;
+};
 
 class ExtendedHeap : public ::testing::Test {
 protected:
@@ -214,6 +227,66 @@ TEST_F(ExtendedHeap, TheStoreGrowsOnlyWhenNoThreadHasARecordToSpare)
     Fill(1);
     EXPECT_EQ(GetRecordBytes(), before + 16 * RecordChunk);
     Empty();
+}
+
+// What other threads freed waits for them with records of its own; these count as free.
+TEST_F(ExtendedHeap, TheStoreDoesNotGrowWhileBlocksThatNobodyUsesHaveRecords)
+{
+    constexpr u64 Sizes[] = {8, 24, 100, 1000};
+    for (u64 index = 0; m_blocks.size() < 4096 - 4; ++index)
+        Fill(1, Sizes[index % 4]);
+    u64 const full = GetRecordBytes();
+    for (u64 const freed : {u64{1}, u64{7}, u64{60}, u64{300}}) {
+        std::thread([&] {
+            for (u64 index = 0; index < freed; ++index) {
+                Memory::Free(m_blocks.back());
+                m_blocks.pop_back();
+            }
+        }).join();
+        Fill(freed, 500, EHeap::Pool8);
+        EXPECT_EQ(GetRecordBytes(), full) << freed;
+    }
+    Fill(1);
+    EXPECT_EQ(GetRecordBytes(), full + 16 * RecordChunk);
+    Empty();
+}
+
+// The usual cases look for the logger and the heap in one place.
+TEST_F(ExtendedHeap, AMemoryLoggerSeesWhatIsAllocatedWhileItIsInstalled)
+{
+    Fill(3000);
+    CEvents events;
+    for (u32 round = 0; round < 3; ++round) {
+        Memory::Free(Memory::Malloc(24, EHeap::Pool)); // nobody looks
+        Memory::InitializeLog(&events);
+        void* const block = Memory::Malloc(24, EHeap::Pool);
+        Memory::Free(m_blocks.back());
+        EXPECT_EQ(Memory::ReleaseLog(), &events);
+        ASSERT_EQ(events.allocated.size(), round + 1);
+        ASSERT_EQ(events.freed.size(), round + 1);
+        EXPECT_EQ(events.allocated.back(), (std::pair<void const*, u64>(block, 24)));
+        EXPECT_EQ(events.freed.back(), m_blocks.back());
+        m_blocks.back() = block;
+    }
+    Empty();
+    EXPECT_EQ(events.freed.size(), 3u);
+}
+
+TEST(ExtendedHeapAndLogger, AMemoryLoggerMayBeThereBeforeTheHeap)
+{
+    CEvents events;
+    Memory::InitializeLog(&events);
+    Memory::Initialize(0, 0);
+    std::vector<void*> blocks;
+    for (u32 index = 0; index < 2000; ++index)
+        blocks.push_back(Memory::Malloc(24, EHeap::Pool));
+    ASSERT_GE(events.allocated.size(), 2000u);
+    EXPECT_EQ(events.allocated.back(), (std::pair<void const*, u64>(blocks.back(), 24)));
+    EXPECT_EQ(Memory::ReleaseLog(), &events);
+    for (void* const block : blocks)
+        Memory::Free(block);
+    Memory::Deinitialize();
+    EXPECT_TRUE(events.freed.empty());
 }
 
 TEST_F(ExtendedHeap, SizesAndKindsAreKnownForEveryBlock)

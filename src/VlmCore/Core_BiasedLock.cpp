@@ -8,10 +8,10 @@ void CBiasedLock::EnterAsGuest()
 {
     m_guests.Acquire();
     // Without an owner the guests are among themselves.
-    u64 const owner = m_owner.load(std::memory_order_relaxed);
-    if (owner == NoThread)
+    m_nextOwner = m_owner.load(std::memory_order_relaxed);
+    if (m_nextOwner == NoThread)
         return;
-    Impl::MakeWanted(m_isWanted, [owner] { Platform::SynchronizeThread(owner); });
+    Impl::Disown(m_owner, [this] { Platform::SynchronizeThread(m_nextOwner); });
     CBackoff backoff;
     while (m_isInside.load(std::memory_order_acquire) != 0)
         backoff.Wait();
@@ -20,7 +20,7 @@ void CBiasedLock::EnterAsGuest()
 // By a guest.
 void CBiasedLock::ChangeOwner(u64 threadKey)
 {
-    if (m_owner.load(std::memory_order_relaxed) == threadKey)
+    if (m_nextOwner == threadKey)
         return;
     if (m_visitsLeft != 0) {
         if (--m_visitsLeft != 0)
@@ -29,10 +29,10 @@ void CBiasedLock::ChangeOwner(u64 threadKey)
     }
     if (m_ownersLeft != 0 && Platform::CanSynchronizeThreads()) {
         --m_ownersLeft;
-        m_owner.store(threadKey, std::memory_order_relaxed);
+        m_nextOwner = threadKey;
         return;
     }
-    m_owner.store(NoThread, std::memory_order_relaxed);
+    m_nextOwner = NoThread;
     m_visitsLeft = m_nextShare;
     m_nextShare = std::max(m_nextShare, m_nextShare * 2);
 }

@@ -1,8 +1,9 @@
 // A spin lock that costs the thread which mostly takes it no locked instruction.
 //
-// Its owner only says that it is inside, and looks whether somebody else wants in. That both see each other needs a
-// barrier between a store and a load; it is paid by the others, for both sides, with a barrier that the system carries
-// out in the owner's thread. So the owner takes the lock for the price of two stores, others for that of a system call.
+// Its owner only says that it is inside, and looks whether it still is the owner. Somebody else who wants in takes the
+// ownership away for that time. That both see each other needs a barrier between a store and a load; it is paid by the
+// others, for both sides, with a barrier that the system carries out in the owner's thread. So the owner takes the lock
+// for the price of two stores, others for that of a system call.
 // Method: David Dice, Hui Huang, Mingyao Yang, "Asymmetric Dekker Synchronization" (2001).
 #pragma once
 
@@ -23,26 +24,27 @@ enum class EBiasedHold : u8 { Owner, Guest };
 /// The rules, over any word with the members of std::atomic, so that they can be checked step by step.
 namespace Impl {
 
-/// The owner's attempt. False, and nothing changed, when it is not the owner (any more) or somebody wants in.
+/// The owner's attempt. False, and nothing changed, when it is not the owner (any more).
 template <class OwnerWord, class Word, class Key>
-bool TryEnterAsOwner(OwnerWord& owner, Word& isInside, Word& isWanted, Key thread)
+bool TryEnterAsOwner(OwnerWord& owner, Word& isInside, Key thread)
 {
     if (owner.load(std::memory_order_relaxed) != thread)
         return false;
     isInside.store(1, std::memory_order_relaxed);
-    // The processor may let the loads pass the store; MakeWanted's barrier makes up for it. The compiler may not.
+    // The processor may let the load pass the store; Disown's barrier makes up for it. The compiler may not.
     std::atomic_signal_fence(std::memory_order_seq_cst);
-    if (isWanted.load(std::memory_order_acquire) == 0 && owner.load(std::memory_order_relaxed) == thread)
+    if (owner.load(std::memory_order_acquire) == thread)
         return true;
     isInside.store(0, std::memory_order_release);
     return false;
 }
 
-/// What a guest, which holds the lock among guests, does before it waits for the owner to be outside.
-template <class Word, class Barrier>
-void MakeWanted(Word& isWanted, Barrier&& barrierInOwner)
+/// What a guest, which holds the lock among guests, does before it waits for the owner to be outside. It makes somebody
+/// the owner again when it leaves.
+template <class OwnerWord, class Barrier>
+void Disown(OwnerWord& owner, Barrier&& barrierInOwner)
 {
-    isWanted.store(1, std::memory_order_seq_cst);
+    owner.store(0, std::memory_order_seq_cst);
     barrierInOwner();
 }
 
@@ -56,10 +58,10 @@ public:
     CBiasedLock& operator=(CBiasedLock const&) = delete;
     ~CBiasedLock() = default;
 
-    /// The owner's quick way in, while no guest wants it, and out.
+    /// The owner's quick way in, while no guest wants in, and out.
     [[nodiscard]] bool TryAcquireAsOwner(u64 threadKey)
     {
-        return Impl::TryEnterAsOwner(m_owner, m_isInside, m_isWanted, threadKey);
+        return Impl::TryEnterAsOwner(m_owner, m_isInside, threadKey);
     }
     void ReleaseAsOwner() { m_isInside.store(0, std::memory_order_release); }
 
@@ -88,7 +90,7 @@ public:
             ReleaseAsOwner();
             return;
         }
-        m_isWanted.store(0, std::memory_order_release);
+        m_owner.store(m_nextOwner, std::memory_order_release);
         m_guests.Release();
     }
 
@@ -101,11 +103,11 @@ private:
     void EnterAsGuest();
     void ChangeOwner(u64 threadKey);
 
-    std::atomic<u64> m_owner{NoThread};
+    std::atomic<u64> m_owner{NoThread}; // none while a guest is inside
     std::atomic<u32> m_isInside{0};
-    std::atomic<u32> m_isWanted{0};
     CSpinLock m_guests;
     // For guests, under their lock:
+    u64 m_nextOwner = NoThread;    // once the guest inside has left
     u32 m_ownersLeft = MostOwners; // changes of owners until there is none for a while
     u32 m_visitsLeft = 0;          // of that while
     u32 m_nextShare = FirstShare;  // visits of the next such while

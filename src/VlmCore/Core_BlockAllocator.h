@@ -92,7 +92,8 @@ public:
     }
 
     /// Fills the slots with free blocks, the one to hand out first last; grows the class when there are none. How many
-    /// there were: fewer than wanted when the class has not more, 0 when it cannot grow.
+    /// there were: fewer than wanted when the class has not more, 0 when it cannot grow. A block of a chunk without notes
+    /// comes alone, when there is no other.
     [[nodiscard]] u32 TakeRow(CGlobalHeap& heap, SShape const& shape, std::span<SFreeSlot> slots);
 
     /// Takes blocks back.

@@ -52,7 +52,7 @@ u32 CBlockClass::TakeRow(CGlobalHeap& heap, SShape const& shape, std::span<SFree
     heap.GetExtension()->GetFreeChunks(shape).Take(wanted, [&](u64 address, CChunkRecords::Record* record) {
         slots[count++] = {reinterpret_cast<SFreeBlock*>(address), record};
     });
-    while (count < wanted && m_free != nullptr) {
+    if (count == 0) {
         SFreeBlock* const next = MemoryDebug::ReadNext(m_free);
         slots[count++] = {std::exchange(m_free, next), nullptr};
     }

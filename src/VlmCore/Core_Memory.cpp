@@ -1,6 +1,7 @@
 // The life of the heap: creation, sharing between modules, purge, statistics, shutdown.
 #include "Core_BlockAllocator.h"
 #include "Core_MemoryHeap.h"
+#include "Core_MemoryLog.h"
 #include "Core_MemoryModule.h"
 #include "Core_MemoryReport.h"
 #include "platform/Platform_Memory.h"
@@ -14,7 +15,18 @@
 
 namespace Velmor {
 
-SHeapModule g_heapModule{};
+namespace {
+
+constinit CSpinLock g_quietHeapLock;
+
+} // namespace
+
+// Under a lock: of two threads at once, the last one sees what both did.
+void UpdateQuietHeap()
+{
+    TScopedLock const lock(g_quietHeapLock);
+    g_quietHeap.store(MemoryLog::IsInstalled() ? nullptr : g_heapModule.heap, std::memory_order_release);
+}
 
 CBadAllocation::~CBadAllocation() = default;
 
@@ -32,6 +44,7 @@ SHeapModule g_externalHooks{};
 void CreateHeap(SMemoryHooks const& hooks, u8 flags, u64 budget)
 {
     g_heapModule.heap = CGlobalHeap::Create(hooks, flags, budget);
+    UpdateQuietHeap();
     if (g_heapModule.heap != nullptr && g_heapModule.heap->IsReporting())
         Debug::Print("Heap initialized, using %u bytes\n", static_cast<u32>(g_heapModule.heap->GetBytesInUse()));
 }
@@ -105,8 +118,10 @@ void Initialize(void* (*mallocHook)(u64), void* (*reallocHook)(void*, u64), void
 void InitFromExternal(void* hooks)
 {
     SHeapModule* const external = static_cast<SHeapModule*>(hooks);
-    if (g_heapModule.heap == nullptr && external != nullptr)
+    if (g_heapModule.heap == nullptr && external != nullptr) {
         g_heapModule.heap = external->heap;
+        UpdateQuietHeap();
+    }
     if (g_heapModule.FetchHeap().IsPassthrough() || external == nullptr)
         return;
     auto const adopt = [](auto*& ours, auto* theirs) {
@@ -151,6 +166,7 @@ void Deinitialize()
         g_heapModule.VisitPools([&](auto*& pool) { TearDownPool(*heap, pool); });
     heap->ReleaseRecords();
     g_heapModule.heap = nullptr;
+    UpdateQuietHeap();
     heap->SubtractBytes(sizeof(CGlobalHeap));
     if (heap->IsReporting())
         ReportHeap(*heap);

@@ -146,8 +146,9 @@ struct STakenRecord {
 STakenRecord TakeRecord(CGlobalHeap& heap, void const* block)
 {
     if (CHeapExtension* const extension = heap.GetExtension()) {
-        CChunkMap::SFound const found = extension->Find(block);
-        if (CHeapExtension::TakeRecord(found) != 0)
+        CChunkMap::SFound found;
+        u64 size = 0;
+        if (extension->FindAndTakeRecord(block, found, size))
             return {found.record, true};
     }
     return {nullptr, heap.Take(block, [](u64, EHeap::Type) {})};
@@ -230,13 +231,12 @@ void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 oldSize, u64 
 #if !defined(VLM_ADDRESS_SANITIZER)
     __builtin_prefetch(block, 1); // whoever gets it next will write to it
 #endif
-    CChunkMap::SFound const found = extension.Find(block);
-    u64 const size = CHeapExtension::TakeRecord(found);
-    if (size == 0) [[unlikely]]
+    CChunkMap::SFound found;
+    u64 size = 0;
+    if (!extension.FindAndTakeRecord(block, found, size)) [[unlikely]]
         return false;
-    u32 const blockBits = found.tag.GetBlockBits();
-    SFreeSlot const slot{CBlockClass::PrepareFree(block, u64{1} << blockBits, size), found.record};
-    if (!extension.TryGiveBack(found.tag.GetKind(), blockBits, slot)) [[unlikely]]
+    SFreeSlot const slot{CBlockClass::PrepareFree(block, u64{1} << found.tag.GetBlockBits(), size), found.record};
+    if (!extension.TryGiveBack(found.tag, slot)) [[unlikely]]
         GiveBackSlowly(found.tag, slot, size);
     return true;
 }
@@ -297,8 +297,8 @@ void FreeInTable(CGlobalHeap& heap, void* block)
 // The extension of a heap whose usual cases need nothing else: there is one, and no memory logger wants to know.
 CHeapExtension* FindQuickWay()
 {
-    CGlobalHeap const* const heap = g_heapModule.heap;
-    return heap != nullptr && !MemoryLog::IsInstalled() ? heap->GetExtension() : nullptr;
+    CGlobalHeap const* const heap = g_quietHeap.load(std::memory_order_acquire);
+    return heap != nullptr ? heap->GetExtension() : nullptr;
 }
 
 } // namespace
@@ -306,7 +306,7 @@ CHeapExtension* FindQuickWay()
 void* Malloc(u64 size, EHeap::Type heap)
 {
     if (CHeapExtension* const extension = FindQuickWay())
-        if (void* const block = extension->TryTake(heap, size)) [[likely]] {
+        if (void* block = nullptr; extension->TryTake(heap, size, block)) [[likely]] {
             CBlockClass::PrepareUse(block, u64{1} << SBlockShape::GetBlockBits(heap, size), size);
             return block;
         }

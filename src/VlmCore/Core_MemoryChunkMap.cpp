@@ -108,12 +108,12 @@ void TChunkTree<GranuleBits>::Release(SMemoryHooks const& hooks)
 
 bool CChunkMap::Add(SMemoryHooks const& hooks, CChunkRecords& chunk)
 {
-    std::atomic<u16>& blockCount = m_blockCounts[CChunkTag(chunk).GetClass()];
-    u16 const known = blockCount.load(std::memory_order_relaxed);
+    std::atomic<u32>& blockCount = m_blockCounts[CChunkTag(chunk).GetClass()];
+    u32 const known = blockCount.load(std::memory_order_relaxed);
     if (known != 0 && known != chunk.GetBlockCount())
         return false;
     // Before the entries: whoever finds one finds the number, too.
-    blockCount.store(static_cast<u16>(chunk.GetBlockCount()), std::memory_order_relaxed);
+    blockCount.store(chunk.GetBlockCount(), std::memory_order_relaxed);
     if (IsLarge(chunk) ? m_large.Add(hooks, chunk) : m_small.Add(hooks, chunk))
         return true;
     blockCount.store(known, std::memory_order_relaxed);

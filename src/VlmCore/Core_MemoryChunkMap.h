@@ -121,33 +121,37 @@ static_assert(CChunkRecords::Record::is_always_lock_free && sizeof(CChunkRecords
 class CChunkTag {
 public:
     static constexpr u32 Bits = 47;
+    static constexpr u32 KindCount = 4;
+    static constexpr u32 ClassCount = 8;
+
+    /// 0 to 31, for the kinds of pools and their block sizes.
+    [[nodiscard]] static constexpr u32 GetNumber(EHeap::Type kind, u32 blockBits)
+    {
+        return (kind - 1u) * ClassCount + blockBits - SmallestBlockBits;
+    }
 
     CChunkTag() = default;
-    explicit CChunkTag(u64 entry) : m_value(entry & ((u64{1} << Bits) - 1)) {}
+    /// Bits above do not matter.
+    explicit CChunkTag(u64 entry) : m_value(entry) {}
     explicit CChunkTag(CChunkRecords& chunk)
-        : m_value(reinterpret_cast<u64>(chunk.GetRecords()) | (chunk.GetBlockBits() - SmallestBlockBits) |
-                  u64{chunk.GetKind() - 1u} << KindShift)
+        : m_value(reinterpret_cast<u64>(chunk.GetRecords()) | GetNumber(chunk.GetKind(), chunk.GetBlockBits()))
     {
     }
 
-    [[nodiscard]] u64 GetValue() const { return m_value; }
+    [[nodiscard]] u64 GetValue() const { return m_value & Mask; }
     [[nodiscard]] CChunkRecords::Record* GetRecords() const
     {
-        return reinterpret_cast<CChunkRecords::Record*>(m_value & ~(CChunkRecords::Alignment - 1));
+        return reinterpret_cast<CChunkRecords::Record*>(m_value & Mask & ~(CChunkRecords::Alignment - 1));
     }
+    [[nodiscard]] u32 GetNumber() const { return m_value % (KindCount * ClassCount); }
     /// 0 to 7, for blocks of 8 to 1,024 bytes.
-    [[nodiscard]] u32 GetClass() const { return m_value & ClassMask; }
+    [[nodiscard]] u32 GetClass() const { return m_value % ClassCount; }
     [[nodiscard]] u32 GetBlockBits() const { return GetClass() + SmallestBlockBits; }
-    [[nodiscard]] EHeap::Type GetKind() const
-    {
-        return static_cast<EHeap::Type>(((m_value >> KindShift) & KindMask) + 1);
-    }
+    [[nodiscard]] EHeap::Type GetKind() const { return static_cast<EHeap::Type>(GetNumber() / ClassCount + 1); }
 
 private:
     static constexpr u32 SmallestBlockBits = 3;
-    static constexpr u32 ClassMask = 7;
-    static constexpr u32 KindShift = 3;
-    static constexpr u32 KindMask = 3;
+    static constexpr u64 Mask = (u64{1} << Bits) - 1;
 
     u64 m_value = 0;
 };
@@ -224,9 +228,10 @@ public:
     /// The only chunk of the tree that may hold the address, which may be any.
     [[nodiscard, gnu::always_inline]] SFound Find(u64 address) const
     {
-        if (address >> AddressBits != 0) [[unlikely]]
+        u64 const branchNumber = address >> BranchShift;
+        if (branchNumber >= LevelSize) [[unlikely]]
             return {};
-        SBranch const* const branch = m_branches[address >> BranchShift].load(std::memory_order_acquire);
+        SBranch const* const branch = m_branches[branchNumber].load(std::memory_order_acquire);
         if (branch == nullptr)
             return {};
         SLeaf const* const leaf = branch->leaves[(address >> LeafShift) & LevelMask].load(std::memory_order_acquire);
@@ -294,8 +299,14 @@ public:
     /// The record of the block that begins at the address, which may be any.
     [[nodiscard, gnu::always_inline]] SFound Find(u64 address) const
     {
-        SFound const found = FindRecord(m_large.Find(address));
-        return found.record != nullptr ? found : FindRecord(m_small.Find(address));
+        SFound found;
+        return TryFind(address, found) ? found : SFound{};
+    }
+
+    /// The same; false when there is none, and `found` is worth nothing.
+    [[nodiscard, gnu::always_inline]] bool TryFind(u64 address, SFound& found) const
+    {
+        return FindRecord(m_large.Find(address), found) || FindRecord(m_small.Find(address), found);
     }
 
     /// The records of a found block's chunk.
@@ -327,13 +338,14 @@ private:
     [[nodiscard]] u32 GetBlockCount(u32 index) const { return m_blockCounts[index].load(std::memory_order_relaxed); }
 
     template <class TreeFound>
-    [[nodiscard, gnu::always_inline]] SFound FindRecord(TreeFound const& found) const
+    [[nodiscard, gnu::always_inline]] bool FindRecord(TreeFound const& inTree, SFound& found) const
     {
         // Bits below the block size come out on top and make the index too large, as does an address behind the end.
-        u64 const index = std::rotr(found.distance, static_cast<int>(found.tag.GetBlockBits()));
-        if (index >= GetBlockCount(found.tag.GetClass())) [[unlikely]]
-            return {};
-        return {found.tag.GetRecords() + index, found.tag};
+        u64 const index = std::rotr(inTree.distance, static_cast<int>(inTree.tag.GetBlockBits()));
+        if (index >= GetBlockCount(inTree.tag.GetClass())) [[unlikely]]
+            return false;
+        found = {inTree.tag.GetRecords() + index, inTree.tag};
+        return true;
     }
 
     [[nodiscard]] static bool IsLarge(CChunkRecords const& chunk)
@@ -341,7 +353,7 @@ private:
         return chunk.GetEnd() - chunk.GetStart() >= LargeTree::SmallestChunk;
     }
 
-    std::atomic<u16> m_blockCounts[8] = {}; // blocks of a chunk, by class; 0 before the first
+    std::atomic<u32> m_blockCounts[CChunkTag::ClassCount] = {}; // blocks of a chunk, by class; 0 before the first
     LargeTree m_large;
     SmallTree m_small;
 };

@@ -8,7 +8,7 @@
 
 namespace Velmor {
 
-static_assert(CHeapLane::ClassCount == TBlockAllocator<0>::ClassCount);
+static_assert(CChunkTag::ClassCount == TBlockAllocator<0>::ClassCount);
 
 // ---- Creation and end ----
 
@@ -51,7 +51,7 @@ auto CHeapExtension::Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape co
     if (slot.block == nullptr)
         return {nullptr, false};
     if (slot.record != nullptr)
-        Record(lane, slot, shape.kind, size);
+        Record(lane.GetClass(shape), slot, size);
     lane.lock.Release(hold);
     return {slot.block, slot.record != nullptr};
 }
@@ -61,21 +61,31 @@ void CHeapExtension::GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShap
     u64 const threadKey = Platform::GetThreadKey();
     CHeapLane& lane = GetLane(threadKey);
     CBiasedGuard const guard(lane.lock, lane.lock.Acquire(threadKey));
-    CHeapLane::SClass& magazines = lane.GetClass(shape);
-    if (lane.credits >= MostCredits) {
-        lane.credits -= CreditsAtOnce;
-        heap.ReturnRecords(CreditsAtOnce);
-    }
-    CountRelease(lane, shape.kind);
-    if (!magazines.loaded.HasSlots() && !MakeSlots(heap, lane, shape)) {
+    CLaneClass& magazines = lane.GetClass(shape);
+    magazines.CountRelease();
+    if (!magazines.HasSlots() && !MakeSlots(heap, lane, shape)) {
         blocks.GiveBackRow(*this, shape, {&slot, 1});
+        ++lane.credits;
+        ReturnCredits(heap, lane);
         return;
     }
-    if (magazines.loaded.IsFull()) {
-        GiveBackAll(blocks, shape, magazines.spare);
-        std::swap(magazines.spare, magazines.loaded);
+    if (magazines.IsFull()) {
+        blocks.GiveBackRow(*this, shape, magazines.GetSpare());
+        magazines.ClearSpare();
+        lane.credits += magazines.RemoveCredits();
+        ReturnCredits(heap, lane);
+        magazines.SwapMagazines();
     }
-    magazines.loaded.Push(slot);
+    magazines.Push(slot);
+}
+
+// With the lane's lock held: the credits that it need not keep.
+void CHeapExtension::ReturnCredits(CGlobalHeap& heap, CHeapLane& lane)
+{
+    if (lane.credits <= MostCredits)
+        return;
+    heap.ReturnRecords(lane.credits - CreditsAtOnce);
+    lane.credits = CreditsAtOnce;
 }
 
 void CHeapExtension::GiveBackCredit()
@@ -92,7 +102,7 @@ SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBl
 {
     u64 const threadKey = Platform::GetThreadKey();
     for (;;) {
-        if (lane.credits == 0) {
+        if (lane.credits == 0 && !lane.GetClass(shape).HasCredited()) {
             lane.lock.Release(hold);
             u32 const reserved = heap.ReserveRecords(CreditsAtOnce);
             if (reserved == 0)
@@ -110,27 +120,34 @@ SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBl
     }
 }
 
-// With the lane's lock held: a block of its magazines, which the class fills when they are empty; without memory for
-// magazines one of the class.
+// With the lane's lock held, and a credit to be had: a block of its magazines, which the class fills when they are
+// empty, with its credit. Without memory for magazines one of the class; one without a record, from there too, needs no
+// credit.
 SFreeSlot CHeapExtension::TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
                                        CHeapLane& lane)
 {
-    CHeapLane::SClass& magazines = lane.GetClass(shape);
-    CMagazine& loaded = magazines.loaded;
-    if (!loaded.HasSlots() && !MakeSlots(heap, lane, shape)) {
+    CLaneClass& magazines = lane.GetClass(shape);
+    if (magazines.HasCredited())
+        return magazines.TakeCredited();
+    if (!magazines.HasSlots() && !MakeSlots(heap, lane, shape)) {
         SFreeSlot slot{};
         static_cast<void>(blocks.TakeRow(heap, shape, {&slot, 1}));
+        if (slot.record != nullptr)
+            --lane.credits;
         return slot;
     }
-    if (loaded.IsEmpty())
-        std::swap(loaded, magazines.spare);
-    if (loaded.IsEmpty())
-        loaded.Fill(blocks.TakeRow(heap, shape, loaded.GetSlots()));
-    if (loaded.IsEmpty())
-        return {};
-    SFreeSlot const slot = loaded.GetLast();
-    loaded.Pop();
-    return slot;
+    if (magazines.IsLoadedEmpty())
+        magazines.SwapMagazines();
+    if (magazines.IsLoadedEmpty()) {
+        u32 const count = blocks.TakeRow(heap, shape, magazines.GetSlots());
+        if (count == 0)
+            return {};
+        if (SFreeSlot const first = magazines.GetSlots().front(); first.record == nullptr)
+            return first;
+        magazines.FillLoaded(count);
+    }
+    lane.credits -= magazines.AddCredits(lane.credits);
+    return magazines.TakeCredited();
 }
 
 // With the lane's lock held.
@@ -144,12 +161,6 @@ bool CHeapExtension::MakeSlots(CGlobalHeap& heap, CHeapLane& lane, SBlockShape c
     return true;
 }
 
-void CHeapExtension::GiveBackAll(CBlockClass& blocks, SBlockShape const& shape, CMagazine& magazine)
-{
-    blocks.GiveBackRow(*this, shape, magazine.GetTaken());
-    magazine.Fill(0);
-}
-
 bool CHeapExtension::Drain(CBlockClass& blocks, SBlockShape const& shape)
 {
     bool hasDrained = false;
@@ -157,10 +168,13 @@ bool CHeapExtension::Drain(CBlockClass& blocks, SBlockShape const& shape)
         if (!lane.HasUsed(shape))
             continue;
         CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
-        CHeapLane::SClass& magazines = lane.GetClass(shape);
-        hasDrained = hasDrained || !magazines.loaded.IsEmpty() || !magazines.spare.IsEmpty();
-        GiveBackAll(blocks, shape, magazines.spare);
-        GiveBackAll(blocks, shape, magazines.loaded);
+        CLaneClass& magazines = lane.GetClass(shape);
+        hasDrained = hasDrained || !magazines.IsLoadedEmpty() || !magazines.GetSpare().empty();
+        lane.credits += magazines.RemoveCredits();
+        blocks.GiveBackRow(*this, shape, magazines.GetSpare());
+        blocks.GiveBackRow(*this, shape, magazines.GetLoaded());
+        magazines.ClearSpare();
+        magazines.FillLoaded(0);
     }
     return hasDrained;
 }
@@ -170,7 +184,7 @@ u64 CHeapExtension::CollectCredits()
     u64 collected = 0;
     for (CHeapLane& lane : m_lanes) {
         CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
-        collected += std::exchange(lane.credits, 0u);
+        collected += lane.TakeCredits();
     }
     return collected;
 }
@@ -178,16 +192,15 @@ u64 CHeapExtension::CollectCredits()
 u64 CHeapExtension::GetAllocationCount(EHeap::Type kind) const
 {
     u64 count = 0;
-    for (CHeapLane const& lane : m_lanes)
-        count += lane.GetAllocations(kind).Get();
+    VisitLaneClasses(kind, [&](CLaneClass const& blocks) { count += blocks.GetAllocationCount(); });
     return count;
 }
 
 u64 CHeapExtension::GetLiveCount(EHeap::Type kind) const
 {
     u64 count = 0;
-    for (CHeapLane const& lane : m_lanes)
-        count += lane.GetAllocations(kind).Get() - lane.GetReleases(kind).Get();
+    VisitLaneClasses(
+        kind, [&](CLaneClass const& blocks) { count += blocks.GetAllocationCount() - blocks.GetReleaseCount(); });
     return count;
 }
 
@@ -241,7 +254,7 @@ void CHeapExtension::RemoveChunk(void const* start)
 
 void CHeapExtension::ReuseRemoved()
 {
-    for (u32 index = 0; index < CHeapLane::ClassCount; ++index)
+    for (u32 index = 0; index < CChunkTag::ClassCount; ++index)
         while (CChunkRecords* const chunk = m_removed[index]) {
             m_removed[index] = chunk->next;
             chunk->next = std::exchange(m_unused[index], chunk);

@@ -47,10 +47,13 @@ struct SBlockShape {
     /// The class for `size` bytes, above 0: the base-2 logarithm of its block size, above 10 for what is no pool block.
     [[nodiscard]] static constexpr u32 GetBlockBits(EHeap::Type kind, u64 size)
     {
-        u64 const smallest = kind == EHeap::Pool16 ? 15 : 7; // not max(): a number that cannot be 0 needs no branch
-        return static_cast<u32>(std::bit_width((size - 1) | smallest));
+        // Bits that are set: a number that cannot be 0 needs no branch, and 16 for Pool16 no comparison.
+        return static_cast<u32>(std::bit_width((size - 1) | 7 | (kind & EHeap::Pool16) << 1));
     }
 };
+
+static_assert(SBlockShape::GetBlockBits(EHeap::Pool, 1) == 3 && SBlockShape::GetBlockBits(EHeap::Pool4, 1) == 3 &&
+              SBlockShape::GetBlockBits(EHeap::Pool8, 1) == 3 && SBlockShape::GetBlockBits(EHeap::Pool16, 1) == 4);
 
 /// A free pool block and where its record goes: null for a block of a chunk without notes.
 struct SFreeSlot {
@@ -58,94 +61,139 @@ struct SFreeSlot {
     CChunkRecords::Record* record;
 };
 
-/// Free blocks of one class, last in, first out. They are named in slots, not linked through the blocks: these are not
-/// touched from their release until whoever gets them next uses them. Without slots it is empty and full at once.
-class CMagazine {
+/// A lane's free blocks of one class, in two magazines, last in, first out: the loaded one, and a spare one, so that a
+/// thread that allocates and frees by turns at the end of one does not go to the class each time. Blocks are named in
+/// slots, not linked through: they are not touched from their release until whoever gets them next uses them.
+///
+/// A block in the loaded magazine mostly comes with a credit, a record set aside for it, so that taking it is all there
+/// is to do. Blocks without one lie below. Without slots it is empty and full at once.
+class alignas(64) CLaneClass {
 public:
-    [[nodiscard]] bool HasSlots() const { return m_first != nullptr; }
-    /// The slots stay the caller's.
-    void SetSlots(SFreeSlot* slots, u32 count)
+    // ---- The quick way ----
+
+    [[nodiscard]] bool HasCredited() const { return m_next != m_credited; }
+    /// A block and its credit.
+    SFreeSlot TakeCredited() { return *--m_next; }
+
+    [[nodiscard]] bool IsFull() const { return m_next == m_end; }
+    /// A block whose record was taken out, with its credit.
+    void Push(SFreeSlot const& slot) { *m_next++ = slot; }
+
+    /// Allocations and releases that went through.
+    void CountAllocation() { m_allocations.Add(1); }
+    void CountRelease() { m_releases.Add(1); }
+    [[nodiscard]] u64 GetAllocationCount() const { return m_allocations.Get(); }
+    [[nodiscard]] u64 GetReleaseCount() const { return m_releases.Get(); }
+
+    // ---- Credits ----
+
+    /// Gives credits to blocks that have none, `most` at most; to how many.
+    [[nodiscard]] u32 AddCredits(u32 most)
     {
-        m_first = m_next = slots;
-        m_end = slots + count;
+        u32 const count = static_cast<u32>(std::min<i64>(most, m_credited - m_first));
+        m_credited -= count;
+        return count;
+    }
+    /// Takes all credits back; how many they were.
+    [[nodiscard]] u32 RemoveCredits()
+    {
+        u32 const count = static_cast<u32>(m_next - m_credited);
+        m_credited = m_next;
+        return count;
     }
 
-    [[nodiscard]] bool IsEmpty() const { return m_next == m_first; }
-    [[nodiscard]] bool IsFull() const { return m_next == m_end; }
-    [[nodiscard]] SFreeSlot const& GetLast() const { return m_next[-1]; }
-    void Push(SFreeSlot const& slot) { *m_next++ = slot; }
-    void Pop() { --m_next; }
+    // ---- The magazines, where no block has a credit ----
 
-    /// All slots, of which Fill says how many are taken from the first on.
-    [[nodiscard]] std::span<SFreeSlot> GetSlots() const { return {m_first, m_end}; }
-    [[nodiscard]] std::span<SFreeSlot const> GetTaken() const { return {m_first, m_next}; }
-    void Fill(u32 count) { m_next = m_first + count; }
+    [[nodiscard]] bool HasSlots() const { return m_first != nullptr; }
+    /// Twice `count` slots, which stay the caller's.
+    void SetSlots(SFreeSlot* slots, u32 count)
+    {
+        m_first = m_credited = m_next = slots;
+        m_end = slots + count;
+        m_spare = slots + count;
+    }
+
+    [[nodiscard]] bool IsLoadedEmpty() const { return m_next == m_first; }
+    void SwapMagazines()
+    {
+        i64 const size = m_end - m_first;
+        i64 const count = m_next - m_first;
+        std::swap(m_first, m_spare);
+        m_credited = m_next = m_first + std::exchange(m_spareCount, count);
+        m_end = m_first + size;
+    }
+
+    /// All slots of the loaded magazine; FillLoaded says how many are taken, from the first on.
+    [[nodiscard]] std::span<SFreeSlot> GetSlots() { return {m_first, m_end}; }
+    void FillLoaded(u32 count) { m_credited = m_next = m_first + count; }
+
+    [[nodiscard]] std::span<SFreeSlot const> GetLoaded() const { return {m_first, m_next}; }
+    [[nodiscard]] std::span<SFreeSlot const> GetSpare() const { return {m_spare, static_cast<u64>(m_spareCount)}; }
+    void ClearSpare() { m_spareCount = 0; }
 
 private:
-    SFreeSlot* m_first = nullptr;
-    SFreeSlot* m_next = nullptr; // behind the last one taken
+    SFreeSlot* m_credited = nullptr; // blocks from here on have credits
+    SFreeSlot* m_next = nullptr;     // behind the last block
     SFreeSlot* m_end = nullptr;
+    SFreeSlot* m_first = nullptr;
+    SFreeSlot* m_spare = nullptr; // as many slots again
+    i64 m_spareCount = 0;         // blocks in them
+    CStatisticsCounter m_allocations;
+    CStatisticsCounter m_releases;
 };
+
+static_assert(sizeof(CLaneClass) == 64);
 
 /// Free blocks that one thread took out of the classes, or freed, with the counters of what went through. Threads whose
 /// numbers collide share a lane.
 class alignas(64) CHeapLane {
 public:
-    static constexpr u32 KindCount = 4;
-    static constexpr u32 ClassCount = 8;
+    static constexpr u32 ClassCount = CChunkTag::KindCount * CChunkTag::ClassCount;
 
-    /// Two magazines, so that a thread that allocates and frees by turns at the end of one does not go to the class
-    /// each time.
-    struct SClass {
-        CMagazine loaded;
-        CMagazine spare;
-    };
-
-    [[nodiscard]] SClass& GetClass(EHeap::Type kind, u32 blockBits)
-    {
-        return m_classes[kind - 1][blockBits - SBlockShape::SmallestBits];
-    }
-    [[nodiscard]] SClass& GetClass(SBlockShape const& shape) { return GetClass(shape.kind, shape.blockBits); }
+    /// By the number that chunk tags have for a kind and block size, too.
+    [[nodiscard]] CLaneClass& GetClass(u32 number) { return m_classes[number]; }
+    [[nodiscard]] CLaneClass const& GetClass(u32 number) const { return m_classes[number]; }
+    [[nodiscard]] CLaneClass& GetClass(SBlockShape const& shape) { return m_classes[GetNumber(shape)]; }
 
     /// Gives the magazines of a class their slots, twice GetMagazineSize.
     void SetSlots(SBlockShape const& shape, SFreeSlot* slots)
     {
-        SClass& magazines = GetClass(shape);
-        u32 const count = GetMagazineSize(shape.blockBits);
-        magazines.loaded.SetSlots(slots, count);
-        magazines.spare.SetSlots(slots + count, count);
-        m_usedClasses.fetch_or(GetClassBit(shape), std::memory_order_relaxed);
+        GetClass(shape).SetSlots(slots, GetMagazineSize(shape.blockBits));
+        m_usedClasses.fetch_or(1u << GetNumber(shape), std::memory_order_relaxed);
     }
     /// False when the lane never had a block of the class. Needs no lock: a lane that begins now is like one that takes
     /// blocks a moment after it was looked at.
     [[nodiscard]] bool HasUsed(SBlockShape const& shape) const
     {
-        return (m_usedClasses.load(std::memory_order_relaxed) & GetClassBit(shape)) != 0;
+        return (m_usedClasses.load(std::memory_order_relaxed) & 1u << GetNumber(shape)) != 0;
     }
 
-    /// Allocations and releases that went through the lane.
-    [[nodiscard]] CStatisticsCounter& GetAllocations(EHeap::Type kind) { return m_allocations[kind - 1]; }
-    [[nodiscard]] CStatisticsCounter& GetReleases(EHeap::Type kind) { return m_releases[kind - 1]; }
-    [[nodiscard]] CStatisticsCounter const& GetAllocations(EHeap::Type kind) const { return m_allocations[kind - 1]; }
-    [[nodiscard]] CStatisticsCounter const& GetReleases(EHeap::Type kind) const { return m_releases[kind - 1]; }
+    /// All credits, those of blocks as well; the lane has none then.
+    [[nodiscard]] u32 TakeCredits()
+    {
+        u32 count = std::exchange(credits, 0u);
+        for (CLaneClass& blocks : m_classes)
+            count += blocks.RemoveCredits();
+        return count;
+    }
 
     /// Blocks that a magazine holds: 16 KB of them, 64 at most.
     [[nodiscard]] static constexpr u32 GetMagazineSize(u32 blockBits) { return std::min(64u, 16384u >> blockBits); }
 
     CBiasedLock lock;
-    u32 credits = 0; ///< records that blocks may take
+    u32 credits = 0; ///< records set aside for no block in particular
 
 private:
-    [[nodiscard]] static u32 GetClassBit(SBlockShape const& shape)
+    [[nodiscard]] static u32 GetNumber(SBlockShape const& shape)
     {
-        return 1u << ((shape.kind - 1) * ClassCount + shape.blockBits - SBlockShape::SmallestBits);
+        return CChunkTag::GetNumber(shape.kind, shape.blockBits);
     }
 
     std::atomic<u32> m_usedClasses{0};
-    CStatisticsCounter m_allocations[KindCount];
-    CStatisticsCounter m_releases[KindCount];
-    SClass m_classes[KindCount][ClassCount];
+    CLaneClass m_classes[ClassCount];
 };
+
+static_assert(sizeof(CHeapLane) == 64 + CHeapLane::ClassCount * sizeof(CLaneClass));
 
 class CHeapExtension {
 public:
@@ -175,51 +223,61 @@ public:
     }
 
     /// Takes a record out: its size, 0 when there was none. Of two threads that free a block at once, one finds it.
-    [[nodiscard]] static u64 TakeRecord(CChunkMap::SFound const& found)
+    [[nodiscard]] static u64 TakeRecord(CChunkRecords::Record& record)
     {
-        return found.record != nullptr ? found.record->exchange(0, std::memory_order_acq_rel) : u64{0};
+        return record.exchange(0, std::memory_order_acq_rel);
+    }
+
+    /// Finds the record of a block and takes it out; false when there was none.
+    [[nodiscard, gnu::always_inline]] bool FindAndTakeRecord(void const* block, CChunkMap::SFound& found, u64& size)
+    {
+        if (!m_map.TryFind(reinterpret_cast<u64>(block), found)) [[unlikely]]
+            return false;
+        size = TakeRecord(*found.record);
+        return size != 0;
     }
 
     // ---- Blocks ----
 
-    /// The usual case of Take, in a lane that the calling thread owns; null in every other case, and for what is no pool
+    /// The usual case of Take, in a lane that the calling thread owns; false in every other case, and for what is no pool
     /// block. The block still has to be prepared for use. Calls nothing, like TryGiveBack and what they use: a function
     /// that ends with a call for the other cases then keeps nothing on the stack.
-    [[nodiscard, gnu::always_inline]] void* TryTake(EHeap::Type kind, u64 size)
+    [[nodiscard, gnu::always_inline]] bool TryTake(EHeap::Type kind, u64 size, void*& block)
     {
-        if (kind - EHeap::Pool >= CHeapLane::KindCount || size - 1 >= u64{1} << SBlockShape::LargestBits) [[unlikely]]
-            return nullptr;
+        if (kind - EHeap::Pool >= CChunkTag::KindCount || size - 1 >= u64{1} << SBlockShape::LargestBits) [[unlikely]]
+            return false;
         u64 const threadKey = Platform::GetThreadKey();
         CHeapLane& lane = GetLane(threadKey);
         if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
-            return nullptr;
-        CMagazine& loaded = lane.GetClass(kind, SBlockShape::GetBlockBits(kind, size)).loaded;
-        void* block = nullptr;
-        if (!loaded.IsEmpty() && lane.credits != 0 && loaded.GetLast().record != nullptr) [[likely]] {
-            SFreeSlot const slot = loaded.GetLast();
-            loaded.Pop();
-            Record(lane, slot, kind, size);
-            block = slot.block;
+            return false;
+        CLaneClass& blocks = lane.GetClass(CChunkTag::GetNumber(kind, SBlockShape::GetBlockBits(kind, size)));
+        if (!blocks.HasCredited()) [[unlikely]] {
+            lane.lock.ReleaseAsOwner();
+            return false;
         }
+        SFreeSlot const slot = blocks.TakeCredited();
+        Record(blocks, slot, size);
         lane.lock.ReleaseAsOwner();
-        return block;
+        block = slot.block;
+        return true;
     }
 
     /// The usual case of GiveBack, likewise; false, and nothing done, in every other case. The block is prepared.
-    [[nodiscard, gnu::always_inline]] bool TryGiveBack(EHeap::Type kind, u32 blockBits, SFreeSlot const& slot)
+    [[nodiscard, gnu::always_inline]] bool TryGiveBack(CChunkTag chunk, SFreeSlot const& slot)
     {
         u64 const threadKey = Platform::GetThreadKey();
         CHeapLane& lane = GetLane(threadKey);
         if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
             return false;
-        CMagazine& loaded = lane.GetClass(kind, blockBits).loaded;
-        bool const hasRoom = !loaded.IsFull() && lane.credits < MostCredits;
-        if (hasRoom) [[likely]] {
-            loaded.Push(slot);
-            CountRelease(lane, kind);
+        CLaneClass& blocks = lane.GetClass(chunk.GetNumber());
+        if (blocks.IsFull()) [[unlikely]] {
+            lane.lock.ReleaseAsOwner();
+            return false;
         }
+        blocks.Push(slot);
+        blocks.CountRelease();
         lane.lock.ReleaseAsOwner();
-        return hasRoom;
+        return true;
     }
 
     /// A block for `size` bytes, recorded and counted in the calling thread's lane where its chunk is in the map.
@@ -234,7 +292,7 @@ public:
     /// Gives all lanes' blocks of the class back to it. True when there were any.
     bool Drain(CBlockClass& blocks, SBlockShape const& shape);
 
-    /// Takes all lanes' unused credits away; how many they were. No lock held.
+    /// Takes all lanes' credits away; how many they were. No lock held.
     [[nodiscard]] u64 CollectCredits();
 
     [[nodiscard]] u64 GetAllocationCount(EHeap::Type kind) const;
@@ -243,7 +301,7 @@ public:
     /// The class's chunks with free blocks. Under the class lock.
     [[nodiscard]] CFreeChunks& GetFreeChunks(SBlockShape const& shape)
     {
-        return m_freeChunks[shape.kind - 1][shape.blockBits - SBlockShape::SmallestBits];
+        return m_freeChunks[CChunkTag::GetNumber(shape.kind, shape.blockBits)];
     }
 
     // ---- Notes: under the heap lock ----
@@ -264,7 +322,7 @@ private:
     static constexpr u32 LaneBits = 5;
     static constexpr u32 LaneCount = 1u << LaneBits;
     static constexpr u32 CreditsAtOnce = 64;
-    static constexpr u32 MostCredits = 2 * CreditsAtOnce; // in a lane
+    static constexpr u32 MostCredits = 2 * CreditsAtOnce; // in a lane, but for those of blocks
     static constexpr u64 SlabSize = 16384;
 
     struct SSlab {
@@ -273,43 +331,47 @@ private:
 
     CHeapExtension() = default;
 
-    // Fibonacci hashing: neighbours get lanes far from each other.
+    // Fibonacci hashing: neighbours get lanes far from each other. The low bits, alike in all keys, do not count.
     [[nodiscard]] CHeapLane& GetLane(u64 threadKey)
     {
-        return m_lanes[(threadKey >> Platform::ThreadKeyShift) * 0x9E3779B97F4A7C15u >> (64 - LaneBits)];
+        constexpr u64 GoldenRatio = 0x9E3779B97F4A7C15u;
+        return m_lanes[threadKey * (GoldenRatio >> Platform::ThreadKeyShift) >> (64 - LaneBits)];
     }
 
-    // Records and counts a block that the lane, which has a credit, is about to hand out.
-    static void Record(CHeapLane& lane, SFreeSlot const& slot, EHeap::Type kind, u64 size)
+    // Records and counts a block that is about to be handed out, with its credit.
+    static void Record(CLaneClass& blocks, SFreeSlot const& slot, u64 size)
     {
         slot.record->store(static_cast<u16>(size), std::memory_order_relaxed);
-        --lane.credits;
-        lane.GetAllocations(kind).Add(1);
+        blocks.CountAllocation();
     }
 
-    static void CountRelease(CHeapLane& lane, EHeap::Type kind)
+    // All lanes' classes of a kind.
+    template <class Visit>
+    void VisitLaneClasses(EHeap::Type kind, Visit&& visit) const
     {
-        lane.GetReleases(kind).Add(1);
-        ++lane.credits;
+        u32 const first = CChunkTag::GetNumber(kind, SBlockShape::SmallestBits);
+        for (CHeapLane const& lane : m_lanes)
+            for (u32 index = 0; index < CChunkTag::ClassCount; ++index)
+                visit(lane.GetClass(first + index));
     }
 
     [[nodiscard]] SFreeSlot TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
                                        CHeapLane& lane, EBiasedHold& hold);
     [[nodiscard]] static SFreeSlot TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
                                                 CHeapLane& lane);
-    void GiveBackAll(CBlockClass& blocks, SBlockShape const& shape, CMagazine& magazine);
+    static void ReturnCredits(CGlobalHeap& heap, CHeapLane& lane);
     [[nodiscard]] static bool MakeSlots(CGlobalHeap& heap, CHeapLane& lane, SBlockShape const& shape);
     [[nodiscard]] void* AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, u64 byteCount);
 
+    CHeapLane m_lanes[LaneCount]; // first: an offset less to add on the quick way
     CRecordBuckets m_buckets;
     void* m_memory = nullptr; // of this object, as the hook gave it
     SSlab* m_slabs = nullptr;
     u64 m_slabUsed = SlabSize;
-    CChunkRecords* m_unused[CHeapLane::ClassCount] = {};  // by block size, ready for another chunk
-    CChunkRecords* m_removed[CHeapLane::ClassCount] = {}; // ready after the next purge
+    CChunkRecords* m_unused[CChunkTag::ClassCount] = {};  // by block size, ready for another chunk
+    CChunkRecords* m_removed[CChunkTag::ClassCount] = {}; // ready after the next purge
     CChunkMap m_map;
-    CFreeChunks m_freeChunks[CHeapLane::KindCount][CHeapLane::ClassCount];
-    CHeapLane m_lanes[LaneCount];
+    CFreeChunks m_freeChunks[CHeapLane::ClassCount];
 };
 
 } // namespace Velmor

@@ -53,7 +53,7 @@ void CGlobalHeap::ReleaseRecords()
     m_recordChunks = nullptr;
     m_freeRecords = nullptr;
     m_buckets = UBuckets{};
-    m_isExtended.store(0, std::memory_order_relaxed);
+    m_extension.store(nullptr, std::memory_order_relaxed);
     if (extension != nullptr)
         extension->Release(m_hooks);
 }
@@ -167,8 +167,8 @@ void CGlobalHeap::Extend()
     u64 freeRecords = 0;
     for (SAllocationRecord const* record = m_freeRecords; record != nullptr; record = record->next)
         ++freeRecords;
-    m_buckets.beyond = {extension, freeRecords, 0, GetRecordChunkCount()};
-    m_isExtended.store(1, std::memory_order_release);
+    m_buckets.beyond = {freeRecords, 0, GetRecordChunkCount()};
+    m_extension.store(extension, std::memory_order_release);
 }
 
 // With an extension: one free record that is not reserved, at the head of the free list. False when there is none, or

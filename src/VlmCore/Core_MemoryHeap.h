@@ -75,10 +75,7 @@ public:
     // ---- The record table ----
 
     /// What the heap has beyond its own fields; null up to 1,024 records and 4,096 allocations from a pool.
-    [[nodiscard]] CHeapExtension* GetExtension() const
-    {
-        return m_isExtended.load(std::memory_order_acquire) != 0 ? m_buckets.beyond.extension : nullptr;
-    }
+    [[nodiscard]] CHeapExtension* GetExtension() const { return m_extension.load(std::memory_order_acquire); }
 
     /// Extends the heap, if it is not. Under the heap lock. Without memory for it the heap goes on as it is.
     void Extend();
@@ -203,7 +200,7 @@ public:
     [[nodiscard]] void* AllocateNotes(u64 byteCount)
     {
         CLock const lock(m_lock);
-        return m_buckets.beyond.extension->AllocateNotes(m_hooks, byteCount);
+        return GetExtension()->AllocateNotes(m_hooks, byteCount);
     }
     /// Before the pools are purged.
     void BeginPurge()
@@ -226,11 +223,10 @@ public:
 private:
     CGlobalHeap(SMemoryHooks const& hooks, u8 flags, u64 budget);
 
-    // The bucket heads: the heap's own 256, or, once the store has outgrown them, what the heap is extended by.
+    // The bucket heads: the heap's own 256, or, once the store has outgrown them, what goes with the extension.
     union UBuckets {
         SAllocationRecord* own[OwnBucketCount];
         struct {
-            CHeapExtension* extension;
             u64 freeRecords;  ///< in the free list or in chunks that have not been needed yet
             u64 reserved;     ///< so many of them are the lanes' to use
             u64 neededChunks; ///< chunks of the store that have been taken from the hook
@@ -314,7 +310,7 @@ private:
     [[nodiscard]] bool AddRecordChunk(u64 index);
     void ThreadRecords(u64 chunkIndex);
 
-    u64 m_growthExponent = 0;
+    std::atomic<CHeapExtension*> m_extension{nullptr};
     SAllocationRecord** m_recordChunks = nullptr;
     SAllocationRecord* m_freeRecords = nullptr;
     UBuckets m_buckets{};
@@ -326,7 +322,7 @@ private:
     CRecursiveSpinLock m_lock;
     u8 m_report;
     u8 m_passthrough;
-    std::atomic<u8> m_isExtended{0};
+    u8 m_growthExponent = 0;
 };
 
 } // namespace Velmor

@@ -32,11 +32,14 @@ namespace Memory {
 void InitializeLog(IMemoryLogger* logger)
 {
     MemoryLog::g_logger.store(logger, std::memory_order_release);
+    UpdateQuietHeap();
 }
 
 IMemoryLogger* ReleaseLog()
 {
-    return MemoryLog::g_logger.exchange(nullptr, std::memory_order_acq_rel);
+    IMemoryLogger* const logger = MemoryLog::g_logger.exchange(nullptr, std::memory_order_acq_rel);
+    UpdateQuietHeap();
+    return logger;
 }
 
 void LogAllocate(void* block, u64 size)

@@ -6,6 +6,8 @@
 
 #include <vlmcore/memory.h>
 
+#include <atomic>
+
 namespace Velmor {
 
 /// The heap and its block allocators, in the form that one module hands to another: five pointers, in this order. Not
@@ -56,6 +58,13 @@ struct SHeapModule {
 
 static_assert(sizeof(SHeapModule) == 40);
 
-extern SHeapModule g_heapModule;
+// Inline, so that every source file knows that they belong to this module.
+inline constinit SHeapModule g_heapModule{};
+
+/// The heap while nobody wants to know of allocations: null without a heap and while a memory logger is installed.
+inline constinit std::atomic<CGlobalHeap*> g_quietHeap{nullptr};
+
+/// Follows a change of the heap or of the memory logger. Any thread.
+void UpdateQuietHeap();
 
 } // namespace Velmor

@@ -42,7 +42,6 @@ CModelChecker::SResult CheckOwnerAndGuests(bool guestsWaitForTheOwner)
     CModelChecker checker;
     TModelAtomic<u32> owner{1};
     TModelAtomic<u32> isInside{0};
-    TModelAtomic<u32> isWanted{0};
     TModelAtomic<u32> guests{0};
     TModelAtomic<u32> number{0};
     CModelNote inside;
@@ -57,7 +56,7 @@ CModelChecker::SResult CheckOwnerAndGuests(bool guestsWaitForTheOwner)
     std::vector<Phase> ownerPhases;
     for (u32 round = 0; round < 2; ++round) {
         ownerPhases.push_back([&] {
-            if (!Impl::TryEnterAsOwner(owner, isInside, isWanted, 1u))
+            if (!Impl::TryEnterAsOwner(owner, isInside, 1u))
                 checker.Retry();
         });
         work(ownerPhases);
@@ -70,13 +69,13 @@ CModelChecker::SResult CheckOwnerAndGuests(bool guestsWaitForTheOwner)
             if (!Impl::TryAcquirePlain(guests))
                 checker.Retry();
         });
-        phases.push_back([&] { Impl::MakeWanted(isWanted, [] {}); });
+        phases.push_back([&] { Impl::Disown(owner, [] {}); });
         phases.push_back([&, guestsWaitForTheOwner] {
             if (guestsWaitForTheOwner && isInside.load() != 0)
                 checker.Retry();
         });
         work(phases);
-        phases.push_back([&] { isWanted.store(0); });
+        phases.push_back([&] { owner.store(1); });
         phases.push_back([&] { checker.Require(Impl::TryReleasePlain(guests), "a release is refused"); });
         checker.AddThread(phases);
     }

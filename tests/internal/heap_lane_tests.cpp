@@ -1,0 +1,164 @@
+#include "Core_MemoryExtension.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+using namespace Velmor;
+
+namespace {
+
+constexpr u32 MagazineSize = 4;
+
+// Names of blocks that are never looked into.
+SFreeSlot MakeSlot(u64 number)
+{
+    return {reinterpret_cast<SFreeBlock*>(number * 64), reinterpret_cast<CChunkRecords::Record*>(number * 2)};
+}
+
+u64 GetNumber(SFreeSlot const& slot)
+{
+    EXPECT_EQ(reinterpret_cast<u64>(slot.block) / 64, reinterpret_cast<u64>(slot.record) / 2);
+    return reinterpret_cast<u64>(slot.record) / 2;
+}
+
+std::vector<u64> GetNumbers(std::span<SFreeSlot const> slots)
+{
+    std::vector<u64> numbers;
+    for (SFreeSlot const& slot : slots)
+        numbers.push_back(GetNumber(slot));
+    return numbers;
+}
+
+class LaneClass : public ::testing::Test {
+protected:
+    LaneClass() { m_blocks.SetSlots(m_slots, MagazineSize); }
+
+    // Blocks without credits, numbered from 1.
+    void Load(u32 count)
+    {
+        for (u32 index = 0; index < count; ++index)
+            m_blocks.GetSlots()[index] = MakeSlot(index + 1);
+        m_blocks.FillLoaded(count);
+    }
+
+    SFreeSlot m_slots[2 * MagazineSize]{};
+    CLaneClass m_blocks;
+};
+
+TEST(LaneClassWithoutSlots, IsEmptyAndFullAtOnce)
+{
+    CLaneClass blocks;
+    EXPECT_FALSE(blocks.HasSlots());
+    EXPECT_FALSE(blocks.HasCredited());
+    EXPECT_TRUE(blocks.IsFull());
+    EXPECT_TRUE(blocks.IsLoadedEmpty());
+    EXPECT_TRUE(blocks.GetLoaded().empty());
+    EXPECT_TRUE(blocks.GetSpare().empty());
+    EXPECT_EQ(blocks.RemoveCredits(), 0u);
+    EXPECT_EQ(blocks.AddCredits(100), 0u);
+}
+
+TEST_F(LaneClass, TheLastBlockGivenBackIsTheFirstOneTaken)
+{
+    EXPECT_TRUE(m_blocks.HasSlots());
+    for (u64 number = 1; number <= MagazineSize; ++number) {
+        EXPECT_FALSE(m_blocks.IsFull());
+        m_blocks.Push(MakeSlot(number));
+    }
+    EXPECT_TRUE(m_blocks.IsFull());
+    for (u64 number = MagazineSize; number > 0; --number) {
+        ASSERT_TRUE(m_blocks.HasCredited());
+        EXPECT_EQ(GetNumber(m_blocks.TakeCredited()), number);
+    }
+    EXPECT_FALSE(m_blocks.HasCredited());
+    EXPECT_TRUE(m_blocks.IsLoadedEmpty());
+}
+
+TEST_F(LaneClass, BlocksOfTheClassHaveNoCreditsUntilTheyGetThem)
+{
+    Load(3);
+    EXPECT_FALSE(m_blocks.HasCredited());
+    EXPECT_FALSE(m_blocks.IsLoadedEmpty());
+    EXPECT_EQ(m_blocks.AddCredits(2), 2u);
+    EXPECT_EQ(GetNumber(m_blocks.TakeCredited()), 3u);
+    EXPECT_EQ(GetNumber(m_blocks.TakeCredited()), 2u);
+    EXPECT_FALSE(m_blocks.HasCredited()) << "the one below has none";
+    EXPECT_EQ(GetNumbers(m_blocks.GetLoaded()), (std::vector<u64>{1}));
+    EXPECT_EQ(m_blocks.AddCredits(100), 1u);
+    EXPECT_EQ(m_blocks.AddCredits(100), 0u);
+    EXPECT_EQ(GetNumber(m_blocks.TakeCredited()), 1u);
+}
+
+TEST_F(LaneClass, ABlockGivenBackLiesAboveThoseWithoutCredits)
+{
+    Load(2);
+    m_blocks.Push(MakeSlot(7));
+    EXPECT_TRUE(m_blocks.HasCredited());
+    EXPECT_EQ(m_blocks.RemoveCredits(), 1u);
+    EXPECT_FALSE(m_blocks.HasCredited());
+    EXPECT_EQ(m_blocks.RemoveCredits(), 0u);
+    EXPECT_EQ(GetNumbers(m_blocks.GetLoaded()), (std::vector<u64>{1, 2, 7}));
+}
+
+TEST_F(LaneClass, MagazinesChangePlacesWithAllTheirBlocks)
+{
+    Load(3);
+    m_blocks.SwapMagazines();
+    EXPECT_TRUE(m_blocks.IsLoadedEmpty());
+    EXPECT_FALSE(m_blocks.IsFull());
+    EXPECT_FALSE(m_blocks.HasCredited());
+    EXPECT_EQ(GetNumbers(m_blocks.GetSpare()), (std::vector<u64>{1, 2, 3}));
+    for (u64 number = 11; !m_blocks.IsFull(); ++number)
+        m_blocks.Push(MakeSlot(number));
+    EXPECT_EQ(m_blocks.RemoveCredits(), MagazineSize);
+    m_blocks.SwapMagazines();
+    EXPECT_EQ(GetNumbers(m_blocks.GetLoaded()), (std::vector<u64>{1, 2, 3}));
+    EXPECT_EQ(GetNumbers(m_blocks.GetSpare()), (std::vector<u64>{11, 12, 13, 14}));
+    EXPECT_FALSE(m_blocks.HasCredited());
+    m_blocks.ClearSpare();
+    EXPECT_TRUE(m_blocks.GetSpare().empty());
+}
+
+TEST(HeapLane, GivesUpTheCreditsOfAllItsBlocks)
+{
+    auto const lane = std::make_unique<CHeapLane>();
+    constexpr SBlockShape First{8, 0, 3, EHeap::Pool};
+    constexpr SBlockShape Last{1024, 16, 10, EHeap::Pool16};
+    SFreeSlot slots[2][2 * 64]{};
+    lane->SetSlots(First, slots[0]);
+    lane->SetSlots(Last, slots[1]);
+    EXPECT_TRUE(lane->HasUsed(First));
+    EXPECT_TRUE(lane->HasUsed(Last));
+    EXPECT_FALSE(lane->HasUsed({16, 0, 4, EHeap::Pool}));
+    EXPECT_EQ(lane->GetClass(First).GetSlots().size(), 64u);
+    EXPECT_EQ(lane->GetClass(Last).GetSlots().size(), 16u) << "16 KB of them";
+    lane->GetClass(First).Push(MakeSlot(1));
+    lane->GetClass(First).Push(MakeSlot(2));
+    lane->GetClass(Last).Push(MakeSlot(3));
+    lane->credits = 10;
+    EXPECT_EQ(lane->TakeCredits(), 13u);
+    EXPECT_EQ(lane->TakeCredits(), 0u);
+    EXPECT_FALSE(lane->GetClass(First).HasCredited());
+    EXPECT_EQ(GetNumbers(lane->GetClass(First).GetLoaded()), (std::vector<u64>{1, 2}));
+    EXPECT_EQ(GetNumbers(lane->GetClass(Last).GetLoaded()), (std::vector<u64>{3}));
+}
+
+TEST(ChunkTagNumber, IsTheSameForAShapeAndForAChunk)
+{
+    EXPECT_EQ(CChunkTag::GetNumber(EHeap::Pool, 3), 0u);
+    EXPECT_EQ(CChunkTag::GetNumber(EHeap::Pool, 10), 7u);
+    EXPECT_EQ(CChunkTag::GetNumber(EHeap::Pool16, 10), 31u);
+    alignas(CChunkRecords::Alignment) u8 memory[CChunkRecords::GetByteCount(16)];
+    CChunkRecords* const chunk =
+        CChunkRecords::Create(memory, reinterpret_cast<void const*>(u64{0x4000}), 9, 16, EHeap::Pool8);
+    CChunkTag const tag(CChunkTag(*chunk).GetValue() | u64{0x1FFFF} << CChunkTag::Bits); // as in an entry of the tree
+    EXPECT_EQ(tag.GetNumber(), CChunkTag::GetNumber(EHeap::Pool8, 9));
+    EXPECT_EQ(tag.GetBlockBits(), 9u);
+    EXPECT_EQ(tag.GetKind(), EHeap::Pool8);
+    EXPECT_EQ(tag.GetRecords(), chunk->GetRecords());
+    EXPECT_EQ(tag.GetValue(), CChunkTag(*chunk).GetValue());
+}
+
+} // namespace
