@@ -222,27 +222,28 @@ public:
 
     struct SFound {
         CChunkTag tag;
-        u64 distance = ~u64{0}; ///< of the address from the chunk's start; beyond every chunk's end without one
+        u64 distance = 0; ///< of the address from the chunk's start; beyond every chunk's end, it may be
     };
 
-    /// The only chunk of the tree that may hold the address, which may be any.
-    [[nodiscard, gnu::always_inline]] SFound Find(u64 address) const
+    /// The only chunk of the tree that may hold the address, which may be any; false when there is none.
+    [[nodiscard, gnu::always_inline]] bool TryFind(u64 address, SFound& found) const
     {
         u64 const branchNumber = address >> BranchShift;
         if (branchNumber >= LevelSize) [[unlikely]]
-            return {};
+            return false;
         SBranch const* const branch = m_branches[branchNumber].load(std::memory_order_acquire);
-        if (branch == nullptr)
-            return {};
+        if (branch == nullptr) [[unlikely]]
+            return false;
         SLeaf const* const leaf = branch->leaves[(address >> LeafShift) & LevelMask].load(std::memory_order_acquire);
-        if (leaf == nullptr)
-            return {};
+        if (leaf == nullptr) [[unlikely]]
+            return false;
         SGranule const& granule = leaf->granules[(address >> GranuleBits) & LevelMask];
         u64 const inside = granule.inside.load(std::memory_order_acquire);
         u64 const across = granule.across.load(std::memory_order_acquire);
         u64 const offset = address & (SmallestChunk - 1);
         u64 const entry = offset >= inside >> CChunkTag::Bits ? inside : across;
-        return {CChunkTag(entry), offset - static_cast<u64>(static_cast<i64>(entry) >> CChunkTag::Bits)};
+        found = {CChunkTag(entry), offset - static_cast<u64>(static_cast<i64>(entry) >> CChunkTag::Bits)};
+        return true;
     }
 
     /// False when the hooks refuse the memory for a part of the tree, the chunk is smaller or larger than the tree can
@@ -306,7 +307,7 @@ public:
     /// The same; false when there is none, and `found` is worth nothing.
     [[nodiscard, gnu::always_inline]] bool TryFind(u64 address, SFound& found) const
     {
-        return FindRecord(m_large.Find(address), found) || FindRecord(m_small.Find(address), found);
+        return FindRecord(m_large, address, found) || FindRecord(m_small, address, found);
     }
 
     /// The records of a found block's chunk.
@@ -337,9 +338,12 @@ private:
 
     [[nodiscard]] u32 GetBlockCount(u32 index) const { return m_blockCounts[index].load(std::memory_order_relaxed); }
 
-    template <class TreeFound>
-    [[nodiscard, gnu::always_inline]] bool FindRecord(TreeFound const& inTree, SFound& found) const
+    template <class Tree>
+    [[nodiscard, gnu::always_inline]] bool FindRecord(Tree const& tree, u64 address, SFound& found) const
     {
+        typename Tree::SFound inTree;
+        if (!tree.TryFind(address, inTree)) [[unlikely]]
+            return false;
         // Bits below the block size come out on top and make the index too large, as does an address behind the end.
         u64 const index = std::rotr(inTree.distance, static_cast<int>(inTree.tag.GetBlockBits()));
         if (index >= GetBlockCount(inTree.tag.GetClass())) [[unlikely]]

@@ -180,6 +180,10 @@ public:
     /// Blocks that a magazine holds: 16 KB of them, 64 at most.
     [[nodiscard]] static constexpr u32 GetMagazineSize(u32 blockBits) { return std::min(64u, 16384u >> blockBits); }
 
+private:
+    CLaneClass m_classes[ClassCount]; // first: an offset less to add on the quick way
+
+public:
     CBiasedLock lock;
     u32 credits = 0; ///< records set aside for no block in particular
 
@@ -190,7 +194,6 @@ private:
     }
 
     std::atomic<u32> m_usedClasses{0};
-    CLaneClass m_classes[ClassCount];
 };
 
 static_assert(sizeof(CHeapLane) == 64 + CHeapLane::ClassCount * sizeof(CLaneClass));
@@ -363,7 +366,7 @@ private:
     [[nodiscard]] static bool MakeSlots(CGlobalHeap& heap, CHeapLane& lane, SBlockShape const& shape);
     [[nodiscard]] void* AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, u64 byteCount);
 
-    CHeapLane m_lanes[LaneCount]; // first: an offset less to add on the quick way
+    CHeapLane m_lanes[LaneCount]; // first, for the same reason
     CRecordBuckets m_buckets;
     void* m_memory = nullptr; // of this object, as the hook gave it
     SSlab* m_slabs = nullptr;
