@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
@@ -491,6 +492,84 @@ TEST(FileLoggerFailure, WhatIsLostIsReportedToTheDebugger)
                   "File logger: the file did not take 12 bytes.\n");
     EXPECT_EQ(TestSupport::RunDebugged("LosesTheRestOfABuffer").debuggerOutput,
               "File logger: the file did not take 7 bytes.\n");
+}
+
+/// Makes a logger of the buffer size on a file that logs to it in every write, directly and by way of another logger
+/// and its file, and prints what the file has in the end. It is a child, as waiting for oneself has no end.
+VLMCORE_CHILD(HasAFileThatLogs)
+{
+    Memory::Initialize(0, 0);
+    u64 const bufferSize = std::stoul(TestSupport::GetChildArguments().at(0));
+    CFileLogger* logger = nullptr;
+    CFileHandle const otherFile = MakeFile([&](u64, u64 size) {
+        WriteInfo(*logger, 8, "by way of another one");
+        return size;
+    });
+    CFileLogger other(otherFile, 0);
+    CFileHandle const file = MakeFile([&](u64, u64 size) {
+        WriteInfo(*logger, 7, "from within");
+        WriteInfo(other, 6, "to another one");
+        if (size > 100)
+            throw std::runtime_error("too long");
+        WriteInfo(*logger, 9, "a line from within that is longer than the buffer");
+        return size;
+    });
+    {
+        CFileLogger written(file, bufferSize);
+        logger = &written;
+        WriteInfo(written, 1, "one");
+        Eventually([&] { return !file->GetContent().empty(); });
+        WriteInfo(written, 2, Repeat("long ", 40).c_str());
+        if (bufferSize == 0)
+            WriteInfo(written, 3, "three");
+        TestSupport::RunConcurrently(1, [&](unsigned) { WriteInfo(written, 4, "elsewhere"); });
+    }
+    std::string const others = otherFile->GetContent();
+    std::printf("%s%s", file->GetContent().c_str(), others.substr(0, others.find('\n') + 1).c_str());
+    return 0;
+}
+
+TEST(FileLoggerFailure, AFileThatLogsToItsOwnLoggerStopsNobody)
+{
+    TestSupport::SChildOptions options;
+    options.timeoutSeconds = 20;
+    options.arguments = {"0"};
+    auto const atOnce = TestSupport::RunChild("HasAFileThatLogs", options);
+    EXPECT_FALSE(atOnce.timedOut);
+    EXPECT_EQ(atOnce.standardOutput, "1: [Info] one\n3: [Info] three\n4: [Info] elsewhere\n6: [Info] to another one\n");
+    options.arguments = {"4096"};
+    auto const buffered = TestSupport::RunChild("HasAFileThatLogs", options);
+    EXPECT_FALSE(buffered.timedOut);
+    // The second line is lost with whatever was written together with it.
+    EXPECT_THAT(buffered.standardOutput,
+                testing::AnyOf("1: [Info] one\n4: [Info] elsewhere\n6: [Info] to another one\n",
+                               "1: [Info] one\n6: [Info] to another one\n"));
+    options.arguments = {"32"};
+    auto const small = TestSupport::RunChild("HasAFileThatLogs", options);
+    EXPECT_FALSE(small.timedOut);
+    EXPECT_EQ(small.exitCode, 0u);
+    EXPECT_THAT(small.standardOutput, testing::StartsWith("1: [Info] one\n"));
+    EXPECT_THAT(small.standardOutput, testing::Not(testing::HasSubstr("within")));
+}
+
+VLMCORE_CHILD(HasAFileThatLogsOnce)
+{
+    Memory::Initialize(0, 0);
+    CFileLogger* logger = nullptr;
+    CFileHandle const file = MakeFile([&](u64, u64 size) {
+        WriteInfo(*logger, 2, "from within");
+        return size;
+    });
+    CFileLogger written(file, 0);
+    logger = &written;
+    WriteInfo(written, 1, "one");
+    return 0;
+}
+
+TEST(FileLoggerFailure, WhatAFileLogsToItsOwnLoggerIsReportedToTheDebugger)
+{
+    EXPECT_EQ(TestSupport::RunDebugged("HasAFileThatLogsOnce").debuggerOutput,
+              "File logger: a line that the file itself logged is dropped.\n");
 }
 
 TEST(FileLoggerFailure, AFullDiskStopsNobody)

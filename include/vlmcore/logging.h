@@ -127,8 +127,10 @@ private:
 /// the lines.
 ///
 /// Errors: a file that throws or writes short never shows here. What it took is not written again, the rest of what it
-/// was given is lost and reported with Debug::Print, and the next lines go on. Threads: any number may write; the lines
-/// of one thread keep their order. The file belongs to the logger's threads until the logger is gone.
+/// was given is lost and reported with Debug::Print, and the next lines go on. A line that the file itself logs here
+/// from within its Write is dropped and reported likewise: it would wait for that very write to end, or cause the next
+/// write, which logs again. Threads: any number may write; the lines of one thread keep their order. The file belongs to
+/// the logger's threads until the logger is gone.
 class VLM_API CFileLogger : public ILogger {
 public:
     /// Creates the file, or empties it. One that cannot be opened leaves the logger without a file.
@@ -153,9 +155,11 @@ private:
     void StartWriter();
     void WriteBuffered(u8 const* line, u64 lineSize);
     [[nodiscard]] u64 WriteToFile(u8 const* data, u64 size) noexcept;
+    [[nodiscard]] bool IsCalledByFile() const;
 
     CLogWriter* m_writer = nullptr;
     CSpinLock m_lock;
+    std::atomic<u32> m_fileThread{Impl::NoOwner}; ///< the one that is within the file's Write
     TResourcePtr<IFile> m_file;
     SBuffer m_buffers[2];
     u64 m_bufferSize;

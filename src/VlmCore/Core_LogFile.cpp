@@ -64,6 +64,11 @@ void ReportLoss(u64 lost)
         Debug::Print("File logger: the file did not take %llu bytes.\n", static_cast<unsigned long long>(lost));
 }
 
+void ReportDropped()
+{
+    Debug::Print("File logger: a line that the file itself logged is dropped.\n");
+}
+
 } // namespace
 
 // ---- the logger ----
@@ -126,6 +131,10 @@ void CFileLogger::Write(Log::EMessage::Type type, u64 timestamp, CString const& 
     }
     if (!m_file)
         return;
+    if (IsCalledByFile()) { // and holds the lock
+        ReportDropped();
+        return;
+    }
     m_lock.Acquire();
     u64 const lost = WriteToFile(line.GetData(), line.GetSizeByte());
     m_lock.Release();
@@ -142,6 +151,11 @@ void CFileLogger::WriteBuffered(u8 const* line, u64 lineSize)
             m_writer->GetBell().Ring();
     };
     m_lock.Acquire();
+    if (IsCalledByFile()) [[unlikely]] { // asked here, where the logger's words are at hand
+        m_lock.Release();
+        ReportDropped();
+        return;
+    }
     for (;;) {
         SBuffer& buffer = m_buffers[m_index.load(std::memory_order_relaxed)];
         u64 const used = buffer.used.load(std::memory_order_relaxed);
@@ -165,6 +179,7 @@ void CFileLogger::WriteBuffered(u8 const* line, u64 lineSize)
 u64 CFileLogger::WriteToFile(u8 const* data, u64 size) noexcept
 {
     u64 written = 0;
+    m_fileThread.store(Thread::GetId(), std::memory_order_relaxed);
     try {
         while (written < size) {
             u64 const taken = m_file->Write(data + written, size - written);
@@ -176,7 +191,15 @@ u64 CFileLogger::WriteToFile(u8 const* data, u64 size) noexcept
     catch (...) {
         // Whatever a file throws, the lines behind these bytes still have their chance.
     }
+    m_fileThread.store(Impl::NoOwner, std::memory_order_relaxed);
     return size - written;
+}
+
+/// Whether this thread is within the file's Write: a thread that is finds its own mark, no other finds one of its own.
+bool CFileLogger::IsCalledByFile() const
+{
+    u32 const fileThread = m_fileThread.load(std::memory_order_relaxed);
+    return fileThread != Impl::NoOwner && fileThread == Thread::GetId();
 }
 
 // ---- its writer ----
