@@ -229,20 +229,26 @@ private:
         u64 address;
         u64 size;
         u64 heapSize;
-        void* stack[32];
         u32 stackHash;
         u64 timestamp;
         u64 event;
     };
 
+    /// Return addresses, a null behind the last unless all are in use.
+    struct SStack {
+        void* frames[32];
+    };
+
+    /// One block of memory: `capacity` records, and behind them a stack for each, which most events leave untouched.
     struct SBuffer {
         SRecord* records = nullptr;
         std::atomic<u64> count{0};
     };
 
     void Start();
+    [[nodiscard]] SStack* GetStacks(SBuffer const& buffer) const;
     void Record(u64 event, void const* address, u64 size);
-    static void Fill(SRecord& record, void* const* stack, u64 frameCount);
+    void Fill(SRecord& record) const;
     void RecordUnbuffered(u64 event, void const* address, u64 size);
     void RecordBuffered(u64 event, void const* address, u64 size);
 

@@ -34,7 +34,7 @@ CJSONFile::CJSONFile(TResourcePtr<IFile> const& file, CJSONFile* referred)
     m_text.Reserve(1);
     try {
         if (m_file) {
-            m_position = m_file->GetPosition();
+            MoveTo(m_file->GetPosition());
             static_cast<void>(Open());
         }
     }
@@ -43,12 +43,28 @@ CJSONFile::CJSONFile(TResourcePtr<IFile> const& file, CJSONFile* referred)
     }
 }
 
-/// The new item stays behind when the ones before it are written: alone it may leave its page.
-void CJSONFile::WriteIfDue() noexcept
+/// The trailer is at `position` now.
+void CJSONFile::MoveTo(u64 position)
 {
-    u64 const end = m_isNative ? Platform::GetWholeWriteEnd(m_position) : (m_position / PageSize + 1) * PageSize;
-    if (m_itemStart != 0 && m_position + m_text.GetSizeByte() + TrailerSize > end)
-        WriteItems(m_itemStart);
+    m_position = position;
+    u64 const end = m_isNative ? Platform::GetWholeWriteEnd(position) : (position / PageSize + 1) * PageSize;
+    m_dueSize = end - std::min(end, position + TrailerSize);
+}
+
+/// Without memory for more, what is collected makes room.
+bool CJSONFile::MakeRoom(u64 size) noexcept
+{
+    for (bool const isEmpty : {false, true}) {
+        if (isEmpty)
+            Flush();
+        try {
+            m_text.Reserve(size);
+            return true;
+        }
+        catch (CBadAllocation const&) {
+        }
+    }
+    return false;
 }
 
 void CJSONFile::Flush() noexcept
@@ -85,7 +101,7 @@ bool CJSONFile::TryWrite(char const* data, u64 size) noexcept
         m_isDamaged = true;
         if (WriteAll(data, size)) {
             m_file->Seek(ESeek::Current, -static_cast<i64>(TrailerSize));
-            m_position += size - TrailerSize;
+            MoveTo(m_position + size - TrailerSize);
             m_isDamaged = false;
             return true;
         }
@@ -133,7 +149,7 @@ bool CJSONFile::Open()
     std::memcpy(opening + openingSize, Log::JsonTrailer, TrailerSize);
     if (!WriteAll(opening, openingSize + TrailerSize))
         return false;
-    m_position += openingSize;
+    MoveTo(m_position + openingSize);
     m_isOpen = true;
     m_isDamaged = true;
     m_file->Seek(ESeek::Current, -static_cast<i64>(TrailerSize));

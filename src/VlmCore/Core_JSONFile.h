@@ -42,6 +42,24 @@ public:
         return true;
     }
 
+    /// The same for an item that `write(at)` writes to the place it is given, beginning with "{", returning its end. It
+    /// may touch `RoomSize` bytes and does not fail.
+    template <u64 RoomSize, class Write>
+    bool AddShortItem(Write const& write) noexcept
+    {
+        constexpr u64 Most = 1 + RoomSize + TrailerSize;
+        if (!m_text.HasRoom(Most)) [[unlikely]] {
+            if (!MakeRoom(Most))
+                return false;
+        }
+        m_itemStart = m_text.GetSizeByte();
+        char* const start = m_text.GetEnd();
+        *start = ',';
+        m_text.ExtendTo(write(start + 1));
+        WriteIfDue();
+        return true;
+    }
+
     /// Writes the collected items.
     void Flush() noexcept;
 
@@ -64,7 +82,14 @@ private:
         }
     }
 
-    void WriteIfDue() noexcept;
+    /// The new item stays behind when the ones before it are written: alone it may leave its page.
+    void WriteIfDue() noexcept
+    {
+        if (m_text.GetSizeByte() > m_dueSize && m_itemStart != 0) [[unlikely]]
+            WriteItems(m_itemStart);
+    }
+    [[nodiscard]] bool MakeRoom(u64 size) noexcept;
+    void MoveTo(u64 position);
     void WriteItems(u64 size) noexcept;
     [[nodiscard]] bool TryWrite(char const* data, u64 size) noexcept;
     [[nodiscard]] bool TryRepair() noexcept;
@@ -77,6 +102,7 @@ private:
     bool m_isNative; ///< the file is the library's own native file
     CJSONText m_text;
     u64 m_itemStart = 0;
+    u64 m_dueSize = 0;        ///< the most of the text that one write may carry
     u64 m_position = 0;       ///< of the trailer in the file; of the opening before there is one
     bool m_isOpen = false;    ///< the opening is in the file
     bool m_isDamaged = false; ///< what lies at the position is not a trailer, or the file stands elsewhere

@@ -1,5 +1,7 @@
 #include "Core_JSONText.h"
 
+#include "Core_NumberText.h"
+
 #include <vlmcore/memory.h>
 #include <vlmcore/strings.h>
 
@@ -43,10 +45,8 @@ CJSONText::~CJSONText()
 }
 
 // General memory: the text belongs to a thread that may outlive the pools at process exit.
-void CJSONText::Reserve(u64 size)
+void CJSONText::Grow(u64 size)
 {
-    if (size <= m_capacity - m_size)
-        return;
     u64 const capacity = std::max({SmallestCapacity, m_capacity + m_capacity / 2, m_size + size});
     char* const data = static_cast<char*>(Memory::Malloc(capacity, EHeap::General));
     if (data == nullptr)
@@ -72,12 +72,18 @@ void CJSONText::Append(char const* text, u64 size)
 
 void CJSONText::AppendDecimal(u64 value)
 {
-    AppendWith(CJSONCursor::NumberSize, [value](CJSONCursor& cursor) { cursor.AppendDecimal(value); });
+    u32 const count = NumberText::CountDigits(value);
+    Reserve(count);
+    m_size += count;
+    NumberText::WriteDigits(value, GetEnd());
 }
 
 void CJSONText::AppendHex(u64 value)
 {
-    AppendWith(CJSONCursor::NumberSize, [value](CJSONCursor& cursor) { cursor.AppendHex(value); });
+    u32 const count = NumberText::CountHex(value);
+    Reserve(count);
+    m_size += count;
+    NumberText::WriteHex(value, GetEnd());
 }
 
 void CJSONText::AppendEscaped(char const* text)

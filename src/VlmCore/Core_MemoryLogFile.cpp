@@ -18,6 +18,9 @@ namespace EMemoryEvent {
 enum Type : u64 { Allocate = 0, Free = 1, Retain = 2, Release = 3 };
 } // namespace EMemoryEvent
 
+/// Bytes of a buffer that an event takes.
+constexpr u64 EventSize = 304;
+
 [[nodiscard]] TResourcePtr<IFile> CreateFile(CString const& path)
 {
     auto const mode = EFileOpen::Read | EFileOpen::Write | EFileOpen::CreateAlways;
@@ -35,7 +38,8 @@ CFileMemoryLogger::CFileMemoryLogger(CString const& eventsPath, CString const& s
 CFileMemoryLogger::CFileMemoryLogger(TResourcePtr<IFile> const& events, TResourcePtr<IFile> const& stacks, u64 capacity)
     : m_events(events), m_stacks(stacks), m_capacity(capacity)
 {
-    static_assert(sizeof(SRecord) == 304 && offsetof(SRecord, stackHash) == 280 && offsetof(SRecord, event) == 296);
+    static_assert(sizeof(SRecord) == 48 && sizeof(SRecord) + sizeof(SStack) == EventSize);
+    static_assert(sizeof(SStack::frames) == Debug::MaxFrames * sizeof(void*));
     static_assert(sizeof(CFileMemoryLogger) == 88 && sizeof(CRecursiveSpinLock) == 8);
     Start();
 }
@@ -61,10 +65,10 @@ void CFileMemoryLogger::Start()
 {
     try {
         if (m_capacity != 0) {
-            if (m_capacity > ~u64{0} / sizeof(SRecord))
+            if (m_capacity > ~u64{0} / EventSize)
                 throw CBadAllocation();
             for (SBuffer& buffer : m_buffers) {
-                buffer.records = static_cast<SRecord*>(Memory::Malloc(m_capacity * sizeof(SRecord), EHeap::General));
+                buffer.records = static_cast<SRecord*>(Memory::Malloc(m_capacity * EventSize, EHeap::General));
                 if (buffer.records == nullptr)
                     throw CBadAllocation();
             }
@@ -102,7 +106,12 @@ void CFileMemoryLogger::OnRelease(void const* address)
     Record(EMemoryEvent::Release, address, 0);
 }
 
-void CFileMemoryLogger::Record(u64 event, void const* address, u64 size)
+CFileMemoryLogger::SStack* CFileMemoryLogger::GetStacks(SBuffer const& buffer) const
+{
+    return reinterpret_cast<SStack*>(buffer.records + m_capacity);
+}
+
+inline void CFileMemoryLogger::Record(u64 event, void const* address, u64 size)
 {
     if (m_writer->IsCaller())
         return;
@@ -112,15 +121,23 @@ void CFileMemoryLogger::Record(u64 event, void const* address, u64 size)
         RecordBuffered(event, address, size);
 }
 
-/// What of a record is known under the lock only, and the stack: its addresses, of which nothing but the ones in use is
-/// copied, and a null behind them.
-void CFileMemoryLogger::Fill(SRecord& record, void* const* stack, u64 frameCount)
+namespace {
+
+/// Nothing but the addresses in use is copied, and a null behind them.
+inline void CopyStack(void** frames, void* const* stack, u64 frameCount)
+{
+    std::memcpy(frames, stack, frameCount * sizeof *stack);
+    if (frameCount < Debug::MaxFrames)
+        frames[frameCount] = nullptr;
+}
+
+} // namespace
+
+/// What of a record is known under the lock only.
+inline void CFileMemoryLogger::Fill(SRecord& record) const
 {
     record.heapSize = MemoryLog::GetHeapSize();
-    std::memcpy(record.stack, stack, frameCount * sizeof *stack);
-    if (frameCount < Debug::MaxFrames)
-        record.stack[frameCount] = nullptr;
-    record.timestamp = Log::GetTimestamp();
+    record.timestamp = m_writer->GetTimestamp();
 }
 
 /// The lock is recursive: a write that allocates comes back here on the same thread, and its event is dropped.
@@ -130,13 +147,14 @@ void CFileMemoryLogger::RecordUnbuffered(u64 event, void const* address, u64 siz
     if (m_writer->IsWritingNow())
         return;
     SRecord record;
-    void* stack[Debug::MaxFrames];
-    u64 const frameCount = Debug::Backtrace(stack, &record.stackHash);
-    Fill(record, stack, frameCount);
+    SStack stack;
+    void* captured[Debug::MaxFrames];
+    CopyStack(stack.frames, captured, Debug::Backtrace(captured, &record.stackHash));
     record.address = reinterpret_cast<u64>(address);
     record.size = size;
     record.event = event;
-    m_writer->WriteNow(record);
+    Fill(record);
+    m_writer->WriteNow(record, stack);
 }
 
 /// The stack is captured before the lock is taken: a capture that allocates comes back here, and finds room or waits
@@ -146,8 +164,8 @@ void CFileMemoryLogger::RecordBuffered(u64 event, void const* address, u64 size)
 {
     void* stack[Debug::MaxFrames];
     u32 stackHash = 0;
-    u64 const captured = Debug::Backtrace(stack, &stackHash);
-    u64 const frameCount = m_writer->HasStack(stackHash) ? 0 : captured;
+    u64 const frameCount = Debug::Backtrace(stack, &stackHash);
+    bool const isStackKnown = m_writer->HasStack(stackHash);
 
     m_lock.Acquire();
     SBuffer* buffer = &m_buffers[m_index.load(std::memory_order_relaxed)];
@@ -169,7 +187,9 @@ void CFileMemoryLogger::RecordBuffered(u64 event, void const* address, u64 size)
     record.size = size;
     record.stackHash = stackHash;
     record.event = event;
-    Fill(record, stack, frameCount);
+    Fill(record);
+    if (!isStackKnown) [[unlikely]]
+        CopyStack(GetStacks(*buffer)[count].frames, stack, frameCount);
     buffer->count.store(count + 1, std::memory_order_relaxed);
     bool const isBellWanted = m_writer->GetBell().IsWanted();
     m_lock.Release();

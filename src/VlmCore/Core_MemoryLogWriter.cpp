@@ -1,6 +1,7 @@
 #include "Core_MemoryLogWriter.h"
 
 #include "Core_Log.h"
+#include "platform/Platform_System.h"
 
 #include <vlmcore/system.h>
 
@@ -9,12 +10,6 @@
 namespace Velmor {
 
 namespace {
-
-struct SEventName {
-    char text[8];
-    u64 size;
-};
-constexpr SEventName EventNames[4] = {{"alloc", 5}, {"free", 4}, {"retain", 6}, {"release", 7}};
 
 /// Functions with one of these in their name belong to the allocator: every stack would begin with them.
 constexpr char const* AllocatorNames[] = {
@@ -33,7 +28,8 @@ constexpr char const* AllocatorNames[] = {
 } // namespace
 
 CJSONMemoryLogWriter::CJSONMemoryLogWriter(CFileMemoryLogger& owner)
-    : m_owner(&owner), m_stacks(owner.m_stacks), m_events(owner.m_events, &m_stacks)
+    : m_owner(&owner), m_clock(Platform::HasSteadyTicks()), m_stacks(owner.m_stacks),
+      m_events(owner.m_events, &m_stacks)
 {
 }
 
@@ -86,10 +82,15 @@ bool CJSONMemoryLogWriter::Drain() noexcept
     u64 const count = buffer.count.load(std::memory_order_relaxed);
     m_owner->m_lock.TryRelease();
 
-    WriteRecords(buffer.records, count);
+    WriteRecords(buffer.records, m_owner->GetStacks(buffer), count);
     buffer.count.store(0, std::memory_order_relaxed);
     ReportDropped();
     return true;
+}
+
+u64 CJSONMemoryLogWriter::GetTimestamp()
+{
+    return m_clock.GetWhole(&Platform::GetTicks, &System::GetTimeMs);
 }
 
 bool CJSONMemoryLogWriter::WaitForRoom(SWait& wait)
@@ -116,18 +117,20 @@ void CJSONMemoryLogWriter::ReportDropped()
 
 // ---- records ----
 
-void CJSONMemoryLogWriter::WriteNow(SRecord const& record) noexcept
+void CJSONMemoryLogWriter::WriteNow(SRecord const& record, SStack const& stack) noexcept
 {
     m_isWritingNow = true;
-    WriteRecords(&record, 1);
+    WriteRecords(&record, &stack, 1);
     m_isWritingNow = false;
 }
 
-void CJSONMemoryLogWriter::WriteRecords(SRecord const* records, u64 count) noexcept
+void CJSONMemoryLogWriter::WriteRecords(SRecord const* records, SStack const* stacks, u64 count) noexcept
 {
     u64 progress = m_progress.load(std::memory_order_relaxed);
     for (u64 index = 0; index < count; ++index) {
-        AddStack(records[index]);
+        u32 const hash = records[index].stackHash;
+        if (!m_filter.Knows(hash)) [[unlikely]]
+            AddStack(hash, stacks[index]);
         AddEvent(records[index]);
         m_progress.store(++progress, std::memory_order_relaxed);
     }
@@ -135,19 +138,17 @@ void CJSONMemoryLogWriter::WriteRecords(SRecord const* records, u64 count) noexc
     m_events.Flush();
 }
 
-/// Writes the stack of the event unless it is in the file already. One that there is no memory for is left to the next
-/// event that has it.
-void CJSONMemoryLogWriter::AddStack(SRecord const& record) noexcept
+/// Writes the stack unless it is in the file already. One that there is no memory for is left to the next event that has
+/// it.
+void CJSONMemoryLogWriter::AddStack(u32 hash, SStack const& stack) noexcept
 {
-    if (m_filter.Knows(record.stackHash))
-        return;
     try {
-        if (!m_writtenStacks.insert(record.stackHash).second)
-            return;
-        if (m_stacks.AddItem([&](CJSONText& text) { AppendStack(text, record); }))
-            m_filter.Note(record.stackHash);
+        if (!m_writtenStacks.insert(hash).second)
+            m_filter.Note(hash); // it was pushed out
+        else if (m_stacks.AddItem([&](CJSONText& text) { AppendStack(text, hash, stack); }))
+            m_filter.Note(hash);
         else
-            m_writtenStacks.erase(record.stackHash);
+            m_writtenStacks.erase(hash);
     }
     catch (CBadAllocation const&) {
     }
@@ -155,39 +156,23 @@ void CJSONMemoryLogWriter::AddStack(SRecord const& record) noexcept
 
 void CJSONMemoryLogWriter::AddEvent(SRecord const& record) noexcept
 {
-    constexpr u64 FixedSize = sizeof "{ \"Timestamp\": , \"Address\": \"\", \"Size\": , \"HeapSize\": , "
-                                     "\"Event\": \"\", \"CSHash\": }\n";
-    constexpr u64 LargestSize = FixedSize + 5 * CJSONCursor::NumberSize + sizeof(SEventName::text);
-    SEventName const& name = EventNames[record.event];
-    auto const write = [&](CJSONCursor& line) {
-        line.Append("{ \"Timestamp\": ");
-        line.AppendDecimal(record.timestamp);
-        line.Append(", \"Address\": \"");
-        line.AppendHex(record.address);
-        line.Append("\", \"Size\": ");
-        line.AppendDecimal(record.size);
-        line.Append(", \"HeapSize\": ");
-        line.AppendDecimal(record.heapSize);
-        line.Append(", \"Event\": \"");
-        line.Append(name.text, name.size);
-        line.Append("\", \"CSHash\": ");
-        line.AppendDecimal(record.stackHash);
-        line.Append(" }\n");
-    };
-    m_events.AddItem([&](CJSONText& text) { text.AppendWith(LargestSize, write); });
+    m_events.AddShortItem<CEventText::RoomSize>([&](char* at) {
+        return m_eventText.Write(at, {record.timestamp, record.address, record.size, record.heapSize,
+                                      static_cast<u32>(record.event), record.stackHash});
+    });
 }
 
-void CJSONMemoryLogWriter::AppendStack(CJSONText& text, SRecord const& record)
+void CJSONMemoryLogWriter::AppendStack(CJSONText& text, u32 hash, SStack const& stack)
 {
     u64 count = 0;
-    while (count < Debug::MaxFrames && record.stack[count] != nullptr)
+    while (count < Debug::MaxFrames && stack.frames[count] != nullptr)
         ++count;
     void* addresses[Debug::MaxFrames];
-    std::memcpy(addresses, record.stack, sizeof addresses);
+    std::memcpy(addresses, stack.frames, count * sizeof *addresses);
     Debug::ResolveSymbols(addresses, m_frames, count);
 
     text.Append("{ \"CSHash\": ");
-    text.AppendDecimal(record.stackHash);
+    text.AppendDecimal(hash);
     text.Append(", \"Stack\": [\n");
     char const* separator = "";
     for (u64 index = 0; index < count; ++index) {

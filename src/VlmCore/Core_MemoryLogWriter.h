@@ -3,7 +3,9 @@
 #pragma once
 
 #include "Core_DrainPolicy.h"
+#include "Core_EventText.h"
 #include "Core_JSONFile.h"
+#include "Core_MillisecondClock.h"
 #include "Core_StackFilter.h"
 #include "Core_StallWatch.h"
 
@@ -40,12 +42,15 @@ public:
     bool Drain() noexcept;
 
     /// Writes one event on the calling thread. Under the logger's lock.
-    void WriteNow(CFileMemoryLogger::SRecord const& record) noexcept;
+    void WriteNow(CFileMemoryLogger::SRecord const& record, CFileMemoryLogger::SStack const& stack) noexcept;
     /// True while WriteNow is at work.
     [[nodiscard]] bool IsWritingNow() const { return m_isWritingNow; }
 
     /// True when the stack of this hash is in the file: an event need not bring it. False may be wrong. Any thread.
     [[nodiscard]] bool HasStack(u32 hash) const { return m_filter.Knows(hash); }
+
+    /// The time that an event carries. Under the logger's lock.
+    [[nodiscard]] u64 GetTimestamp();
 
     /// A thread's wait for room in the buffers.
     struct SWait {
@@ -61,12 +66,13 @@ protected:
 
 private:
     using SRecord = CFileMemoryLogger::SRecord;
+    using SStack = CFileMemoryLogger::SStack;
 
     [[nodiscard]] CFileMemoryLogger::SBuffer& GetCurrentBuffer() const;
-    void WriteRecords(SRecord const* records, u64 count) noexcept;
+    void WriteRecords(SRecord const* records, SStack const* stacks, u64 count) noexcept;
     void AddEvent(SRecord const& record) noexcept;
-    void AddStack(SRecord const& record) noexcept;
-    void AppendStack(CJSONText& text, SRecord const& record);
+    void AddStack(u32 hash, SStack const& stack) noexcept;
+    void AppendStack(CJSONText& text, u32 hash, SStack const& stack);
     void ReportDropped();
 
     // What recording threads look at comes first, and far from what the writer changes with every record.
@@ -74,12 +80,14 @@ private:
     std::atomic<u32> m_self{NoThreadId};
     bool m_isWritingNow = false;
     CWriterBell m_bell;
-    CStackFilter m_filter; ///< of m_writtenStacks
+    CMillisecondClock m_clock; ///< under the owner's lock
+    CStackFilter m_filter;     ///< of m_writtenStacks
     Debug::SCallstackLine m_frames[Debug::MaxFrames];
     /// In general memory: a logger may outlive the pools at process exit, with events still to write.
     std::set<u32, std::less<>, TAllocator<u32, EHeap::General>> m_writtenStacks;
     CJSONFile m_stacks;
     CJSONFile m_events;
+    CEventText m_eventText;
     CDrainPolicy m_policy;
     std::atomic<u64> m_dropped{0};
     std::atomic<u64> m_progress{0};              ///< records that the writer is done with

@@ -8,6 +8,11 @@
 // Every stack has frames without frame pointers: the C runtime's start-up code beneath main and beneath each thread
 // function, sorting routines that call back. The unwinder's finding about such a run of frames is remembered by the
 // thread, with the place on the stack of each return address, and holds as long as all of them are found unchanged.
+//
+// Even so a walk is a chain of loads, each waiting for the one before, with a look-up for each frame. A thread that
+// allocates in a loop comes by the same stacks again and again, of which an address or two change. So it keeps its last
+// walks and compares: loads that wait for nothing. Each word that the walk would have followed is compared, so that the
+// outcome is that of the walk.
 #include "../Platform_Stack.h"
 
 #include <atomic>
@@ -87,11 +92,25 @@ struct SRun {
     SSlot slots[MaxSlots];
 };
 
+/// A walk that ended well.
+struct SWalk {
+    u32 count; ///< frames; 0 for an empty entry
+    u32 sum;   ///< of the low halves of their addresses
+    bool canRepeat;
+    u32 chained; ///< a bit for each frame: the walk followed the frame pointer saved beneath the return address
+    /// Where the return addresses stand. One more: where the next one would, behind a frame that chains.
+    Address places[MaxStackFrames + 1];
+    Address addresses[MaxStackFrames];
+};
+
 struct SThreadStack {
     static constexpr u32 RunCount = 8;
+    static constexpr u32 WalkCount = 8;
     Address low = 0; ///< bounds of the stack; both 0 until asked for
     Address high = 0;
+    bool isBusy = false; ///< a capture is at work: one in a signal's handler keeps its hands off
     SRun runs[RunCount]{};
+    SWalk walks[WalkCount]{};
 };
 
 thread_local SThreadStack t_stack;
@@ -208,32 +227,45 @@ VLM_STACK_WALK SRun const* FindRun(SThreadStack& stack, Address place, Address p
     return &run;
 }
 
-/// Return addresses from the one in the record at `frame` on; 0 when something on the way is not known.
-VLM_STACK_WALK u32 CaptureByChain(void** addresses, Address frame, SThreadStack& stack)
+/// Walks from the record at `frame` on. The walk's count is 0 when something on the way is not known.
+VLM_STACK_WALK void WalkChain(SWalk& walk, Address frame, SThreadStack& stack)
 {
     Address const highest = stack.high - FrameRecordSize;
     u32 count = 0;
+    u32 sum = 0;
+    u32 chained = 0;
+    bool isWhole = true;
+    auto const add = [&](Address place, Address pc) {
+        walk.places[count] = place;
+        walk.addresses[count++] = pc;
+        sum += static_cast<u32>(pc);
+    };
+    walk.count = 0;
     for (Address lowest = frame; frame != 0;) {
         if (frame < lowest || frame > highest || frame % sizeof(Address) != 0)
-            return 0;
+            return;
         Address const place = frame + sizeof(Address);
         Address const pc = *reinterpret_cast<Address const*>(place);
-        addresses[count++] = reinterpret_cast<void*>(pc);
+        add(place, pc);
         if (count == MaxStackFrames)
             break;
         lowest = frame + FrameRecordSize;
         EFrame const kind = g_frames.Find(pc);
         if (kind == EFrame::Unknown)
-            return 0;
+            return;
         if (kind == EFrame::Chained) {
             frame = *reinterpret_cast<Address const*>(frame);
+            chained |= 1u << (count - 1);
+            walk.places[count] = frame + sizeof(Address);
             continue;
         }
         SRun const* const run = FindRun(stack, place, pc);
         if (run == nullptr)
-            return 0;
-        for (u32 i = 1; i < run->reported && count < MaxStackFrames; ++i)
-            addresses[count++] = reinterpret_cast<void*>(run->slots[i].pc);
+            return;
+        u32 i = 1;
+        for (; i < run->reported && count < MaxStackFrames; ++i)
+            add(run->slots[i].place, run->slots[i].pc);
+        isWhole = i == run->reported;
         if (count == MaxStackFrames)
             break;
         frame = run->nextFrame;
@@ -241,7 +273,43 @@ VLM_STACK_WALK u32 CaptureByChain(void** addresses, Address frame, SThreadStack&
             // The run ended in a function with a frame pointer, whose own return address is the next to report.
             lowest = run->slots[run->reported - 1].place;
     }
-    return count;
+    // A run holds as a whole or not at all: one that was cut is not there to be compared the next time.
+    walk.canRepeat = isWhole;
+    walk.chained = chained;
+    walk.sum = sum;
+    walk.count = count;
+}
+
+/// True when the stack is the one of the walk, or differs from it in functions only that chain as theirs did: the walk
+/// is then as if made anew. Its first place is where the capture begins.
+VLM_STACK_WALK bool Refresh(SWalk& walk)
+{
+    for (u32 i = 0; i < walk.count; ++i) {
+        Address const place = walk.places[i];
+        bool const isChained = (walk.chained >> i & 1) != 0;
+        if (isChained &&
+            *reinterpret_cast<Address const*>(place - sizeof(Address)) + sizeof(Address) != walk.places[i + 1])
+            return false;
+        Address const pc = *reinterpret_cast<Address const*>(place);
+        if (pc == walk.addresses[i]) [[likely]]
+            continue;
+        // Another call of a function, or of another function of the same frame size. What does not chain belongs to a
+        // run, and the last frame that there is room for is the end whatever it is: both are the walk's business.
+        if (!isChained || g_frames.Find(pc) != EFrame::Chained)
+            return false;
+        walk.sum += static_cast<u32>(pc) - static_cast<u32>(walk.addresses[i]);
+        walk.addresses[i] = pc;
+    }
+    return true;
+}
+
+/// The walk from the record at `frame` on; null when something on the way is not known.
+VLM_STACK_WALK SWalk const* FindWalk(Address frame, SThreadStack& stack)
+{
+    SWalk& walk = stack.walks[(frame >> 4) % SThreadStack::WalkCount];
+    if (walk.count == 0 || !walk.canRepeat || walk.places[0] != frame + sizeof(Address) || !Refresh(walk))
+        WalkChain(walk, frame, stack);
+    return walk.count != 0 ? &walk : nullptr;
 }
 
 } // namespace
@@ -254,9 +322,22 @@ VLM_STACK_WALK u32 CaptureStack(void** addresses, u32* hash)
     if (stack.high == 0)
         FindStackBounds(stack);
     bool const onOwnStack = frame >= stack.low && frame < stack.high; // not on a signal stack or a coroutine's
-    u32 count = onOwnStack ? CaptureByChain(addresses, frame, stack) : 0;
-    if (count == 0)
-        count = CaptureByUnwinder(addresses, caller, onOwnStack ? &stack : nullptr);
+    bool const isAlone = onOwnStack && !stack.isBusy;
+    if (isAlone) {
+        stack.isBusy = true;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        SWalk const* const walk = FindWalk(frame, stack);
+        u32 const count = walk != nullptr ? walk->count : 0;
+        for (u32 i = 0; i < count; ++i)
+            addresses[i] = reinterpret_cast<void*>(walk->addresses[i]);
+        if (count != 0 && hash != nullptr)
+            *hash = walk->sum;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        stack.isBusy = false;
+        if (count != 0)
+            return count;
+    }
+    u32 const count = CaptureByUnwinder(addresses, caller, isAlone ? &stack : nullptr);
     if (hash != nullptr) {
         u32 sum = 0;
         for (u32 i = 0; i < count; ++i)

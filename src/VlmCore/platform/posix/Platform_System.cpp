@@ -81,4 +81,15 @@ u64 GetPerformanceFrequency()
     return NanosecondsPerSecond;
 }
 
+u64 GetTicks()
+{
+    return __builtin_ia32_rdtsc();
+}
+
+bool HasSteadyTicks()
+{
+    constexpr u32 PowerLeaf = 0x80000007, SteadyBit = 1u << 8;
+    return IdentifyProcessor(0x80000000, 0).eax >= PowerLeaf && (IdentifyProcessor(PowerLeaf, 0).edx & SteadyBit) != 0;
+}
+
 } // namespace Velmor::Platform

@@ -25,7 +25,7 @@ namespace {
 
 constexpr u64 PageSize = 4096;
 /// What makes the price of a helper small beside that of the write.
-[[maybe_unused]] constexpr u64 WorthwhileSize = 256 * 1024;
+[[maybe_unused]] constexpr u64 WorthwhileSize = 1024 * 1024;
 
 } // namespace
 

@@ -87,4 +87,19 @@ u64 GetPerformanceFrequency()
     return frequency;
 }
 
+u64 GetTicks()
+{
+#if defined(_MSC_VER)
+    return __rdtsc();
+#else
+    return __builtin_ia32_rdtsc();
+#endif
+}
+
+bool HasSteadyTicks()
+{
+    constexpr u32 PowerLeaf = 0x80000007, SteadyBit = 1u << 8;
+    return IdentifyProcessor(0x80000000, 0).eax >= PowerLeaf && (IdentifyProcessor(PowerLeaf, 0).edx & SteadyBit) != 0;
+}
+
 } // namespace Velmor::Platform
