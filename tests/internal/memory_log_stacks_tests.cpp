@@ -243,4 +243,33 @@ TEST_P(MemoryLogStacks, OneHashIsOneStackAndTheFirstOneStands)
     EXPECT_EQ(hashes, (std::vector<std::string>{"7", "8", "7"}));
 }
 
+TEST_P(MemoryLogStacks, OfAFullBufferAreAllThere)
+{
+    // As many as a buffer takes, each with all the frames that there is room for.
+    for (unsigned hash = 1; hash <= 100; ++hash)
+        Record(std::vector<void (*)()>(32, hash % 2 == 0 ? &HostOfTest : &CMemoryOfTest::Call), hash);
+    SJSONValue const document = CStrictJSON::Parse(Finish());
+    std::vector<SJSONValue> const& stacks = document["Data"].items;
+    ASSERT_EQ(stacks.size(), 100u);
+    for (std::size_t index = 0; index < stacks.size(); ++index) {
+        EXPECT_EQ(stacks[index]["CSHash"].GetNumber(), index + 1);
+        std::vector<SJSONValue> const& frames = stacks[index]["Stack"].items;
+        ASSERT_EQ(frames.size(), 32u);
+        char const* const name = index % 2 == 1 ? "HostOfTest" : "CMemoryOfTest";
+        EXPECT_NE(frames[31]["Symbol"].text.find(name), std::string::npos) << frames[31]["Symbol"].text;
+    }
+}
+
+TEST_P(MemoryLogStacks, MoreThanAreRememberedAreStillWrittenOnce)
+{
+    constexpr unsigned Count = 10000;
+    for (int round = 0; round < 2; ++round) {
+        for (unsigned hash = 1; hash <= Count; ++hash)
+            Record({&HostOfTest}, hash * 2654435761u);
+    }
+    SJSONValue const document = CStrictJSON::Parse(Finish());
+    EXPECT_EQ(document["Data"].items.size(), Count);
+    EXPECT_EQ(CStrictJSON::Parse(m_events->GetContent())["Data"].items.size(), 2 * Count);
+}
+
 } // namespace

@@ -126,7 +126,77 @@ void WalkAtRandom(unsigned seed, int rounds)
     }
 }
 
+// Stacks that repeat, but for a part.
+
+VLM_NOINLINE void CallFromHere()
+{
+    Compare();
+    t_sink = t_sink + 1;
+}
+
+VLM_NOINLINE void CallFromThere()
+{
+    Compare();
+    t_sink = t_sink + 2;
+}
+
+VLM_NOINLINE void CallInside(void (*function)())
+{
+    function();
+    t_sink = t_sink + 1;
+}
+
+VLM_NOINLINE int CallFromSort(void const*, void const*)
+{
+    Compare();
+    t_sink = t_sink + 1;
+    return 0;
+}
+
+VLM_NOINLINE void SortHere()
+{
+    int values[2] = {1, 2};
+    std::qsort(values, 2, sizeof values[0], &CallFromSort);
+    t_sink = t_sink + 1;
+}
+
+/// What is called lies at the same place of the stack whatever `outer` is, up to 15: the frames between move.
+VLM_NOINLINE void CallBehind(int rest, void (*function)())
+{
+    char volatile* const buffer = static_cast<char*>(__builtin_alloca(static_cast<std::size_t>(16 + 16 * rest)));
+    buffer[0] = 1;
+    function();
+    t_sink = t_sink + buffer[0];
+}
+
+VLM_NOINLINE void CallBetween(int outer, void (*function)())
+{
+    char volatile* const buffer = static_cast<char*>(__builtin_alloca(static_cast<std::size_t>(16 + 16 * outer)));
+    buffer[0] = 1;
+    CallBehind(15 - outer, function);
+    t_sink = t_sink + buffer[0];
+}
+
 } // namespace
+
+TEST(StackWalk, FollowsACallThatChangesInAStackThatRepeats)
+{
+    for (int round = 0; round < 50 && !testing::Test::HasFatalFailure(); ++round) {
+        CallInside(round % 2 == 0 ? &CallFromHere : &CallFromThere);
+        CallInside(&CallFromHere);
+        CallInside(round % 3 == 0 ? &SortHere : &CallFromThere);
+        SortHere();
+        CallFromHere();
+    }
+}
+
+TEST(StackWalk, FollowsFramesThatMoveBetweenFramesThatStay)
+{
+    for (int round = 0; round < 200 && !testing::Test::HasFatalFailure(); ++round) {
+        CallBetween(round * 7 % 16, round % 5 == 0 ? &CallFromThere : &CallFromHere);
+        CallBetween(round / 16 % 16, &SortHere);
+    }
+}
 
 TEST(StackWalk, AgreesWithTheUnwinderOnTheMainThread)
 {
