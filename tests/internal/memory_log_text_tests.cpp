@@ -170,8 +170,9 @@ TEST(MillisecondClock, IsExactWhateverComesBetweenTwoLooks)
     SMachine machine;
     std::mt19937 random(3);
     for (int round = 0; round < 300000; ++round) {
-        machine.lostInAsking = random() % 50 == 0 ? random() % 30 * 0.1 : 0;
-        machine.Pass(random() % 100 == 0 ? random() % 40 * 0.1 : random() % 100 * 1e-5);
+        machine.lostInAsking = random() % 50 == 0 ? static_cast<f64>(random() % 30) * 0.1 : 0;
+        machine.Pass(random() % 100 == 0 ? static_cast<f64>(random() % 40) * 0.1
+                                         : static_cast<f64>(random() % 100) * 1e-5);
         ASSERT_EQ(machine.Ask(clock), static_cast<u64>(machine.now)) << machine.now;
     }
 }
