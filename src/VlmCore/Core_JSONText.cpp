@@ -37,6 +37,20 @@ constexpr u64 SmallestCapacity = 4096;
     return !isOutside && isTail(at(2)) && isTail(at(3)) ? 4 : 0;
 }
 
+/// The ASCII characters that stand for themselves. The terminator is none.
+struct SPlainBytes {
+    bool isPlain[256];
+};
+constexpr SPlainBytes MakePlainBytes(bool isMarkup)
+{
+    SPlainBytes plain{};
+    for (u32 byte = 0x20; byte < 0x80; ++byte)
+        plain.isPlain[byte] = byte != '"' && byte != '\\' && !(isMarkup && (byte == '&' || byte == '<' || byte == '>'));
+    return plain;
+}
+constexpr SPlainBytes PlainInText = MakePlainBytes(false);
+constexpr SPlainBytes PlainInMarkup = MakePlainBytes(true);
+
 } // namespace
 
 CJSONText::~CJSONText()
@@ -88,13 +102,13 @@ void CJSONText::AppendHex(u64 value)
 
 void CJSONText::AppendEscaped(char const* text)
 {
-    while (*text != '\0')
+    for (AppendPlain(text, false); *text != '\0'; AppendPlain(text, false))
         AppendEscapedUnit(text);
 }
 
 void CJSONText::AppendEscapedMarkup(char const* text)
 {
-    while (*text != '\0') {
+    for (AppendPlain(text, true); *text != '\0'; AppendPlain(text, true)) {
         char const* const entity = *text == '&' ? "&amp;" : *text == '<' ? "&lt;" : *text == '>' ? "&gt;" : nullptr;
         if (entity == nullptr)
             AppendEscapedUnit(text);
@@ -103,6 +117,18 @@ void CJSONText::AppendEscapedMarkup(char const* text)
             ++text;
         }
     }
+}
+
+/// Appends what needs no second look, most of every name, and steps over it.
+void CJSONText::AppendPlain(char const*& text, bool isMarkup)
+{
+    SPlainBytes const& plain = isMarkup ? PlainInMarkup : PlainInText;
+    char const* end = text;
+    while (plain.isPlain[static_cast<u8>(*end)])
+        ++end;
+    if (end != text)
+        Append(text, static_cast<u64>(end - text));
+    text = end;
 }
 
 /// Appends one character, or one stray byte, and steps over it.

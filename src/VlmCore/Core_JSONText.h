@@ -46,6 +46,7 @@ public:
     [[nodiscard]] bool HasRoom(u64 size) const { return size <= m_capacity - m_size; }
 
 private:
+    void AppendPlain(char const*& text, bool isMarkup);
     void AppendEscapedUnit(char const*& text);
     void Grow(u64 size);
 

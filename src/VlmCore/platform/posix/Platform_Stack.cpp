@@ -22,10 +22,11 @@
 
 // Return addresses and saved frame pointers lie between variables, where the sanitizers do not expect a look.
 #if defined(__clang__)
-#  define VLM_STACK_WALK __attribute__((noinline, no_sanitize("address", "thread", "undefined")))
+#  define VLM_STACK_LOOK __attribute__((no_sanitize("address", "thread", "undefined")))
 #else
-#  define VLM_STACK_WALK __attribute__((noinline, no_sanitize("address"), no_sanitize("undefined")))
+#  define VLM_STACK_LOOK __attribute__((no_sanitize("address"), no_sanitize("undefined")))
 #endif
+#define VLM_STACK_WALK __attribute__((noinline)) VLM_STACK_LOOK
 
 namespace Velmor::Platform {
 
@@ -46,7 +47,7 @@ enum class EFrame : u32 { Unknown, Chained, Chainless };
 /// needs them pushes one out, which costs time and nothing else.
 class CFrameMemory {
 public:
-    VLM_STACK_WALK EFrame Find(Address pc) const
+    VLM_STACK_LOOK EFrame Find(Address pc) const
     {
         u64 const place = GetPlace(pc);
         for (u64 const candidate : {place, place ^ 1}) {
@@ -114,6 +115,17 @@ struct SThreadStack {
 };
 
 thread_local SThreadStack t_stack;
+
+// Where the thread's own lies. The initial-exec model makes this one instruction also from a shared library; eight bytes
+// fit the loader's reserve when the library is loaded late.
+[[gnu::tls_model("initial-exec")]] thread_local SThreadStack* t_known = nullptr;
+
+SThreadStack& GetThreadStack()
+{
+    if (t_known == nullptr) [[unlikely]]
+        t_known = &t_stack;
+    return *t_known;
+}
 
 void FindStackBounds(SThreadStack& stack)
 {
@@ -282,7 +294,7 @@ VLM_STACK_WALK void WalkChain(SWalk& walk, Address frame, SThreadStack& stack)
 
 /// True when the stack is the one of the walk, or differs from it in functions only that chain as theirs did: the walk
 /// is then as if made anew. Its first place is where the capture begins.
-VLM_STACK_WALK bool Refresh(SWalk& walk)
+VLM_STACK_LOOK inline bool Refresh(SWalk& walk)
 {
     for (u32 i = 0; i < walk.count; ++i) {
         Address const place = walk.places[i];
@@ -304,7 +316,7 @@ VLM_STACK_WALK bool Refresh(SWalk& walk)
 }
 
 /// The walk from the record at `frame` on; null when something on the way is not known.
-VLM_STACK_WALK SWalk const* FindWalk(Address frame, SThreadStack& stack)
+VLM_STACK_LOOK inline SWalk const* FindWalk(Address frame, SThreadStack& stack)
 {
     SWalk& walk = stack.walks[(frame >> 4) % SThreadStack::WalkCount];
     if (walk.count == 0 || !walk.canRepeat || walk.places[0] != frame + sizeof(Address) || !Refresh(walk))
@@ -318,7 +330,7 @@ VLM_STACK_WALK u32 CaptureStack(void** addresses, u32* hash)
 {
     Address const frame = reinterpret_cast<Address>(__builtin_frame_address(0));
     Address const caller = reinterpret_cast<Address>(__builtin_return_address(0));
-    SThreadStack& stack = t_stack;
+    SThreadStack& stack = GetThreadStack();
     if (stack.high == 0)
         FindStackBounds(stack);
     bool const onOwnStack = frame >= stack.low && frame < stack.high; // not on a signal stack or a coroutine's
