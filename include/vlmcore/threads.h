@@ -161,6 +161,10 @@ class CWorkerThread;
 ///
 /// Do not use for jobs that sleep or wait for devices: they occupy a worker each.
 ///
+/// Destroy a pool before Memory::Deinitialize, at process exit too (a pool made on demand as a static is): its workers
+/// lie in the heap, and one that is still running then runs on memory that is gone. The destructor of a pool that
+/// outlives the heap does nothing.
+///
 /// Threads: everything but the destructor may be called from any thread, also from jobs, except that a job cannot wait
 /// for its own pool. Errors: see PushJob.
 class VLM_API CThreadPool {
