@@ -94,7 +94,8 @@ public:
     /// Fills the slots with free blocks, the one to hand out first last; grows the class when there are none. How many
     /// there were: fewer than wanted when the class has not more, 0 when it cannot grow. A block of a chunk without notes
     /// comes alone, when there is no other.
-    [[nodiscard]] u32 TakeRow(CGlobalHeap& heap, SShape const& shape, std::span<SFreeSlot> slots);
+    /// \param home  the lane that they are for
+    [[nodiscard]] u32 TakeRow(CGlobalHeap& heap, SShape const& shape, u32 home, std::span<SFreeSlot> slots);
 
     /// Takes blocks back.
     void GiveBackRow(CHeapExtension& extension, SShape const& shape, std::span<SFreeSlot const> slots);
@@ -130,6 +131,8 @@ public:
     }
 
 private:
+    static constexpr u32 NoLane = 0; // a block for a heap without lanes: as good as any
+
     // With the lock held; releases it.
     [[nodiscard]] void* HandOut(SFreeBlock* block, SShape const& shape, u64 size)
     {
@@ -158,9 +161,9 @@ private:
 
     void AddFreeList(CHeapExtension* extension, SShape const& shape, SFreeBlock* list);
     [[nodiscard]] void* TakeAfterGrowth(CGlobalHeap& heap, SShape const& shape, u64 size);
-    [[nodiscard]] bool AcquireWithFreeBlock(CGlobalHeap& heap, SShape const& shape);
-    void AddChunksToMap(CGlobalHeap& heap, SShape const& shape);
-    [[nodiscard]] bool Grow(CGlobalHeap& heap, SShape const& shape);
+    [[nodiscard]] bool AcquireWithFreeBlock(CGlobalHeap& heap, SShape const& shape, u32 home);
+    void AddChunksToMap(CGlobalHeap& heap, SShape const& shape, u32 home);
+    [[nodiscard]] bool Grow(CGlobalHeap& heap, SShape const& shape, u32 home);
     void AddFreshBlocks(CHeapExtension* extension, SShape const& shape, u8* start);
     void BeginPurge();
     [[nodiscard]] static SFreeBlock* UnlinkFreeChunks(SFreeBlock*& list, CPurgeScratch const& scratch, u64 chunkCount,

@@ -11,26 +11,26 @@ namespace Velmor {
 
 void* CBlockClass::TakeAfterGrowth(CGlobalHeap& heap, SShape const& shape, u64 size)
 {
-    if (!AcquireWithFreeBlock(heap, shape))
+    if (!AcquireWithFreeBlock(heap, shape, NoLane))
         return nullptr;
     if (m_free != nullptr)
         return HandOut(m_free, shape, size);
     void* block = nullptr;
     heap.GetExtension()->GetFreeChunks(shape).Take(
-        1, [&](u64 address, CChunkRecords::Record*) { block = reinterpret_cast<void*>(address); });
+        1, NoLane, [&](u64 address, CChunkRecords::Record*) { block = reinterpret_cast<void*>(address); });
     m_lock.Release();
     PrepareUse(block, shape.blockSize, size);
     return block;
 }
 
 // Takes the lock with at least one free block; false, and the lock not taken, when the class cannot grow.
-bool CBlockClass::AcquireWithFreeBlock(CGlobalHeap& heap, SShape const& shape)
+bool CBlockClass::AcquireWithFreeBlock(CGlobalHeap& heap, SShape const& shape, u32 home)
 {
     for (;;) {
         m_lock.Acquire();
         CHeapExtension* const extension = heap.GetExtension();
         if (m_free != nullptr || (extension != nullptr && !extension->GetFreeChunks(shape).IsEmpty()) ||
-            Grow(heap, shape))
+            Grow(heap, shape, home))
             return true;
         // A purge may hold free blocks: nothing is refused before they are back.
         bool const blocksAreComing = m_isPurging != 0;
@@ -41,15 +41,15 @@ bool CBlockClass::AcquireWithFreeBlock(CGlobalHeap& heap, SShape const& shape)
     }
 }
 
-u32 CBlockClass::TakeRow(CGlobalHeap& heap, SShape const& shape, std::span<SFreeSlot> slots)
+u32 CBlockClass::TakeRow(CGlobalHeap& heap, SShape const& shape, u32 home, std::span<SFreeSlot> slots)
 {
-    if (!AcquireWithFreeBlock(heap, shape))
+    if (!AcquireWithFreeBlock(heap, shape, home))
         return 0;
     if (m_isMapped == 0)
-        AddChunksToMap(heap, shape);
+        AddChunksToMap(heap, shape, home);
     u32 const wanted = static_cast<u32>(slots.size());
     u32 count = 0;
-    heap.GetExtension()->GetFreeChunks(shape).Take(wanted, [&](u64 address, CChunkRecords::Record* record) {
+    heap.GetExtension()->GetFreeChunks(shape).Take(wanted, home, [&](u64 address, CChunkRecords::Record* record) {
         slots[count++] = {reinterpret_cast<SFreeBlock*>(address), record};
     });
     if (count == 0) {
@@ -73,10 +73,10 @@ void CBlockClass::GiveBackRow(CHeapExtension& extension, SShape const& shape, st
 
 // The chunks from before the heap was extended, and what is free in them. Their blocks in use keep their records until
 // they are freed.
-void CBlockClass::AddChunksToMap(CGlobalHeap& heap, SShape const& shape)
+void CBlockClass::AddChunksToMap(CGlobalHeap& heap, SShape const& shape, u32 home)
 {
     for (u32 index = 0; index < m_chunkCount; ++index)
-        heap.AddChunk(m_chunks[index], m_blocksPerChunk, shape);
+        heap.AddChunk(m_chunks[index], m_blocksPerChunk, shape, home);
     AddFreeList(heap.GetExtension(), shape, std::exchange(m_free, nullptr));
     m_isMapped = 1;
 }
@@ -91,7 +91,7 @@ void CBlockClass::AddFreeList(CHeapExtension* extension, SShape const& shape, SF
 }
 
 // Nothing is counted before both the table and the chunk are there.
-bool CBlockClass::Grow(CGlobalHeap& heap, SShape const& shape)
+bool CBlockClass::Grow(CGlobalHeap& heap, SShape const& shape, u32 home)
 {
     SMemoryHooks const& hooks = heap.GetHooks();
     u64 const tableSize = (u64{m_chunkCount} + 1) * sizeof(u8*);
@@ -120,7 +120,7 @@ bool CBlockClass::Grow(CGlobalHeap& heap, SShape const& shape)
         heap.AddBytes(sizeof(u8*));
         heap.AddBytes(chunkSize);
     }
-    heap.AddChunk(start, m_blocksPerChunk, shape);
+    heap.AddChunk(start, m_blocksPerChunk, shape, home);
     AddFreshBlocks(heap.GetExtension(), shape, start);
     return true;
 }

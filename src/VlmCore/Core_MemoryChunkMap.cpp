@@ -10,7 +10,7 @@ void CFreeChunks::RemoveWhollyFree()
 {
     CFreeChunks kept;
     while (!IsEmpty())
-        if (CChunkRecords& chunk = RemoveFirst(); !chunk.IsWhollyFree())
+        if (CChunkRecords& chunk = RemoveFirst(static_cast<u32>(std::countr_zero(m_homes))); !chunk.IsWhollyFree())
             kept.Append(chunk);
     *this = kept;
 }

@@ -60,6 +60,10 @@ public:
 
     // ---- Free blocks: under the class lock ----
 
+    /// Whose free blocks these are first of all: one of CFreeChunks' homes.
+    [[nodiscard]] u32 GetHome() const { return m_home; }
+    void SetHome(u32 home) { m_home = static_cast<u8>(home); }
+
     [[nodiscard]] u32 GetFreeCount() const { return m_freeCount; }
     [[nodiscard]] bool IsWhollyFree() const { return m_freeCount == m_blockCount; }
 
@@ -111,6 +115,7 @@ private:
     u16 m_freeCount = 0;
     u8 m_blockBits;
     u8 m_kind;
+    u8 m_home = 0;
 };
 
 static_assert(sizeof(CChunkRecords) == 24);
@@ -158,10 +163,15 @@ private:
 
 /// The chunks of a class that have free blocks, first come, first served: a chunk whose turn comes late has gathered
 /// free blocks meanwhile, and what is allocated together then lies together, whatever the order of the releases was.
+///
+/// They wait apart by their homes, the lanes that took blocks from them first. A lane takes from its own chunks while it
+/// can: if the blocks of a chunk went to several threads, each would write to records in one cache line.
 /// Under the class lock.
 class CFreeChunks {
 public:
-    [[nodiscard]] bool IsEmpty() const { return m_last == nullptr; }
+    static constexpr u32 HomeCount = 32;
+
+    [[nodiscard]] bool IsEmpty() const { return m_homes == 0; }
 
     void Add(CChunkRecords& chunk, u64 address)
     {
@@ -170,41 +180,57 @@ public:
             Append(chunk);
     }
 
-    /// Takes up to `wanted` blocks and runs `visit(address, record)` for each.
+    /// Takes up to `wanted` blocks, if there are any, of the chunks at home or else of those at another one, and runs
+    /// `visit(address, record)` for each.
     template <class Visit>
-    void Take(u32 wanted, Visit&& visit)
+    void Take(u32 wanted, u32 home, Visit&& visit)
     {
-        while (wanted != 0 && m_last != nullptr) {
-            CChunkRecords& chunk = *m_last->next;
+        if (m_homes == 0)
+            return;
+        u32 const source = (m_homes >> home & 1) != 0 ? home : static_cast<u32>(std::countr_zero(m_homes));
+        while (wanted != 0 && m_last[source] != nullptr) {
+            CChunkRecords& chunk = *m_last[source]->next;
+            if (chunk.IsWhollyFree())
+                chunk.SetHome(home); // nobody else has blocks of it
             wanted -= chunk.TakeFree(wanted, visit);
-            if (chunk.GetFreeCount() == 0)
-                RemoveFirst();
+            if (chunk.GetFreeCount() == 0 || chunk.GetHome() != source) {
+                RemoveFirst(source);
+                if (chunk.GetFreeCount() != 0)
+                    Append(chunk);
+            }
         }
     }
 
     /// Leaves the chunks out of which every block is free: they are about to go.
     void RemoveWhollyFree();
-    void Clear() { m_last = nullptr; }
+    void Clear() { *this = CFreeChunks(); }
 
 private:
     void Append(CChunkRecords& chunk)
     {
-        chunk.next = m_last != nullptr ? m_last->next : &chunk;
-        if (m_last != nullptr)
-            m_last->next = &chunk;
-        m_last = &chunk;
+        u32 const home = chunk.GetHome();
+        CChunkRecords*& last = m_last[home];
+        chunk.next = last != nullptr ? last->next : &chunk;
+        if (last != nullptr)
+            last->next = &chunk;
+        last = &chunk;
+        m_homes |= 1u << home;
     }
-    CChunkRecords& RemoveFirst()
+    CChunkRecords& RemoveFirst(u32 home)
     {
-        CChunkRecords& first = *m_last->next;
-        m_last->next = first.next;
-        if (m_last == &first)
-            m_last = nullptr;
+        CChunkRecords*& last = m_last[home];
+        CChunkRecords& first = *last->next;
+        last->next = first.next;
+        if (last == &first) {
+            last = nullptr;
+            m_homes &= ~(1u << home);
+        }
         first.next = nullptr;
         return first;
     }
 
-    CChunkRecords* m_last = nullptr; // its next one is the first
+    u32 m_homes = 0;                       // a bit for each that has chunks here
+    CChunkRecords* m_last[HomeCount] = {}; // by home; its next one is the first
 };
 
 /// One radix tree. Looking up needs no lock; adding and removing need one of the caller's.

@@ -131,7 +131,7 @@ SFreeSlot CHeapExtension::TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, S
         return magazines.TakeCredited();
     if (!magazines.HasSlots() && !MakeSlots(heap, lane, shape)) {
         SFreeSlot slot{};
-        static_cast<void>(blocks.TakeRow(heap, shape, {&slot, 1}));
+        static_cast<void>(blocks.TakeRow(heap, shape, GetHome(lane), {&slot, 1}));
         if (slot.record != nullptr)
             --lane.credits;
         return slot;
@@ -139,7 +139,7 @@ SFreeSlot CHeapExtension::TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, S
     if (magazines.IsLoadedEmpty())
         magazines.SwapMagazines();
     if (magazines.IsLoadedEmpty()) {
-        u32 const count = blocks.TakeRow(heap, shape, magazines.GetSlots());
+        u32 const count = blocks.TakeRow(heap, shape, GetHome(lane), magazines.GetSlots());
         if (count == 0)
             return {};
         if (SFreeSlot const first = magazines.GetSlots().front(); first.record == nullptr)
@@ -231,7 +231,8 @@ void* CHeapExtension::AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, 
     return std::exchange(unused, unused->next)->GetRecords();
 }
 
-void CHeapExtension::AddChunk(SMemoryHooks const& hooks, void const* start, u32 blockCount, SBlockShape const& shape)
+void CHeapExtension::AddChunk(SMemoryHooks const& hooks, void const* start, u32 blockCount, SBlockShape const& shape,
+                              u32 home)
 {
     if (Find(start).record != nullptr)
         return;
@@ -239,6 +240,7 @@ void CHeapExtension::AddChunk(SMemoryHooks const& hooks, void const* start, u32 
     if (memory == nullptr)
         return;
     CChunkRecords* const chunk = CChunkRecords::Create(memory, start, shape.blockBits, blockCount, shape.kind);
+    chunk->SetHome(home);
     if (!m_map.Add(hooks, *chunk))
         chunk->next = std::exchange(m_unused[shape.blockBits - SBlockShape::SmallestBits], chunk);
 }

@@ -315,7 +315,8 @@ public:
     // ---- Chunks: under the heap lock ----
 
     /// Puts a chunk into the map, if it is not there. Without memory for it, its blocks go on with ordinary records.
-    void AddChunk(SMemoryHooks const& hooks, void const* start, u32 blockCount, SBlockShape const& shape);
+    /// \param home  the lane that takes blocks from it first
+    void AddChunk(SMemoryHooks const& hooks, void const* start, u32 blockCount, SBlockShape const& shape, u32 home);
     void RemoveChunk(void const* start);
     /// Records of chunks removed before may be used for other ones from now on. Called at the start of a purge: by then
     /// nobody looks at them any more, not even for an address that was freed twice.
@@ -324,6 +325,7 @@ public:
 private:
     static constexpr u32 LaneBits = 5;
     static constexpr u32 LaneCount = 1u << LaneBits;
+    static_assert(LaneCount == CFreeChunks::HomeCount);
     static constexpr u32 CreditsAtOnce = 64;
     static constexpr u32 MostCredits = 2 * CreditsAtOnce; // in a lane, but for those of blocks
     static constexpr u64 SlabSize = 16384;
@@ -340,6 +342,8 @@ private:
         constexpr u64 GoldenRatio = 0x9E3779B97F4A7C15u;
         return m_lanes[threadKey * (GoldenRatio >> Platform::ThreadKeyShift) >> (64 - LaneBits)];
     }
+
+    [[nodiscard]] u32 GetHome(CHeapLane const& lane) const { return static_cast<u32>(&lane - m_lanes); }
 
     // Records and counts a block that is about to be handed out, with its credit.
     static void Record(CLaneClass& blocks, SFreeSlot const& slot, u64 size)
@@ -360,8 +364,8 @@ private:
 
     [[nodiscard]] SFreeSlot TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
                                        CHeapLane& lane, EBiasedHold& hold);
-    [[nodiscard]] static SFreeSlot TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
-                                                CHeapLane& lane);
+    [[nodiscard]] SFreeSlot TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
+                                         CHeapLane& lane);
     static void ReturnCredits(CGlobalHeap& heap, CHeapLane& lane);
     [[nodiscard]] static bool MakeSlots(CGlobalHeap& heap, CHeapLane& lane, SBlockShape const& shape);
     [[nodiscard]] void* AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, u64 byteCount);

@@ -183,11 +183,11 @@ public:
     // ---- The chunks of the pools, once the heap is extended ----
 
     /// Offers a chunk to the chunk map, so that its blocks' records are found without a lock.
-    void AddChunk(void const* start, u32 blockCount, SBlockShape const& shape)
+    void AddChunk(void const* start, u32 blockCount, SBlockShape const& shape, u32 home)
     {
         CLock const lock(m_lock);
         if (CHeapExtension* const extension = GetExtension())
-            extension->AddChunk(m_hooks, start, blockCount, shape);
+            extension->AddChunk(m_hooks, start, blockCount, shape, home);
     }
     /// Before the chunk goes back to the hooks.
     void RemoveChunk(void const* start)

@@ -186,10 +186,10 @@ TEST_F(ChunkMap, AgreesWithASortedListOfChunks)
 
 // ---- Free blocks ----
 
-std::vector<u64> Take(CFreeChunks& chunks, u32 wanted)
+std::vector<u64> Take(CFreeChunks& chunks, u32 wanted, u32 home = 0)
 {
     std::vector<u64> taken;
-    chunks.Take(wanted, [&](u64 address, CChunkRecords::Record*) { taken.push_back(address); });
+    chunks.Take(wanted, home, [&](u64 address, CChunkRecords::Record*) { taken.push_back(address); });
     return taken;
 }
 
@@ -200,7 +200,7 @@ TEST_F(ChunkMap, AFreeBlockComesWithItsRecord)
     for (u64 const index : {200u, 0u, 64u, 255u})
         chunks.Add(chunk, 0x4000'0010 + 64 * index);
     std::vector<i64> places;
-    chunks.Take(4, [&](u64, CChunkRecords::Record* record) { places.push_back(record - chunk.GetRecords()); });
+    chunks.Take(4, 0, [&](u64, CChunkRecords::Record* record) { places.push_back(record - chunk.GetRecords()); });
     EXPECT_EQ(places, (std::vector<i64>{0, 64, 200, 255}));
 }
 
@@ -256,6 +256,54 @@ TEST_F(ChunkMap, ChunksAreEmptiedInTheOrderInWhichTheyGotFreeBlocks)
     EXPECT_EQ(Take(chunks, 9), (std::vector<u64>{0x5000'0000, 0x4000'0080}));
 }
 
+TEST_F(ChunkMap, EachHomeHasItsOwnChunksFirst)
+{
+    constexpr u32 LastHome = CFreeChunks::HomeCount - 1;
+    CChunkRecords& ours = *Make(0x4000'0000, 6, 256);
+    CChunkRecords& theirs = *Make(0x3000'0000, 6, 256);
+    CChunkRecords& others = *Make(0x5000'0000, 6, 256);
+    ours.SetHome(LastHome);
+    theirs.SetHome(3);
+    others.SetHome(7);
+    CFreeChunks chunks;
+    chunks.Add(theirs, 0x3000'0000);
+    chunks.Add(theirs, 0x3000'0040);
+    chunks.Add(theirs, 0x3000'0080);
+    chunks.Add(others, 0x5000'0000);
+    chunks.Add(ours, 0x4000'0000);
+    chunks.Add(ours, 0x4000'0040);
+    EXPECT_EQ(Take(chunks, 1, LastHome), (std::vector<u64>{0x4000'0000}));
+    EXPECT_EQ(Take(chunks, 9, LastHome), (std::vector<u64>{0x4000'0040})) << "not those of others as well";
+    EXPECT_EQ(Take(chunks, 2, LastHome), (std::vector<u64>{0x3000'0000, 0x3000'0040})) << "when there are no own ones";
+    // The chunk is still theirs, whoever gives a block back.
+    EXPECT_EQ(theirs.GetHome(), 3u);
+    chunks.Add(theirs, 0x3000'0000);
+    EXPECT_EQ(Take(chunks, 9, 3), (std::vector<u64>{0x3000'0000, 0x3000'0080}));
+    EXPECT_EQ(Take(chunks, 9, 3), (std::vector<u64>{0x5000'0000}));
+    EXPECT_TRUE(chunks.IsEmpty());
+    EXPECT_TRUE(Take(chunks, 9, 3).empty());
+}
+
+TEST_F(ChunkMap, AChunkThatNobodyUsesMovesToWhoTakesFromIt)
+{
+    CFreeChunks chunks;
+    CChunkRecords* all[2];
+    for (u64 number = 0; number < 2; ++number) {
+        all[number] = Make(0x4000'0000 + 0x10000 * number, 10, 16);
+        all[number]->SetHome(3);
+        for (u64 index = 0; index < 16; ++index)
+            chunks.Add(*all[number], all[number]->GetStart() + 1024 * index);
+    }
+    EXPECT_EQ(Take(chunks, 2, 5), (std::vector<u64>{0x4000'0000, 0x4000'0400}));
+    EXPECT_EQ(all[0]->GetHome(), 5u);
+    EXPECT_EQ(all[1]->GetHome(), 3u);
+    EXPECT_EQ(Take(chunks, 1, 3), (std::vector<u64>{0x4001'0000}));
+    EXPECT_EQ(Take(chunks, 100, 5).size(), 14u) << "the rest of its own";
+    EXPECT_EQ(Take(chunks, 100, 5).size(), 15u) << "then what is left of the other";
+    EXPECT_EQ(all[1]->GetHome(), 3u);
+    EXPECT_TRUE(chunks.IsEmpty());
+}
+
 TEST_F(ChunkMap, WhollyFreeChunksLeaveTheQueueAndMayComeBack)
 {
     CFreeChunks chunks;
@@ -278,6 +326,21 @@ TEST_F(ChunkMap, WhollyFreeChunksLeaveTheQueueAndMayComeBack)
     EXPECT_TRUE(chunks.IsEmpty());
     EXPECT_EQ(all[0]->next, nullptr);
     EXPECT_EQ(all[1]->next, nullptr);
+}
+
+TEST_F(ChunkMap, WhollyFreeChunksLeaveTheQueuesOfAllHomes)
+{
+    CFreeChunks chunks;
+    for (u32 number = 0; number < 4; ++number) {
+        CChunkRecords& chunk = *Make(0x4000'0000 + 0x10000 * u64{number}, 10, 16);
+        chunk.SetHome(number % 2 == 0 ? 1 : 30);
+        for (u64 index = 0; index < (number < 2 ? 16 : 1); ++index)
+            chunks.Add(chunk, chunk.GetStart() + 1024 * index);
+    }
+    chunks.RemoveWhollyFree();
+    EXPECT_EQ(Take(chunks, 100, 30), (std::vector<u64>{0x4003'0000}));
+    EXPECT_EQ(Take(chunks, 100, 1), (std::vector<u64>{0x4002'0000}));
+    EXPECT_TRUE(chunks.IsEmpty());
 }
 
 } // namespace
