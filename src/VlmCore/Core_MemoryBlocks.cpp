@@ -147,8 +147,7 @@ STakenRecord TakeRecord(CGlobalHeap& heap, void const* block)
 {
     if (CHeapExtension* const extension = heap.GetExtension()) {
         CChunkMap::SFound found;
-        u64 size = 0;
-        if (extension->FindAndTakeRecord(block, found, size))
+        if (extension->TryFind(block, found) && CHeapExtension::TakeRecord(*found.record) != 0)
             return {found.record, true};
     }
     return {nullptr, heap.Take(block, [](u64, EHeap::Type) {})};
@@ -196,6 +195,16 @@ void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 oldSize, u64 
     return block;
 }
 
+// In a lane that the calling thread owns; false, and nothing done, in all other cases.
+[[gnu::always_inline]] inline bool TryAllocateFromLane(CHeapExtension& extension, u64 size, EHeap::Type heap,
+                                                       void*& block)
+{
+    if (!extension.TryTake(heap, size, block)) [[unlikely]]
+        return false;
+    CBlockClass::PrepareUse(block, u64{1} << SBlockShape::GetBlockBits(heap, size), size);
+    return true;
+}
+
 [[gnu::noinline]] void* AllocateSlowly(u64 size, EHeap::Type heap)
 {
     if (size == 0)
@@ -203,6 +212,12 @@ void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 oldSize, u64 
     CGlobalHeap& global = g_heapModule.FetchHeap();
     if (size > CGlobalHeap::LargestSize)
         return nullptr;
+    // Under a memory logger the usual case comes here, too.
+    CHeapExtension* const extension = MemoryLog::IsInstalled() ? global.GetExtension() : nullptr;
+    if (void* block = nullptr; extension != nullptr && TryAllocateFromLane(*extension, size, heap, block)) {
+        ReportAllocation(block, size);
+        return block;
+    }
     EHeap::Type const kind = CutKind(heap);
     auto const useHooks = [&] { return AllocateFromHooks(global, size, kind); };
     if (global.IsPassthrough())
@@ -225,15 +240,19 @@ void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 oldSize, u64 
         [] {});
 }
 
-// True when the block had a record in a chunk of the extended heap.
-[[gnu::always_inline]] inline bool TryFreeInChunk(CHeapExtension& extension, void* block)
+// True when the block had a record in a chunk of the extended heap. Runs `report(record)` while it still has.
+template <class Report>
+[[gnu::always_inline]] inline bool TryFreeInChunk(CHeapExtension& extension, void* block, Report&& report)
 {
 #if !defined(VLM_ADDRESS_SANITIZER)
     __builtin_prefetch(block, 1); // whoever gets it next will write to it
 #endif
     CChunkMap::SFound found;
-    u64 size = 0;
-    if (!extension.FindAndTakeRecord(block, found, size)) [[unlikely]]
+    if (!extension.TryFind(block, found)) [[unlikely]]
+        return false;
+    report(*found.record);
+    u64 const size = CHeapExtension::TakeRecord(*found.record);
+    if (size == 0) [[unlikely]]
         return false;
     SFreeSlot const slot{CBlockClass::PrepareFree(block, u64{1} << found.tag.GetBlockBits(), size), found.record};
     if (!extension.TryGiveBack(found.tag, slot)) [[unlikely]]
@@ -287,11 +306,16 @@ void FreeInTable(CGlobalHeap& heap, void* block)
     if (block == nullptr)
         return;
     CGlobalHeap& heap = g_heapModule.FetchHeap();
+    CHeapExtension* const extension = heap.GetExtension();
+    auto const report = [&](CChunkRecords::Record const& record) {
+        if (record.load(std::memory_order_relaxed) != 0)
+            ReportFree(block);
+    };
+    if (extension != nullptr && TryFreeInChunk(*extension, block, report))
+        return;
     if (MemoryLog::IsInstalled() && heap.Find(block).size != 0)
         LogFree(block);
-    CHeapExtension* const extension = heap.GetExtension();
-    if (extension == nullptr || !TryFreeInChunk(*extension, block))
-        FreeInTable(heap, block);
+    FreeInTable(heap, block);
 }
 
 // The extension of a heap whose usual cases need nothing else: there is one, and no memory logger wants to know.
@@ -306,10 +330,8 @@ CHeapExtension* FindQuickWay()
 void* Malloc(u64 size, EHeap::Type heap)
 {
     if (CHeapExtension* const extension = FindQuickWay())
-        if (void* block = nullptr; extension->TryTake(heap, size, block)) [[likely]] {
-            CBlockClass::PrepareUse(block, u64{1} << SBlockShape::GetBlockBits(heap, size), size);
+        if (void* block = nullptr; TryAllocateFromLane(*extension, size, heap, block)) [[likely]]
             return block;
-        }
     return AllocateSlowly(size, heap);
 }
 
@@ -335,7 +357,8 @@ void* Realloc(void* block, u64 size, EHeap::Type heap)
 void Free(void* block)
 {
     CHeapExtension* const extension = FindQuickWay();
-    if (extension == nullptr || !TryFreeInChunk(*extension, block)) [[unlikely]]
+    auto const nobodyAsks = [](CChunkRecords::Record const&) {};
+    if (extension == nullptr || !TryFreeInChunk(*extension, block, nobodyAsks)) [[unlikely]]
         FreeSlowly(block);
 }
 

@@ -218,6 +218,12 @@ public:
         return m_map.Find(reinterpret_cast<u64>(block));
     }
 
+    /// The same; false when there is none, and `found` is worth nothing.
+    [[nodiscard, gnu::always_inline]] bool TryFind(void const* block, CChunkMap::SFound& found) const
+    {
+        return m_map.TryFind(reinterpret_cast<u64>(block), found);
+    }
+
     /// The records of the chunk in which a block begins at the address; null when no chunk in the map has one there.
     [[nodiscard]] CChunkRecords* FindChunk(void const* block) const
     {
@@ -229,15 +235,6 @@ public:
     [[nodiscard]] static u64 TakeRecord(CChunkRecords::Record& record)
     {
         return record.exchange(0, std::memory_order_acq_rel);
-    }
-
-    /// Finds the record of a block and takes it out; false when there was none.
-    [[nodiscard, gnu::always_inline]] bool FindAndTakeRecord(void const* block, CChunkMap::SFound& found, u64& size)
-    {
-        if (!m_map.TryFind(reinterpret_cast<u64>(block), found)) [[unlikely]]
-            return false;
-        size = TakeRecord(*found.record);
-        return size != 0;
     }
 
     // ---- Blocks ----
