@@ -95,24 +95,36 @@ struct SRun {
 
 /// A walk that ended well.
 struct SWalk {
-    u32 count; ///< frames; 0 for an empty entry
-    u32 sum;   ///< of the low halves of their addresses
-    bool canRepeat;
+    u32 count;   ///< frames; 0 for an empty entry
+    u32 sum;     ///< of the low halves of their addresses
     u32 chained; ///< a bit for each frame: the walk followed the frame pointer saved beneath the return address
-    /// Where the return addresses stand. One more: where the next one would, behind a frame that chains.
-    Address places[MaxStackFrames + 1];
+    bool canRepeat;
+    /// Where the return addresses stand, from the first one's place on. One more: what GetDistance says of the frame
+    /// pointer behind the last.
+    u32 distances[MaxStackFrames + 1];
+    Address first;
     Address addresses[MaxStackFrames];
+
+    [[nodiscard]] Address GetPlace(u32 index) const { return first + distances[index]; }
+    /// Of the return address that goes with a saved frame pointer; of the end of the chain what no other has.
+    [[nodiscard]] u64 GetDistance(Address savedFrame) const
+    {
+        return savedFrame != 0 ? savedFrame + sizeof(Address) - first : u64{~u32{0}};
+    }
 };
 
+/// Small: a thread's variables lie in its stack, and that may have no more than 16 KB.
 struct SThreadStack {
     static constexpr u32 RunCount = 8;
-    static constexpr u32 WalkCount = 8;
+    static constexpr u32 WalkCount = 4;
     Address low = 0; ///< bounds of the stack; both 0 until asked for
     Address high = 0;
     bool isBusy = false; ///< a capture is at work: one in a signal's handler keeps its hands off
     SRun runs[RunCount]{};
     SWalk walks[WalkCount]{};
 };
+
+static_assert(sizeof(SThreadStack) < 3 * 1024);
 
 thread_local SThreadStack t_stack;
 
@@ -246,9 +258,10 @@ VLM_STACK_WALK void WalkChain(SWalk& walk, Address frame, SThreadStack& stack)
     u32 count = 0;
     u32 sum = 0;
     u32 chained = 0;
-    bool isWhole = true;
+    bool isWhole = stack.high - frame <= ~u32{0}; // or the distances do not fit
+    walk.first = frame + sizeof(Address);
     auto const add = [&](Address place, Address pc) {
-        walk.places[count] = place;
+        walk.distances[count] = static_cast<u32>(place - walk.first);
         walk.addresses[count++] = pc;
         sum += static_cast<u32>(pc);
     };
@@ -268,7 +281,7 @@ VLM_STACK_WALK void WalkChain(SWalk& walk, Address frame, SThreadStack& stack)
         if (kind == EFrame::Chained) {
             frame = *reinterpret_cast<Address const*>(frame);
             chained |= 1u << (count - 1);
-            walk.places[count] = frame + sizeof(Address);
+            walk.distances[count] = static_cast<u32>(walk.GetDistance(frame));
             continue;
         }
         SRun const* const run = FindRun(stack, place, pc);
@@ -277,7 +290,7 @@ VLM_STACK_WALK void WalkChain(SWalk& walk, Address frame, SThreadStack& stack)
         u32 i = 1;
         for (; i < run->reported && count < MaxStackFrames; ++i)
             add(run->slots[i].place, run->slots[i].pc);
-        isWhole = i == run->reported;
+        isWhole = isWhole && i == run->reported;
         if (count == MaxStackFrames)
             break;
         frame = run->nextFrame;
@@ -297,10 +310,10 @@ VLM_STACK_WALK void WalkChain(SWalk& walk, Address frame, SThreadStack& stack)
 VLM_STACK_LOOK inline bool Refresh(SWalk& walk)
 {
     for (u32 i = 0; i < walk.count; ++i) {
-        Address const place = walk.places[i];
+        Address const place = walk.GetPlace(i);
         bool const isChained = (walk.chained >> i & 1) != 0;
         if (isChained &&
-            *reinterpret_cast<Address const*>(place - sizeof(Address)) + sizeof(Address) != walk.places[i + 1])
+            walk.GetDistance(*reinterpret_cast<Address const*>(place - sizeof(Address))) != walk.distances[i + 1])
             return false;
         Address const pc = *reinterpret_cast<Address const*>(place);
         if (pc == walk.addresses[i]) [[likely]]
@@ -319,7 +332,7 @@ VLM_STACK_LOOK inline bool Refresh(SWalk& walk)
 VLM_STACK_LOOK inline SWalk const* FindWalk(Address frame, SThreadStack& stack)
 {
     SWalk& walk = stack.walks[(frame >> 4) % SThreadStack::WalkCount];
-    if (walk.count == 0 || !walk.canRepeat || walk.places[0] != frame + sizeof(Address) || !Refresh(walk))
+    if (walk.count == 0 || !walk.canRepeat || walk.first != frame + sizeof(Address) || !Refresh(walk))
         WalkChain(walk, frame, stack);
     return walk.count != 0 ? &walk : nullptr;
 }
