@@ -272,6 +272,41 @@ TEST_F(ExtendedHeap, AMemoryLoggerSeesWhatIsAllocatedWhileItIsInstalled)
     EXPECT_EQ(events.freed.size(), 3u);
 }
 
+// Reporting a leak of one kind, when another kind's memory is back with the hooks already.
+TEST(ExtendedHeapAndLogger, ALoggerThatAllocatesWhileTheHeapGoesGetsNoBlockOfWhatIsGone)
+{
+    class CAllocatingLogger : public ILogger {
+    public:
+        void Write(Log::EMessage::Type, u64, CString const&) override
+        {
+            for (u64 size = 8; size <= 1024; size *= 2)
+                blocks.push_back(Memory::Malloc(size, EHeap::Pool));
+        }
+
+        std::vector<void*> blocks;
+    };
+    CCountingHooks::Reset();
+    CCountingHooks::Initialize(EHeapFlag::Report);
+    std::vector<void*> blocks;
+    for (u64 index = 0; index < 6000; ++index)
+        blocks.push_back(Memory::Malloc(u64{8} << index % 8, EHeap::Pool));
+    for (void* const block : blocks)
+        Memory::Free(block);
+    ASSERT_NE(Memory::Malloc(24, EHeap::Pool4), nullptr); // leaks
+    CAllocatingLogger logger;
+    Log::Initialize(&logger);
+    ASSERT_EQ(logger.blocks.size(), 8u);
+    for (void* const block : logger.blocks)
+        Memory::Free(block);
+    logger.blocks.clear();
+    Memory::Deinitialize();
+    ASSERT_GE(logger.blocks.size(), 8u) << "it was told of the leak";
+    EXPECT_EQ(logger.blocks, std::vector<void*>(logger.blocks.size()));
+    Log::Initialize(nullptr);
+    EXPECT_EQ(CCountingHooks::GetForeignBlocks(), 0u);
+    CCountingHooks::Reset();
+}
+
 TEST(ExtendedHeapAndLogger, AMemoryLoggerMayBeThereBeforeTheHeap)
 {
     CEvents events;

@@ -301,6 +301,9 @@ void CBlockClass::ShrinkTable(CGlobalHeap& heap, u32 removed)
 
 void CBlockClass::TearDown(CGlobalHeap& heap, SShape const& shape)
 {
+    // A logger that is told of leaks allocates meanwhile: it must not be given blocks that are gone.
+    if (CHeapExtension* const extension = heap.GetExtension())
+        static_cast<void>(extension->Drain(*this, shape));
     for (u32 index = 0; index < m_chunkCount; ++index) {
         heap.RemoveChunk(m_chunks[index]);
         MemoryDebug::Unpoison(m_chunks[index], m_blocksPerChunk * shape.blockSize);

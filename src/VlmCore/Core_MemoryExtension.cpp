@@ -52,7 +52,7 @@ auto CHeapExtension::Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape co
         return {nullptr, false};
     if (slot.record != nullptr)
         Record(lane.GetClass(shape), slot, size);
-    lane.lock.Release(hold);
+    lane.lock.Release(hold, threadKey);
     return {slot.block, slot.record != nullptr};
 }
 
@@ -60,7 +60,7 @@ void CHeapExtension::GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShap
 {
     u64 const threadKey = Platform::GetThreadKey();
     CHeapLane& lane = GetLane(threadKey);
-    CBiasedGuard const guard(lane.lock, lane.lock.Acquire(threadKey));
+    CBiasedGuard const guard(lane.lock, lane.lock.Acquire(threadKey), threadKey);
     CLaneClass& magazines = lane.GetClass(shape);
     magazines.CountRelease();
     if (!magazines.HasSlots() && !MakeSlots(heap, lane, shape)) {
@@ -103,7 +103,7 @@ SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBl
     u64 const threadKey = Platform::GetThreadKey();
     for (;;) {
         if (lane.credits == 0 && !lane.GetClass(shape).HasCredited()) {
-            lane.lock.Release(hold);
+            lane.lock.Release(hold, threadKey);
             u32 const reserved = heap.ReserveRecords(CreditsAtOnce);
             if (reserved == 0)
                 return {};
@@ -113,7 +113,7 @@ SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBl
         if (SFreeSlot const slot = TakeFromLane(heap, blocks, shape, lane); slot.block != nullptr)
             return slot;
         // Nothing is refused while another lane has a free block.
-        lane.lock.Release(hold);
+        lane.lock.Release(hold, threadKey);
         if (!Drain(blocks, shape))
             return {};
         hold = lane.lock.Acquire(threadKey);
@@ -198,10 +198,11 @@ u64 CHeapExtension::GetAllocationCount(EHeap::Type kind) const
 
 u64 CHeapExtension::GetLiveCount(EHeap::Type kind) const
 {
-    u64 count = 0;
-    VisitLaneClasses(
-        kind, [&](CLaneClass const& blocks) { count += blocks.GetAllocationCount() - blocks.GetReleaseCount(); });
-    return count;
+    // The releases first: each one's allocation is counted by then, and the difference never below 0.
+    u64 released = 0;
+    VisitLaneClasses(kind, [&](CLaneClass const& blocks) { released += blocks.GetReleaseCount(); });
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return GetAllocationCount(kind) - released;
 }
 
 // ---- Chunks ----

@@ -196,7 +196,7 @@ private:
     std::atomic<u32> m_usedClasses{0};
 };
 
-static_assert(sizeof(CHeapLane) == 64 + CHeapLane::ClassCount * sizeof(CLaneClass));
+static_assert(sizeof(CHeapLane) == 128 + CHeapLane::ClassCount * sizeof(CLaneClass));
 
 class CHeapExtension {
 public:
@@ -252,12 +252,12 @@ public:
             return false;
         CLaneClass& blocks = lane.GetClass(CChunkTag::GetNumber(kind, SBlockShape::GetBlockBits(kind, size)));
         if (!blocks.HasCredited()) [[unlikely]] {
-            lane.lock.ReleaseAsOwner();
+            lane.lock.ReleaseAsOwner(threadKey);
             return false;
         }
         SFreeSlot const slot = blocks.TakeCredited();
         Record(blocks, slot, size);
-        lane.lock.ReleaseAsOwner();
+        lane.lock.ReleaseAsOwner(threadKey);
         block = slot.block;
         return true;
     }
@@ -271,12 +271,12 @@ public:
             return false;
         CLaneClass& blocks = lane.GetClass(chunk.GetNumber());
         if (blocks.IsFull()) [[unlikely]] {
-            lane.lock.ReleaseAsOwner();
+            lane.lock.ReleaseAsOwner(threadKey);
             return false;
         }
         blocks.Push(slot);
         blocks.CountRelease();
-        lane.lock.ReleaseAsOwner();
+        lane.lock.ReleaseAsOwner(threadKey);
         return true;
     }
 
@@ -320,7 +320,7 @@ public:
     void ReuseRemoved();
 
 private:
-    static constexpr u32 LaneBits = 5;
+    static constexpr u32 LaneBits = CBiasedLock::CommonBits;
     static constexpr u32 LaneCount = 1u << LaneBits;
     static_assert(LaneCount == CFreeChunks::HomeCount);
     static constexpr u32 CreditsAtOnce = 64;
@@ -333,11 +333,9 @@ private:
 
     CHeapExtension() = default;
 
-    // Fibonacci hashing: neighbours get lanes far from each other. The low bits, alike in all keys, do not count.
     [[nodiscard]] CHeapLane& GetLane(u64 threadKey)
     {
-        constexpr u64 GoldenRatio = 0x9E3779B97F4A7C15u;
-        return m_lanes[threadKey * (GoldenRatio >> Platform::ThreadKeyShift) >> (64 - LaneBits)];
+        return m_lanes[Impl::HashThreadKey(threadKey) >> (64 - LaneBits)];
     }
 
     [[nodiscard]] u32 GetHome(CHeapLane const& lane) const { return static_cast<u32>(&lane - m_lanes); }

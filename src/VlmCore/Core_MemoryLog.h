@@ -1,4 +1,5 @@
-// The dispatch to the memory logger. An allocation asks IsInstalled, one load and one branch, before anything else.
+// The dispatch to the memory logger. The quick ways of Malloc and Free ask g_quietHeap, where there is none while a logger
+// is installed; all others IsInstalled.
 #pragma once
 
 #include <vlmcore/types.h>

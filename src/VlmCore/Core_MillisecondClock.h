@@ -11,7 +11,8 @@ namespace Velmor {
 /// Gives exactly what the system's clock would, cut to whole milliseconds, but asks the system once or twice in a
 /// millisecond: in between the processor's counter tells that the millisecond is not over. How fast that counter runs is
 /// learnt on the way, and rather underestimated, so that the system is asked too early and not too late. A counter that
-/// starts over, or a system clock that stood still meanwhile, is believed for a millisecond at most.
+/// starts over, or a system clock that stood still meanwhile, is believed for a millisecond of asking at most: the time may
+/// be an old one then, never an earlier one than before.
 ///
 /// One thread at a time.
 class CMillisecondClock {

@@ -31,7 +31,7 @@ bool EntersAsOwner(CBiasedLock& lock, u64 threadKey)
 {
     if (!lock.TryAcquireAsOwner(threadKey))
         return false;
-    lock.ReleaseAsOwner();
+    lock.ReleaseAsOwner(threadKey);
     return true;
 }
 
@@ -83,6 +83,78 @@ CModelChecker::SResult CheckOwnerAndGuests(bool guestsWaitForTheOwner)
     return checker.Explore();
 }
 
+// The owner loses the lock to a guest, which becomes the owner and comes again as such, while another guest visits. The
+// first owner may be late with its word that it is inside. With one word for both, the checker finds the fault.
+CModelChecker::SResult CheckTwoOwners(bool ownersHaveTheirOwnWords)
+{
+    constexpr u32 First = 1;
+    constexpr u32 Second = 2;
+    CModelChecker checker;
+    TModelAtomic<u32> owner{First};
+    TModelAtomic<u32> words[2]{TModelAtomic<u32>{0}, TModelAtomic<u32>{0}};
+    TModelAtomic<u32> formers[2]{TModelAtomic<u32>{0}, TModelAtomic<u32>{0}}; // whom each guest found as the owner
+    TModelAtomic<u32> guests{0};
+    TModelAtomic<u32> number{0};
+    CModelNote inside;
+    auto const isInside = [&](u32 thread) -> TModelAtomic<u32>& {
+        return words[ownersHaveTheirOwnWords ? thread - First : 0];
+    };
+    auto const work = [&] {
+        checker.Require(inside.Add(1) == 1, "two threads are inside");
+        static_cast<void>(number.load()); // a step at which others may come
+        inside.Add(~u64{0});
+    };
+    // Once, if it is the owner.
+    auto const visitAsOwner = [&](std::vector<Phase>& phases, u32 thread) {
+        phases.push_back([&, thread] {
+            if (!Impl::TryEnterAsOwner(owner, isInside(thread), thread))
+                return;
+            work();
+            isInside(thread).store(0);
+        });
+    };
+    auto const visitAsGuest = [&](std::vector<Phase>& phases, TModelAtomic<u32>& former, u32 next) {
+        phases.push_back([&] {
+            if (!Impl::TryAcquirePlain(guests))
+                checker.Retry();
+        });
+        phases.push_back([&] {
+            former.store(owner.load());
+            Impl::Disown(owner, [] {});
+        });
+        phases.push_back([&] {
+            if (isInside(former.load()).load() != 0)
+                checker.Retry();
+        });
+        phases.push_back(work);
+        phases.push_back([&, next] { owner.store(next != 0 ? next : former.load()); });
+        phases.push_back([&] { checker.Require(Impl::TryReleasePlain(guests), "a release is refused"); });
+    };
+    std::vector<Phase> first;
+    visitAsOwner(first, First);
+    checker.AddThread(first);
+    std::vector<Phase> second;
+    visitAsGuest(second, formers[0], Second);
+    visitAsOwner(second, Second);
+    checker.AddThread(second);
+    std::vector<Phase> visitor;
+    visitAsGuest(visitor, formers[1], 0);
+    checker.AddThread(visitor);
+    return checker.Explore();
+}
+
+TEST(BiasedLockModel, AnOwnerThatIsLateDisturbsNobody)
+{
+    auto const result = CheckTwoOwners(true);
+    EXPECT_EQ(result.error, "");
+    EXPECT_GE(result.ends, 1u);
+}
+
+TEST(BiasedLockModel, TheCheckerNoticesOwnersThatShareAWord)
+{
+    EXPECT_NE(CheckTwoOwners(false).error, "");
+}
+
 TEST(BiasedLockModel, OwnerAndGuestsExcludeEachOther)
 {
     auto const result = CheckOwnerAndGuests(true);
@@ -100,22 +172,22 @@ TEST(BiasedLock, ItsFirstTakerOwnsIt)
     CBiasedLock lock;
     EXPECT_FALSE(EntersAsOwner(lock, FirstKey));
     EXPECT_EQ(lock.Acquire(FirstKey), EBiasedHold::Guest);
-    lock.Release(EBiasedHold::Guest);
+    lock.Release(EBiasedHold::Guest, FirstKey);
     EXPECT_EQ(EntersAsOwner(lock, FirstKey), HasOwners);
     EXPECT_FALSE(EntersAsOwner(lock, OtherKey));
     EBiasedHold const hold = lock.Acquire(FirstKey);
     EXPECT_EQ(hold, HasOwners ? EBiasedHold::Owner : EBiasedHold::Guest);
-    lock.Release(hold);
+    lock.Release(hold, FirstKey);
 }
 
 TEST(BiasedLock, AVisitorLeavesItToItsOwner)
 {
     CBiasedLock lock;
-    lock.Release(lock.Acquire(FirstKey));
+    lock.Release(lock.Acquire(FirstKey), FirstKey);
     EBiasedHold const hold = lock.AcquireAsGuest();
     EXPECT_EQ(hold, EBiasedHold::Guest);
     EXPECT_FALSE(EntersAsOwner(lock, FirstKey)) << "while a guest is inside";
-    lock.Release(hold);
+    lock.Release(hold, FirstKey);
     EXPECT_EQ(EntersAsOwner(lock, FirstKey), HasOwners);
 }
 
@@ -124,7 +196,7 @@ TEST(BiasedLock, AfterManyOwnersItHasNoneForAWhile)
     CBiasedLock lock;
     auto const visit = [&](u64 key) {
         EBiasedHold const hold = lock.Acquire(key);
-        lock.Release(hold);
+        lock.Release(hold, key);
         return hold;
     };
     constexpr u64 MostOwners = 64;
@@ -145,6 +217,37 @@ TEST(BiasedLock, AfterManyOwnersItHasNoneForAWhile)
         }
         ++key;
     }
+}
+
+TEST(BiasedLock, AFormerOwnerThatStillRunsKeepsItsWord)
+{
+    auto const getSlot = [](u64 key) { return Impl::HashThreadKey(key) >> 56 & 7; };
+    u64 sameSlotKey = FirstKey;
+    do
+        sameSlotKey += 4;
+    while (getSlot(sameSlotKey) != getSlot(FirstKey));
+    CBiasedLock lock;
+    std::atomic<bool> owned{false};
+    std::atomic<bool> mayEnd{false};
+    std::thread former([&] {
+        lock.Release(lock.Acquire(FirstKey), FirstKey);
+        owned = true;
+        while (!mayEnd)
+            std::this_thread::yield();
+    });
+    while (!owned)
+        std::this_thread::yield();
+    constexpr u32 MoreThanAWhile = 5000;
+    for (u32 visit = 0; visit < MoreThanAWhile; ++visit) {
+        ASSERT_EQ(lock.Acquire(sameSlotKey), EBiasedHold::Guest);
+        lock.Release(EBiasedHold::Guest, sameSlotKey);
+        ASSERT_FALSE(EntersAsOwner(lock, FirstKey)) << "it has been put out";
+    }
+    mayEnd = true;
+    former.join();
+    for (u32 visit = 0; visit < 2 * MoreThanAWhile && !EntersAsOwner(lock, sameSlotKey); ++visit)
+        lock.Release(lock.Acquire(sameSlotKey), sameSlotKey);
+    EXPECT_EQ(EntersAsOwner(lock, sameSlotKey), HasOwners);
 }
 
 // The processor's own part: without the barrier the owner now and then would not see a guest that does not see it either,
@@ -171,7 +274,7 @@ TEST(BiasedLock, NothingThatIsDoneInsideIsLost)
             }
             EBiasedHold const hold = lock.Acquire(ownerKey);
             number = number + 1;
-            lock.Release(hold);
+            lock.Release(hold, ownerKey);
             ownerRounds.store(ownerRounds.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         }
     });

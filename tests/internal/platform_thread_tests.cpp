@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <string>
+#include <thread>
 #include <typeinfo>
 
 using namespace Velmor;
@@ -176,6 +177,27 @@ TEST(PlatformThread, DescribesTypesReadably)
     char small[10];
     Platform::DescribeType(typeid(SNamedHere).name(), small, sizeof small);
     EXPECT_EQ(std::string(small), "class (an");
+}
+
+TEST(PlatformThread, TellsWhetherAThreadStillRuns)
+{
+    EXPECT_TRUE(Platform::IsThreadAlive(Platform::GetThreadId()));
+    std::atomic<u32> id{0};
+    std::atomic<bool> mayEnd{false};
+    std::thread other([&] {
+        id = Platform::GetThreadId();
+        while (!mayEnd)
+            std::this_thread::yield();
+    });
+    while (id == 0)
+        std::this_thread::yield();
+    EXPECT_TRUE(Platform::IsThreadAlive(id));
+    mayEnd = true;
+    other.join();
+    // The system may take a moment to forget it.
+    for (u32 attempt = 0; attempt < 1000 && Platform::IsThreadAlive(id); ++attempt)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_FALSE(Platform::IsThreadAlive(id));
 }
 
 } // namespace

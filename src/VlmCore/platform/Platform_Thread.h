@@ -69,6 +69,10 @@ void JoinThread(void* handle);
 /// thread may have ended. Takes microseconds.
 void SynchronizeThread(u64 threadKey);
 
+/// False when no thread of the process has the id (see Thread::GetId) any more; true also when that cannot be told. A few
+/// microseconds.
+[[nodiscard]] bool IsThreadAlive(u32 threadId);
+
 // Types
 
 /// Writes the readable name of a type behind a keyword and a blank, "class Velmor::CFoo", from what

@@ -205,6 +205,11 @@ void SynchronizeThread(u64)
     static_cast<void>(::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0));
 }
 
+bool IsThreadAlive(u32 threadId)
+{
+    return ::syscall(SYS_tgkill, ::getpid(), static_cast<pid_t>(threadId), 0) == 0 || errno != ESRCH;
+}
+
 // Types
 
 void DescribeType(char const* rawName, char* out, u64 size)

@@ -235,6 +235,18 @@ void SynchronizeThread(u64 threadKey)
     }
 }
 
+bool IsThreadAlive(u32 threadId)
+{
+    HANDLE const thread = ::OpenThread(SYNCHRONIZE | THREAD_QUERY_LIMITED_INFORMATION, FALSE, threadId);
+    if (thread == nullptr)
+        return ::GetLastError() != ERROR_INVALID_PARAMETER;
+    // One that has ended keeps its id as long as somebody has a handle; else another process may have it by now.
+    bool const isAlive =
+        ::WaitForSingleObject(thread, 0) == WAIT_TIMEOUT && ::GetProcessIdOfThread(thread) == ::GetCurrentProcessId();
+    ::CloseHandle(thread);
+    return isAlive;
+}
+
 // Types
 
 void DescribeType(char const* rawName, char* out, u64 size)
