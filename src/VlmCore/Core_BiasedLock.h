@@ -138,7 +138,7 @@ private:
     u32 m_nextShare = FirstShare;           // visits of the next such while
 };
 
-/// Holds a biased lock for the length of a scope.
+/// Holds a biased lock for the length of a scope; the key is that of Release.
 class [[nodiscard]] CBiasedGuard {
 public:
     CBiasedGuard(CBiasedLock& lock, EBiasedHold hold, u64 threadKey = 0)

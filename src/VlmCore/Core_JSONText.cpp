@@ -92,14 +92,6 @@ void CJSONText::AppendDecimal(u64 value)
     NumberText::WriteDigits(value, GetEnd());
 }
 
-void CJSONText::AppendHex(u64 value)
-{
-    u32 const count = NumberText::CountHex(value);
-    Reserve(count);
-    m_size += count;
-    NumberText::WriteHex(value, GetEnd());
-}
-
 void CJSONText::AppendEscaped(char const* text)
 {
     for (AppendPlain(text, false); *text != '\0'; AppendPlain(text, false))

@@ -20,9 +20,8 @@ public:
     /// Appends a text as it stands.
     void Append(char const* text);
     void Append(char const* text, u64 size);
-    /// Appends a number in decimal, or as the format engine prints hexadecimal.
+    /// Appends a number in decimal.
     void AppendDecimal(u64 value);
-    void AppendHex(u64 value);
 
     /// Appends the inside of a JSON string: quotes, backslashes and control characters escaped, valid UTF-8 as it
     /// stands, a byte that belongs to no character as the code point of its value.

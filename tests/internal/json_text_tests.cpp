@@ -62,11 +62,7 @@ TEST(JSONText, NumbersAreWholeAtTheEndsOfTheirType)
     json.AppendDecimal(0);
     json.Append(" ");
     json.AppendDecimal(~u64{0});
-    json.Append(" ");
-    json.AppendHex(0);
-    json.Append(" ");
-    json.AppendHex(~u64{0});
-    EXPECT_EQ(std::string(json.GetData(), json.GetSizeByte()), "0 18446744073709551615 0x0 0xFFFFFFFFFFFFFFFF");
+    EXPECT_EQ(std::string(json.GetData(), json.GetSizeByte()), "0 18446744073709551615");
 }
 
 TEST(JSONText, GrowsAndCuts)
