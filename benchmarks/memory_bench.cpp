@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace Velmor;
@@ -111,6 +112,23 @@ void MeasureReplacement(benchmark::State& state, SAllocator const& allocator, u6
     }
     allocator.settle();
 }
+
+// No allocator at all: a released block is the next one handed out, whatever its size. What is left of a replacement is
+// the caller's own part of it: a place looked up at random, and a byte written to the block there.
+void* released = nullptr;
+
+SAllocator const nothing{
+    "nothing",
+    [](u64 size) { return released != nullptr ? std::exchange(released, nullptr) : Memory::Malloc(size, EHeap::Pool); },
+    [](void* block) {
+        if (void* const other = std::exchange(released, block); other != nullptr)
+            Memory::Free(other);
+    },
+    [] {
+        Memory::Free(std::exchange(released, nullptr));
+        Memory::Purge();
+    },
+    false};
 
 // ---- Threads ----
 
@@ -256,6 +274,12 @@ benchmark::internal::Benchmark* Register(char const* what, SAllocator const& all
         name.c_str(), [=, &allocator](benchmark::State& state) { measure(state, allocator, arguments...); });
 }
 
+void RegisterReplacements(SAllocator const& allocator, i64 steps)
+{
+    Register("Replace100000", allocator, &MeasureReplacement, 100000u)->Iterations(steps);
+    Register("Replace1000000", allocator, &MeasureReplacement, 1000000u)->Iterations(steps);
+}
+
 void RegisterAll(std::vector<SAllocator> const& allocators, std::vector<SMemoryUse> const& uses)
 {
     for (u64 index = 0; index < allocators.size(); ++index) {
@@ -270,13 +294,12 @@ void RegisterAll(std::vector<SAllocator> const& allocators, std::vector<SMemoryU
         Register("Pair1024", allocator, &MeasurePairs, 1024u);
         // A fixed number of steps: the blocks are not to be made and mixed again for each attempt at one.
         i64 const steps = allocator.isSlowAtScale ? 50000 : 2000000;
-        if (!allocator.isSlowAtScale) {
-            Register("Replace100000", allocator, &MeasureReplacement, 100000u)->Iterations(steps);
-            Register("Replace1000000", allocator, &MeasureReplacement, 1000000u)->Iterations(steps);
-        }
+        if (!allocator.isSlowAtScale)
+            RegisterReplacements(allocator, steps);
         Register("OwnBlocks", allocator, &MeasureOwnBlocks)->ThreadRange(1, 2)->UseRealTime()->Iterations(steps);
         Register("ForeignFrees", allocator, &MeasureForeignFrees)->UseRealTime()->Iterations(1);
     }
+    RegisterReplacements(nothing, 2000000);
     Register("PurgeHalfFree256MB", allocators.front(), &MeasurePurge)->UseManualTime()->Iterations(1);
 }
 
