@@ -32,4 +32,9 @@ void CBackoff::Wait()
         Platform::SleepThread(1, Platform::ESleep::Deaf);
 }
 
+bool CBackoff::IsInVain() const
+{
+    return IsSleeping() && Platform::HasEndedOtherThreads();
+}
+
 } // namespace Velmor

@@ -29,6 +29,9 @@ public:
     void Reset() { m_rounds = 0; }
     /// True when the next Wait sleeps.
     [[nodiscard]] bool IsSleeping() const { return m_rounds >= SpinRounds + m_yieldRounds; }
+    /// True when nobody is left who could end the wait: the process is ending, and its other threads have been ended
+    /// before. Never true of a wait that does not sleep yet.
+    [[nodiscard]] bool IsInVain() const;
 
 private:
     static constexpr u32 SpinRounds = 12;

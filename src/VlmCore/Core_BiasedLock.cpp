@@ -15,7 +15,7 @@ void CBiasedLock::EnterAsGuest()
         return;
     Impl::Disown(m_owner, [this] { Platform::SynchronizeThread(m_nextOwner); });
     CBackoff backoff;
-    while (m_isInside[GetSlot(m_nextOwner)].load(std::memory_order_acquire) != 0)
+    while (m_isInside[GetSlot(m_nextOwner)].load(std::memory_order_acquire) != 0 && !backoff.IsInVain())
         backoff.Wait();
 }
 

@@ -169,6 +169,8 @@ void CFileLogger::WriteBuffered(u8 const* line, u64 lineSize)
         if (copied >= lineSize)
             break;
         release();
+        if (Platform::HasEndedOtherThreads())
+            return; // the writer, too: the rest of the line is lost
         Thread::Reschedule();
         m_lock.Acquire();
     }

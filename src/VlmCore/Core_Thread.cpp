@@ -241,7 +241,7 @@ void IThread::Join()
             return;
         }
         // Without a handle the thread is just being started, or another Join is at work.
-        if (m_running.load(std::memory_order_acquire) == 0)
+        if (m_running.load(std::memory_order_acquire) == 0 || backoff.IsInVain())
             return;
         backoff.Wait();
     }

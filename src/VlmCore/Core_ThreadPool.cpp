@@ -364,6 +364,8 @@ void CThreadPool::WaitForJobs() const
             if (Impl::IsDrained(m_ring, isAnyBusy))
                 return;
         }
+        if (backoff.IsInVain())
+            return; // the workers have been ended with the process
         backoff.Wait();
     }
 }

@@ -200,4 +200,10 @@ TEST(PlatformThread, TellsWhetherAThreadStillRuns)
     EXPECT_FALSE(Platform::IsThreadAlive(id));
 }
 
+// The answer at the end of a process: tests/process_end_tests.cpp.
+TEST(PlatformThread, EndsNoOtherThreadsBeforeTheEnd)
+{
+    EXPECT_FALSE(Platform::HasEndedOtherThreads());
+}
+
 } // namespace

@@ -27,6 +27,9 @@ struct SSystemTraits {
     /// C++ exceptions work in a process that is being debugged. Wine 8 loses itself in access violations on the first.
     bool debuggedProcessMayThrow;
 
+    /// A process that ends has its other threads ended before its modules go. Elsewhere they run on meanwhile.
+    bool endsThreadsBeforeModules;
+
     /// Exit code of a process that its access violation ended, after the crash report.
     unsigned accessViolationExitCode;
 };

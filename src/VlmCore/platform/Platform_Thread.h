@@ -73,6 +73,11 @@ void SynchronizeThread(u64 threadKey);
 /// microseconds.
 [[nodiscard]] bool IsThreadAlive(u32 threadId);
 
+/// True at the end of a process when the system has ended all its other threads, in the middle of whatever they were
+/// doing, and nobody will ever release what they held. Windows ends them before it unloads the modules, where functions
+/// registered for the exit run; posix systems let them run on. Costs next to nothing; no lock of the system's is taken.
+[[nodiscard]] bool HasEndedOtherThreads();
+
 // Types
 
 /// Writes the readable name of a type behind a keyword and a blank, "class Velmor::CFoo", from what

@@ -13,6 +13,7 @@ SSystemTraits const SystemTraits = {
     .writesMinidumps = false,
     .reportsStackOverflow = true,
     .debuggedProcessMayThrow = true,
+    .endsThreadsBeforeModules = false,
     .accessViolationExitCode = 128 + 11,
 };
 

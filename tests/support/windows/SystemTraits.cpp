@@ -21,6 +21,7 @@ SSystemTraits const SystemTraits = {
     .writesMinidumps = true,
     .reportsStackOverflow = !IsWine(),
     .debuggedProcessMayThrow = !IsWine(),
+    .endsThreadsBeforeModules = true,
     .accessViolationExitCode = 0xC0000005,
 };
 

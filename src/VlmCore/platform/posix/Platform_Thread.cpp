@@ -210,6 +210,11 @@ bool IsThreadAlive(u32 threadId)
     return ::syscall(SYS_tgkill, ::getpid(), static_cast<pid_t>(threadId), 0) == 0 || errno != ESRCH;
 }
 
+bool HasEndedOtherThreads()
+{
+    return false;
+}
+
 // Types
 
 void DescribeType(char const* rawName, char* out, u64 size)

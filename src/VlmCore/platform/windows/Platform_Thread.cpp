@@ -14,6 +14,10 @@
 #  include <cxxabi.h>
 #endif
 
+// In no header of the system. Linked, not looked up: a look-up takes the loader's lock, and a thread that is asked here may
+// hold what the loader's lock waits for.
+extern "C" __declspec(dllimport) BOOLEAN NTAPI RtlDllShutdownInProgress(void);
+
 namespace Velmor::Platform {
 
 // The calling thread
@@ -245,6 +249,11 @@ bool IsThreadAlive(u32 threadId)
         ::WaitForSingleObject(thread, 0) == WAIT_TIMEOUT && ::GetProcessIdOfThread(thread) == ::GetCurrentProcessId();
     ::CloseHandle(thread);
     return isAlive;
+}
+
+bool HasEndedOtherThreads()
+{
+    return ::RtlDllShutdownInProgress() != FALSE;
 }
 
 // Types
