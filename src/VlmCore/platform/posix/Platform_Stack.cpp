@@ -14,6 +14,7 @@
 // walks and compares: loads that wait for nothing. Each word that the walk would have followed is compared, so that the
 // outcome is that of the walk.
 #include "../Platform_Stack.h"
+#include "Posix_ThreadObjects.h"
 
 #include <atomic>
 #include <cstddef>
@@ -113,7 +114,6 @@ struct SWalk {
     }
 };
 
-/// Small: a thread's variables lie in its stack, and that may have no more than 16 KB.
 struct SThreadStack {
     static constexpr u32 RunCount = 8;
     static constexpr u32 WalkCount = 4;
@@ -124,19 +124,19 @@ struct SThreadStack {
     SWalk walks[WalkCount]{};
 };
 
-static_assert(sizeof(SThreadStack) < 3 * 1024);
+static_assert(sizeof(SThreadStack) < 3 * 1024, "fits into a page");
 
-thread_local SThreadStack t_stack;
+constinit TThreadObjects<SThreadStack> g_threadStacks;
 
-// Where the thread's own lies. The initial-exec model makes this one instruction also from a shared library; eight bytes
-// fit the loader's reserve when the library is loaded late.
-[[gnu::tls_model("initial-exec")]] thread_local SThreadStack* t_known = nullptr;
+// The initial-exec model makes this one instruction also from a shared library; eight bytes fit the loader's reserve
+// when the library is loaded late.
+[[gnu::tls_model("initial-exec")]] thread_local SThreadStack* t_stack = nullptr;
 
-SThreadStack& GetThreadStack()
+/// The calling thread's; null when there is none to be had now.
+SThreadStack* FindThreadStack()
 {
-    if (t_known == nullptr) [[unlikely]]
-        t_known = &t_stack;
-    return *t_known;
+    SThreadStack* const known = t_stack;
+    return known != nullptr ? known : g_threadStacks.Claim(t_stack);
 }
 
 void FindStackBounds(SThreadStack& stack)
@@ -343,26 +343,27 @@ VLM_STACK_WALK u32 CaptureStack(void** addresses, u32* hash)
 {
     Address const frame = reinterpret_cast<Address>(__builtin_frame_address(0));
     Address const caller = reinterpret_cast<Address>(__builtin_return_address(0));
-    SThreadStack& stack = GetThreadStack();
-    if (stack.high == 0)
-        FindStackBounds(stack);
-    bool const onOwnStack = frame >= stack.low && frame < stack.high; // not on a signal stack or a coroutine's
-    bool const isAlone = onOwnStack && !stack.isBusy;
+    SThreadStack* const stack = FindThreadStack();
+    if (stack != nullptr && stack->high == 0)
+        FindStackBounds(*stack);
+    // Not on a signal stack or a coroutine's.
+    bool const onOwnStack = stack != nullptr && frame >= stack->low && frame < stack->high;
+    bool const isAlone = onOwnStack && !stack->isBusy;
     if (isAlone) {
-        stack.isBusy = true;
+        stack->isBusy = true;
         std::atomic_signal_fence(std::memory_order_seq_cst);
-        SWalk const* const walk = FindWalk(frame, stack);
+        SWalk const* const walk = FindWalk(frame, *stack);
         u32 const count = walk != nullptr ? walk->count : 0;
         for (u32 i = 0; i < count; ++i)
             addresses[i] = reinterpret_cast<void*>(walk->addresses[i]);
         if (count != 0 && hash != nullptr)
             *hash = walk->sum;
         std::atomic_signal_fence(std::memory_order_seq_cst);
-        stack.isBusy = false;
+        stack->isBusy = false;
         if (count != 0)
             return count;
     }
-    u32 const count = CaptureByUnwinder(addresses, caller, isAlone ? &stack : nullptr);
+    u32 const count = CaptureByUnwinder(addresses, caller, isAlone ? stack : nullptr);
     if (hash != nullptr) {
         u32 sum = 0;
         for (u32 i = 0; i < count; ++i)
