@@ -51,6 +51,20 @@ void ReportMissingLibrary() noexcept
     }
 }
 
+/// When the library is unloaded, or the process ends, nobody has use for the symbols any more. But for a thread that is at
+/// it: then the process is ending, and takes them along.
+struct SSymbolsEnd {
+    ~SSymbolsEnd()
+    {
+        if (GetSymbolLock().TryAcquire()) {
+            Platform::ReleaseSymbols();
+            GetSymbolLock().TryRelease();
+        }
+    }
+};
+
+constinit SSymbolsEnd symbolsEnd;
+
 } // namespace
 
 void LoadSymbols()

@@ -20,6 +20,9 @@ extern char const* const DebugLibraryName;
 /// what the system itself knows, perhaps nothing.
 bool PrepareSymbols();
 
+/// Gives back what PrepareSymbols took for this library alone. It may be called again afterwards and starts anew.
+void ReleaseSymbols();
+
 /// Fills the names and the line of `frame` as far as they are known, empty text and 0 where not; leaves its address.
 /// Texts are cut to 1023 (symbol), 63 (module) and 256 (file) bytes. The address is looked up as it stands.
 void DescribeAddress(void const* address, Debug::SCallstackLine& frame);

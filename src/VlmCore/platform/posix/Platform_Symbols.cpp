@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <link.h>
 #include <unistd.h>
+#include <utility>
 
 namespace Velmor::Platform {
 
@@ -29,7 +30,7 @@ bool LookUp(void* library, Function& function, char const* name)
     return function != nullptr;
 }
 
-/// Opens a session of the debugging library; null when there is none to be had. Kept until the process ends.
+/// Opens a session of the debugging library; null when there is none to be had.
 Dwfl* OpenSession()
 {
     void* const library = ::dlopen(DebugLibraryName, RTLD_NOW | RTLD_LOCAL);
@@ -37,7 +38,8 @@ Dwfl* OpenSession()
         return nullptr;
     SDebugLibrary& dw = g_debugLibrary;
     bool const complete =
-        LookUp(library, dw.begin, "dwfl_begin") && LookUp(library, dw.reportBegin, "dwfl_report_begin") &&
+        LookUp(library, dw.begin, "dwfl_begin") && LookUp(library, dw.end, "dwfl_end") &&
+        LookUp(library, dw.reportBegin, "dwfl_report_begin") &&
         LookUp(library, dw.reportProcess, "dwfl_linux_proc_report") &&
         LookUp(library, dw.reportEnd, "dwfl_report_end") && LookUp(library, dw.findModule, "dwfl_addrmodule") &&
         LookUp(library, dw.countSymbols, "dwfl_module_getsymtab") &&
@@ -133,6 +135,9 @@ struct SModuleChanges {
     u64 unloaded;
 };
 
+bool g_isPrepared = false;
+SModuleChanges g_knownChanges{};
+
 int ReadChanges(dl_phdr_info* info, std::size_t, void* result)
 {
     *static_cast<SModuleChanges*>(result) = {info->dlpi_adds, info->dlpi_subs};
@@ -143,18 +148,17 @@ int ReadChanges(dl_phdr_info* info, std::size_t, void* result)
 
 bool PrepareSymbols()
 {
-    static bool tried = false;
-    static SModuleChanges known{};
-    if (!tried) {
-        tried = true;
+    if (!g_isPrepared) {
+        g_isPrepared = true;
+        g_knownChanges = {};
         g_session = OpenSession();
     }
     if (g_session == nullptr)
         return false;
     SModuleChanges now{};
     ::dl_iterate_phdr(&ReadChanges, &now);
-    if (now.loaded != known.loaded || now.unloaded != known.unloaded) {
-        known = now;
+    if (now.loaded != g_knownChanges.loaded || now.unloaded != g_knownChanges.unloaded) {
+        g_knownChanges = now;
         g_cache.Clear();
         DropModuleIndices();
         g_debugLibrary.reportBegin(g_session);
@@ -162,6 +166,15 @@ bool PrepareSymbols()
         g_debugLibrary.reportEnd(g_session, nullptr, nullptr);
     }
     return true;
+}
+
+void ReleaseSymbols()
+{
+    g_isPrepared = false;
+    g_cache.Clear();
+    DropModuleIndices();
+    if (g_session != nullptr)
+        g_debugLibrary.end(std::exchange(g_session, nullptr));
 }
 
 // Resolution

@@ -27,6 +27,7 @@ struct Dwfl_Callbacks {
 
 struct SDebugLibrary {
     Dwfl* (*begin)(Dwfl_Callbacks const*);
+    void (*end)(Dwfl*);
     void (*reportBegin)(Dwfl*);
     int (*reportProcess)(Dwfl*, pid_t);
     int (*reportEnd)(Dwfl*, void*, void*);

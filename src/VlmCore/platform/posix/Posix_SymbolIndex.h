@@ -21,12 +21,18 @@ public:
     TRuntimeArray() = default;
     TRuntimeArray(TRuntimeArray const&) = delete;
     TRuntimeArray& operator=(TRuntimeArray const&) = delete;
-    ~TRuntimeArray() { std::free(m_data); }
+    ~TRuntimeArray() { Clear(); }
 
     [[nodiscard]] T* begin() const { return m_data; }
     [[nodiscard]] T* end() const { return m_data + m_count; }
 
-    void Clear() { m_count = 0; }
+    /// Gives the memory back.
+    void Clear()
+    {
+        std::free(m_data);
+        m_data = nullptr;
+        m_count = m_capacity = 0;
+    }
 
     /// False, and nothing changed, without memory.
     bool Append(T const& value)

@@ -118,6 +118,9 @@ bool PrepareSymbols()
     return true;
 }
 
+// The symbols are those of the process: a host or another module may be using them.
+void ReleaseSymbols() {}
+
 // Resolution
 
 void DescribeAddress(void const* address, Debug::SCallstackLine& frame)
