@@ -30,7 +30,7 @@ INSTANTIATE_TEST_SUITE_P(Libraries, LateLoading, ::testing::Values("shared", "st
 
 TEST_P(LateLoading, AllOfItWorksAgainAndAgain)
 {
-    for (int round = 0; round < 20; ++round) {
+    for (int round = 0; round < 8; ++round) {
         void* const module = LateLoad::Open(m_fileName.c_str());
         ASSERT_NE(module, nullptr) << round;
         EXPECT_EQ(UsePlugin(module), EventsOfARun) << round;
