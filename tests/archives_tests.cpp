@@ -62,6 +62,14 @@ TEST_F(FolderArchive, KnowsItsFullName)
     EXPECT_EQ(Units(CFolderArchive(CString(roundabout)).GetName()), rootText + u"\\");
 }
 
+TEST_F(FolderArchive, OfTheEmptyPathIsTheRootOfTheDrive)
+{
+    CCurrentFolder const current(Root());
+    std::u16string const drive = TestSupport::HasDrives() ? rootText.substr(0, 2) : std::u16string();
+    EXPECT_EQ(Units(CFolderArchive("").GetName()), drive + u"\\");
+    EXPECT_EQ(Units(CFolderArchive(CString()).GetName()), drive + u"\\");
+}
+
 TEST_F(FolderArchive, WithoutARootIsTheCurrentFolderOfThen)
 {
     fs::create_directory(Root() / "a");
@@ -523,11 +531,13 @@ TEST_F(FolderArchive, RemoveFolderStaysWithinItsRoot)
     CFolderArchive inner{CString(innerText)};
     fs::create_directory(Root() / "beside");
     fs::create_directory(Root() / "inner2"); // begins with the root's text and is not in it
+    fs::create_directory(Root() / "outer");  // a name as long as the root's
     for (char const* const path :
-         {"..\\beside", "../beside", "..", "sub\\..\\..\\beside", "..\\inner2", "..\\..", "\\..\\beside"})
+         {"..\\beside", "../beside", "..", "sub\\..\\..\\beside", "..\\inner2", "..\\outer", "..\\..", "\\..\\beside"})
         EXPECT_EQ(FileErrorOf([&] { inner.RemoveFolder(path); }), EFileError::Denied) << path;
     EXPECT_TRUE(fs::exists(Root() / "beside"));
     EXPECT_TRUE(fs::exists(Root() / "inner2"));
+    EXPECT_TRUE(fs::exists(Root() / "outer"));
     EXPECT_TRUE(fs::exists(Root() / "inner" / "sub"));
 
     if (TestSupport::MakeLink(outside.Path(), Root() / "inner" / "way-out")) {

@@ -399,6 +399,66 @@ TEST(ByteStreamFile, SeeksWithinItsBounds)
     EXPECT_EQ(file.Read(rest, 8), 0u);
 }
 
+TEST(ByteStreamFile, PositionsStopInsteadOfWrapping)
+{
+    char byte = 0;
+    CByteStreamFile file("s", &byte, ~u64{0}); // a view of all the memory there could be
+    i64 const largest = std::numeric_limits<i64>::max();
+    file.Seek(ESeek::Begin, largest);
+    file.Seek(ESeek::Current, largest);
+    EXPECT_EQ(file.GetPosition(), ~u64{0} - 1);
+    file.Seek(ESeek::Current, 5);
+    EXPECT_EQ(file.GetPosition(), ~u64{0});
+    EXPECT_TRUE(file.ReachedEOF());
+    file.Seek(ESeek::Current, -largest - 1);
+    EXPECT_EQ(file.GetPosition(), static_cast<u64>(largest));
+}
+
+namespace {
+
+// What a host's own kinds change: where the end is, and whether there is anything to write to.
+template <class File>
+class TEnded : public File {
+public:
+    using File::File;
+    [[nodiscard]] bool ReachedEOF() const override { return isAtEnd; }
+    bool isAtEnd = true;
+};
+
+class CLockedStream : public CByteStreamFile {
+public:
+    using CByteStreamFile::CByteStreamFile;
+    [[nodiscard]] bool IsWritable() const override { return false; }
+};
+
+} // namespace
+
+TEST(MemoryFile, AsksForTheEndVirtually)
+{
+    TEnded<CMemoryFile> file("m");
+    file.Write("abc", 3);
+    file.Seek(ESeek::Begin, 0);
+    char text[4] = {};
+    EXPECT_EQ(file.Read(text, 3), 0u);
+    file.isAtEnd = false;
+    EXPECT_EQ(file.Read(text, 3), 3u);
+    EXPECT_STREQ(text, "abc");
+    EXPECT_EQ(file.Read(text, 3), 0u); // nothing there, whatever it says
+}
+
+TEST(ByteStreamFile, AsksForItsStateVirtually)
+{
+    char data[4] = "abc";
+    TEnded<CByteStreamFile> file("s", static_cast<void*>(data), 3);
+    char text[4] = {};
+    EXPECT_EQ(file.Read(text, 3), 0u);
+    file.isAtEnd = false;
+    EXPECT_EQ(file.Read(text, 3), 3u);
+    CLockedStream locked("s", static_cast<void*>(data), 3);
+    EXPECT_THROW(locked.Write("x", 1), CFileException);
+    EXPECT_STREQ(data, "abc");
+}
+
 TEST(ByteStreamFile, EmptyOnNothing)
 {
     CByteStreamFile file("s", static_cast<void const*>(nullptr), 0);

@@ -187,6 +187,7 @@ TEST(NumberRendering, Floats)
     EXPECT_EQ(Float(99.99f), "99.989997");
     EXPECT_EQ(Float(1e-6f), "0.0");
     EXPECT_EQ(Float(1.5e-6f), "0.000001");
+    EXPECT_EQ(Float(0x1.0c6f7ap-19f), "0.000001"); // what is left is the threshold itself
     EXPECT_EQ(Float(0.9999999f), "0.999999");
     EXPECT_EQ(Float(16777216.0f), "16777216.0");
 }
@@ -374,6 +375,12 @@ TEST(NumberParsing, EveryEncodingAlike)
     EXPECT_EQ(CString(U"0x3412").ToUnsignedInteger(EBinaryEncoding::LittleEndian), 0x1234u);
     EXPECT_EQ(CString(u"3,25").ToDouble(), 3.25);
     EXPECT_EQ(CString(U"-3.5").ToDouble(), -3.5);
+    // Behind a value that is not 0 neither an "x" nor a "-" counts.
+    EXPECT_EQ(CString("-5x1").ToInteger(EBinaryEncoding::BigEndian), -5);
+    EXPECT_EQ(CString(u"5x1").ToUnsignedInteger(EBinaryEncoding::BigEndian), 5u);
+    EXPECT_EQ(CString(U"5x1").ToUnsignedInteger(EBinaryEncoding::LittleEndian), 5u);
+    EXPECT_EQ(CString(u"-5-3").ToInteger(EBinaryEncoding::BigEndian), -5);
+    EXPECT_EQ(CString(U"05-3").ToInteger(EBinaryEncoding::BigEndian), 5);
     // Units whose low byte alone would be a digit.
     EXPECT_EQ(CString(u"1\u0132").ToInteger(EBinaryEncoding::BigEndian), 1);
     EXPECT_EQ(CString(U"1\U00010032").ToInteger(EBinaryEncoding::BigEndian), 1);

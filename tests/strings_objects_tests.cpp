@@ -367,7 +367,10 @@ TEST(MutableString, AdoptsABuffer)
     EXPECT_EQ(text.GetLength(), 2u);
     EXPECT_EQ(text.GetAllocatedSize(), 8u);
     text.SetManagedReference(buffer, UTF16);
-    EXPECT_EQ(text.GetLength(), 2u) << "its own buffer again is not freed";
+    EXPECT_EQ(text.GetLength(), 2u);
+    void* const next = Memory::Malloc(8, EHeap::Pool);
+    EXPECT_NE(next, buffer) << "its own buffer again is not freed";
+    Memory::Free(next);
     text.SetManagedReference(nullptr, UTF8);
     EXPECT_EQ(text.GetData(), nullptr);
     EXPECT_EQ(text.GetLength(), 0u);

@@ -305,6 +305,7 @@ TEST(StringJoin, Ranges)
     EXPECT_EQ(IString::Join(", ", parts, 0, 10), "a, b, c");
     EXPECT_EQ(IString::Join(", ", parts), "a, b, c");
     EXPECT_EQ(IString::Join(", ", parts, 0, 2), "a, b, c");
+    EXPECT_EQ(IString::Join(", ", parts, 0, 3), "a, b, c"); // the count itself is past the end
     EXPECT_EQ(IString::Join(", ", parts, 1, 2), "b, c");
     EXPECT_EQ(IString::Join(", ", parts, 0, 1), "a, b");
     EXPECT_EQ(IString::Join(", ", parts, 2, 0), "a");
@@ -390,6 +391,9 @@ TEST(StringSplit, AppendsAndMaySplitAPartOfTheList)
     CParts parts = PartsOf({"x,y,z,0,1,2,3,4,5"});
     parts[0].Split(",", parts);
     ExpectPieces(parts, {"x,y,z,0,1,2,3,4,5", "x", "y", "z", "0", "1", "2", "3", "4", "5"});
+    CParts whole = PartsOf({"first"});
+    CString("no separator").Split(",", whole);
+    ExpectPieces(whole, {"first", "no separator"});
 }
 
 // ---- Unescape, maps -------------------------------------------------------------------------------------------------

@@ -177,6 +177,8 @@ TEST(WeakTypeOperators, FloatsCloserThanTheToleranceAreEqual)
     EXPECT_TRUE(CWeakType(0.0f) == CWeakType(0.0000009f));
     EXPECT_FALSE(CWeakType(0.0f) == CWeakType(0.0000011f));
     EXPECT_TRUE(CWeakType(0.0f) != CWeakType(-0.0000011f));
+    EXPECT_FALSE(CWeakType(0.000001f) == CWeakType(0.0f)); // at the tolerance itself they differ
+    EXPECT_TRUE(CWeakType(0.0f) != CWeakType(0.000001f));
 }
 
 TEST(WeakTypeOperators, IntegersWrap)

@@ -121,6 +121,23 @@ TEST(FileErrors, WithoutATextTellTheNumber)
     }
 }
 
+TEST(FileErrors, OfAKindDoWithoutAText)
+{
+    // Not every system has a text for each of the table's numbers; only an error of no kind then tells its number.
+    for (u32 const number : {1921u, 4350u, 276u, 1006u, 665u, 6002u, 6009u}) {
+        char text[SystemErrorTextCapacity];
+        GetSystemErrorText(number, text);
+        try {
+            RaiseFileError(number);
+            ADD_FAILURE() << number;
+        }
+        catch (CFileException const& error) {
+            EXPECT_EQ(Bytes(error.GetText()), text) << number;
+            EXPECT_NE(error.GetFileError(), EFileError::Unknown) << number;
+        }
+    }
+}
+
 // ---- dot parts ----
 
 TEST(DotParts, EveryShape)
