@@ -94,6 +94,18 @@ TEST(Math, RandomFollowsTheSeed)
     EXPECT_EQ(Math::Random(-1.0f, 1.0f), second);
 }
 
+TEST(Math, RandomScalesTheUpperFifteenBitsOfTheRuntimesNumber)
+{
+    for (unsigned seed = 1; seed <= 200; ++seed) {
+        std::srand(seed);
+        int drawn = std::rand();
+        for (int most = RAND_MAX; most > 0x7FFF; most >>= 1)
+            drawn >>= 1;
+        std::srand(seed);
+        EXPECT_EQ(Math::Random(-2.0f, 6.0f), static_cast<float>(drawn) * 0x1.0002p-15f * 8.0f + -2.0f) << seed;
+    }
+}
+
 TEST(Math, CeilAndFloor)
 {
     EXPECT_EQ(Math::Floor(-1.5f), -2.0f);
@@ -167,6 +179,8 @@ TEST(Math, PointInPolygon)
     EXPECT_FALSE(Math::TestPointInPoly({2, -1}, square));
     EXPECT_TRUE(Math::TestPointInPoly({0, 2}, square));  // the left edge belongs
     EXPECT_FALSE(Math::TestPointInPoly({4, 2}, square)); // the right one does not
+    EXPECT_TRUE(Math::TestPointInPoly({2, 4}, square));  // the edge of the larger y belongs
+    EXPECT_FALSE(Math::TestPointInPoly({2, 0}, square)); // that of the smaller y does not
 }
 
 TEST(Math, PointInPolygonWithADent)

@@ -289,6 +289,7 @@ INSTANTIATE_TEST_SUITE_P(
                     SReference{"&#65b;", "[A]"}, SReference{"&#x100000041;", "[A]"},
                     // The library's own UTF-8: three bytes up to 0x3FFFF, a constant first byte above.
                     SReference{"&#x1F600;", "[\xEF\x98\x80]"}, SReference{"&#x40000;", "[\xE0\xE0\x80\x80]"},
+                    SReference{"&#x50000;", "[\xE0\xF0\x80\x80]"},
                     // A reference is not looked for inside another.
                     SReference{"&a&lt;", "[]"}, SReference{"&amp;lt;", "[&lt;]"},
                     // 15 code points are the longest name, whatever they weigh.
@@ -515,6 +516,22 @@ TEST(XMLStream, CallbackMayExchangeCallbacksAndThrow)
     buffer = "u<a>";
     EXPECT_EQ(stream.ProcessData(buffer.data(), static_cast<unsigned>(buffer.size())), 4u);
     EXPECT_EQ(seen, "u");
+}
+
+TEST(XMLStream, ResetForgetsTheReferenceThatATextEndedIn)
+{
+    CXMLStream stream;
+    std::string seen;
+    stream.OnText = [&](CString const* text) {
+        seen = text != nullptr ? static_cast<char const*>(text->GetData()) : "none";
+    };
+    std::string buffer = "t&abcdefghijklmnopqrst"; // too long already, its rest would be dropped
+    EXPECT_EQ(stream.ProcessData(buffer.data(), static_cast<unsigned>(buffer.size())), buffer.size());
+    EXPECT_EQ(seen, "t");
+    stream.Reset();
+    buffer = "x;y<b>";
+    EXPECT_EQ(stream.ProcessData(buffer.data(), static_cast<unsigned>(buffer.size())), buffer.size());
+    EXPECT_EQ(seen, "x;y");
 }
 
 TEST(XMLStream, NothingIsAllocated)
