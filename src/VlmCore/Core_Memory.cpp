@@ -17,15 +17,17 @@ namespace Velmor {
 
 namespace {
 
-constinit CSpinLock g_quietHeapLock;
+constinit CSpinLock g_quietExtensionLock;
 
 } // namespace
 
 // Under a lock: of two threads at once, the last one sees what both did.
-void UpdateQuietHeap()
+void UpdateQuietExtension()
 {
-    TScopedLock const lock(g_quietHeapLock);
-    g_quietHeap.store(MemoryLog::IsInstalled() ? nullptr : g_heapModule.heap, std::memory_order_release);
+    TScopedLock const lock(g_quietExtensionLock);
+    bool const isQuiet = g_heapModule.heap != nullptr && !MemoryLog::IsInstalled();
+    g_quietExtension.store(isQuiet ? &g_heapModule.heap->GetExtensionWord() : &g_noExtension,
+                           std::memory_order_release);
 }
 
 CBadAllocation::~CBadAllocation() = default;
@@ -44,7 +46,7 @@ SHeapModule g_externalHooks{};
 void CreateHeap(SMemoryHooks const& hooks, u8 flags, u64 budget)
 {
     g_heapModule.heap = CGlobalHeap::Create(hooks, flags, budget);
-    UpdateQuietHeap();
+    UpdateQuietExtension();
     if (g_heapModule.heap != nullptr && g_heapModule.heap->IsReporting())
         Debug::Print("Heap initialized, using %u bytes\n", static_cast<u32>(g_heapModule.heap->GetBytesInUse()));
 }
@@ -120,7 +122,7 @@ void InitFromExternal(void* hooks)
     SHeapModule* const external = static_cast<SHeapModule*>(hooks);
     if (g_heapModule.heap == nullptr && external != nullptr) {
         g_heapModule.heap = external->heap;
-        UpdateQuietHeap();
+        UpdateQuietExtension();
     }
     if (g_heapModule.FetchHeap().IsPassthrough() || external == nullptr)
         return;
@@ -166,7 +168,7 @@ void Deinitialize()
         g_heapModule.VisitPools([&](auto*& pool) { TearDownPool(*heap, pool); });
     heap->ReleaseRecords();
     g_heapModule.heap = nullptr;
-    UpdateQuietHeap();
+    UpdateQuietExtension();
     heap->SubtractBytes(sizeof(CGlobalHeap));
     if (heap->IsReporting())
         ReportHeap(*heap);

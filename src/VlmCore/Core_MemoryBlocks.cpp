@@ -244,9 +244,6 @@ void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 oldSize, u64 
 template <class Report>
 [[gnu::always_inline]] inline bool TryFreeInChunk(CHeapExtension& extension, void* block, Report&& report)
 {
-#if !defined(VLM_ADDRESS_SANITIZER)
-    __builtin_prefetch(block, 1); // whoever gets it next will write to it
-#endif
     CChunkMap::SFound found;
     if (!extension.TryFind(block, found)) [[unlikely]]
         return false;
@@ -254,6 +251,10 @@ template <class Report>
     u64 const size = CHeapExtension::TakeRecord(*found.record);
     if (size == 0) [[unlikely]]
         return false;
+#if !defined(VLM_ADDRESS_SANITIZER)
+    // Whoever gets it next will write to it. Not before the record is out: that waits until all before it is done.
+    __builtin_prefetch(block, 1);
+#endif
     SFreeSlot const slot{CBlockClass::PrepareFree(block, u64{1} << found.tag.GetBlockBits(), size), found.record};
     if (!extension.TryGiveBack(found.tag, slot)) [[unlikely]]
         GiveBackSlowly(found.tag, slot, size);
@@ -321,8 +322,7 @@ void FreeInTable(CGlobalHeap& heap, void* block)
 // The extension of a heap whose usual cases need nothing else: there is one, and no memory logger wants to know.
 CHeapExtension* FindQuickWay()
 {
-    CGlobalHeap const* const heap = g_quietHeap.load(std::memory_order_acquire);
-    return heap != nullptr ? heap->GetExtension() : nullptr;
+    return g_quietExtension.load(std::memory_order_acquire)->load(std::memory_order_acquire);
 }
 
 } // namespace

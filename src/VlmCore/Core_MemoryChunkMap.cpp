@@ -41,17 +41,34 @@ auto TChunkTree<GranuleBits>::MakeGranule(SMemoryHooks const& hooks, u64 number)
     SBranch* const branch = MakeNode(hooks, m_branches[address >> BranchShift]);
     SLeaf* const leaf =
         branch != nullptr ? MakeNode(hooks, branch->leaves[(address >> LeafShift) & LevelMask]) : nullptr;
-    return leaf != nullptr ? &leaf->granules[number & LevelMask] : nullptr;
+    if (leaf == nullptr)
+        return nullptr;
+    OfferShortcut(address >> LeafShift, leaf);
+    return &leaf->granules[number & LevelMask];
+}
+
+template <u32 GranuleBits>
+void TChunkTree<GranuleBits>::ClearShortcuts()
+{
+    for (std::atomic<u64>& number : m_shortcutNumbers)
+        number.store(NoLeaf, std::memory_order_relaxed);
+}
+
+template <u32 GranuleBits>
+void TChunkTree<GranuleBits>::OfferShortcut(u64 number, SLeaf* leaf)
+{
+    u64 const place = number % ShortcutCount;
+    if (m_shortcutNumbers[place].load(std::memory_order_relaxed) != NoLeaf)
+        return;
+    m_shortcutLeaves[place] = leaf;
+    m_shortcutNumbers[place].store(number, std::memory_order_release);
 }
 
 // One that MakeGranule made before.
 template <u32 GranuleBits>
 auto TChunkTree<GranuleBits>::GetGranule(u64 number) const -> SGranule&
 {
-    u64 const address = number << GranuleBits;
-    SBranch* const branch = m_branches[address >> BranchShift].load(std::memory_order_relaxed);
-    SLeaf* const leaf = branch->leaves[(address >> LeafShift) & LevelMask].load(std::memory_order_relaxed);
-    return leaf->granules[number & LevelMask];
+    return FindLeaf(number >> LevelBits)->granules[number & LevelMask];
 }
 
 template <u32 GranuleBits>
@@ -95,6 +112,7 @@ void TChunkTree<GranuleBits>::Remove(CChunkRecords& chunk)
 template <u32 GranuleBits>
 void TChunkTree<GranuleBits>::Release(SMemoryHooks const& hooks)
 {
+    ClearShortcuts();
     for (std::atomic<SBranch*>& branchSlot : m_branches) {
         SBranch* const branch = branchSlot.exchange(nullptr, std::memory_order_relaxed);
         if (branch == nullptr)
@@ -108,8 +126,8 @@ void TChunkTree<GranuleBits>::Release(SMemoryHooks const& hooks)
 
 bool CChunkMap::Add(SMemoryHooks const& hooks, CChunkRecords& chunk)
 {
-    std::atomic<u32>& blockCount = m_blockCounts[CChunkTag(chunk).GetClass()];
-    u32 const known = blockCount.load(std::memory_order_relaxed);
+    std::atomic<u64>& blockCount = m_blockCounts[CChunkTag(chunk).GetClass()];
+    u64 const known = blockCount.load(std::memory_order_relaxed);
     if (known != 0 && known != chunk.GetBlockCount())
         return false;
     // Before the entries: whoever finds one finds the number, too.

@@ -241,7 +241,7 @@ public:
     /// Smaller chunks cannot be added: at most one may begin inside a granule, and one more reach into it.
     static constexpr u64 SmallestChunk = u64{1} << GranuleBits;
 
-    TChunkTree() = default;
+    TChunkTree() { ClearShortcuts(); }
     TChunkTree(TChunkTree const&) = delete;
     TChunkTree& operator=(TChunkTree const&) = delete;
     ~TChunkTree() = default;
@@ -254,14 +254,12 @@ public:
     /// The only chunk of the tree that may hold the address, which may be any; false when there is none.
     [[nodiscard, gnu::always_inline]] bool TryFind(u64 address, SFound& found) const
     {
-        u64 const branchNumber = address >> BranchShift;
-        if (branchNumber >= LevelSize) [[unlikely]]
-            return false;
-        SBranch const* const branch = m_branches[branchNumber].load(std::memory_order_acquire);
-        if (branch == nullptr) [[unlikely]]
-            return false;
-        SLeaf const* const leaf = branch->leaves[(address >> LeafShift) & LevelMask].load(std::memory_order_acquire);
-        if (leaf == nullptr) [[unlikely]]
+        u64 const number = address >> LeafShift;
+        u64 const place = number % ShortcutCount;
+        SLeaf const* leaf = nullptr;
+        if (m_shortcutNumbers[place].load(std::memory_order_acquire) == number) [[likely]]
+            leaf = m_shortcutLeaves[place];
+        else if (leaf = FindLeaf(number); leaf == nullptr)
             return false;
         SGranule const& granule = leaf->granules[(address >> GranuleBits) & LevelMask];
         u64 const inside = granule.inside.load(std::memory_order_acquire);
@@ -307,10 +305,28 @@ private:
         std::atomic<SLeaf*> leaves[LevelSize] = {};
     };
 
+    static constexpr u64 ShortcutCount = 64;
+    static constexpr u64 NoLeaf = ~u64{0};
+
+    // Through its branch; null when nothing was ever added there. Any number.
+    [[nodiscard, gnu::always_inline]] SLeaf* FindLeaf(u64 number) const
+    {
+        if (number >> 2 * LevelBits != 0)
+            return nullptr;
+        SBranch const* const branch = m_branches[number >> LevelBits].load(std::memory_order_acquire);
+        return branch != nullptr ? branch->leaves[number & LevelMask].load(std::memory_order_acquire) : nullptr;
+    }
+
+    void ClearShortcuts();
+    void OfferShortcut(u64 number, SLeaf* leaf);
     [[nodiscard]] SGranule* MakeGranule(SMemoryHooks const& hooks, u64 number);
     [[nodiscard]] SGranule& GetGranule(u64 number) const;
     void SetEntry(CChunkRecords& chunk, u64 number, bool isPresent);
 
+    // Leaves that are found without their branches: of those whose numbers end alike the first one, for good. A leaf is set
+    // before its number, the bits of the addresses above those of its granules.
+    std::atomic<u64> m_shortcutNumbers[ShortcutCount];
+    SLeaf* m_shortcutLeaves[ShortcutCount] = {};
     std::atomic<SBranch*> m_branches[LevelSize] = {};
 };
 
@@ -339,7 +355,8 @@ public:
     /// The records of a found block's chunk.
     [[nodiscard]] CChunkRecords& GetChunk(SFound const& found) const
     {
-        return *CChunkRecords::FromRecords(found.tag.GetRecords(), GetBlockCount(found.tag.GetClass()));
+        return *CChunkRecords::FromRecords(found.tag.GetRecords(),
+                                           static_cast<u32>(GetBlockCount(found.tag.GetClass())));
     }
 
     /// False, and the map as before, when the chunk cannot be added: smaller than 2 KB, of another number of blocks than
@@ -362,7 +379,7 @@ private:
     using LargeTree = TChunkTree<14>;
     using SmallTree = TChunkTree<11>;
 
-    [[nodiscard]] u32 GetBlockCount(u32 index) const { return m_blockCounts[index].load(std::memory_order_relaxed); }
+    [[nodiscard]] u64 GetBlockCount(u32 index) const { return m_blockCounts[index].load(std::memory_order_relaxed); }
 
     template <class Tree>
     [[nodiscard, gnu::always_inline]] bool FindRecord(Tree const& tree, u64 address, SFound& found) const
@@ -383,7 +400,7 @@ private:
         return chunk.GetEnd() - chunk.GetStart() >= LargeTree::SmallestChunk;
     }
 
-    std::atomic<u32> m_blockCounts[CChunkTag::ClassCount] = {}; // blocks of a chunk, by class; 0 before the first
+    std::atomic<u64> m_blockCounts[CChunkTag::ClassCount] = {}; // blocks of a chunk, by class; 0 before the first
     LargeTree m_large;
     SmallTree m_small;
 };

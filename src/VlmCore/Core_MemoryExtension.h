@@ -55,6 +55,34 @@ struct SBlockShape {
 static_assert(SBlockShape::GetBlockBits(EHeap::Pool, 1) == 3 && SBlockShape::GetBlockBits(EHeap::Pool4, 1) == 3 &&
               SBlockShape::GetBlockBits(EHeap::Pool8, 1) == 3 && SBlockShape::GetBlockBits(EHeap::Pool16, 1) == 4);
 
+/// The numbers of the classes that serve sizes, as chunk tags have them, looked up: the instruction that finds the
+/// highest bit takes eight steps of some processors.
+class CClassNumbers {
+public:
+    consteval CClassNumbers()
+    {
+        for (u32 kind = EHeap::Pool; kind < EHeap::Pool + CChunkTag::KindCount; ++kind)
+            for (u64 size = 1; size <= LargestSize; size += Step)
+                m_numbers[kind - EHeap::Pool][(size - 1) / Step] = static_cast<u8>(CChunkTag::GetNumber(
+                    static_cast<EHeap::Type>(kind), SBlockShape::GetBlockBits(static_cast<EHeap::Type>(kind), size)));
+    }
+
+    /// \param kind  a pool's
+    /// \param size  of 1 to 1,024 bytes
+    [[nodiscard]] constexpr u32 Find(EHeap::Type kind, u64 size) const
+    {
+        return m_numbers[kind - EHeap::Pool][(size - 1) / Step];
+    }
+
+private:
+    static constexpr u64 LargestSize = u64{1} << SBlockShape::LargestBits;
+    static constexpr u64 Step = u64{1} << SBlockShape::SmallestBits;
+
+    u8 m_numbers[CChunkTag::KindCount][LargestSize / Step] = {};
+};
+
+inline constexpr CClassNumbers ClassNumbers;
+
 /// A free pool block and where its record goes: null for a block of a chunk without notes.
 struct SFreeSlot {
     SFreeBlock* block;
@@ -250,7 +278,7 @@ public:
         CHeapLane& lane = GetLane(threadKey);
         if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
             return false;
-        CLaneClass& blocks = lane.GetClass(CChunkTag::GetNumber(kind, SBlockShape::GetBlockBits(kind, size)));
+        CLaneClass& blocks = lane.GetClass(ClassNumbers.Find(kind, size));
         if (!blocks.HasCredited()) [[unlikely]] {
             lane.lock.ReleaseAsOwner(threadKey);
             return false;

@@ -76,6 +76,8 @@ public:
 
     /// What the heap has beyond its own fields; null up to 1,024 records and 4,096 allocations from a pool.
     [[nodiscard]] CHeapExtension* GetExtension() const { return m_extension.load(std::memory_order_acquire); }
+    /// Where it is found; as long as the heap object, whatever becomes of the extension.
+    [[nodiscard]] std::atomic<CHeapExtension*> const& GetExtensionWord() const { return m_extension; }
 
     /// Extends the heap, if it is not. Under the heap lock. Without memory for it the heap goes on as it is.
     void Extend();

@@ -32,13 +32,13 @@ namespace Memory {
 void InitializeLog(IMemoryLogger* logger)
 {
     MemoryLog::g_logger.store(logger, std::memory_order_release);
-    UpdateQuietHeap();
+    UpdateQuietExtension();
 }
 
 IMemoryLogger* ReleaseLog()
 {
     IMemoryLogger* const logger = MemoryLog::g_logger.exchange(nullptr, std::memory_order_acq_rel);
-    UpdateQuietHeap();
+    UpdateQuietExtension();
     return logger;
 }
 

@@ -1,5 +1,5 @@
-// The dispatch to the memory logger. The quick ways of Malloc and Free ask g_quietHeap, where there is none while a logger
-// is installed; all others IsInstalled.
+// The dispatch to the memory logger. The quick ways of Malloc and Free ask g_quietExtension, where there is none while a
+// logger is installed; all others IsInstalled.
 #pragma once
 
 #include <vlmcore/types.h>

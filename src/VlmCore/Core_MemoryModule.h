@@ -61,10 +61,15 @@ static_assert(sizeof(SHeapModule) == 40);
 // Inline, so that every source file knows that they belong to this module.
 inline constinit SHeapModule g_heapModule{};
 
-/// The heap while nobody wants to know of allocations: null without a heap and while a memory logger is installed.
-inline constinit std::atomic<CGlobalHeap*> g_quietHeap{nullptr};
+/// Where a heap keeps its extension, null or not.
+using HeapExtensionWord = std::atomic<CHeapExtension*>;
+inline constinit HeapExtensionWord g_noExtension{nullptr};
+
+/// The heap's while nobody wants to know of allocations, g_noExtension without a heap and while a memory logger is
+/// installed: what the usual cases ask has one answer, an extension or none.
+inline constinit std::atomic<HeapExtensionWord const*> g_quietExtension{&g_noExtension};
 
 /// Follows a change of the heap or of the memory logger. Any thread.
-void UpdateQuietHeap();
+void UpdateQuietExtension();
 
 } // namespace Velmor

@@ -120,6 +120,46 @@ TEST_F(ChunkMap, NeighboursInOneGranuleAreToldApart)
     EXPECT_EQ(FindChunk(0x5000'8840), fourth);
 }
 
+// Parts of the tree that have one shortcut between them: the first one takes it, the others are found without.
+TEST_F(ChunkMap, FarApartChunksDoNotHideEachOther)
+{
+    struct {
+        u64 distance; // of leaves that share a shortcut
+        u32 blockBits;
+        u32 blockCount;
+    } const trees[] = {{u64{1} << 31, 6, 256}, {u64{1} << 29, 3, 256}};
+    u64 start = 0x1000'0000'1230;
+    for (auto const& [distance, blockBits, blockCount] : trees) {
+        CChunkRecords* const first = Add(start, blockBits, blockCount);
+        EXPECT_EQ(FindChunk(start + distance), nullptr);
+        CChunkRecords* const second = Add(start + distance, blockBits, blockCount);
+        EXPECT_EQ(FindChunk(start), first);
+        EXPECT_EQ(FindChunk(start + distance), second);
+        EXPECT_EQ(FindChunk(start + 2 * distance), nullptr);
+        // Bits that no address has.
+        EXPECT_EQ(FindChunk(start + (u64{1} << 47)), nullptr);
+        EXPECT_EQ(FindChunk(start | u64{1} << 63), nullptr);
+        m_map->Remove(*first);
+        EXPECT_EQ(FindChunk(start), nullptr);
+        EXPECT_EQ(FindChunk(start + distance), second);
+        start += u64{1} << 40;
+    }
+}
+
+TEST_F(ChunkMap, IsEmptyAfterItsRelease)
+{
+    CChunkRecords* const large = Add(0x7000'0000'1000, 6, 256);
+    CChunkRecords* const small = Add(0x7100'0000'1000, 3, 256);
+    m_map->Release(Hooks);
+    EXPECT_EQ(liveRequests, 0u);
+    EXPECT_EQ(m_map->Find(0x7000'0000'1000).record, nullptr);
+    EXPECT_EQ(m_map->Find(0x7100'0000'1000).record, nullptr);
+    EXPECT_TRUE(m_map->Add(Hooks, *large));
+    EXPECT_TRUE(m_map->Add(Hooks, *small));
+    EXPECT_EQ(FindChunk(0x7000'0000'1000), large);
+    EXPECT_EQ(FindChunk(0x7100'0000'1000), small);
+}
+
 TEST_F(ChunkMap, SmallChunksAndThoseBeyondTheAddressSpaceAreRefused)
 {
     EXPECT_FALSE(m_map->Add(Hooks, *Make(0x10000, 3, 4)));

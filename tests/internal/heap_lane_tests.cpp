@@ -47,6 +47,26 @@ protected:
     CLaneClass m_blocks;
 };
 
+// Every size of every kind, beside a plain search through the block sizes. A kind's eight classes come one after the
+// other, kind 1 first.
+TEST(ClassNumbers, SayTheSmallestClassThatServesASize)
+{
+    for (u32 kind = EHeap::Pool; kind <= EHeap::Pool16; ++kind)
+        for (u64 size = 1; size <= 1024; ++size) {
+            u32 number = (kind - 1) * 8;
+            u64 blockSize = 8;
+            while (blockSize < size || (kind == EHeap::Pool16 && blockSize < 16)) {
+                blockSize *= 2;
+                ++number;
+            }
+            ASSERT_EQ(ClassNumbers.Find(static_cast<EHeap::Type>(kind), size), number) << kind << ", " << size;
+        }
+    EXPECT_EQ(ClassNumbers.Find(EHeap::Pool, 8), 0u);
+    EXPECT_EQ(ClassNumbers.Find(EHeap::Pool4, 9), 9u);
+    EXPECT_EQ(ClassNumbers.Find(EHeap::Pool8, 1024), 23u);
+    EXPECT_EQ(ClassNumbers.Find(EHeap::Pool16, 1), 25u);
+}
+
 TEST(LaneClassWithoutSlots, IsEmptyAndFullAtOnce)
 {
     CLaneClass blocks;
