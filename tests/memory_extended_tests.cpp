@@ -229,6 +229,35 @@ TEST_F(ExtendedHeap, TheStoreGrowsOnlyWhenNoThreadHasARecordToSpare)
     Empty();
 }
 
+// A block that moves leaves its record to the place that it moves to.
+TEST_F(ExtendedHeap, TheStoreDoesNotGrowForABlockThatMoves)
+{
+    Fill(4096 - 4 - 1);
+    void* block = Memory::Malloc(24, EHeap::Pool);
+    u64 const full = GetRecordBytes();
+
+    // To other classes, to the hooks and back.
+    for (u64 const size : {u64{200}, u64{24}, u64{3000}, u64{5000}, u64{24}, u64{1000}, u64{2000}, u64{200}}) {
+        u64 const largeBytes = size > 1024 ? size : 0;
+        block = Memory::Realloc(block, size, EHeap::Pool);
+        ASSERT_NE(block, nullptr);
+        EXPECT_EQ(Memory::GetSize(block), size);
+        EXPECT_EQ(GetRecordBytes(), full + largeBytes) << size;
+    }
+    // It needs nothing of the hooks then.
+    CCountingHooks::FailFrom(1);
+    block = Memory::Realloc(block, 24, EHeap::Pool);
+    CCountingHooks::FailFrom(0);
+    EXPECT_NE(block, nullptr);
+    EXPECT_EQ(GetStatistics().pools[0].liveCount, 4096u - 4);
+    EXPECT_EQ(GetRecordBytes(), full);
+    Fill(1);
+    EXPECT_EQ(GetRecordBytes(), full + 16 * RecordChunk) << "it was full";
+    Memory::Free(block);
+    Empty();
+    EXPECT_EQ(GetStatistics().pools[0].liveCount, 0u);
+}
+
 // What other threads freed waits for them with records of its own; these count as free.
 TEST_F(ExtendedHeap, TheStoreDoesNotGrowWhileBlocksThatNobodyUsesHaveRecords)
 {

@@ -212,22 +212,22 @@ public:
     }
 
     /// The same for an extended heap: the block is recorded and counted, or has to be by the caller.
-    [[nodiscard]] CHeapExtension::STaken Take(CGlobalHeap& heap, CHeapExtension& extension, u64 size)
+    [[nodiscard]] CHeapExtension::STaken Take(CGlobalHeap& heap, CHeapExtension& extension, u64 size, ECredit& credit)
     {
         if (size > LargestBlock) [[unlikely]]
             return {TakeLarge(heap, size), false};
         u32 const index = GetClass(size);
-        CHeapExtension::STaken const taken = extension.Take(heap, m_classes[index], GetShape(index), size);
+        CHeapExtension::STaken const taken = extension.Take(heap, m_classes[index], GetShape(index), size, credit);
         if (taken.block != nullptr)
             CBlockClass::PrepareUse(taken.block, GetShape(index).blockSize, size);
         return taken;
     }
 
     /// Takes back a block whose record was found in its chunk and taken out. The block is prepared.
-    void GiveBack(CGlobalHeap& heap, CHeapExtension& extension, SFreeSlot const& slot, u64 size)
+    void GiveBack(CGlobalHeap& heap, CHeapExtension& extension, SFreeSlot const& slot, u64 size, ECredit credit)
     {
         u32 const index = GetClass(size);
-        extension.GiveBack(heap, m_classes[index], GetShape(index), slot);
+        extension.GiveBack(heap, m_classes[index], GetShape(index), slot, credit);
     }
 
     /// Takes back a block that was recorded with `size` bytes.

@@ -114,22 +114,36 @@ void* ResizeFromHooks(CGlobalHeap& heap, void* block, u64 size, EHeap::Type kind
 
 // An extended heap's: taken and recorded in one go.
 template <class Pool>
-CHeapExtension::STaken TakeFromPool(CGlobalHeap& heap, Pool& pool, u64 size)
+CHeapExtension::STaken TakeFromPool(CGlobalHeap& heap, Pool& pool, u64 size, ECredit& credit)
 {
     if (CHeapExtension* const extension = heap.GetExtension())
-        return pool.Take(heap, *extension, size);
+        return pool.Take(heap, *extension, size, credit);
     return {pool.Take(heap, size), false};
 }
 
 template <class Pool>
-void* AllocateFromPool(CGlobalHeap& heap, Pool* pool, u64 size)
+bool EnterPoolBlock(CGlobalHeap& heap, Pool& pool, void* block, u64 size, ECredit& credit)
+{
+    auto const count = [&] { pool.CountAllocation(heap); };
+    if (credit == ECredit::InHand) {
+        if (heap.Enter(block, size, Pool::Kind, count, EStoreGrowth::Refused))
+            return true;
+        heap.ReturnRecords(1);
+        credit = ECredit::None;
+    }
+    return heap.Enter(block, size, Pool::Kind, count);
+}
+
+// A credit in hand goes into the new block's record where the store would have to grow for it.
+template <class Pool>
+void* AllocateFromPool(CGlobalHeap& heap, Pool* pool, u64 size, ECredit& credit)
 {
     CHeapExtension::STaken const taken =
-        pool != nullptr ? TakeFromPool(heap, *pool, size) : CHeapExtension::STaken{nullptr, false};
+        pool != nullptr ? TakeFromPool(heap, *pool, size, credit) : CHeapExtension::STaken{nullptr, false};
     if (taken.block == nullptr)
         return nullptr;
     ReportAllocation(taken.block, size);
-    if (taken.isRecorded || heap.Enter(taken.block, size, Pool::Kind, [&] { pool->CountAllocation(heap); })) [[likely]]
+    if (taken.isRecorded || EnterPoolBlock(heap, *pool, taken.block, size, credit)) [[likely]]
         return taken.block;
     ReportFree(taken.block);
     pool->GiveBack(heap, taken.block, size);
@@ -161,7 +175,8 @@ void* MoveInPool(CGlobalHeap& heap, Pool& pool, void* block, u64 oldSize, u64 si
     STakenRecord const taken = TakeRecord(heap, block);
     if (!taken.isKnown)
         return nullptr;
-    void* const moved = AllocateFromPool(heap, &pool, size);
+    ECredit credit = taken.record != nullptr ? ECredit::InHand : ECredit::None;
+    void* const moved = AllocateFromPool(heap, &pool, size, credit);
     if (moved != nullptr) {
         std::memcpy(moved, block, std::min(oldSize, size));
         ReportFree(block);
@@ -170,8 +185,8 @@ void* MoveInPool(CGlobalHeap& heap, Pool& pool, void* block, u64 oldSize, u64 si
         if (moved != nullptr)
             pool.GiveBack(heap, *heap.GetExtension(),
                           {CBlockClass::PrepareFree(block, Pool::GetBlockSize(oldSize), oldSize), taken.record},
-                          oldSize);
-        else
+                          oldSize, credit);
+        else if (credit == ECredit::InHand)
             heap.GetExtension()->GiveBackCredit();
     }
     else if (moved != nullptr) {
@@ -222,7 +237,9 @@ void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 oldSize, u64 
     auto const useHooks = [&] { return AllocateFromHooks(global, size, kind); };
     if (global.IsPassthrough())
         return useHooks();
-    return g_heapModule.Dispatch(kind, [&](auto* pool) { return AllocateFromPool(global, pool, size); }, useHooks);
+    ECredit credit = ECredit::None;
+    return g_heapModule.Dispatch(
+        kind, [&](auto* pool) { return AllocateFromPool(global, pool, size, credit); }, useHooks);
 }
 
 // ---- Release ----
@@ -235,7 +252,7 @@ void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 oldSize, u64 
         chunk.GetKind(),
         [&](auto* pool) {
             if (pool != nullptr)
-                pool->GiveBack(heap, *heap.GetExtension(), slot, size);
+                pool->GiveBack(heap, *heap.GetExtension(), slot, size, ECredit::InHand);
         },
         [] {});
 }

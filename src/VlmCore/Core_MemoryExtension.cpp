@@ -42,12 +42,13 @@ void CHeapExtension::Release(SMemoryHooks const& hooks)
 
 // ---- Lanes ----
 
-auto CHeapExtension::Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, u64 size) -> STaken
+auto CHeapExtension::Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, u64 size, ECredit& credit)
+    -> STaken
 {
     u64 const threadKey = Platform::GetThreadKey();
     CHeapLane& lane = GetLane(threadKey);
     EBiasedHold hold = lane.lock.Acquire(threadKey);
-    SFreeSlot const slot = TakeSlowly(heap, blocks, shape, lane, hold);
+    SFreeSlot const slot = TakeSlowly(heap, blocks, shape, lane, hold, credit);
     if (slot.block == nullptr)
         return {nullptr, false};
     if (slot.record != nullptr)
@@ -56,13 +57,18 @@ auto CHeapExtension::Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape co
     return {slot.block, slot.record != nullptr};
 }
 
-void CHeapExtension::GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, SFreeSlot const& slot)
+void CHeapExtension::GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, SFreeSlot const& slot,
+                              ECredit credit)
 {
     u64 const threadKey = Platform::GetThreadKey();
     CHeapLane& lane = GetLane(threadKey);
     CBiasedGuard const guard(lane.lock, lane.lock.Acquire(threadKey), threadKey);
     CLaneClass& magazines = lane.GetClass(shape);
     magazines.CountRelease();
+    if (credit == ECredit::None) {
+        blocks.GiveBackRow(*this, shape, {&slot, 1});
+        return;
+    }
     if (!magazines.HasSlots() && !MakeSlots(heap, lane, shape)) {
         blocks.GiveBackRow(*this, shape, {&slot, 1});
         ++lane.credits;
@@ -98,13 +104,18 @@ void CHeapExtension::GiveBackCredit()
 // With the lane's lock held, which it keeps on success: a block, and a credit for it. The lock is let go whenever other
 // lanes or the record store have to be looked into; what was there before may be gone afterwards.
 SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, CHeapLane& lane,
-                                     EBiasedHold& hold)
+                                     EBiasedHold& hold, ECredit& credit)
 {
     u64 const threadKey = Platform::GetThreadKey();
     for (;;) {
         if (lane.credits == 0 && !lane.GetClass(shape).HasCredited()) {
             lane.lock.Release(hold, threadKey);
-            u32 const reserved = heap.ReserveRecords(CreditsAtOnce);
+            bool const isInHand = credit == ECredit::InHand;
+            u32 reserved = heap.ReserveRecords(CreditsAtOnce, isInHand ? EStoreGrowth::Refused : EStoreGrowth::Allowed);
+            if (reserved == 0 && isInHand) {
+                reserved = 1;
+                credit = ECredit::None;
+            }
             if (reserved == 0)
                 return {};
             hold = lane.lock.Acquire(threadKey);

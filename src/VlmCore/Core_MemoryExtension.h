@@ -83,6 +83,12 @@ private:
 
 inline constexpr CClassNumbers ClassNumbers;
 
+/// Whether the record store may grow for a record that it does not have.
+enum class EStoreGrowth : u8 { Allowed, Refused };
+
+/// Whether somebody has a credit in hand: a record of the store, set aside for a block whose own was taken out.
+enum class ECredit : u8 { None, InHand };
+
 /// A free pool block and where its record goes: null for a block of a chunk without notes.
 struct SFreeSlot {
     SFreeBlock* block;
@@ -309,10 +315,13 @@ public:
     }
 
     /// A block for `size` bytes, recorded and counted in the calling thread's lane where its chunk is in the map.
-    [[nodiscard]] STaken Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, u64 size);
+    /// \param credit  of the caller; the lane has it afterwards if nothing else keeps the record store from growing.
+    [[nodiscard]] STaken Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, u64 size,
+                              ECredit& credit);
 
-    /// Takes back a block whose record has been taken out, with its credit.
-    void GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, SFreeSlot const& slot);
+    /// Takes back a block whose record has been taken out, with its credit if that is still in hand.
+    void GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, SFreeSlot const& slot,
+                  ECredit credit);
 
     /// A record was taken out whose block stays where it is, counted as live.
     void GiveBackCredit();
@@ -386,7 +395,7 @@ private:
     }
 
     [[nodiscard]] SFreeSlot TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
-                                       CHeapLane& lane, EBiasedHold& hold);
+                                       CHeapLane& lane, EBiasedHold& hold, ECredit& credit);
     [[nodiscard]] SFreeSlot TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
                                          CHeapLane& lane);
     static void ReturnCredits(CGlobalHeap& heap, CHeapLane& lane);

@@ -187,7 +187,7 @@ bool CGlobalHeap::PrepareFreeRecord()
     return true;
 }
 
-u32 CGlobalHeap::ReserveRecords(u32 wanted)
+u32 CGlobalHeap::ReserveRecords(u32 wanted, EStoreGrowth growth)
 {
     do {
         CLock const lock(m_lock);
@@ -196,20 +196,21 @@ u32 CGlobalHeap::ReserveRecords(u32 wanted)
         beyond.reserved += count;
         if (count != 0)
             return static_cast<u32>(count);
-    } while (MakeFreeRecords());
+    } while (MakeFreeRecords(growth));
     return 0;
 }
 
 // Before the store grows, the lanes' unused credits are called in: it grows only when every record is in use.
-bool CGlobalHeap::MakeFreeRecords()
+bool CGlobalHeap::MakeFreeRecords(EStoreGrowth growth)
 {
     u64 const collected = GetExtension() != nullptr ? GetExtension()->CollectCredits() : 0;
     CLock const lock(m_lock);
+    bool const mayGrow = growth == EStoreGrowth::Allowed;
     if (GetExtension() == nullptr)
-        return m_freeRecords != nullptr || GrowRecordStore();
+        return m_freeRecords != nullptr || (mayGrow && GrowRecordStore());
     auto& beyond = m_buckets.beyond;
     beyond.reserved -= collected;
-    return HasFreeRecords() || GrowRecordStore();
+    return HasFreeRecords() || (mayGrow && GrowRecordStore());
 }
 
 // ---- Buckets that grow ----

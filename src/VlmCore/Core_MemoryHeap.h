@@ -91,7 +91,8 @@ public:
     /// Enters a record in the table and runs `count` under the same lock. False, and `count` not run, when there is no
     /// record to be had.
     template <class Count>
-    [[nodiscard]] bool Enter(void* block, u64 size, EHeap::Type kind, Count&& count)
+    [[nodiscard]] bool Enter(void* block, u64 size, EHeap::Type kind, Count&& count,
+                             EStoreGrowth growth = EStoreGrowth::Allowed)
     {
         PrefetchBucket(block);
         do {
@@ -104,7 +105,7 @@ public:
             }
             if (HasFreeRecords())
                 return false; // the hook refused the memory for them
-        } while (MakeFreeRecords());
+        } while (MakeFreeRecords(growth));
         return false;
     }
 
@@ -215,7 +216,7 @@ public:
     // ---- Credits: records of the store that stand for records in the chunks ----
 
     /// Sets up to `wanted` records aside; how many, and 0 only when there is none to be had. No lane lock held.
-    [[nodiscard]] u32 ReserveRecords(u32 wanted);
+    [[nodiscard]] u32 ReserveRecords(u32 wanted, EStoreGrowth growth);
     void ReturnRecords(u64 count)
     {
         CLock const lock(m_lock);
@@ -307,7 +308,7 @@ private:
         return GetExtension() != nullptr && m_buckets.beyond.freeRecords != m_buckets.beyond.reserved;
     }
     [[nodiscard]] bool PrepareFreeRecord();
-    [[nodiscard]] bool MakeFreeRecords();
+    [[nodiscard]] bool MakeFreeRecords(EStoreGrowth growth);
     [[nodiscard]] bool GrowRecordStore();
     [[nodiscard]] bool AddRecordChunk(u64 index);
     void ThreadRecords(u64 chunkIndex);
