@@ -229,6 +229,39 @@ TEST_F(ExtendedHeap, TheStoreGrowsOnlyWhenNoThreadHasARecordToSpare)
     Empty();
 }
 
+// What one thread calls in from the others does not look like records in use to the next.
+TEST_F(ExtendedHeap, TheStoreDoesNotGrowWhileThreadsShareTheLastRecords)
+{
+    constexpr u64 ThreadCount = 16;
+    constexpr u64 Count = 8;
+    Fill(4096 - 4 - ThreadCount * Count);
+    u64 const before = GetRecordBytes();
+    for (u32 round = 0; round < 100; ++round) {
+        std::atomic<u64> ready{0};
+        std::vector<std::thread> threads;
+        void* blocks[ThreadCount][Count];
+        for (auto& own : blocks)
+            threads.emplace_back([&ready, &own] {
+                ++ready;
+                while (ready != ThreadCount)
+                    std::this_thread::yield();
+                for (void*& block : own)
+                    block = Memory::Malloc(24, EHeap::Pool);
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+        ASSERT_EQ(GetRecordBytes(), before) << round;
+        for (auto& own : blocks)
+            for (void* const block : own)
+                Memory::Free(block);
+    }
+    Fill(ThreadCount * Count);
+    EXPECT_EQ(GetRecordBytes(), before);
+    Fill(1);
+    EXPECT_EQ(GetRecordBytes(), before + 16 * RecordChunk) << "these were the last ones";
+    Empty();
+}
+
 // A block that moves leaves its record to the place that it moves to.
 TEST_F(ExtendedHeap, TheStoreDoesNotGrowForABlockThatMoves)
 {

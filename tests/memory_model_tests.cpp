@@ -1,5 +1,7 @@
 // Random requests, checked against a plain model of what the memory manager counts, grants and refuses: after every
 // step the statistics agree to the byte, whether the heap is small, extended, short of its budget or in passthrough mode.
+#include "support/CountingHooks.h"
+
 #include <vlmcore/memory.h>
 #include <vlmcore/system.h>
 
@@ -386,9 +388,10 @@ class MemoryModel : public ::testing::TestWithParam<SRun> {};
 TEST_P(MemoryModel, CountsGrantsAndRefusesTheSame)
 {
     SRun const& run = GetParam();
+    Velmor::Test::CCountingHooks::Reset();
     for (u32 seed = 1; seed <= 3; ++seed) {
         SCOPED_TRACE(seed);
-        Memory::Initialize(run.isPassthrough ? EHeapFlag::Passthrough : 0, run.budget);
+        Velmor::Test::CCountingHooks::Initialize(run.isPassthrough ? EHeapFlag::Passthrough : 0, run.budget);
         CRandomRequests requests(run, seed);
         for (u32 step = 0; step < run.steps && !HasFatalFailure(); ++step) {
             SCOPED_TRACE(step);
@@ -397,6 +400,8 @@ TEST_P(MemoryModel, CountsGrantsAndRefusesTheSame)
         if (!HasFatalFailure())
             requests.FreeAll();
         Memory::Deinitialize();
+        EXPECT_EQ(Velmor::Test::CCountingHooks::GetForeignBlocks(), 0u);
+        Velmor::Test::CCountingHooks::Reset(); // with the blocks of refused resizes
     }
 }
 

@@ -108,19 +108,8 @@ SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBl
 {
     u64 const threadKey = Platform::GetThreadKey();
     for (;;) {
-        if (lane.credits == 0 && !lane.GetClass(shape).HasCredited()) {
-            lane.lock.Release(hold, threadKey);
-            bool const isInHand = credit == ECredit::InHand;
-            u32 reserved = heap.ReserveRecords(CreditsAtOnce, isInHand ? EStoreGrowth::Refused : EStoreGrowth::Allowed);
-            if (reserved == 0 && isInHand) {
-                reserved = 1;
-                credit = ECredit::None;
-            }
-            if (reserved == 0)
-                return {};
-            hold = lane.lock.Acquire(threadKey);
-            lane.credits += reserved;
-        }
+        if (!MakeCredit(heap, shape, lane, hold, credit))
+            return {};
         if (SFreeSlot const slot = TakeFromLane(heap, blocks, shape, lane); slot.block != nullptr)
             return slot;
         // Nothing is refused while another lane has a free block.
@@ -129,6 +118,30 @@ SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBl
             return {};
         hold = lane.lock.Acquire(threadKey);
     }
+}
+
+// With the lane's lock held, which it keeps on success: a credit for a block of the class, be it the one in hand.
+bool CHeapExtension::MakeCredit(CGlobalHeap& heap, SBlockShape const& shape, CHeapLane& lane, EBiasedHold& hold,
+                                ECredit& credit)
+{
+    u64 const threadKey = Platform::GetThreadKey();
+    auto const hasCredit = [&] { return lane.credits != 0 || lane.GetClass(shape).HasCredited(); };
+    while (!hasCredit()) {
+        lane.credits = heap.ReserveRecords(CreditsAtOnce);
+        if (hasCredit())
+            break;
+        lane.lock.Release(hold, threadKey);
+        bool const isInHand = credit == ECredit::InHand;
+        bool const isThere = heap.MakeFreeRecords(isInHand ? EStoreGrowth::Refused : EStoreGrowth::Allowed);
+        if (!isThere && !isInHand)
+            return false;
+        hold = lane.lock.Acquire(threadKey);
+        if (!isThere) {
+            ++lane.credits;
+            credit = ECredit::None;
+        }
+    }
+    return true;
 }
 
 // With the lane's lock held, and a credit to be had: a block of its magazines, which the class fills when they are

@@ -13,7 +13,7 @@
 // the bytes in use, by the number of recorded blocks alone, wherever their records lie. Lanes draw such credits by the
 // dozen.
 //
-// Order of locks: lane, class, heap.
+// Order of locks: collecting, lane, class, heap.
 #pragma once
 
 #include "Core_BiasedLock.h"
@@ -329,8 +329,9 @@ public:
     /// Gives all lanes' blocks of the class back to it. True when there were any.
     bool Drain(CBlockClass& blocks, SBlockShape const& shape);
 
-    /// Takes all lanes' credits away; how many they were. No lock held.
+    /// Takes all lanes' credits away; how many they were. Under the collecting lock and no other.
     [[nodiscard]] u64 CollectCredits();
+    [[nodiscard]] CSpinLock& GetCollectingLock() { return m_collecting; }
 
     [[nodiscard]] u64 GetAllocationCount(EHeap::Type kind) const;
     [[nodiscard]] u64 GetLiveCount(EHeap::Type kind) const;
@@ -396,6 +397,8 @@ private:
 
     [[nodiscard]] SFreeSlot TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
                                        CHeapLane& lane, EBiasedHold& hold, ECredit& credit);
+    [[nodiscard]] static bool MakeCredit(CGlobalHeap& heap, SBlockShape const& shape, CHeapLane& lane,
+                                         EBiasedHold& hold, ECredit& credit);
     [[nodiscard]] SFreeSlot TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
                                          CHeapLane& lane);
     static void ReturnCredits(CGlobalHeap& heap, CHeapLane& lane);
@@ -411,6 +414,7 @@ private:
     CChunkRecords* m_removed[CChunkTag::ClassCount] = {}; // ready after the next purge
     CChunkMap m_map;
     CFreeChunks m_freeChunks[CHeapLane::ClassCount];
+    CSpinLock m_collecting; // one thread at a time has lanes' credits in its hands
 };
 
 } // namespace Velmor

@@ -187,29 +187,35 @@ bool CGlobalHeap::PrepareFreeRecord()
     return true;
 }
 
-u32 CGlobalHeap::ReserveRecords(u32 wanted, EStoreGrowth growth)
+u32 CGlobalHeap::ReserveRecords(u32 wanted)
 {
-    do {
-        CLock const lock(m_lock);
-        auto& beyond = m_buckets.beyond;
-        u64 const count = std::min<u64>(wanted, beyond.freeRecords - beyond.reserved);
-        beyond.reserved += count;
-        if (count != 0)
-            return static_cast<u32>(count);
-    } while (MakeFreeRecords(growth));
-    return 0;
+    CLock const lock(m_lock);
+    auto& beyond = m_buckets.beyond;
+    u64 const count = std::min<u64>(wanted, beyond.freeRecords - beyond.reserved);
+    beyond.reserved += count;
+    return static_cast<u32>(count);
 }
 
-// Before the store grows, the lanes' unused credits are called in: it grows only when every record is in use.
+// Before the store grows, the lanes' unused credits are called in: it grows only when every record is in use. One thread
+// calls at a time: what another has collected would look as if it were in use.
 bool CGlobalHeap::MakeFreeRecords(EStoreGrowth growth)
 {
-    u64 const collected = GetExtension() != nullptr ? GetExtension()->CollectCredits() : 0;
-    CLock const lock(m_lock);
     bool const mayGrow = growth == EStoreGrowth::Allowed;
-    if (GetExtension() == nullptr)
-        return m_freeRecords != nullptr || (mayGrow && GrowRecordStore());
-    auto& beyond = m_buckets.beyond;
-    beyond.reserved -= collected;
+    CHeapExtension* const extension = GetExtension();
+    if (extension == nullptr) {
+        CLock const lock(m_lock);
+        bool const isExtended = GetExtension() != nullptr; // by another thread: to be asked again
+        return isExtended || m_freeRecords != nullptr || (mayGrow && GrowRecordStore());
+    }
+    TScopedLock const collecting(extension->GetCollectingLock());
+    {
+        CLock const lock(m_lock);
+        if (HasFreeRecords()) // another thread made them
+            return true;
+    }
+    u64 const collected = extension->CollectCredits();
+    CLock const lock(m_lock);
+    m_buckets.beyond.reserved -= collected;
     return HasFreeRecords() || (mayGrow && GrowRecordStore());
 }
 

@@ -215,8 +215,11 @@ public:
 
     // ---- Credits: records of the store that stand for records in the chunks ----
 
-    /// Sets up to `wanted` records aside; how many, and 0 only when there is none to be had. No lane lock held.
-    [[nodiscard]] u32 ReserveRecords(u32 wanted, EStoreGrowth growth);
+    /// Sets up to `wanted` records aside; how many. 0 when the store has none: MakeFreeRecords may help.
+    [[nodiscard]] u32 ReserveRecords(u32 wanted);
+    /// Sees to it that the store has a record, which another thread may take at once; false when that cannot be. No lock
+    /// held, that of a lane included.
+    [[nodiscard]] bool MakeFreeRecords(EStoreGrowth growth);
     void ReturnRecords(u64 count)
     {
         CLock const lock(m_lock);
@@ -308,7 +311,6 @@ private:
         return GetExtension() != nullptr && m_buckets.beyond.freeRecords != m_buckets.beyond.reserved;
     }
     [[nodiscard]] bool PrepareFreeRecord();
-    [[nodiscard]] bool MakeFreeRecords(EStoreGrowth growth);
     [[nodiscard]] bool GrowRecordStore();
     [[nodiscard]] bool AddRecordChunk(u64 index);
     void ThreadRecords(u64 chunkIndex);
