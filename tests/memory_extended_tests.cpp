@@ -236,7 +236,7 @@ TEST_F(ExtendedHeap, TheStoreDoesNotGrowWhileThreadsShareTheLastRecords)
     constexpr u64 Count = 8;
     Fill(4096 - 4 - ThreadCount * Count);
     u64 const before = GetRecordBytes();
-    for (u32 round = 0; round < 100; ++round) {
+    for (u32 round = 0; round < 20; ++round) {
         std::atomic<u64> ready{0};
         std::vector<std::thread> threads;
         void* blocks[ThreadCount][Count];
