@@ -200,7 +200,7 @@ TEST(PlatformThread, TellsWhetherAThreadStillRuns)
     EXPECT_FALSE(Platform::IsThreadAlive(id));
 }
 
-// The answer at the end of a process: tests/process_end_tests.cpp.
+// The answer at the end of a process: tests/process_end/.
 TEST(PlatformThread, EndsNoOtherThreadsBeforeTheEnd)
 {
     EXPECT_FALSE(Platform::HasEndedOtherThreads());

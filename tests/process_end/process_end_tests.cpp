@@ -1,7 +1,9 @@
 // A process that ends with threads still at work, or with a logger still installed, ends all the same.
-#include "support/DebuggedProcess.h"
-#include "support/Folders.h"
-#include "support/SystemTraits.h"
+#include "../support/DebuggedProcess.h"
+#include "../support/Folders.h"
+#include "../support/PluginModule.h"
+#include "../support/SystemTraits.h"
+#include "Plugin.h"
 
 #include <vlmcore/logging.h>
 #include <vlmcore/memory.h>
@@ -124,5 +126,32 @@ TEST(ProcessEnd, AThreadThatTheSystemEndedInsideTheHeapDoesNotKeepTheProcess)
         auto const child = RunToItsEnd("LeavesAThreadInTheHeap", place);
         EXPECT_FALSE(child.timedOut) << place;
         EXPECT_EQ(child.exitCode, 3u) << place;
+    }
+}
+
+// Its statics are destroyed with the module, after the threads.
+VLMCORE_CHILD(LeavesThreadsToAPlugin)
+{
+    Memory::Initialize(0, 0);
+    using CPlugin = TestSupport::TPluginModule<ProcessEndTest::SPlugin>;
+    CPlugin const& plugin = *new CPlugin(VLMCORE_PLUGIN_NAME);
+    if (GetArgument() == "job")
+        plugin->leaveJobRunning();
+    else
+        plugin->leaveThreadJoined();
+    return 3;
+}
+
+TEST(ProcessEnd, ThreadsThatTheSystemEndedAreNotWaitedFor)
+{
+    if (!TestSupport::SystemTraits.endsThreadsBeforeModules)
+        GTEST_SKIP() << "threads run on here, and are waited for";
+    for (char const* const what : {"job", "joined"}) {
+        TestSupport::SChildOptions options;
+        options.timeoutSeconds = 30;
+        options.arguments = {what};
+        auto const child = TestSupport::RunChild("LeavesThreadsToAPlugin", options);
+        EXPECT_FALSE(child.timedOut) << what;
+        EXPECT_EQ(child.exitCode, 3u) << what;
     }
 }

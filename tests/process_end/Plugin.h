@@ -1,0 +1,13 @@
+// What the plugin of the tests of a process's end does for its host.
+#pragma once
+
+namespace ProcessEndTest {
+
+struct SPlugin {
+    /// Makes a pool that goes with the module, and waits until a job is running that never ends.
+    void (*leaveJobRunning)();
+    /// Makes a thread whose end another thread waits for, and which the module joins, too, when it goes.
+    void (*leaveThreadJoined)();
+};
+
+} // namespace ProcessEndTest
