@@ -274,6 +274,10 @@ TEST_F(FolderArchive, RemovesFiles)
     EXPECT_FALSE(fs::exists(Root() / "file"));
     EXPECT_EQ(FileErrorOf([&] { archive.RemoveFile("file"); }), EFileError::NotFound);
     EXPECT_EQ(FileErrorOf([&] { archive.RemoveFile("folder"); }), EFileError::Unknown);
+    WriteText(Root() / "kept", "");
+    EXPECT_EQ(FileErrorOf([&] { archive.RemoveFile("kept\\"); }),
+              EFileError::Unknown); // the name, not a folder, is wrong
+    EXPECT_TRUE(fs::exists(Root() / "kept"));
     EXPECT_TRUE(fs::exists(Root() / "folder"));
 }
 

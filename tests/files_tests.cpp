@@ -635,6 +635,22 @@ TEST(NativeFile, FoldersAreNoFiles)
     (void)FileErrorOf([&] { CNativeFile file(".", EFileOpen::Read); });
 }
 
+TEST(NativeFile, ASeparatorBehindAFilesNameMakesTheNameInvalidNotMissing)
+{
+    CTemporaryFolder folder;
+    WriteText(folder.Path() / "file", "abc");
+    for (u32 mode : {0u, 1u, 2u, 4u, 9u}) {
+        auto const open = [&](char16_t const* path) {
+            return FileErrorOf(
+                [&] { CNativeFile file(folder.Text(path).c_str(), static_cast<EFileOpen::Type>(mode)); });
+        };
+        EXPECT_EQ(open(u"file\\"), EFileError::Unknown) << mode;
+        EXPECT_EQ(open(u"file//"), EFileError::Unknown) << mode;
+        EXPECT_EQ(open(u"file\\x"), EFileError::NotFound) << mode; // a folder on the way is none
+    }
+    EXPECT_EQ(ReadText(folder.Path() / "file"), "abc");
+}
+
 TEST(NativeFile, NoHandleLeaksWhenOpeningFails)
 {
     CTemporaryFolder folder;

@@ -40,6 +40,23 @@ u32 TransferError(int descriptor)
     return SystemErrorFromErrno(number);
 }
 
+// A separator behind the name of a file: on Windows that name is invalid, while a file in a folder's place on the way is
+// a path that is not found. Here both are ENOTDIR.
+u32 LastErrorOf(char const* path)
+{
+    int const number = errno;
+    u64 count = std::strlen(path);
+    if (number != ENOTDIR || path[count - 1] != '/')
+        return SystemErrorFromErrno(number);
+    while (count > 1 && path[count - 1] == '/')
+        --count;
+    char name[PATH_MAX];
+    std::memcpy(name, path, count);
+    name[count] = '\0';
+    struct stat information;
+    return ::lstat(name, &information) == 0 ? u32{ESystemError::NotAFolder} : SystemErrorFromErrno(number);
+}
+
 bool IsFolder(int descriptor)
 {
     struct stat information;
@@ -70,7 +87,7 @@ u32 OpenFileHandle(char16_t const* path, u32 rights, EFileCreation creation, Fil
         descriptor = ::open(systemPath.Get(), flags, 0666);
     while (descriptor == -1 && errno == EINTR);
     if (descriptor == -1)
-        return LastSystemError();
+        return LastErrorOf(systemPath.Get());
     if (IsFolder(descriptor)) {
         ::close(descriptor);
         return ESystemError::AccessDenied;
@@ -210,7 +227,7 @@ u32 DeleteFileEntry(char16_t const* path)
     CSystemPath const systemPath(path);
     if (systemPath.GetError() != 0)
         return systemPath.GetError();
-    return ::unlink(systemPath.Get()) == 0 ? u32{ESystemError::None} : LastSystemError();
+    return ::unlink(systemPath.Get()) == 0 ? u32{ESystemError::None} : LastErrorOf(systemPath.Get());
 }
 
 u32 CreateFolderEntry(char16_t const* path)
