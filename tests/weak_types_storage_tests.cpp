@@ -328,6 +328,49 @@ TEST(WeakTypeStorageDamage, AParentThatDoesNotKnowItsChildIsToldOf)
     map.GetVariables().CheckConsistency();
 }
 
+// Each check at its own place: what a change meets in a tree of which one link or colour was overwritten.
+TEST(WeakTypeStorageDamage, EveryCheckTellsItsPlace)
+{
+    struct SDamage {
+        unsigned int count; // variables 1 to count; of seven, 2 is the root, 4 its right child, 6 the right one of that
+        unsigned int damaged; // whose parent is overwritten
+        unsigned int parent;  // by this one; 0: by none
+        unsigned int changed; // the variable that is added, or removed when it is there
+        char const* error;
+    };
+    for (SDamage const& damage : {
+             SDamage{2, 1, 2, 3, "(622): TMap hierachy is broken."},
+             SDamage{3, 3, 1, 4, "(740): TMap hierarchy is broken."},
+             SDamage{7, 6, 2, 6, "(826): TMap hierachy is broken."},
+             SDamage{7, 5, 3, 4, "(835): TMap hierachy is broken."},
+             SDamage{7, 6, 0, 5, "(835): Non-root TMap node has no parent."},
+         }) {
+        CWeakTypeMap map;
+        for (unsigned int id = 1; id <= damage.count; ++id)
+            static_cast<void>(map[id]);
+        for (unsigned int id = 5; id <= damage.count; ++id)
+            WriteAt(NodeOf(map, id), SMapNode::Colour, Black);
+        void* const node = NodeOf(map, damage.damaged);
+        void* const parent = ReadAt<void*>(node, SMapNode::Parent);
+        WriteAt(node, SMapNode::Parent, damage.parent != 0 ? NodeOf(map, damage.parent) : nullptr);
+        std::string const error = ErrorOf([&] {
+            if (damage.changed <= damage.count)
+                map.Unregister(damage.changed);
+            else
+                static_cast<void>(map[damage.changed]);
+        });
+        EXPECT_EQ(error, std::string("include/vlmcore/impl/Core_Map.h") + damage.error);
+        WriteAt(node, SMapNode::Parent, parent); // so that the map can end
+    }
+
+    CWeakTypeMap map;
+    static_cast<void>(map[1u]);
+    static_cast<void>(map[2u]);
+    WriteAt(NodeOf(map, 2), SMapNode::Colour, Black); // more black on this side than on the other
+    EXPECT_EQ(ErrorOf([&] { map.Unregister(2u); }),
+              "include/vlmcore/impl/Core_Map.h(868): TMap element has invalid red/black properties.");
+}
+
 // Every colouring of seven nodes, and every id removed from it: an end or an error of the tree, and no memory lost.
 TEST(WeakTypeStorageDamage, WrongColoursEndInAnErrorOrNot)
 {
