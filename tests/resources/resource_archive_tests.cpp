@@ -189,6 +189,13 @@ TEST(ResourceArchive, MissingIsEmptyOrThrown)
         EXPECT_EQ(error.GetFileError(), EFileError::NotFound);
         EXPECT_EQ(error.GetKind(), 1);
     }
+    try {
+        (void)archive.OpenFile(":", EFileOpen::Read | EFileOpen::ThrowIfMissing); // the colon alone makes it a resource
+        ADD_FAILURE();
+    }
+    catch (CFileException const& error) {
+        EXPECT_EQ(Bytes(error.GetText()), "Resource : could not be found or is not of type RT_RCDATA.");
+    }
     EXPECT_FALSE(archive.OpenFile("no\\such.file", EFileOpen::Read));
     try {
         (void)archive.OpenFile("no-such.file", EFileOpen::Read | EFileOpen::ThrowIfMissing);
