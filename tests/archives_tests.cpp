@@ -68,6 +68,7 @@ TEST_F(FolderArchive, OfTheEmptyPathIsTheRootOfTheDrive)
     std::u16string const drive = TestSupport::HasDrives() ? rootText.substr(0, 2) : std::u16string();
     EXPECT_EQ(Units(CFolderArchive("").GetName()), drive + u"\\");
     EXPECT_EQ(Units(CFolderArchive(CString()).GetName()), drive + u"\\");
+    EXPECT_TRUE(CFolderArchive("").Contains("")); // which no search of Windows finds
 }
 
 TEST_F(FolderArchive, WithoutARootIsTheCurrentFolderOfThen)
