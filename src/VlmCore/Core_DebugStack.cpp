@@ -51,14 +51,15 @@ void ReportMissingLibrary() noexcept
     }
 }
 
-/// When the library is unloaded, or the process ends, nobody has use for the symbols any more. But for a thread that is at
-/// it: then the process is ending, and takes them along.
+/// When the library is unloaded, or the process ends, nobody has use for the symbols any more. But for a thread that is
+/// at it, this one included if a signal's handler ends the process: then the process takes them along.
 struct SSymbolsEnd {
     ~SSymbolsEnd()
     {
-        if (GetSymbolLock().TryAcquire()) {
+        CRecursiveSpinLock& lock = GetSymbolLock();
+        if (!lock.IsOwned() && lock.TryAcquire()) {
             Platform::ReleaseSymbols();
-            GetSymbolLock().TryRelease();
+            lock.TryRelease();
         }
     }
 };

@@ -25,9 +25,9 @@ constinit CSpinLock g_quietExtensionLock;
 void UpdateQuietExtension()
 {
     TScopedLock const lock(g_quietExtensionLock);
-    bool const isQuiet = g_heapModule.heap != nullptr && !MemoryLog::IsInstalled();
-    g_quietExtension.store(isQuiet ? &g_heapModule.heap->GetExtensionWord() : &g_noExtension,
-                           std::memory_order_release);
+    CGlobalHeap const* const heap = g_heapModule.heap;
+    bool const isQuiet = heap != nullptr && !MemoryLog::IsInstalled();
+    g_quietExtension.store(isQuiet ? &heap->GetExtensionWord() : &g_noExtension, std::memory_order_release);
 }
 
 CBadAllocation::~CBadAllocation() = default;

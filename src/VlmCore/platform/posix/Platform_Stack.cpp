@@ -126,17 +126,17 @@ struct SThreadStack {
 
 static_assert(sizeof(SThreadStack) < 3 * 1024, "fits into a page");
 
-constinit TThreadObjects<SThreadStack> g_threadStacks;
-
 // The initial-exec model makes this one instruction also from a shared library; eight bytes fit the loader's reserve
 // when the library is loaded late.
 [[gnu::tls_model("initial-exec")]] thread_local SThreadStack* t_stack = nullptr;
+
+constinit TThreadObjects<SThreadStack> g_threadStacks([]() -> SThreadStack*& { return t_stack; });
 
 /// The calling thread's; null when there is none to be had now.
 SThreadStack* FindThreadStack()
 {
     SThreadStack* const known = t_stack;
-    return known != nullptr ? known : g_threadStacks.Claim(t_stack);
+    return known != nullptr ? known : g_threadStacks.Claim();
 }
 
 void FindStackBounds(SThreadStack& stack)
@@ -344,15 +344,15 @@ VLM_STACK_WALK u32 CaptureStack(void** addresses, u32* hash)
     Address const frame = reinterpret_cast<Address>(__builtin_frame_address(0));
     Address const caller = reinterpret_cast<Address>(__builtin_return_address(0));
     SThreadStack* const stack = FindThreadStack();
-    if (stack != nullptr && stack->high == 0)
-        FindStackBounds(*stack);
-    // Not on a signal stack or a coroutine's.
-    bool const onOwnStack = stack != nullptr && frame >= stack->low && frame < stack->high;
-    bool const isAlone = onOwnStack && !stack->isBusy;
+    bool const isAlone = stack != nullptr && !stack->isBusy;
+    bool onOwnStack = false;
     if (isAlone) {
         stack->isBusy = true;
         std::atomic_signal_fence(std::memory_order_seq_cst);
-        SWalk const* const walk = FindWalk(frame, *stack);
+        if (stack->high == 0)
+            FindStackBounds(*stack);
+        onOwnStack = frame >= stack->low && frame < stack->high; // not on a signal stack or a coroutine's
+        SWalk const* const walk = onOwnStack ? FindWalk(frame, *stack) : nullptr;
         u32 const count = walk != nullptr ? walk->count : 0;
         for (u32 i = 0; i < count; ++i)
             addresses[i] = reinterpret_cast<void*>(walk->addresses[i]);
@@ -363,7 +363,7 @@ VLM_STACK_WALK u32 CaptureStack(void** addresses, u32* hash)
         if (count != 0)
             return count;
     }
-    u32 const count = CaptureByUnwinder(addresses, caller, isAlone ? stack : nullptr);
+    u32 const count = CaptureByUnwinder(addresses, caller, onOwnStack ? stack : nullptr);
     if (hash != nullptr) {
         u32 sum = 0;
         for (u32 i = 0; i < count; ++i)
