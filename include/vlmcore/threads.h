@@ -213,6 +213,7 @@ private:
     [[nodiscard]] CWorkerThread& FindStoppedWorker() const;
     [[nodiscard]] CWorkerThread* FindCallingWorker() const;
     [[nodiscard]] bool TryQueue(IThreadJob* job);
+    void Publish(u64 index, IThreadJob* job);
     [[nodiscard]] bool TryRetire(CWorkerThread& worker);
 
     CRing m_ring; // the jobs waiting are its distance between two indices, not one more counter

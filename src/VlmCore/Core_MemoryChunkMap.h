@@ -323,8 +323,8 @@ private:
     [[nodiscard]] SGranule& GetGranule(u64 number) const;
     void SetEntry(CChunkRecords& chunk, u64 number, bool isPresent);
 
-    // Leaves that are found without their branches: of those whose numbers end alike the first one, for good. A leaf is set
-    // before its number, the bits of the addresses above those of its granules.
+    // Leaves that are found without their branches: of those whose numbers end alike the first one, for good. A leaf is
+    // set before its number, the bits of the addresses above those of its granules.
     std::atomic<u64> m_shortcutNumbers[ShortcutCount];
     SLeaf* m_shortcutLeaves[ShortcutCount] = {};
     std::atomic<SBranch*> m_branches[LevelSize] = {};

@@ -1,5 +1,5 @@
-// What a heap has in addition once it holds more than 1,024 records or is used a lot: buckets that grow, records of pool blocks that are
-// found without a lock, and lanes, so that threads do not stand in each other's way.
+// What a heap has in addition once it holds more than 1,024 records or is used a lot: buckets that grow, records of pool
+// blocks that are found without a lock, and lanes, so that threads do not stand in each other's way.
 //
 //     CGlobalHeap -- CHeapExtension -+- CRecordBuckets   blocks of the hooks, and those of chunks not in the map
 //                                    +- CChunkMap        address -> CChunkRecords of its chunk, the records of pool blocks

@@ -39,7 +39,7 @@ void CJSONMemoryLogWriter::StartThread()
 {
     RunLooped();
     CBackoff backoff;
-    while (m_self.load(std::memory_order_acquire) == NoThreadId)
+    while (m_self.load(std::memory_order_acquire) == NoThreadId && !backoff.IsInVain())
         backoff.Wait();
 }
 

@@ -222,6 +222,8 @@ void CThreadPool::PushJob(IThreadJob* job)
             caller->PutBy(job);
             return;
         }
+        if (backoff.IsInVain())
+            return; // the job is lost, as those are that wait: the workers have been ended with the process
         backoff.Wait();
     }
     if (m_running.load(std::memory_order_seq_cst) == 0) { // the last worker retired before it could see the claim
@@ -229,12 +231,11 @@ void CThreadPool::PushJob(IThreadJob* job)
             StartFirstWorker();
         }
         catch (...) {
-            m_ring.Publish(index, nullptr, [&] { backoff.Wait(); });
+            Publish(index, nullptr);
             throw;
         }
     }
-    backoff.Reset();
-    m_ring.Publish(index, job, [&] { backoff.Wait(); });
+    Publish(index, job);
     if (m_running.load(std::memory_order_seq_cst) < m_maxWorkers || m_asleep.load(std::memory_order_seq_cst) != 0)
         CallHelper();
 }
@@ -245,9 +246,19 @@ bool CThreadPool::TryQueue(IThreadJob* job)
     u64 index = 0;
     if (!m_ring.TryClaim(index))
         return false;
-    CBackoff backoff(CBackoff::ManyYields);
-    m_ring.Publish(index, job, [&] { backoff.Wait(); });
+    Publish(index, job);
     return true;
+}
+
+/// Waits while one of the slots before is still due.
+void CThreadPool::Publish(u64 index, IThreadJob* job)
+{
+    CBackoff backoff(CBackoff::ManyYields);
+    m_ring.Publish(index, job, [&] {
+        if (backoff.IsInVain())
+            m_ring.PublishForTheGone(index);
+        backoff.Wait();
+    });
 }
 
 void CThreadPool::StartFirstWorker()
@@ -288,6 +299,8 @@ void CThreadPool::CallHelper()
             return;
         if (reserved > m_ring.GetTaken() + looking + reaching)
             break;
+        if (backoff.IsInVain())
+            return;
         backoff.Wait();
     }
     if (sleeper != nullptr) {

@@ -48,6 +48,34 @@ public:
     std::atomic<bool> const* open = nullptr;
 };
 
+// Producers that claimed slots and were ended before they filled them: with stale items in their slots from before.
+TEST(JobRing, SlotsOfProducersThatAreGoneArePublishedEmpty)
+{
+    Impl::TJobRing<std::atomic, int, 4> ring;
+    u64 index = 0;
+    int item = -1;
+    for (int stale = 1; stale <= 3; ++stale) {
+        ASSERT_TRUE(ring.TryClaim(index));
+        ring.Publish(index, stale, [] { FAIL(); });
+        ASSERT_TRUE(ring.TryTake(item));
+    }
+    ASSERT_TRUE(ring.TryClaim(index));
+    ASSERT_TRUE(ring.TryClaim(index));
+    ASSERT_TRUE(ring.TryClaim(index));
+    int waits = 0;
+    ring.Publish(index, 7, [&] {
+        EXPECT_FALSE(ring.HasPublished());
+        if (++waits == 3)
+            ring.PublishForTheGone(index);
+    });
+    EXPECT_EQ(waits, 3);
+    for (int const expected : {0, 0, 7}) {
+        ASSERT_TRUE(ring.TryTake(item));
+        EXPECT_EQ(item, expected);
+    }
+    EXPECT_FALSE(ring.TryTake(item));
+}
+
 TEST(ThreadPoolWorkers, StartOnlyWhenNeededAndAllRetire)
 {
     CThreadPool pool(4);

@@ -1,6 +1,6 @@
 // Labels: threads
-// A program that knows nothing of the library loads a plugin that has it: a language's runtime, a game's mod loader. What
-// the library keeps for each thread must fit into what the system has left at that time.
+// A program that knows nothing of the library loads a plugin that has it: a language's runtime, a game's mod loader.
+// What the library keeps for each thread must fit into what the system has left at that time.
 #include "../support/PluginEntry.h"
 #include "Module.h"
 #include "Plugin.h"
@@ -38,7 +38,7 @@ TEST_P(LateLoading, AllOfItWorksAgainAndAgain)
     }
 }
 
-// A thread ends while the library is still there: what it had of the thread goes back, and serves the next one.
+// Threads that the library has something of end while it is still there.
 TEST_P(LateLoading, ThreadsComeAndGo)
 {
     void* const module = LateLoad::Open(m_fileName.c_str());

@@ -52,10 +52,32 @@ private:
     IThread& m_joined;
 };
 
+class CNoJob : public IThreadJob {
+public:
+    void Execute() override {}
+    [[nodiscard]] bool AutoDelete() const override { return false; }
+};
+
+struct SLatePusher {
+    CThreadPool pool{1};
+    CNoJob job;
+
+    ~SLatePusher()
+    {
+        for (int push = 0; push < 400; ++push)
+            pool.PushJob(&job);
+    }
+};
+
 constexpr ProcessEndTest::SPlugin Plugin = {
     [] {
         static CThreadPool pool(1);
         pool.PushJob(Memory::New<CEndlessJob>(EHeap::Pool));
+        WaitForRunning(1);
+    },
+    [] {
+        static SLatePusher pusher;
+        pusher.pool.PushJob(Memory::New<CEndlessJob>(EHeap::Pool));
         WaitForRunning(1);
     },
     [] {

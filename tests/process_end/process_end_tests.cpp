@@ -137,6 +137,8 @@ VLMCORE_CHILD(LeavesThreadsToAPlugin)
     CPlugin const& plugin = *new CPlugin(VLMCORE_PLUGIN_NAME);
     if (GetArgument() == "job")
         plugin->leaveJobRunning();
+    else if (GetArgument() == "ring")
+        plugin->leaveFullRing();
     else
         plugin->leaveThreadJoined();
     return 3;
@@ -146,7 +148,7 @@ TEST(ProcessEnd, ThreadsThatTheSystemEndedAreNotWaitedFor)
 {
     if (!TestSupport::SystemTraits.endsThreadsBeforeModules)
         GTEST_SKIP() << "threads run on here, and are waited for";
-    for (char const* const what : {"job", "joined"}) {
+    for (char const* const what : {"job", "ring", "joined"}) {
         TestSupport::SChildOptions options;
         options.timeoutSeconds = 30;
         options.arguments = {what};

@@ -53,6 +53,16 @@ public:
         m_publish.store(index + 1, std::memory_order_release); // nobody else may move it from `index`
     }
 
+    /// Publishes the slots before a claimed one as empty: whoever claimed them is gone for good, and only the caller is
+    /// left.
+    void PublishForTheGone(u64 index)
+    {
+        u64 missing = m_publish.load(std::memory_order_acquire);
+        for (; missing != index; ++missing)
+            m_slots[missing % SlotCount].store(Item{}, std::memory_order_relaxed);
+        m_publish.store(index, std::memory_order_release);
+    }
+
     /// Takes the oldest published item; false when there is none.
     bool TryTake(Item& item)
     {

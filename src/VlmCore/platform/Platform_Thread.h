@@ -74,8 +74,9 @@ void SynchronizeThread(u64 threadKey);
 [[nodiscard]] bool IsThreadAlive(u32 threadId);
 
 /// True at the end of a process when the system has ended all its other threads, in the middle of whatever they were
-/// doing, and nobody will ever release what they held. Windows ends them before it unloads the modules, where functions
-/// registered for the exit run; posix systems let them run on. Costs next to nothing; no lock of the system's is taken.
+/// doing, and nobody will ever release what they held. Windows ends them before it unloads the DLLs, where the functions
+/// run that these registered for the exit; those of the program itself run before, with the threads still at work, as all
+/// do on posix systems. Costs next to nothing; no lock of the system's is taken.
 [[nodiscard]] bool HasEndedOtherThreads();
 
 // Types

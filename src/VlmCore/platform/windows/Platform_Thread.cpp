@@ -14,8 +14,8 @@
 #  include <cxxabi.h>
 #endif
 
-// In no header of the system. Linked, not looked up: a look-up takes the loader's lock, and a thread that is asked here may
-// hold what the loader's lock waits for.
+// In no header of the system. Linked, not looked up: a look-up takes the loader's lock, and a thread that is asked here
+// may hold what the loader's lock waits for.
 extern "C" __declspec(dllimport) BOOLEAN NTAPI RtlDllShutdownInProgress(void);
 
 namespace Velmor::Platform {
