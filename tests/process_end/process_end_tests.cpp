@@ -25,6 +25,7 @@ TestSupport::SChildResult RunToItsEnd(char const* child, std::string const& argu
     TestSupport::SChildOptions options;
     options.folder = folder.Path().string();
     options.timeoutSeconds = 30;
+    options.leavesBlocks = true;
     options.arguments = {argument};
     return TestSupport::RunChild(child, options);
 }

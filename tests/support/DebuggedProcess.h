@@ -36,6 +36,7 @@ struct SChildOptions {
     SChildOptions() = default; // not an aggregate: braces around one argument of a child are that argument
 
     bool debugged = false;                                          ///< under a debugging parent
+    bool leavesBlocks = false;                                      ///< on purpose: no business of a sanitizer's
     std::vector<std::string> arguments;                             ///< what the child finds in GetChildArguments
     std::vector<std::pair<std::string, std::string>> environment{}; ///< variables added to the parent's
     std::string folder;                                             ///< current folder; empty: the parent's

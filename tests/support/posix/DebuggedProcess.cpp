@@ -122,8 +122,8 @@ void Converse(int terminal, std::vector<EAnswer> const& answers, SChildResult& r
 std::vector<std::string> BuildEnvironment(SChildOptions const& options)
 {
     auto additions = options.environment;
-    if (options.debugged) {
-        // The leak sanitizer traces its own process, which a traced process cannot have.
+    if (options.debugged || options.leavesBlocks) {
+        // The leak sanitizer traces its own process, too, which a debugged one cannot have.
         char const* const given = std::getenv("ASAN_OPTIONS");
         additions.emplace_back("ASAN_OPTIONS", (given != nullptr ? std::string(given) + ":" : "") + "detect_leaks=0");
     }
