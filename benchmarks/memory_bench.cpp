@@ -49,11 +49,16 @@ void* Allocate(SAllocator const& allocator, u64 size)
     return block;
 }
 
-// 8 to 1,024 bytes.
-u64 GetSize(u64 random)
-{
-    return 8 + random % 1017;
-}
+/// Sizes of blocks in bytes, each as often as any other.
+struct SSizes {
+    u64 smallest;
+    u64 largest;
+
+    u64 Get(u64 random) const { return smallest + random % (largest - smallest + 1); }
+};
+
+constexpr SSizes SmallSizes{8, 1024};
+constexpr SSizes LargeSizes{1025, 16384}; // more than a pool's classes serve
 
 // ---- Pairs ----
 
@@ -68,10 +73,11 @@ void MeasurePairs(benchmark::State& state, SAllocator const& allocator, u64 size
 /// Live blocks of random sizes of which random ones are freed and allocated anew.
 class CPopulation {
 public:
-    CPopulation(SAllocator const& allocator, u64 count, u64 seed) : m_allocator(allocator), m_random(seed)
+    CPopulation(SAllocator const& allocator, u64 count, u64 seed, SSizes sizes = SmallSizes)
+        : m_allocator(allocator), m_sizes(sizes), m_random(seed)
     {
         for (u64 index = 0; index < count; ++index)
-            m_blocks.push_back(Allocate(m_allocator, GetSize(m_random.Next())));
+            m_blocks.push_back(Allocate(m_allocator, m_sizes.Get(m_random.Next())));
     }
     CPopulation(CPopulation const&) = delete;
     CPopulation& operator=(CPopulation const&) = delete;
@@ -86,7 +92,7 @@ public:
         u64 const number = m_random.Next();
         void*& block = m_blocks[(number >> 16) % m_blocks.size()];
         m_allocator.release(block);
-        block = Allocate(m_allocator, GetSize(number & 0xFFFF));
+        block = Allocate(m_allocator, m_sizes.Get(number & 0xFFFF));
     }
 
     /// Until nothing is left of the order in which the blocks were made.
@@ -98,6 +104,7 @@ public:
 
 private:
     SAllocator const& m_allocator;
+    SSizes m_sizes;
     CRandom m_random;
     std::vector<void*> m_blocks;
 };
@@ -132,11 +139,11 @@ SAllocator const nothing{
 
 // ---- Threads ----
 
-// Every thread has its own 10,000 blocks.
-void MeasureOwnBlocks(benchmark::State& state, SAllocator const& allocator)
+// Every thread has blocks of its own.
+void MeasureOwnBlocks(benchmark::State& state, SAllocator const& allocator, u64 count, SSizes sizes)
 {
     {
-        CPopulation population(allocator, 10000, 10 + static_cast<u64>(state.thread_index()));
+        CPopulation population(allocator, count, 10 + static_cast<u64>(state.thread_index()), sizes);
         population.Mix();
         for (auto _ : state)
             population.ReplaceOne();
@@ -172,7 +179,7 @@ void MeasureForeignFrees(benchmark::State& state, SAllocator const& allocator)
             std::vector<void*>& slot = slots[batch % Slots];
             slot.resize(BatchSize);
             for (void*& block : slot)
-                block = Allocate(allocator, GetSize(random.Next()));
+                block = Allocate(allocator, SmallSizes.Get(random.Next()));
             written.store(batch + 1, std::memory_order_release);
         }
         consumer.join();
@@ -237,7 +244,7 @@ void MeasurePurge(benchmark::State& state, SAllocator const& allocator)
         CRandom random(41);
         std::vector<void*> blocks;
         for (u64 index = 0; index < 500000; ++index)
-            blocks.push_back(Allocate(allocator, GetSize(random.Next())));
+            blocks.push_back(Allocate(allocator, SmallSizes.Get(random.Next())));
         std::vector<void*> kept;
         for (void* const block : blocks)
             if (random.Next() % 2 == 0)
@@ -249,7 +256,7 @@ void MeasurePurge(benchmark::State& state, SAllocator const& allocator)
             CRandom sizes(42);
             while (isPurging) {
                 auto const start = Clock::now();
-                allocator.release(Allocate(allocator, GetSize(sizes.Next())));
+                allocator.release(Allocate(allocator, SmallSizes.Get(sizes.Next())));
                 longestStall = std::max(longestStall, GetSeconds(start));
             }
         });
@@ -292,11 +299,19 @@ void RegisterAll(std::vector<SAllocator> const& allocators, std::vector<SMemoryU
         Register("Pair64", allocator, &MeasurePairs, 64u);
         Register("Pair256", allocator, &MeasurePairs, 256u);
         Register("Pair1024", allocator, &MeasurePairs, 1024u);
+        Register("Pair4096", allocator, &MeasurePairs, 4096u);
         // A fixed number of steps: the blocks are not to be made and mixed again for each attempt at one.
         i64 const steps = allocator.isSlowAtScale ? 50000 : 2000000;
         if (!allocator.isSlowAtScale)
             RegisterReplacements(allocator, steps);
-        Register("OwnBlocks", allocator, &MeasureOwnBlocks)->ThreadRange(1, 2)->UseRealTime()->Iterations(steps);
+        Register("OwnBlocks", allocator, &MeasureOwnBlocks, 10000u, SmallSizes)
+            ->ThreadRange(1, 2)
+            ->UseRealTime()
+            ->Iterations(steps);
+        Register("OwnLargeBlocks", allocator, &MeasureOwnBlocks, 1000u, LargeSizes)
+            ->ThreadRange(1, 2)
+            ->UseRealTime()
+            ->Iterations(steps / 4);
         Register("ForeignFrees", allocator, &MeasureForeignFrees)->UseRealTime()->Iterations(1);
     }
     RegisterReplacements(nothing, 2000000);

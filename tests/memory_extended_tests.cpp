@@ -221,7 +221,10 @@ TEST_F(ExtendedHeap, TheStoreGrowsOnlyWhenNoThreadHasARecordToSpare)
     u64 const before = GetRecordBytes();
     // Each leaves some records behind that nobody uses.
     for (u32 index = 0; index < 8; ++index)
-        std::thread([] { Memory::Free(Memory::Malloc(24, EHeap::Pool)); }).join();
+        std::thread([] {
+            Memory::Free(Memory::Malloc(24, EHeap::Pool));
+            Memory::Free(Memory::Malloc(24, EHeap::General));
+        }).join();
     Fill(4096 - 4 - 3000);
     EXPECT_EQ(GetRecordBytes(), before);
     Fill(1);
@@ -245,12 +248,12 @@ TEST_F(ExtendedHeap, TheStoreDoesNotGrowWhileThreadsShareTheLastRecords)
                 ++ready;
                 while (ready != ThreadCount)
                     std::this_thread::yield();
-                for (void*& block : own)
-                    block = Memory::Malloc(24, EHeap::Pool);
+                for (u64 index = 0; index < Count; ++index)
+                    own[index] = Memory::Malloc(24, index % 2 == 0 ? EHeap::Pool : EHeap::General);
             });
         for (std::thread& thread : threads)
             thread.join();
-        ASSERT_EQ(GetRecordBytes(), before) << round;
+        ASSERT_EQ(GetRecordBytes(), before + ThreadCount * Count / 2 * 24) << round;
         for (auto& own : blocks)
             for (void* const block : own)
                 Memory::Free(block);
@@ -444,9 +447,13 @@ TEST_F(ExtendedHeap, ABlockThatIsFreedTwiceIsFreedOnce)
 TEST_F(ExtendedHeap, OfManyThreadsThatFreeABlockAtOnceOneDoes)
 {
     Fill(2000);
+    constexpr std::pair<u64, EHeap::Type> Requests[] = {
+        {64, EHeap::Pool}, {64, EHeap::General}, {64, EHeap::Pool}, {3000, EHeap::Pool}};
     constexpr u32 ThreadCount = 4;
+    u64 const live = GetStatistics().liveCount;
     for (u32 round = 0; round < 200; ++round) {
-        void* const block = Memory::Malloc(64, EHeap::Pool);
+        auto const [size, kind] = Requests[round % 4];
+        void* const block = Memory::Malloc(size, kind);
         std::atomic<u32> ready{0};
         std::vector<std::thread> threads;
         for (u32 index = 0; index < ThreadCount; ++index)
@@ -459,8 +466,115 @@ TEST_F(ExtendedHeap, OfManyThreadsThatFreeABlockAtOnceOneDoes)
         for (std::thread& thread : threads)
             thread.join();
         ASSERT_EQ(GetStatistics().pools[0].liveCount, 2000u);
+        ASSERT_LE(GetStatistics().liveCount, live + 2) << "perhaps the first chunk of a class, and its table";
     }
     Empty();
+}
+
+// Threads count for themselves; what they counted is told as if they had not.
+TEST_F(ExtendedHeap, BlocksOfTheHooksAreCountedWhicheverThreadFreesThem)
+{
+    Fill(2000);
+    Memory::SStatistics const before = GetStatistics();
+    constexpr u64 ThreadCount = 4;
+    constexpr u64 Count = 600;
+    constexpr EHeap::Type Kinds[] = {EHeap::General, EHeap::Pool, EHeap::Pool4, EHeap::Pool8, EHeap::Pool16};
+    constexpr u64 Slack[] = {0, 0, 4, 8, 16};
+    // A thread's blocks are of one size, and kinds by turns.
+    void* blocks[ThreadCount][Count];
+    auto const run = [&](auto&& work) {
+        std::vector<std::thread> threads;
+        for (u64 thread = 0; thread < ThreadCount; ++thread)
+            threads.emplace_back([&, thread] {
+                for (u64 index = 0; index < Count; ++index)
+                    work(thread, index);
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+    };
+    u64 bytes = 0;
+    for (u64 thread = 0; thread < ThreadCount; ++thread)
+        for (u64 index = 0; index < Count; ++index)
+            bytes += 1500 + thread + Slack[index % 5];
+
+    run([&](u64 thread, u64 index) { blocks[thread][index] = Memory::Malloc(1500 + thread, Kinds[index % 5]); });
+    Memory::SStatistics const full = GetStatistics();
+    EXPECT_EQ(full.liveCount, before.liveCount + ThreadCount * Count);
+    EXPECT_EQ(full.allocationCount, before.allocationCount + ThreadCount * Count);
+    for (u64 pool = 0; pool < 4; ++pool) {
+        EXPECT_EQ(full.pools[pool].liveCount, before.pools[pool].liveCount + ThreadCount * Count / 5);
+        EXPECT_EQ(full.pools[pool].allocationCount, before.pools[pool].allocationCount + ThreadCount * Count / 5);
+    }
+    // The store grew from 2,048 to 8,192 records.
+    EXPECT_EQ(full.bytesInUse, before.bytesInUse + bytes + 24 * RecordChunk);
+
+    // Other threads than those that have them: half of them are resized, then all go.
+    std::atomic<u64> wrong{0};
+    run([&](u64 thread, u64 index) {
+        void*& block = blocks[(thread + 1) % ThreadCount][index];
+        if (Memory::GetHeap(block) != Kinds[index % 5] || Memory::GetSize(block) != 1500 + (thread + 1) % ThreadCount)
+            ++wrong;
+        if (index % 2 == 0)
+            block = Memory::Realloc(block, 5000, EHeap::General);
+        if (index % 2 == 0 && (Memory::GetHeap(block) != Kinds[index % 5] || Memory::GetSize(block) != 5000))
+            ++wrong;
+    });
+    EXPECT_EQ(wrong, 0u);
+    run([&](u64 thread, u64 index) { Memory::Free(blocks[(thread + 2) % ThreadCount][index]); });
+    Memory::SStatistics const after = GetStatistics();
+    EXPECT_EQ(after.liveCount, before.liveCount);
+    EXPECT_EQ(after.bytesInUse, before.bytesInUse + 24 * RecordChunk);
+    EXPECT_EQ(after.allocationCount, full.allocationCount + ThreadCount * Count / 2)
+        << "a request each for the new place";
+    for (u64 pool = 0; pool < 4; ++pool)
+        EXPECT_EQ(after.pools[pool].liveCount, before.pools[pool].liveCount);
+    Empty();
+}
+
+TEST_F(ExtendedHeap, AHeapOfTheHooksBlocksAloneIsExtended)
+{
+    u64 const requests = CCountingHooks::GetRequests();
+    u64 const blocks = CCountingHooks::GetLiveBlocks();
+    constexpr u64 Count = 4200;
+    for (u64 index = 0; index < Count; ++index)
+        Memory::Free(Memory::Malloc(100, EHeap::General));
+    EXPECT_EQ(CCountingHooks::GetRequests(), requests + Count + 1) << "one more, for the extension";
+    EXPECT_EQ(CCountingHooks::GetLiveBlocks(), blocks + 1);
+    EXPECT_EQ(GetStatistics().liveCount, 4u) << "the pools";
+    EXPECT_EQ(GetStatistics().allocationCount, Count + 4);
+}
+
+TEST_F(ExtendedHeap, ABlockWithoutARecordIsRefusedAndNotCounted)
+{
+    Fill(3000);
+    constexpr std::pair<u64, EHeap::Type> Requests[] = {{40, EHeap::General}, {2000, EHeap::Pool8}};
+    u64 refused = 0;
+    std::vector<void*> blocks;
+    for (u64 index = 0; index < 1200; ++index) {
+        Memory::SStatistics const before = GetStatistics();
+        u64 const hookBlocks = CCountingHooks::GetLiveBlocks();
+        auto const [size, kind] = Requests[index % 2];
+        CCountingHooks::FailFrom(2); // the first request is for the block
+        void* block = Memory::Malloc(size, kind);
+        CCountingHooks::FailFrom(0);
+        if (block == nullptr) {
+            ++refused;
+            Memory::SStatistics const after = GetStatistics();
+            ASSERT_EQ(after.liveCount, before.liveCount);
+            ASSERT_EQ(after.bytesInUse, before.bytesInUse);
+            ASSERT_EQ(after.pools[2].allocationCount, before.pools[2].allocationCount);
+            ASSERT_EQ(after.pools[2].liveCount, before.pools[2].liveCount);
+            ASSERT_EQ(CCountingHooks::GetLiveBlocks(), hookBlocks);
+            block = Memory::Malloc(size, kind);
+        }
+        ASSERT_NE(block, nullptr);
+        blocks.push_back(block);
+    }
+    EXPECT_GE(refused, 1u);
+    for (void* const block : blocks)
+        Memory::Free(block);
+    Empty();
+    EXPECT_EQ(GetStatistics().pools[2].liveCount, 0u);
 }
 
 TEST_F(ExtendedHeap, FewRecordsAreEnoughForAHeapThatIsUsedALot)

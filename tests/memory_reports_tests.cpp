@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace Velmor;
@@ -105,6 +106,29 @@ TEST(MemoryReports, LeaksOfAPassthroughHeap)
               "Heap initialized, using 14448 bytes\n"
               "Counted a total of 3 global allocations.\n"
               "\nWARNING: 2 global memory leak(s) with a total size of 1234 bytes detected.\n\n");
+}
+
+VLMCORE_CHILD(LeakyBusyHeap)
+{
+    CCountingHooks::Initialize(EHeapFlag::Report | EHeapFlag::Passthrough);
+    for (u64 index = 0; index < 3; ++index)
+        std::thread([] {
+            for (u64 round = 0; round < 5000; ++round)
+                Memory::Free(Memory::Malloc(10, EHeap::General));
+            static_cast<void>(Memory::Malloc(1000, EHeap::General));
+            static_cast<void>(Memory::Malloc(234, EHeap::Pool16));
+        }).join();
+    Memory::Deinitialize();
+    return 0;
+}
+
+// What threads counted that are gone is in it.
+TEST(MemoryReports, LeaksOfAHeapThatWasUsedALot)
+{
+    EXPECT_EQ(GetOutput("LeakyBusyHeap"),
+              "Heap initialized, using 14448 bytes\n"
+              "Counted a total of 15006 global allocations.\n"
+              "\nWARNING: 6 global memory leak(s) with a total size of 3702 bytes detected.\n\n");
 }
 
 VLMCORE_CHILD(PooledHeap)

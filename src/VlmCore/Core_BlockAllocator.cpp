@@ -31,24 +31,7 @@ void* TBlockAllocator<AlignmentBits>::TakeLarge(CGlobalHeap& heap, u64 size)
         return nullptr;
     u64 const hookSize = size + Alignment;
     void* const raw = heap.FitsBudget(hookSize) ? heap.GetHooks().malloc(hookSize) : nullptr;
-    if (raw == nullptr)
-        return nullptr;
-    {
-        CGlobalHeap::CLock const lock(heap.GetLock());
-        heap.CountHookBlocks(1, 1);
-        heap.AddBytes(hookSize);
-    }
-    return MemoryAlignment::MoveForward(raw, Alignment);
-}
-
-template <u32 AlignmentBits>
-void TBlockAllocator<AlignmentBits>::GiveBackLarge(CGlobalHeap& heap, void* block, u64 size)
-{
-    {
-        CGlobalHeap::CLock const lock(heap.GetLock());
-        heap.SubtractBytes(size + Alignment);
-    }
-    heap.HookRelease(MemoryAlignment::MoveBack(block, Alignment));
+    return raw != nullptr ? MemoryAlignment::MoveForward(raw, Alignment) : nullptr;
 }
 
 template <u32 AlignmentBits>
@@ -56,7 +39,7 @@ void TBlockAllocator<AlignmentBits>::ResizeInPlace(CGlobalHeap& heap, void* bloc
 {
     if (oldSize > LargestBlock) {
         // Releasing will lower the bytes by the new size.
-        heap.SubtractBytes(oldSize - newSize);
+        heap.ChangeCounters([&](auto& counters) { counters.SubtractBytes(oldSize - newSize); });
         return;
     }
     u64 const blockSize = GetShape(GetClass(oldSize)).blockSize;

@@ -234,7 +234,7 @@ public:
     void GiveBack(CGlobalHeap& heap, void* block, u64 size)
     {
         if (size > LargestBlock) [[unlikely]] {
-            GiveBackLarge(heap, block, size);
+            heap.GetHooks().free(MemoryAlignment::MoveBack(block, Alignment));
             return;
         }
         u32 const index = GetClass(size);
@@ -254,18 +254,28 @@ public:
         return newSize <= LargestBlock && GetClass(oldSize) == GetClass(newSize);
     }
 
-    /// Follows a resize in place: the guard of a small block, the bytes of a large one. Under the heap lock.
+    /// Follows a resize in place: the guard of a small block, the bytes of a large one.
     static void ResizeInPlace(CGlobalHeap& heap, void* block, u64 oldSize, u64 newSize);
 
-    // Under the heap lock. A heap that is used a lot is extended even when it never holds much.
-    void CountAllocation(CGlobalHeap& heap)
+    /// For CGlobalHeap::ChangeCounters: a block of `size` bytes came or went, and with a large one its memory.
+    template <class Counters>
+    void CountAllocation(Counters& counters, u64 size)
     {
-        m_allocationCount.Add(1);
-        m_liveCount.Add(1);
-        if (m_allocationCount.Get() % ManyAllocations == 0)
-            heap.Extend();
+        if (size > LargestBlock) {
+            counters.CountHookBlocks(1, 1);
+            counters.AddBytes(size + Alignment);
+        }
+        CountOwnAllocation(counters);
     }
-    void CountRelease() { m_liveCount.Subtract(1); }
+    template <class Counters>
+    void CountRelease(Counters& counters, u64 size)
+    {
+        if (size > LargestBlock) {
+            counters.CountReleasedHookBlocks(1);
+            counters.SubtractBytes(size + Alignment);
+        }
+        CountOwnRelease(counters);
+    }
 
     void Purge(CGlobalHeap& heap);
 
@@ -275,8 +285,6 @@ public:
     void GetStatistics(CGlobalHeap const& heap, Memory::SStatistics::SPool& pool);
 
 private:
-    static constexpr u64 ManyAllocations = 4096;
-
     [[nodiscard]] static u32 GetClass(u64 size) { return SBlockShape::GetBlockBits(Kind, size) - SmallestBits; }
     [[nodiscard]] static constexpr SBlockShape GetShape(u32 index)
     {
@@ -284,8 +292,17 @@ private:
         return {u64{1} << bits, Alignment, bits, Kind};
     }
 
+    void CountOwnAllocation(CGlobalHeap& heap)
+    {
+        m_allocationCount.Add(1);
+        m_liveCount.Add(1);
+        heap.ExtendIfBusy(m_allocationCount.Get());
+    }
+    static void CountOwnAllocation(CHeapLane& lane) { lane.GetLargestClass(Kind).CountAllocation(); }
+    void CountOwnRelease(CGlobalHeap&) { m_liveCount.Subtract(1); }
+    static void CountOwnRelease(CHeapLane& lane) { lane.GetLargestClass(Kind).CountRelease(); }
+
     [[nodiscard]] static void* TakeLarge(CGlobalHeap& heap, u64 size);
-    static void GiveBackLarge(CGlobalHeap& heap, void* block, u64 size);
     [[nodiscard]] u64 GetAllocationCount(CGlobalHeap const& heap) const;
     [[nodiscard]] u64 GetLiveCount(CGlobalHeap const& heap) const;
     void Report(CGlobalHeap const& heap);

@@ -57,18 +57,15 @@ void* AllocateFromHooks(CGlobalHeap& heap, u64 size, EHeap::Type kind)
     bool const isAsked = heap.FitsBudget(hookSize);
     void* const raw = isAsked ? heap.GetHooks().malloc(hookSize) : nullptr;
     if (raw == nullptr) {
-        // A refused request counts its size all the same, as pressure on the budget; kept, hosts watch it.
         ReportAllocation(nullptr, size);
-        CGlobalHeap::CLock const lock(heap.GetLock());
-        heap.CountHookBlocks(isAsked ? 1 : 0, 0);
-        heap.AddBytes(size);
+        heap.CountRefused(isAsked ? 1 : 0, size);
         return nullptr;
     }
     void* const block = MemoryAlignment::MoveForward(raw, alignment);
     ReportAllocation(block, size);
-    bool const isEntered = heap.Enter(block, size, kind, [&] {
-        heap.CountHookBlocks(1, 1);
-        heap.AddBytes(size);
+    bool const isEntered = heap.Enter(block, size, kind, [&](auto& counters) {
+        counters.CountHookBlocks(1, 1);
+        counters.AddBytes(size);
     });
     if (!isEntered) {
         ReportFree(block);
@@ -81,22 +78,22 @@ void* AllocateFromHooks(CGlobalHeap& heap, u64 size, EHeap::Type kind)
 void* ResizeFromHooks(CGlobalHeap& heap, void* block, u64 size, EHeap::Type kind)
 {
     ReportFree(block);
-    u64 oldSize = 0;
-    SAllocationRecord* const record = heap.Detach(block, [&](u64 recordedSize, EHeap::Type) {
-        oldSize = recordedSize;
-        heap.SubtractBytes(recordedSize);
-    });
+    SAllocationRecord* const record = heap.Detach(block);
     if (record == nullptr)
         return nullptr;
+    u64 const oldSize = record->GetSize();
+    heap.ChangeCounters([&](auto& counters) { counters.SubtractBytes(oldSize); });
 
     u64 const alignment = GetHookAlignment(heap, kind);
     void* const raw = MemoryAlignment::MoveBack(block, alignment);
     u64 const distance = static_cast<u64>(static_cast<u8*>(block) - static_cast<u8*>(raw));
     bool const isRecordable = size <= CGlobalHeap::LargestSize;
-    void* const movedRaw = isRecordable ? heap.HookReallocate(raw, size + alignment) : nullptr;
+    bool const isAsked = isRecordable && heap.FitsBudget(size + alignment);
+    void* const movedRaw = isAsked ? heap.GetHooks().realloc(raw, size + alignment) : nullptr;
     if (movedRaw == nullptr) {
         ReportAllocation(nullptr, size);
-        heap.Discard(record, [&] { heap.AddBytes(isRecordable ? size : 0); });
+        heap.Discard(record, [](auto&) {});
+        heap.CountRefused(isAsked ? 1 : 0, isRecordable ? size : 0);
         return nullptr;
     }
     // The hook kept the contents at their old distance from the start; the new start may need another.
@@ -106,7 +103,11 @@ void* ResizeFromHooks(CGlobalHeap& heap, void* block, u64 size, EHeap::Type kind
         std::memmove(static_cast<u8*>(movedRaw) + newDistance, contents, std::min(oldSize, size));
     void* const moved = MemoryAlignment::MoveForward(movedRaw, alignment);
     ReportAllocation(moved, size);
-    heap.Attach(record, moved, size, [&] { heap.AddBytes(size); });
+    heap.Attach(record, moved, size);
+    heap.ChangeCounters([&](auto& counters) {
+        counters.CountHookBlocks(1, 0);
+        counters.AddBytes(size);
+    });
     return moved;
 }
 
@@ -124,7 +125,7 @@ CHeapExtension::STaken TakeFromPool(CGlobalHeap& heap, Pool& pool, u64 size, ECr
 template <class Pool>
 bool EnterPoolBlock(CGlobalHeap& heap, Pool& pool, void* block, u64 size, ECredit& credit)
 {
-    auto const count = [&] { pool.CountAllocation(heap); };
+    auto const count = [&](auto& counters) { pool.CountAllocation(counters, size); };
     if (credit == ECredit::InHand) {
         if (heap.Enter(block, size, Pool::Kind, count, EStoreGrowth::Refused))
             return true;
@@ -164,7 +165,7 @@ STakenRecord TakeRecord(CGlobalHeap& heap, void const* block)
         if (extension->TryFind(block, found) && CHeapExtension::TakeRecord(*found.record) != 0)
             return {found.record, true};
     }
-    return {nullptr, heap.Take(block, [](u64, EHeap::Type) {})};
+    return {nullptr, heap.Take(block, [](auto&, u64, EHeap::Type) {})};
 }
 
 // To a new place; the block did not fit where it is. Its record goes first: when there is no new place to be had, the
@@ -190,10 +191,7 @@ void* MoveInPool(CGlobalHeap& heap, Pool& pool, void* block, u64 oldSize, u64 si
             heap.GetExtension()->GiveBackCredit();
     }
     else if (moved != nullptr) {
-        {
-            CGlobalHeap::CLock const lock(heap.GetLock());
-            pool.CountRelease();
-        }
+        heap.ChangeCounters([&](auto& counters) { pool.CountRelease(counters, oldSize); });
         pool.GiveBack(heap, block, oldSize);
     }
     return moved;
@@ -206,7 +204,8 @@ void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 oldSize, u64 
         return nullptr;
     if (!Pool::StaysInPlace(oldSize, size))
         return MoveInPool(heap, *pool, block, oldSize, size);
-    heap.SetSize(block, size, [&] { Pool::ResizeInPlace(heap, block, oldSize, size); });
+    Pool::ResizeInPlace(heap, block, oldSize, size);
+    heap.SetSize(block, size);
     return block;
 }
 
@@ -285,21 +284,21 @@ void FreeInTable(CGlobalHeap& heap, void* block)
     bool const isPassthrough = heap.IsPassthrough();
     u64 size = 0;
     EHeap::Type kind = EHeap::General;
-    bool const isKnown = heap.Take(block, [&](u64 recordedSize, EHeap::Type recordedKind) {
+    bool const isKnown = heap.Take(block, [&](auto& counters, u64 recordedSize, EHeap::Type recordedKind) {
         size = recordedSize;
         kind = recordedKind;
         auto const countHookBlock = [&] {
-            heap.CountReleasedHookBlocks(1);
-            heap.SubtractBytes(recordedSize);
+            counters.CountReleasedHookBlocks(1);
+            counters.SubtractBytes(recordedSize);
         };
         if (isPassthrough)
             countHookBlock();
         else
             g_heapModule.Dispatch(
                 recordedKind,
-                [](auto* pool) {
+                [&](auto* pool) {
                     if (pool != nullptr)
-                        pool->CountRelease();
+                        pool->CountRelease(counters, recordedSize);
                 },
                 countHookBlock);
     });
@@ -317,6 +316,13 @@ void FreeInTable(CGlobalHeap& heap, void* block)
                     pool->GiveBack(heap, block, size);
             },
             useHooks);
+}
+
+// Without a memory logger, a block that is not recorded in its chunk.
+[[gnu::noinline]] void FreeBesideChunks(void* block)
+{
+    if (block != nullptr)
+        FreeInTable(g_heapModule.FetchHeap(), block);
 }
 
 [[gnu::noinline]] void FreeSlowly(void* block)
@@ -375,8 +381,10 @@ void Free(void* block)
 {
     CHeapExtension* const extension = FindQuickWay();
     auto const nobodyAsks = [](CChunkRecords::Record const&) {};
-    if (extension == nullptr || !TryFreeInChunk(*extension, block, nobodyAsks)) [[unlikely]]
+    if (extension == nullptr) [[unlikely]]
         FreeSlowly(block);
+    else if (!TryFreeInChunk(*extension, block, nobodyAsks))
+        FreeBesideChunks(block);
 }
 
 void FreeQuietly(void* block) noexcept

@@ -21,17 +21,13 @@ CHeapExtension* CHeapExtension::Create(SMemoryHooks const& hooks)
     u64 const address = (reinterpret_cast<u64>(memory) + Alignment - 1) & ~(Alignment - 1);
     CHeapExtension* const extension = ::new (reinterpret_cast<void*>(address)) CHeapExtension;
     extension->m_memory = memory;
-    if (!extension->m_buckets.Create(hooks)) {
-        hooks.free(memory);
-        return nullptr;
-    }
     return extension;
 }
 
 void CHeapExtension::Release(SMemoryHooks const& hooks)
 {
     m_map.Release(hooks);
-    m_buckets.Release(hooks);
+    m_table.Release(hooks);
     for (SSlab* slab = m_slabs; slab != nullptr;) {
         SSlab* const next = slab->next;
         hooks.free(slab);
@@ -203,14 +199,35 @@ bool CHeapExtension::Drain(CBlockClass& blocks, SBlockShape const& shape)
     return hasDrained;
 }
 
-u64 CHeapExtension::CollectCredits()
+auto CHeapExtension::CollectCredits() -> SCollected
 {
-    u64 collected = 0;
+    SCollected collected{0, nullptr};
     for (CHeapLane& lane : m_lanes) {
         CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
-        collected += lane.TakeCredits();
+        collected.credits += lane.TakeCredits();
+        while (lane.HasRecords()) {
+            SAllocationRecord& record = lane.PopRecord();
+            record.next = std::exchange(collected.records, &record);
+        }
     }
     return collected;
+}
+
+auto CHeapExtension::GetHookTotals() const -> SHookTotals
+{
+    // What went first: what had come before it is counted by then, and no difference below 0.
+    SHookTotals totals;
+    for (CHeapLane const& lane : m_lanes) {
+        totals.liveCount -= lane.GetReleasedHookBlocks();
+        totals.bytesInUse -= lane.GetSubtractedBytes();
+    }
+    std::atomic_thread_fence(std::memory_order_acquire);
+    for (CHeapLane const& lane : m_lanes) {
+        totals.requests += lane.GetHookRequests();
+        totals.liveCount += lane.GetHookBlocks();
+        totals.bytesInUse += lane.GetAddedBytes();
+    }
+    return totals;
 }
 
 u64 CHeapExtension::GetAllocationCount(EHeap::Type kind) const

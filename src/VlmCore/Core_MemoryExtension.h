@@ -1,10 +1,10 @@
 // What a heap has in addition once it holds more than 1,024 records or is used a lot: buckets that grow, records of pool
 // blocks that are found without a lock, and lanes, so that threads do not stand in each other's way.
 //
-//     CGlobalHeap -- CHeapExtension -+- CRecordBuckets   blocks of the hooks, and those of chunks not in the map
+//     CGlobalHeap -- CHeapExtension -+- CRecordTable     blocks of the hooks, and those of chunks not in the map
 //                                    +- CChunkMap        address -> CChunkRecords of its chunk, the records of pool blocks
 //                                    +- CFreeChunks [32] chunks with free blocks, by class
-//                                    +- CHeapLane [32]   free pool blocks and record credits, a lane per thread
+//                                    +- CHeapLane [32]   free pool blocks, free records and counters, a lane per thread
 //
 // All memory of it comes from the malloc hook and is counted nowhere. Without memory for it, the heap goes on as before,
 // with longer chains.
@@ -13,7 +13,7 @@
 // the bytes in use, by the number of recorded blocks alone, wherever their records lie. Lanes draw such credits by the
 // dozen.
 //
-// Order of locks: collecting, lane, class, heap.
+// Order of locks: collecting, lane, class, heap, shard of the record table.
 #pragma once
 
 #include "Core_BiasedLock.h"
@@ -202,13 +202,54 @@ public:
         return (m_usedClasses.load(std::memory_order_relaxed) & 1u << GetNumber(shape)) != 0;
     }
 
-    /// All credits, those of blocks as well; the lane has none then.
+    /// All credits, those of blocks as well; the lane has none then, but those of its records.
     [[nodiscard]] u32 TakeCredits()
     {
         u32 count = std::exchange(credits, 0u);
         for (CLaneClass& blocks : m_classes)
             count += blocks.RemoveCredits();
         return count;
+    }
+
+    // ---- Records for blocks that are not in chunks: free ones, each with its credit ----
+
+    static constexpr u32 RecordsAtOnce = 32;
+    static constexpr u32 MostRecords = 2 * RecordsAtOnce;
+
+    [[nodiscard]] bool HasRecords() const { return m_records != nullptr; }
+    [[nodiscard]] SAllocationRecord& PopRecord()
+    {
+        --m_recordCount;
+        return *std::exchange(m_records, m_records->next);
+    }
+    /// How many there are then.
+    [[nodiscard]] u32 PushRecord(SAllocationRecord& record)
+    {
+        record.next = std::exchange(m_records, &record);
+        return ++m_recordCount;
+    }
+
+    // ---- What the lane's threads did, to be added to the heap's counters and the pools' ----
+
+    void CountHookBlocks(u64 requests, u64 blocks)
+    {
+        m_hookRequests.Add(requests);
+        m_hookBlocks.Add(blocks);
+    }
+    void CountReleasedHookBlocks(u64 blocks) { m_releasedHookBlocks.Add(blocks); }
+    void AddBytes(u64 size) { m_addedBytes.Add(size); }
+    void SubtractBytes(u64 size) { m_subtractedBytes.Add(size); }
+
+    [[nodiscard]] u64 GetHookRequests() const { return m_hookRequests.Get(); }
+    [[nodiscard]] u64 GetHookBlocks() const { return m_hookBlocks.Get(); }
+    [[nodiscard]] u64 GetReleasedHookBlocks() const { return m_releasedHookBlocks.Get(); }
+    [[nodiscard]] u64 GetAddedBytes() const { return m_addedBytes.Get(); }
+    [[nodiscard]] u64 GetSubtractedBytes() const { return m_subtractedBytes.Get(); }
+
+    /// The class whose counters those blocks of a pool go to that are none of a lane's.
+    [[nodiscard]] CLaneClass& GetLargestClass(EHeap::Type kind)
+    {
+        return m_classes[CChunkTag::GetNumber(kind, SBlockShape::LargestBits)];
     }
 
     /// Blocks that a magazine holds: 16 KB of them, 64 at most.
@@ -228,9 +269,16 @@ private:
     }
 
     std::atomic<u32> m_usedClasses{0};
+    u32 m_recordCount = 0;
+    SAllocationRecord* m_records = nullptr;
+    CStatisticsCounter m_hookRequests;
+    CStatisticsCounter m_hookBlocks;
+    CStatisticsCounter m_releasedHookBlocks;
+    CStatisticsCounter m_addedBytes;
+    CStatisticsCounter m_subtractedBytes;
 };
 
-static_assert(sizeof(CHeapLane) == 128 + CHeapLane::ClassCount * sizeof(CLaneClass));
+static_assert(sizeof(CHeapLane) == 192 + CHeapLane::ClassCount * sizeof(CLaneClass));
 
 class CHeapExtension {
 public:
@@ -244,7 +292,25 @@ public:
     /// Gives all memory back, its own included.
     void Release(SMemoryHooks const& hooks);
 
-    [[nodiscard]] CRecordBuckets& GetBuckets() { return m_buckets; }
+    [[nodiscard]] CRecordTable& GetTable() { return m_table; }
+
+    /// Runs `use(lane)` with the calling thread's lane and its lock held.
+    template <class Use>
+    void UseLane(Use&& use)
+    {
+        u64 const threadKey = Platform::GetThreadKey();
+        CHeapLane& lane = GetLane(threadKey);
+        CBiasedGuard const guard(lane.lock, lane.lock.Acquire(threadKey), threadKey);
+        use(lane);
+    }
+
+    /// What all lanes counted of blocks of the hooks.
+    struct SHookTotals {
+        u64 requests = 0;
+        u64 liveCount = 0;
+        u64 bytesInUse = 0;
+    };
+    [[nodiscard]] SHookTotals GetHookTotals() const;
 
     /// The record of a pool block, if it is found this way.
     [[nodiscard, gnu::always_inline]] CChunkMap::SFound Find(void const* block) const
@@ -329,8 +395,12 @@ public:
     /// Gives all lanes' blocks of the class back to it. True when there were any.
     bool Drain(CBlockClass& blocks, SBlockShape const& shape);
 
-    /// Takes all lanes' credits away; how many they were. Under the collecting lock and no other.
-    [[nodiscard]] u64 CollectCredits();
+    struct SCollected {
+        u64 credits;
+        SAllocationRecord* records; ///< a list; each with another credit
+    };
+    /// Takes all lanes' credits and records away. Under the collecting lock and no other.
+    [[nodiscard]] SCollected CollectCredits();
     [[nodiscard]] CSpinLock& GetCollectingLock() { return m_collecting; }
 
     [[nodiscard]] u64 GetAllocationCount(EHeap::Type kind) const;
@@ -406,7 +476,7 @@ private:
     [[nodiscard]] void* AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, u64 byteCount);
 
     CHeapLane m_lanes[LaneCount]; // first, for the same reason
-    CRecordBuckets m_buckets;
+    CRecordTable m_table;
     void* m_memory = nullptr; // of this object, as the hook gave it
     SSlab* m_slabs = nullptr;
     u64 m_slabUsed = SlabSize;

@@ -38,6 +38,10 @@ CGlobalHeap::CGlobalHeap(SMemoryHooks const& hooks, u8 flags, u64 budget)
 
 void CGlobalHeap::ReleaseRecords()
 {
+    STotals const totals = GetTotals();
+    m_allocationCount.Set(totals.requests);
+    m_liveCount.Set(totals.liveCount);
+    m_bytesInUse.Set(totals.bytesInUse);
     u64 const chunkCount = GetRecordChunkCount();
     for (u64 index = 0; index < chunkCount; ++index) {
         if (m_recordChunks[index] != nullptr)
@@ -93,6 +97,17 @@ void CGlobalHeap::HookRelease(void* block)
     m_hooks.free(block);
 }
 
+// ---- Counters ----
+
+auto CGlobalHeap::GetTotals() const -> STotals
+{
+    CHeapExtension const* const extension = GetExtension();
+    CHeapExtension::SHookTotals const lanes =
+        extension != nullptr ? extension->GetHookTotals() : CHeapExtension::SHookTotals{};
+    return {m_allocationCount.Get() + lanes.requests, m_liveCount.Get() + lanes.liveCount,
+            m_bytesInUse.Get() + lanes.bytesInUse};
+}
+
 // ---- The record store ----
 
 bool CGlobalHeap::GrowRecordStore()
@@ -122,7 +137,7 @@ bool CGlobalHeap::GrowRecordStore()
     AddBytes((newCount - oldCount) * (ChunkSize + sizeof(SAllocationRecord*)));
 
     if (GetExtension() != nullptr)
-        m_buckets.beyond.freeRecords += (newCount - oldCount) * RecordsPerChunk;
+        m_buckets.beyond.available += (newCount - oldCount) * RecordsPerChunk;
     else {
         for (u64 index = oldCount; index < newCount; ++index)
             ThreadRecords(index);
@@ -154,36 +169,31 @@ void CGlobalHeap::Extend()
     CHeapExtension* const extension = CHeapExtension::Create(m_hooks);
     if (extension == nullptr)
         return;
-    CRecordBuckets& buckets = extension->GetBuckets();
     for (SAllocationRecord* record : m_buckets.own)
         while (record != nullptr) {
             SAllocationRecord* const next = record->next;
-            SAllocationRecord*& head = buckets.FindBucket(record->address);
-            record->next = head;
-            head = record;
-            buckets.CountEntry(m_hooks);
+            LinkInShard(*extension, *record);
             record = next;
         }
-    u64 freeRecords = 0;
+    u64 available = 0;
     for (SAllocationRecord const* record = m_freeRecords; record != nullptr; record = record->next)
-        ++freeRecords;
-    m_buckets.beyond = {freeRecords, 0, GetRecordChunkCount()};
+        ++available;
+    m_buckets.beyond = {available, GetRecordChunkCount()};
     m_extension.store(extension, std::memory_order_release);
 }
 
-// With an extension: one free record that is not reserved, at the head of the free list. False when there is none, or
-// no memory for it.
+// With an extension: an available record at the head of the free list. False when there is none, or no memory for it.
 bool CGlobalHeap::PrepareFreeRecord()
 {
-    if (!HasFreeRecords())
-        return false;
     auto& beyond = m_buckets.beyond;
+    if (beyond.available == 0)
+        return false;
     if (m_freeRecords == nullptr) {
         if (!AddRecordChunk(beyond.neededChunks))
             return false;
         ThreadRecords(beyond.neededChunks++);
     }
-    --beyond.freeRecords;
+    --beyond.available;
     return true;
 }
 
@@ -191,9 +201,30 @@ u32 CGlobalHeap::ReserveRecords(u32 wanted)
 {
     CLock const lock(m_lock);
     auto& beyond = m_buckets.beyond;
-    u64 const count = std::min<u64>(wanted, beyond.freeRecords - beyond.reserved);
-    beyond.reserved += count;
+    u64 const count = std::min<u64>(wanted, beyond.available);
+    beyond.available -= count;
     return static_cast<u32>(count);
+}
+
+auto CGlobalHeap::FillRecords(CHeapLane& lane) -> ERecords
+{
+    CLock const lock(m_lock);
+    if (m_buckets.beyond.available == 0)
+        return ERecords::None;
+    for (u32 count = 0; count < CHeapLane::RecordsAtOnce; ++count) {
+        SAllocationRecord* const record = PopFreeRecord();
+        if (record == nullptr)
+            break;
+        static_cast<void>(lane.PushRecord(*record));
+    }
+    return lane.HasRecords() ? ERecords::Some : ERecords::Refused;
+}
+
+void CGlobalHeap::ReturnRecordsOf(CHeapLane& lane)
+{
+    CLock const lock(m_lock);
+    for (u32 count = 0; count < CHeapLane::RecordsAtOnce; ++count)
+        PushFreeRecord(&lane.PopRecord());
 }
 
 // Before the store grows, the lanes' unused credits are called in: it grows only when every record is in use. One thread
@@ -210,48 +241,38 @@ bool CGlobalHeap::MakeFreeRecords(EStoreGrowth growth)
     TScopedLock const collecting(extension->GetCollectingLock());
     {
         CLock const lock(m_lock);
-        if (HasFreeRecords()) // another thread made them
+        if (m_buckets.beyond.available != 0) // another thread made them
             return true;
     }
-    u64 const collected = extension->CollectCredits();
+    CHeapExtension::SCollected collected = extension->CollectCredits();
     CLock const lock(m_lock);
-    m_buckets.beyond.reserved -= collected;
-    return HasFreeRecords() || (mayGrow && GrowRecordStore());
+    m_buckets.beyond.available += collected.credits;
+    while (SAllocationRecord* const record = collected.records) {
+        collected.records = record->next;
+        PushFreeRecord(record);
+    }
+    return m_buckets.beyond.available != 0 || (mayGrow && GrowRecordStore());
 }
 
-// ---- Buckets that grow ----
+// ---- Shards of the table ----
 
-SAllocationRecord** CRecordBuckets::MakeHeads(SMemoryHooks const& hooks, u32 bits)
+void CRecordShard::Release(SMemoryHooks const& hooks)
 {
-    u64 const count = u64{1} << bits;
-    void* const memory = hooks.malloc(count * sizeof(SAllocationRecord*));
-    if (memory == nullptr)
-        return nullptr;
-    SAllocationRecord** const heads = static_cast<SAllocationRecord**>(memory);
-    std::fill_n(heads, count, nullptr);
-    return heads;
-}
-
-bool CRecordBuckets::Create(SMemoryHooks const& hooks)
-{
-    m_heads.store(MakeHeads(hooks, FirstBits), std::memory_order_relaxed);
-    return GetHeads() != nullptr;
-}
-
-void CRecordBuckets::Release(SMemoryHooks const& hooks)
-{
-    hooks.free(GetHeads());
-    m_heads.store(nullptr, std::memory_order_relaxed);
+    if (GetHeads() != m_ownHeads)
+        hooks.free(GetHeads());
 }
 
 // Without memory for more of them, the chains just grow longer.
-void CRecordBuckets::Grow(SMemoryHooks const& hooks)
+void CRecordShard::Grow(SMemoryHooks const& hooks)
 {
     u32 const oldBits = m_bits.load(std::memory_order_relaxed);
     u32 const newBits = oldBits + GrowthBits;
-    SAllocationRecord** const heads = MakeHeads(hooks, newBits);
+    u64 const count = u64{1} << newBits;
+    SAllocationRecord** const heads =
+        static_cast<SAllocationRecord**>(hooks.malloc(count * sizeof(SAllocationRecord*)));
     if (heads == nullptr)
         return;
+    std::fill_n(heads, count, nullptr);
     SAllocationRecord** const oldHeads = GetHeads();
     for (u64 index = 0; index < u64{1} << oldBits; ++index)
         for (SAllocationRecord* record = oldHeads[index]; record != nullptr;) {
@@ -263,7 +284,8 @@ void CRecordBuckets::Grow(SMemoryHooks const& hooks)
         }
     m_heads.store(heads, std::memory_order_relaxed);
     m_bits.store(newBits, std::memory_order_relaxed);
-    hooks.free(oldHeads);
+    if (oldHeads != m_ownHeads)
+        hooks.free(oldHeads);
 }
 
 } // namespace Velmor

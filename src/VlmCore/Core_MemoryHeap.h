@@ -32,9 +32,9 @@ public:
 
     [[nodiscard]] bool IsReporting() const { return m_report != 0; }
     [[nodiscard]] bool IsPassthrough() const { return m_passthrough != 0; }
-    [[nodiscard]] u64 GetAllocationCount() const { return m_allocationCount.Get(); }
-    [[nodiscard]] u64 GetLiveCount() const { return m_liveCount.Get(); }
-    [[nodiscard]] u64 GetBytesInUse() const { return m_bytesInUse.Get(); }
+    [[nodiscard]] u64 GetAllocationCount() const { return GetTotals().requests; }
+    [[nodiscard]] u64 GetLiveCount() const { return GetTotals().liveCount; }
+    [[nodiscard]] u64 GetBytesInUse() const { return GetTotals().bytesInUse; }
     [[nodiscard]] u64 GetBudget() const { return m_budget; }
     [[nodiscard]] CRecursiveSpinLock& GetLock() { return m_lock; }
     [[nodiscard]] SMemoryHooks const& GetHooks() const { return m_hooks; }
@@ -46,7 +46,7 @@ public:
         return used <= m_budget && size <= m_budget - used;
     }
 
-    // ---- Hook calls with their bookkeeping ----
+    // ---- Hook calls with their bookkeeping, for what the heap needs itself. With any lock but a shard's held ----
 
     /// Asks the malloc hook within the budget. Counts an allocation when the hook was asked, and a live block when it
     /// answered. Null otherwise.
@@ -56,11 +56,34 @@ public:
     /// Nothing for null.
     void HookRelease(void* block);
 
+    /// Runs `count(counters)`: the heap with its lock held, or a lane of an extended heap, which has the same functions
+    /// for what may be counted apart and summed up later. With a budget that cannot be: the bytes in use decide there.
+    /// No lock held.
+    template <class Count>
+    void ChangeCounters(Count&& count)
+    {
+        CHeapExtension* const extension = GetExtension();
+        if (extension != nullptr && CountsInLanes())
+            extension->UseLane([&](CHeapLane& lane) { count(lane); });
+        else {
+            CLock const lock(m_lock);
+            count(*this);
+        }
+    }
+    /// A refused request counts its size all the same, as pressure on the budget; kept, hosts watch it.
+    void CountRefused(u64 requests, u64 size)
+    {
+        CLock const lock(m_lock);
+        CountHookBlocks(requests, 0);
+        AddBytes(size);
+    }
+
     /// Changes of the counters that belong together. Under the heap lock.
     void CountHookBlocks(u64 requests, u64 blocks)
     {
         m_allocationCount.Add(requests);
         m_liveCount.Add(blocks);
+        ExtendIfBusy(m_allocationCount.Get());
     }
     void CountReleasedHookBlocks(u64 blocks) { m_liveCount.Subtract(blocks); }
     /// A count that would pass the end of its type is left out: it could only come from refused requests.
@@ -74,13 +97,21 @@ public:
 
     // ---- The record table ----
 
-    /// What the heap has beyond its own fields; null up to 1,024 records and 4,096 allocations from a pool.
+    /// What the heap has beyond its own fields; null up to 1,024 records and 4,096 allocations of a kind.
     [[nodiscard]] CHeapExtension* GetExtension() const { return m_extension.load(std::memory_order_acquire); }
     /// Where it is found; as long as the heap object, whatever becomes of the extension.
     [[nodiscard]] std::atomic<CHeapExtension*> const& GetExtensionWord() const { return m_extension; }
 
     /// Extends the heap, if it is not. Under the heap lock. Without memory for it the heap goes on as it is.
     void Extend();
+    /// A heap that is used a lot is extended even when it never holds much: `count` allocations so far, of the hooks or of
+    /// a pool. Under the heap lock.
+    void ExtendIfBusy(u64 count)
+    {
+        constexpr u64 ManyAllocations = 4096;
+        if (count >= ManyAllocations && GetExtension() == nullptr && count % ManyAllocations < 2)
+            Extend();
+    }
 
     /// What is known of a block; size 0 for an unknown one.
     struct SKnown {
@@ -88,71 +119,75 @@ public:
         EHeap::Type kind = EHeap::General;
     };
 
-    /// Enters a record in the table and runs `count` under the same lock. False, and `count` not run, when there is no
-    /// record to be had.
+    /// Enters a record in the table and runs `count(counters)`, as ChangeCounters does. False, and `count` not run, when there is
+    /// no record to be had.
     template <class Count>
     [[nodiscard]] bool Enter(void* block, u64 size, EHeap::Type kind, Count&& count,
                              EStoreGrowth growth = EStoreGrowth::Allowed)
     {
-        PrefetchBucket(block);
+        if (CHeapExtension* const extension = GetExtension())
+            return EnterInShard(*extension, block, size, kind, count, growth);
         do {
             CLock const lock(m_lock);
+            if (GetExtension() != nullptr)
+                break;
             if (SAllocationRecord* const record = PopFreeRecord()) [[likely]] {
                 record->Set(block, size, kind);
                 Link(record);
-                count();
+                count(*this);
                 return true;
             }
-            if (HasFreeRecords())
-                return false; // the hook refused the memory for them
         } while (MakeFreeRecords(growth));
-        return false;
+        // Extended meanwhile, or out of records.
+        CHeapExtension* const extension = GetExtension();
+        return extension != nullptr && EnterInShard(*extension, block, size, kind, count, growth);
     }
 
-    /// Takes the block's record out of the table, runs `count(size, kind)` under the same lock and returns true; false
-    /// for a block that is not in the table. From here on the address may be recorded anew.
+    /// Takes the block's record out of the table, runs `count(counters, size, kind)` and returns true; false for a block
+    /// that is not in the table. From here on the address may be recorded anew.
     template <class Count>
     bool Take(void const* block, Count&& count)
     {
-        PrefetchBucket(block);
-        CLock const lock(m_lock);
         SAllocationRecord* const record = Unlink(block);
         if (record == nullptr)
             return false;
-        PushFreeRecord(record);
-        count(record->GetSize(), record->GetKind());
+        Discard(record, [&](auto& counters) { count(counters, record->GetSize(), record->GetKind()); });
         return true;
     }
 
     /// Takes the block's record out of the table but keeps it for Attach or Discard, so that a resize never lacks one.
-    /// Null for a block that is not in the table. Runs `count(size, kind)` under the same lock.
-    template <class Count>
-    [[nodiscard]] SAllocationRecord* Detach(void const* block, Count&& count)
-    {
-        CLock const lock(m_lock);
-        SAllocationRecord* const record = Unlink(block);
-        if (record != nullptr)
-            count(record->GetSize(), record->GetKind());
-        return record;
-    }
+    /// Null for a block that is not in the table.
+    [[nodiscard]] SAllocationRecord* Detach(void const* block) { return Unlink(block); }
 
-    /// Enters a detached record for its new block; runs `count` under the same lock.
-    template <class Count>
-    void Attach(SAllocationRecord* record, void const* block, u64 size, Count&& count)
+    /// Enters a detached record for its new block.
+    void Attach(SAllocationRecord* record, void const* block, u64 size)
     {
-        CLock const lock(m_lock);
         record->Set(block, size, record->GetKind());
-        Link(record);
-        count();
+        if (GetExtension() == nullptr) {
+            CLock const lock(m_lock);
+            if (GetExtension() == nullptr) {
+                Link(record);
+                return;
+            }
+        }
+        LinkInShard(*GetExtension(), *record);
     }
 
-    /// Gives a detached record up; runs `count` under the same lock.
+    /// Gives a detached record up and runs `count(counters)` before, as ChangeCounters does.
     template <class Count>
     void Discard(SAllocationRecord* record, Count&& count)
     {
+        if (CHeapExtension* const extension = GetExtension()) {
+            extension->UseLane([&](CHeapLane& lane) {
+                CountInLane(lane, count);
+                if (lane.PushRecord(*record) > CHeapLane::MostRecords)
+                    ReturnRecordsOf(lane);
+            });
+            return;
+        }
         CLock const lock(m_lock);
+        count(*this);
         PushFreeRecord(record);
-        count();
     }
 
     /// What is known of a block, wherever its record lies.
@@ -162,25 +197,21 @@ public:
             if (CChunkMap::SFound const found = extension->Find(block); found.record != nullptr)
                 if (u64 const size = found.record->load(std::memory_order_relaxed); size != 0)
                     return {size, found.tag.GetKind()};
-        CLock const lock(m_lock);
-        SAllocationRecord const* const record = FindInTable(block);
-        return record != nullptr ? SKnown{record->GetSize(), record->GetKind()} : SKnown{};
+        SKnown known;
+        UseRecord(block, [&](SAllocationRecord& record) { known = {record.GetSize(), record.GetKind()}; });
+        return known;
     }
 
-    /// Records another size for a known block that stays where it is; runs `count` under the heap lock.
-    template <class Count>
-    void SetSize(void const* block, u64 size, Count&& count)
+    /// Records another size for a known block that stays where it is.
+    void SetSize(void const* block, u64 size)
     {
-        CLock const lock(m_lock);
-        count();
         if (CHeapExtension* const extension = GetExtension())
             if (CChunkRecords::Record* const record = extension->Find(block).record;
                 record != nullptr && record->load(std::memory_order_relaxed) != 0) {
                 record->store(static_cast<u16>(size), std::memory_order_relaxed);
                 return;
             }
-        if (SAllocationRecord* const record = FindInTable(block))
-            record->SetSize(size);
+        UseRecord(block, [&](SAllocationRecord& record) { record.SetSize(size); });
     }
 
     // ---- The chunks of the pools, once the heap is extended ----
@@ -213,7 +244,7 @@ public:
             extension->ReuseRemoved();
     }
 
-    // ---- Credits: records of the store that stand for records in the chunks ----
+    // ---- Credits: records of the store that stand for records in the chunks, and for those that lanes have ----
 
     /// Sets up to `wanted` records aside; how many. 0 when the store has none: MakeFreeRecords may help.
     [[nodiscard]] u32 ReserveRecords(u32 wanted);
@@ -223,34 +254,32 @@ public:
     void ReturnRecords(u64 count)
     {
         CLock const lock(m_lock);
-        m_buckets.beyond.reserved -= count;
+        m_buckets.beyond.available += count;
     }
 
 private:
+    struct STotals {
+        u64 requests;
+        u64 liveCount;
+        u64 bytesInUse;
+    };
+
     CGlobalHeap(SMemoryHooks const& hooks, u8 flags, u64 budget);
 
     // The bucket heads: the heap's own 256, or, once the store has outgrown them, what goes with the extension.
     union UBuckets {
         SAllocationRecord* own[OwnBucketCount];
         struct {
-            u64 freeRecords;  ///< in the free list or in chunks that have not been needed yet
-            u64 reserved;     ///< so many of them are the lanes' to use
+            u64 available;    ///< records of the store that are neither in use nor set aside
             u64 neededChunks; ///< chunks of the store that have been taken from the hook
         } beyond;
     };
 
+    // ---- Up to 1,024 records: under the heap lock ----
+
     [[nodiscard]] SAllocationRecord*& BucketOf(u64 address)
     {
-        if (CHeapExtension* const extension = GetExtension())
-            return extension->GetBuckets().FindBucket(address);
         return m_buckets.own[((address >> 8) ^ address) & (OwnBucketCount - 1)];
-    }
-
-    // Before the lock is taken, so that it is held while the memory answers, not while it is asked.
-    void PrefetchBucket(void const* block)
-    {
-        if (CHeapExtension* const extension = GetExtension())
-            extension->GetBuckets().Prefetch(reinterpret_cast<u64>(block));
     }
 
     void Link(SAllocationRecord* record)
@@ -258,42 +287,116 @@ private:
         SAllocationRecord*& head = BucketOf(record->address);
         record->next = head;
         head = record;
-        if (CHeapExtension* const extension = GetExtension())
-            extension->GetBuckets().CountEntry(m_hooks);
     }
 
+    [[nodiscard]] SAllocationRecord** FindLink(u64 address)
+    {
+        SAllocationRecord** link = &BucketOf(address);
+        while (*link != nullptr && (*link)->address != address)
+            link = &(*link)->next;
+        return link;
+    }
+
+    // ---- With an extension ----
+
+    template <class Count>
+    [[nodiscard]] bool EnterInShard(CHeapExtension& extension, void* block, u64 size, EHeap::Type kind, Count&& count,
+                                    EStoreGrowth growth)
+    {
+        for (;;) {
+            SAllocationRecord* record = nullptr;
+            ERecords records = ERecords::None;
+            extension.UseLane([&](CHeapLane& lane) {
+                if (!lane.HasRecords())
+                    records = FillRecords(lane);
+                if (lane.HasRecords()) {
+                    record = &lane.PopRecord();
+                    CountInLane(lane, count);
+                }
+            });
+            if (record != nullptr) {
+                record->Set(block, size, kind);
+                LinkInShard(extension, *record);
+                return true;
+            }
+            if (records == ERecords::Refused || !MakeFreeRecords(growth))
+                return false;
+        }
+    }
+
+    void LinkInShard(CHeapExtension& extension, SAllocationRecord& record)
+    {
+        extension.GetTable().GetShard(record.address).Link(m_hooks, record);
+    }
+
+    // With the lane's lock held.
+    template <class Count>
+    void CountInLane(CHeapLane& lane, Count&& count)
+    {
+        if (CountsInLanes()) {
+            count(lane);
+            return;
+        }
+        CLock const lock(m_lock);
+        count(*this);
+    }
+
+    // While the bytes in use decide nothing, and are far from the end of their type.
+    [[nodiscard]] bool CountsInLanes() const
+    {
+        return m_budget == ~u64{0} && m_bytesInUse.Get() < u64{1} << SAllocationRecord::KindShift;
+    }
+
+    // ---- Either way ----
+
+    [[nodiscard]] STotals GetTotals() const;
+
+    // The block's record, which is in the table no more; null for a block that is not in it.
     [[nodiscard]] SAllocationRecord* Unlink(void const* block)
     {
         u64 const address = reinterpret_cast<u64>(block);
-        for (SAllocationRecord** link = &BucketOf(address); *link != nullptr; link = &(*link)->next)
-            if ((*link)->address == address) {
+        if (GetExtension() == nullptr) {
+            CLock const lock(m_lock);
+            if (GetExtension() == nullptr) {
+                SAllocationRecord** const link = FindLink(address);
                 SAllocationRecord* const record = *link;
-                *link = record->next;
-                if (CHeapExtension* const extension = GetExtension())
-                    extension->GetBuckets().CountExit();
+                if (record != nullptr)
+                    *link = record->next;
                 return record;
             }
-        return nullptr;
+        }
+        CRecordShard& shard = GetExtension()->GetTable().GetShard(address);
+        shard.Prefetch(address);
+        return shard.Unlink(address);
     }
 
-    [[nodiscard]] SAllocationRecord* FindInTable(void const* block)
+    // Runs `use(record)` under the lock that guards the block's record, if there is one in the table.
+    template <class Use>
+    void UseRecord(void const* block, Use&& use)
     {
         u64 const address = reinterpret_cast<u64>(block);
-        SAllocationRecord* record = BucketOf(address);
-        while (record != nullptr && record->address != address)
-            record = record->next;
-        return record;
+        if (GetExtension() == nullptr) {
+            CLock const lock(m_lock);
+            if (GetExtension() == nullptr) {
+                if (SAllocationRecord* const record = *FindLink(address))
+                    use(*record);
+                return;
+            }
+        }
+        GetExtension()->GetTable().GetShard(address).Visit(address, use);
     }
+
+    // ---- The record store: under the heap lock ----
 
     void PushFreeRecord(SAllocationRecord* record)
     {
         record->next = m_freeRecords;
         m_freeRecords = record;
         if (GetExtension() != nullptr)
-            ++m_buckets.beyond.freeRecords;
+            ++m_buckets.beyond.available;
     }
 
-    // Null when all are in use or reserved.
+    // Null when all are in use or set aside, or the hook refuses the memory for those that are not.
     [[nodiscard]] SAllocationRecord* PopFreeRecord()
     {
         if (GetExtension() != nullptr && !PrepareFreeRecord()) [[unlikely]]
@@ -305,15 +408,17 @@ private:
     }
 
     [[nodiscard]] u64 GetRecordChunkCount() const { return m_growthExponent == 0 ? 0 : u64{1} << m_growthExponent; }
-    // With an extension: records that are neither in use nor reserved.
-    [[nodiscard]] bool HasFreeRecords() const
-    {
-        return GetExtension() != nullptr && m_buckets.beyond.freeRecords != m_buckets.beyond.reserved;
-    }
     [[nodiscard]] bool PrepareFreeRecord();
     [[nodiscard]] bool GrowRecordStore();
     [[nodiscard]] bool AddRecordChunk(u64 index);
     void ThreadRecords(u64 chunkIndex);
+
+    // ---- Records of a lane, whose lock is held ----
+
+    enum class ERecords : u8 { Some, None, Refused }; // the hook gave no memory for those that there are
+
+    [[nodiscard]] ERecords FillRecords(CHeapLane& lane);
+    void ReturnRecordsOf(CHeapLane& lane);
 
     std::atomic<CHeapExtension*> m_extension{nullptr};
     SAllocationRecord** m_recordChunks = nullptr;

@@ -1,6 +1,7 @@
 // What the parts of the memory manager have in common: hooks, counters, allocation records.
 #pragma once
 
+#include <vlmcore/impl/Core_Lock.h>
 #include <vlmcore/memory.h>
 #include <vlmcore/types.h>
 
@@ -49,49 +50,105 @@ struct SAllocationRecord {
 
 static_assert(sizeof(SAllocationRecord) == 24);
 
-/// Buckets that grow with the number of records in them. Under the heap lock, but for Prefetch.
-class CRecordBuckets {
+/// A part of the record table, with a lock of its own and buckets that grow with the records in them.
+class alignas(64) CRecordShard {
 public:
-    /// False when the hook gives no memory.
-    [[nodiscard]] bool Create(SMemoryHooks const& hooks);
+    CRecordShard() = default;
+    CRecordShard(CRecordShard const&) = delete;
+    CRecordShard& operator=(CRecordShard const&) = delete;
+    ~CRecordShard() = default;
+
     void Release(SMemoryHooks const& hooks);
 
-    [[nodiscard]] SAllocationRecord*& FindBucket(u64 address)
-    {
-        return GetHeads()[GetIndex(address, m_bits.load(std::memory_order_relaxed))];
-    }
-
-    /// May meet an array that is being replaced: a prefetch of memory that is gone does no harm.
+    /// Before the lock is taken, so that it is held while the memory answers, not while it is asked. May meet an array
+    /// that is being replaced: a prefetch of memory that is gone does no harm.
     void Prefetch(u64 address) const
     {
         __builtin_prefetch(GetHeads() + GetIndex(address, m_bits.load(std::memory_order_relaxed)), 1);
     }
 
-    [[nodiscard]] u64 GetCount() const { return m_count; }
-
-    void CountEntry(SMemoryHooks const& hooks)
+    void Link(SMemoryHooks const& hooks, SAllocationRecord& record)
     {
+        TScopedLock const lock(m_lock);
+        SAllocationRecord*& head = FindBucket(record.address);
+        record.next = head;
+        head = &record;
         if (++m_count > u64{1} << m_bits.load(std::memory_order_relaxed)) [[unlikely]]
             Grow(hooks);
     }
-    void CountExit() { --m_count; }
+
+    /// The block's record, which is in the table no more; null for a block that is not in it.
+    [[nodiscard]] SAllocationRecord* Unlink(u64 address)
+    {
+        TScopedLock const lock(m_lock);
+        for (SAllocationRecord** link = &FindBucket(address); *link != nullptr; link = &(*link)->next)
+            if (SAllocationRecord* const record = *link; record->address == address) {
+                *link = record->next;
+                --m_count;
+                return record;
+            }
+        return nullptr;
+    }
+
+    /// Runs `visit(record)` with the block's record under the shard's lock, if there is one.
+    template <class Visitor>
+    void Visit(u64 address, Visitor&& visit)
+    {
+        TScopedLock const lock(m_lock);
+        SAllocationRecord* record = FindBucket(address);
+        while (record != nullptr && record->address != address)
+            record = record->next;
+        if (record != nullptr)
+            visit(*record);
+    }
 
 private:
-    static constexpr u32 FirstBits = 12;
+    static constexpr u32 FirstBits = 5;
     static constexpr u32 GrowthBits = 2;
 
-    // Blocks lie at least 8, mostly 16 bytes apart; neighbours get neighbouring buckets, which suits the cache.
+    // Blocks lie at least 8, mostly 16 bytes apart; neighbours get neighbouring buckets, which suits the cache. Large
+    // blocks often begin at multiples of a page or of 64 KB: higher bits count, too.
     [[nodiscard]] static u64 GetIndex(u64 address, u32 bits)
     {
-        return ((address >> 4) ^ (address >> (4 + bits))) & ((u64{1} << bits) - 1);
+        u64 const number = address >> 4;
+        return (number ^ number >> bits ^ number >> 2 * bits) & ((u64{1} << bits) - 1);
     }
     [[nodiscard]] SAllocationRecord** GetHeads() const { return m_heads.load(std::memory_order_relaxed); }
-    [[nodiscard]] static SAllocationRecord** MakeHeads(SMemoryHooks const& hooks, u32 bits);
+    [[nodiscard]] SAllocationRecord*& FindBucket(u64 address)
+    {
+        return GetHeads()[GetIndex(address, m_bits.load(std::memory_order_relaxed))];
+    }
     void Grow(SMemoryHooks const& hooks);
 
-    std::atomic<SAllocationRecord**> m_heads{nullptr};
+    CSpinLock m_lock;
     std::atomic<u32> m_bits{FirstBits};
+    std::atomic<SAllocationRecord**> m_heads{m_ownHeads};
     u64 m_count = 0;
+    SAllocationRecord* m_ownHeads[1u << FirstBits] = {};
+};
+
+/// The record table of an extended heap, for blocks of the hooks and those of chunks that are not in the map.
+class CRecordTable {
+public:
+    /// The shard for a block: neighbours share it, so that threads with memory of their own mostly have shards of their
+    /// own.
+    [[nodiscard]] CRecordShard& GetShard(u64 address)
+    {
+        constexpr u64 GoldenRatio = 0x9E3779B97F4A7C15u;
+        return m_shards[(address >> RegionBits) * GoldenRatio >> (64 - ShardBits)];
+    }
+
+    void Release(SMemoryHooks const& hooks)
+    {
+        for (CRecordShard& shard : m_shards)
+            shard.Release(hooks);
+    }
+
+private:
+    static constexpr u32 RegionBits = 18;
+    static constexpr u32 ShardBits = 6;
+
+    CRecordShard m_shards[1u << ShardBits];
 };
 
 } // namespace Velmor
