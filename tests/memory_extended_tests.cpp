@@ -531,6 +531,38 @@ TEST_F(ExtendedHeap, BlocksOfTheHooksAreCountedWhicheverThreadFreesThem)
     Empty();
 }
 
+// Refused requests count; where they have brought the bytes in use to the end of their type, the last ones are given and
+// refused to the byte, wherever the others were counted.
+TEST_F(ExtendedHeap, BytesInUseEndWithTheirType)
+{
+    Fill(2000);
+    std::vector<void*> blocks;
+    for (u64 index = 0; index < 2000; ++index)
+        blocks.push_back(Memory::Malloc(1000 + index, index % 2 == 0 ? EHeap::General : EHeap::Pool16));
+    constexpr u64 Huge = (u64{1} << 61) - 1;
+    constexpr u64 End = ~u64{0};
+    u64 used = GetStatistics().bytesInUse;
+    for (; Huge <= End - used; used += Huge)
+        EXPECT_EQ(Memory::Malloc(Huge, EHeap::General), nullptr);
+    EXPECT_EQ(Memory::Malloc(Huge, EHeap::General), nullptr) << "not counted: it would pass the end";
+    EXPECT_EQ(Memory::Malloc(End - used - 50, EHeap::General), nullptr);
+    EXPECT_EQ(GetStatistics().bytesInUse, End - 50);
+
+    u64 const requests = CCountingHooks::GetRequests();
+    EXPECT_EQ(Memory::Malloc(51, EHeap::General), nullptr);
+    EXPECT_EQ(CCountingHooks::GetRequests(), requests) << "not even asked for";
+    EXPECT_EQ(GetStatistics().bytesInUse, End - 50);
+    void* const last = Memory::Malloc(50, EHeap::General);
+    EXPECT_NE(last, nullptr);
+    EXPECT_EQ(GetStatistics().bytesInUse, End);
+    EXPECT_EQ(Memory::Malloc(1, EHeap::General), nullptr);
+    Memory::Free(last);
+    EXPECT_EQ(GetStatistics().bytesInUse, End - 50);
+    for (void* const block : blocks)
+        Memory::Free(block);
+    Empty();
+}
+
 TEST_F(ExtendedHeap, AHeapOfTheHooksBlocksAloneIsExtended)
 {
     u64 const requests = CCountingHooks::GetRequests();

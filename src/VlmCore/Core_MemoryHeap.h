@@ -39,10 +39,12 @@ public:
     [[nodiscard]] CRecursiveSpinLock& GetLock() { return m_lock; }
     [[nodiscard]] SMemoryHooks const& GetHooks() const { return m_hooks; }
 
-    /// True when `size` more bytes stay within the budget.
+    /// True when `size` more bytes, up to LargestSize and an alignment, stay within the budget.
     [[nodiscard]] bool FitsBudget(u64 size) const
     {
-        u64 const used = m_bytesInUse.Get();
+        if (CountsInLanes())
+            return true;
+        u64 const used = HasBudget() ? m_bytesInUse.Get() : GetBytesInUse();
         return used <= m_budget && size <= m_budget - used;
     }
 
@@ -89,9 +91,9 @@ public:
     /// A count that would pass the end of its type is left out: it could only come from refused requests.
     void AddBytes(u64 size)
     {
-        u64 const used = m_bytesInUse.Get();
+        u64 const used = HasBudget() || CountsInLanes() ? m_bytesInUse.Get() : GetBytesInUse();
         if (size <= ~u64{0} - used)
-            m_bytesInUse.Set(used + size);
+            m_bytesInUse.Add(size);
     }
     void SubtractBytes(u64 size) { m_bytesInUse.Subtract(size); }
 
@@ -119,8 +121,8 @@ public:
         EHeap::Type kind = EHeap::General;
     };
 
-    /// Enters a record in the table and runs `count(counters)`, as ChangeCounters does. False, and `count` not run, when there is
-    /// no record to be had.
+    /// Enters a record in the table and runs `count(counters)`, as ChangeCounters does. False, and `count` not run, when
+    /// there is no record to be had.
     template <class Count>
     [[nodiscard]] bool Enter(void* block, u64 size, EHeap::Type kind, Count&& count,
                              EStoreGrowth growth = EStoreGrowth::Allowed)
@@ -303,6 +305,8 @@ private:
     [[nodiscard]] bool EnterInShard(CHeapExtension& extension, void* block, u64 size, EHeap::Type kind, Count&& count,
                                     EStoreGrowth growth)
     {
+        u64 const address = reinterpret_cast<u64>(block);
+        extension.GetTable().GetShard(address).Prefetch(address);
         for (;;) {
             SAllocationRecord* record = nullptr;
             ERecords records = ERecords::None;
@@ -341,11 +345,9 @@ private:
         count(*this);
     }
 
-    // While the bytes in use decide nothing, and are far from the end of their type.
-    [[nodiscard]] bool CountsInLanes() const
-    {
-        return m_budget == ~u64{0} && m_bytesInUse.Get() < u64{1} << SAllocationRecord::KindShift;
-    }
+    [[nodiscard]] bool HasBudget() const { return m_budget != ~u64{0}; }
+    // While the bytes in use decide nothing: without a budget, and far from the end of their type.
+    [[nodiscard]] bool CountsInLanes() const { return !HasBudget() && m_bytesInUse.Get() <= LargestSize; }
 
     // ---- Either way ----
 
