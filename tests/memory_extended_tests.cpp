@@ -576,6 +576,46 @@ TEST_F(ExtendedHeap, AHeapOfTheHooksBlocksAloneIsExtended)
     EXPECT_EQ(GetStatistics().allocationCount, Count + 4);
 }
 
+// Records move to the extension's table while other threads look for them, take them out and put them in.
+TEST(ExtendedHeapFromSmall, BlocksInUseMeanwhileStayKnown)
+{
+    constexpr u32 ThreadCount = 4;
+    constexpr u32 Steps = 2000; // the heap is extended at 4,096 allocations
+    for (u32 round = 0; round < 60; ++round) {
+        Memory::Initialize(0, 0);
+        Memory::SStatistics const before = GetStatistics();
+        std::atomic<u32> ready{0};
+        std::atomic<u32> lost{0};
+        std::vector<std::thread> threads;
+        for (u32 thread = 0; thread < ThreadCount; ++thread)
+            threads.emplace_back([&] {
+                ++ready;
+                while (ready != ThreadCount) {
+                }
+                void* block = Memory::Malloc(8, EHeap::General);
+                for (u64 step = 1; step <= Steps; ++step) {
+                    u64 const size = 8 + step % 100;
+                    void* const other = Memory::Malloc(2000 + step, EHeap::Pool8);
+                    block = Memory::Realloc(block, size, EHeap::General);
+                    if (Memory::GetSize(block) != size || Memory::GetHeap(other) != EHeap::Pool8)
+                        ++lost;
+                    Memory::Free(other);
+                }
+                Memory::Free(block);
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+        Memory::SStatistics const after = GetStatistics();
+        Memory::Deinitialize();
+        ASSERT_EQ(lost, 0u) << round;
+        ASSERT_EQ(after.liveCount, before.liveCount) << round;
+        ASSERT_EQ(after.bytesInUse, before.bytesInUse) << round;
+        ASSERT_EQ(after.allocationCount, before.allocationCount + ThreadCount * (2 * Steps + 1)) << round;
+        ASSERT_EQ(after.pools[2].allocationCount, ThreadCount * Steps) << round;
+        ASSERT_EQ(after.pools[2].liveCount, 0u) << round;
+    }
+}
+
 TEST_F(ExtendedHeap, ABlockWithoutARecordIsRefusedAndNotCounted)
 {
     Fill(3000);
