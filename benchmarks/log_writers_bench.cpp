@@ -1,5 +1,5 @@
-// The writer threads of the buffered loggers while nothing happens: the processor time they take, and how long after that a
-// line or an event needs to reach its file.
+// The writer threads of the buffered loggers while nothing happens: the processor time they take, and how long after
+// that a line or an event needs to reach its file.
 #include <vlmcore/files.h>
 #include <vlmcore/logging.h>
 #include <vlmcore/memory.h>

@@ -1,5 +1,6 @@
-// The price of the memory event log: what one event costs its thread, how many events the writer takes a second, and what
-// becomes of a host that allocates a million blocks on a thousand call sites. The peers are the same work without it.
+// The price of the memory event log: what one event costs its thread, how many events the writer takes a second, and
+// what becomes of a host that allocates a million blocks on a thousand call sites. The peers are the same work without
+// it.
 #include <vlmcore/debug.h>
 #include <vlmcore/logging.h>
 #include <vlmcore/memory.h>
@@ -39,8 +40,8 @@ void RemoveFiles()
     std::remove(StacksPath);
 }
 
-/// Before each run, not timed: to empty the hundreds of megabytes of the run before would take longer than the work, since
-/// the system has begun to bring them to the disk.
+/// Before each run, not timed: to empty the hundreds of megabytes of the run before would take longer than the work,
+/// since the system has begun to bring them to the disk.
 void StartWithoutFiles(benchmark::State& state)
 {
     state.PauseTiming();

@@ -65,8 +65,8 @@ struct SStandard {
     }
 };
 
-// Insert and Erase take another order in every round: with a few keys in the same order ever again the processor's branch
-// prediction knows every descent by heart, which no program outside of a benchmark has.
+// Insert and Erase take another order in every round: with a few keys in the same order ever again the processor's
+// branch prediction knows every descent by heart, which no program outside of a benchmark has.
 template <class Map>
 void Insert(benchmark::State& state)
 {

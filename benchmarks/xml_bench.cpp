@@ -1,14 +1,16 @@
 // Tokenizing real documents. Element, attribute and text callbacks count; the peers do the least that tells as much:
-// expat and libxml2 with counting handlers, rapidxml and pugixml in their fastest in-place modes (which build a tree and
-// leave its visiting to the caller). Every run gets a fresh copy of the document, made outside the measured time.
+// expat and libxml2 with counting handlers, rapidxml and pugixml in their fastest in-place modes (which build a tree
+// and leave its visiting to the caller). Every run gets a fresh copy of the document, made outside the measured time.
 //
-// Buffers of 64 KiB are compared with the whole document at once, which is the peer called "whole", under the same terms:
-//     _64KiB         nothing is copied: the buffers lie in the document, each from where the one before was consumed up to
-//     _64KiB_filled  both copy what they tokenize: the one 64 KiB by 64 KiB, with the unconsumed tail moved to the front, the
-//                    other the whole document before it begins
+// Buffers of 64 KiB are compared with the whole document at once, which is the peer called "whole", under the same
+// terms:
+//     _64KiB         nothing is copied: the buffers lie in the document, each from where the one before was consumed
+//                    up to
+//     _64KiB_filled  both copy what they tokenize: the one 64 KiB by 64 KiB, with the unconsumed tail moved to the
+//                    front, the other the whole document before it begins
 //     _ReadXML       ReadXML on a file in memory, its buffer's allocation included, beside that same copy of everything
-// Tokenizing a copy costs about a tenth more than tokenizing in place, whatever the size of the pieces: so a copy on one side
-// alone says something about copies.
+// Tokenizing a copy costs about a tenth more than tokenizing in place, whatever the size of the pieces: so a copy on
+// one side alone says something about copies.
 #include <vlmcore/files.h>
 #include <vlmcore/memory.h>
 #include <vlmcore/xml_stream.h>

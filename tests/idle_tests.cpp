@@ -22,8 +22,8 @@ namespace {
 
 constexpr double LongestWaking = 2.0; // milliseconds
 
-/// Processor time of two thirds of a second in which this thread sleeps, in percent of one processor. What was busy before has a
-/// moment to settle.
+/// Processor time of two thirds of a second in which this thread sleeps, in percent of one processor. What was busy
+/// before has a moment to settle.
 double MeasureIdlePercent()
 {
     Thread::Sleep(200);
@@ -43,8 +43,9 @@ public:
     }
     [[nodiscard]] int GetCount() const { return m_count; }
 
-    /// Milliseconds from a call of `act` until the stamp is set, each time after a rest longer than any sleep. Tried until
-    /// it is short, thirty times at most: a machine that is busy delays some of them, a sleeper that nobody wakes all.
+    /// Milliseconds from a call of `act` until the stamp is set, each time after a rest longer than any sleep. Tried
+    /// until it is short, thirty times at most: a machine that is busy delays some of them, a sleeper that nobody wakes
+    /// all.
     template <class Act>
     [[nodiscard]] double MeasureWaking(Act const& act) const
     {

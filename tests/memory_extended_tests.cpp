@@ -531,8 +531,8 @@ TEST_F(ExtendedHeap, BlocksOfTheHooksAreCountedWhicheverThreadFreesThem)
     Empty();
 }
 
-// Refused requests count; where they have brought the bytes in use to the end of their type, the last ones are given and
-// refused to the byte, wherever the others were counted.
+// Refused requests count; where they have brought the bytes in use to the end of their type, the last ones are given
+// and refused to the byte, wherever the others were counted.
 TEST_F(ExtendedHeap, BytesInUseEndWithTheirType)
 {
     Fill(2000);

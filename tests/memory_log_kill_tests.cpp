@@ -96,7 +96,8 @@ void KillWhileRecording(char const* capacity)
         ASSERT_TRUE(child.timedOut) << "ended by itself with " << child.exitCode;
         std::string const events = ReadAll(EventsPath);
         std::string const stacks = ReadAll(StacksPath);
-        // A child that a busy machine has not even let begin its files has nothing to show; that of the events is begun last.
+        // A child that a busy machine has not even let begin its files has nothing to show; that of the events is begun
+        // last.
         if (events.empty())
             startup += startup / 4 + 10; // it takes longer than the first one did
         if (events.empty() || IsCut(events) || IsCut(stacks))

@@ -1,5 +1,6 @@
 // Random requests, checked against a plain model of what the memory manager counts, grants and refuses: after every
-// step the statistics agree to the byte, whether the heap is small, extended, short of its budget or in passthrough mode.
+// step the statistics agree to the byte, whether the heap is small, extended, short of its budget or in passthrough
+// mode.
 #include "support/CountingHooks.h"
 
 #include <vlmcore/memory.h>

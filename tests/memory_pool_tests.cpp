@@ -458,7 +458,8 @@ TEST_F(Pools, APurgeWithoutWorkingMemoryLeavesThePoolWhole)
 {
     std::vector<void*> blocks = TakeChunk(Kinds[0], 64);
     FreeAll(blocks);
-    // The scratch is refused at different points of the purge, or the purge itself cannot start; never is a pool harmed.
+    // The scratch is refused at different points of the purge, or the purge itself cannot start; never is a pool
+    // harmed.
     for (u64 failing = 1; failing <= 40; ++failing) {
         CCountingHooks::FailOnce(failing);
         try {

@@ -1,5 +1,5 @@
-// What hosts see of the storages besides their operations: the order of these, the layout of the nodes, the order in which
-// memory goes back, and what a damaged tree is answered with.
+// What hosts see of the storages besides their operations: the order of these, the layout of the nodes, the order in
+// which memory goes back, and what a damaged tree is answered with.
 #include "TestHeap.h"
 #include "support/VirtualSlots.h"
 

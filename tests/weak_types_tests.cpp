@@ -202,7 +202,8 @@ TEST(WeakType, TextsAreCopiedMovedAndFreed)
     EXPECT_EQ(CountLiveBlocks(), before);
 }
 
-// Every type over every type, by copy and by move: the text and type that arrive, what the source keeps, and no block left.
+// Every type over every type, by copy and by move: the text and type that arrive, what the source keeps, and no block
+// left.
 TEST(WeakType, AssignmentOfEveryTypeOverEveryType)
 {
     struct SKind {

@@ -1,7 +1,7 @@
 // File names between the program's UTF-8 and what the library takes to the system.
 //
-// The library hands UTF-16 names to the system unchanged, while its own UTF-8 keeps characters beyond U+FFFF in a form of
-// its own. So names are converted here, by the standard rules.
+// The library hands UTF-16 names to the system unchanged, while its own UTF-8 keeps characters beyond U+FFFF in a form
+// of its own. So names are converted here, by the standard rules.
 #pragma once
 
 #include <vlmcore/vlmcore.h>

@@ -39,8 +39,8 @@ CMutableString Join(CString const& folder, CString const& name)
     return path;
 }
 
-// Files before folders. A link to a folder is passed over: two that lead back to their own folder would have no end. What
-// cannot be listed goes in by its own name: opening it will tell why.
+// Files before folders. A link to a folder is passed over: two that lead back to their own folder would have no end.
+// What cannot be listed goes in by its own name: opening it will tell why.
 void ListTree(CFolderArchive const& archive, CString const& root, CString const& folder, CNames& all)
 {
     CNames files;

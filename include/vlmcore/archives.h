@@ -94,9 +94,9 @@ public:
     /// root itself is contained (the empty path).
     [[nodiscard]] bool Contains(CString const& path) const override;
 
-    /// True when the entry itself is a link or a junction, wherever it leads; a missing one is none. List names links as
-    /// what they lead to: a walk down a tree asks here before it enters a folder, or two links that lead back make it
-    /// endless.
+    /// True when the entry itself is a link or a junction, wherever it leads; a missing one is none. List names links
+    /// as what they lead to: a walk down a tree asks here before it enters a folder, or two links that lead back make
+    /// it endless.
     [[nodiscard]] bool IsLink(CString const& path) const;
 
     [[nodiscard]] IString const& GetName() const override { return m_name; }
@@ -158,8 +158,8 @@ struct SResourceKind {
 /// and a read at or behind the end returns 0.
 class VLM_API CResourceFile : public IFile {
 public:
-    /// Finds and locks the resource `id`. \param path  as the file was asked for; becomes its name. Throws CFileException:
-    /// NotFound for a missing resource.
+    /// Finds and locks the resource `id`. \param path  as the file was asked for; becomes its name. Throws
+    /// CFileException: NotFound for a missing resource.
     CResourceFile(CString const& path, u16 id, SResourceKind const& kind, EFileOpen::Type mode);
     CResourceFile(CResourceFile const&) = delete;
     CResourceFile& operator=(CResourceFile const&) = delete;
@@ -190,11 +190,12 @@ private:
     CMutableString m_path;
 };
 
-/// The resources of the executable (never those of the library), and the files below the executable's folder. Read-only.
+/// The resources of the executable (never those of the library), and the files below the executable's folder.
+/// Read-only.
 ///
-/// ":RCDATA/101" is the resource 101 of the type RCDATA: a colon, the type, a slash, the id. The type is a number, one of
-/// CURSOR BITMAP ICON STRING FONT RCDATA ANICURSOR ANIICON HTML, or else the name of a type. Ids are numbers; text that
-/// is none is the id 0. Resources with a name for an id cannot be reached. Any other path is a file below the
+/// ":RCDATA/101" is the resource 101 of the type RCDATA: a colon, the type, a slash, the id. The type is a number, one
+/// of CURSOR BITMAP ICON STRING FONT RCDATA ANICURSOR ANIICON HTML, or else the name of a type. Ids are numbers; text
+/// that is none is the id 0. Resources with a name for an id cannot be reached. Any other path is a file below the
 /// executable's folder.
 class VLM_API CResourceArchive : public IArchive {
 public:

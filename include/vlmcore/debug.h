@@ -4,8 +4,9 @@
 ///     if (count > capacity && Debug::Assert(__FILE__, __LINE__, "Overfull.", "%u of %u", count, capacity))
 ///         ...; // a debugger is attached and the user wants to look: break here
 ///
-/// Errors: nothing here throws, but for what a handler of the host throws. Threads: every function may be called from any
-/// thread; assertions are reported one at a time. The library's heap is not used, a log that is installed may use it.
+/// Errors: nothing here throws, but for what a handler of the host throws. Threads: every function may be called from
+/// any thread; assertions are reported one at a time. The library's heap is not used, a log that is installed may use
+/// it.
 #pragma once
 
 #include <vlmcore/export.h>
@@ -69,8 +70,8 @@ VLM_API int WindowsCRTReportHook(int type, char* message, int* result);
 
 // Crashes
 
-/// Unhandled-exception filter for Windows (`SetUnhandledExceptionFilter`): writes a minidump beside the executable, logs
-/// where it is, and asserts with the exception's name and place. Returns 0: the system's own handling follows.
+/// Unhandled-exception filter for Windows (`SetUnhandledExceptionFilter`): writes a minidump beside the executable,
+/// logs where it is, and asserts with the exception's name and place. Returns 0: the system's own handling follows.
 ///
 /// `exceptionPointers` points to the system's EXCEPTION_POINTERS: two pointers, to the exception record and to the
 /// processor context. Both and the parameter itself may be null. On Linux InstallCrashHandler calls it with records of
@@ -91,7 +92,8 @@ VLM_API void InstallCrashHandler();
 /// needed; call it to have the time it takes spent earlier.
 VLM_API void LoadSymbols();
 
-/// Captures the calling thread's stack and resolves it. The first frame lies in this function, the second in its caller.
+/// Captures the calling thread's stack and resolves it. The first frame lies in this function, the second in its
+/// caller.
 /// \param frames  MaxFrames frames, or null to have none resolved.
 /// \param hash    receives the identity of this call site and all its callers; may be null.
 /// \return the number of frames, at most MaxFrames.

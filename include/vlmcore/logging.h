@@ -129,8 +129,8 @@ private:
 /// Errors: a file that throws or writes short never shows here. What it took is not written again, the rest of what it
 /// was given is lost and reported with Debug::Print, and the next lines go on. A line that the file itself logs here
 /// from within its Write is dropped and reported likewise: it would wait for that very write to end, or cause the next
-/// write, which logs again. Threads: any number may write; the lines of one thread keep their order. The file belongs to
-/// the logger's threads until the logger is gone.
+/// write, which logs again. Threads: any number may write; the lines of one thread keep their order. The file belongs
+/// to the logger's threads until the logger is gone.
 class VLM_API CFileLogger : public ILogger {
 public:
     /// Creates the file, or empties it. One that cannot be opened leaves the logger without a file.

@@ -377,8 +377,8 @@ protected:
 
     /// Whole texts: `count` code points and a terminator. The destination must have the room. They return the bytes
     /// written before the terminator, and 0 for a null source or destination. To the source's own encoding `count` does
-    /// not matter: the whole text is copied, and the result is its size with the terminator minus 1 (so 1 or 3 more than
-    /// the text for wide units; kept: hosts depend on it).
+    /// not matter: the whole text is copied, and the result is its size with the terminator minus 1 (so 1 or 3 more
+    /// than the text for wide units; kept: hosts depend on it).
     static u64 ConvertUTF8(void const* source, void* destination, u64 count, EStringEncoding::Type target);
     static u64 ConvertUTF16(void const* source, void* destination, u64 count, EStringEncoding::Type target,
                             bool planeZeroOnly);

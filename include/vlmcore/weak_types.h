@@ -344,8 +344,8 @@ private:
 static_assert(sizeof(CManagedWeakType) == 24 && alignof(CManagedWeakType) == 4);
 
 /// Variables by a 32-bit id, or by a name, whose id is the name's GetHash(): two names with one hash are one variable.
-/// That hash covers about as many bytes as the name has characters, so keep to ASCII names in UTF-8, or make ids of your
-/// own: other names have more bytes, and those that differ at their ends only meet (kept: hosts store these ids).
+/// That hash covers about as many bytes as the name has characters, so keep to ASCII names in UTF-8, or make ids of
+/// your own: other names have more bytes, and those that differ at their ends only meet (kept: hosts store these ids).
 /// References stay valid until their variable is removed. Missing ids are answered, never an error; operator[] adds
 /// them and may throw CBadAllocation. One thread at a time.
 class VLM_API IWeakTypeStorage {

@@ -5,9 +5,9 @@
 // others, for both sides, with a barrier that the system carries out in the owner's thread. So the owner takes the lock
 // for the price of two stores, others for that of a system call.
 //
-// A thread may be put aside between its look at the owner and its word that it is inside, and say so when another one has
-// long been the owner. So each owner has a word of its own, and nobody else gets that word before the thread has been seen
-// elsewhere or has ended.
+// A thread may be put aside between its look at the owner and its word that it is inside, and say so when another one
+// has long been the owner. So each owner has a word of its own, and nobody else gets that word before the thread has
+// been seen elsewhere or has ended.
 // Method: David Dice, Hui Huang, Mingyao Yang, "Asymmetric Dekker Synchronization" (2001).
 #pragma once
 

@@ -92,8 +92,8 @@ public:
     }
 
     /// Fills the slots with free blocks, the one to hand out first last; grows the class when there are none. How many
-    /// there were: fewer than wanted when the class has not more in one place, 0 when it has none and cannot grow. A block
-    /// of a chunk without notes comes alone, when there is no other.
+    /// there were: fewer than wanted when the class has not more in one place, 0 when it has none and cannot grow. A
+    /// block of a chunk without notes comes alone, when there is no other.
     /// \param home  the lane that they are for
     [[nodiscard]] u32 TakeRow(CGlobalHeap& heap, SShape const& shape, u32 home, std::span<SFreeSlot> slots);
 

@@ -178,10 +178,10 @@ void CBlockClass::BeginPurge()
     m_isPurging = 1;
 }
 
-// Chunks with notes tell how many of their blocks are free; wholly free ones are taken out of the queue at once. The free
-// list, if there is one, is taken away first and looked through without the lock, so that other threads can go on: they
-// free into a new list and, should it run empty, grow the class. A chunk whose blocks are all in the list that was taken
-// away cannot be in use.
+// Chunks with notes tell how many of their blocks are free; wholly free ones are taken out of the queue at once. The
+// free list, if there is one, is taken away first and looked through without the lock, so that other threads can go on:
+// they free into a new list and, should it run empty, grow the class. A chunk whose blocks are all in the list that was
+// taken away cannot be in use.
 bool CBlockClass::Purge(CGlobalHeap& heap, SShape const& shape, CPurgeScratch& scratch)
 {
     CHeapExtension* const extension = heap.GetExtension();

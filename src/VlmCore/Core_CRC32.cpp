@@ -268,8 +268,8 @@ VLM_WIDE_CARRYLESS inline __m512i FoldWide(__m512i blocks, SFactors factors, __m
     return FinishFour(Load128(blocks), Load128(blocks + 16), Load128(blocks + 32), Load128(blocks + 48), data, size);
 }
 
-/// The short way, too, in this processor's encoding: where other code has left the upper halves of the registers in use, the
-/// older encoding takes a third longer.
+/// The short way, too, in this processor's encoding: where other code has left the upper halves of the registers in
+/// use, the older encoding takes a third longer.
 VLM_WIDE_CARRYLESS u32 ComputeWide(u8 const* data, u64 size, u32 crc)
 {
     return size < 512 ? ComputeShort(data, size, crc) : ComputeLong(data, size, crc);

@@ -63,8 +63,8 @@ constexpr u64 ExecutablePathCapacity = 256;
 constexpr u64 DumpPathCapacity = ExecutablePathCapacity + 64; // six numbers and what stands between them
 constexpr u32 DumpTimeout = 180'000; // milliseconds; a dump may hold a lot and the machine be busy
 
-/// The report in progress. Static, because a thread that crashed may have no stack left for it; filled by the one thread
-/// that owns the report.
+/// The report in progress. Static, because a thread that crashed may have no stack left for it; filled by the one
+/// thread that owns the report.
 struct SReport {
     void* pointers;
     u32 code;
@@ -224,8 +224,8 @@ int WindowsExceptionHandler(void* exceptionPointers)
         g_crashedThread.store(Impl::NoOwner);
         return 0;
     }
-    // Within the report: it has failed in a way that its stages did not catch. From another thread: one report is enough,
-    // but the process must not end before it is made.
+    // Within the report: it has failed in a way that its stages did not catch. From another thread: one report is
+    // enough, but the process must not end before it is made.
     if (IsReportingCrash())
         return 0;
     while (g_crashedThread.load() == owner)

@@ -18,8 +18,8 @@ enum class EShortCount {
 };
 
 /// Calls `call(offset, size, done)`, which returns a system error number, for pieces of at most
-/// Platform::LargestTransfer bytes, and returns how many bytes were moved. An error of the first call is thrown; after a
-/// partial transfer the count goes first, the error comes with the next transfer.
+/// Platform::LargestTransfer bytes, and returns how many bytes were moved. An error of the first call is thrown; after
+/// a partial transfer the count goes first, the error comes with the next transfer.
 template <EShortCount OnShortCount, class Call>
 u64 TransferInPieces(u64 size, Call const& call)
 {

@@ -88,8 +88,8 @@ public:
             m_text = reinterpret_cast<u8 const*>(&nothing);
     }
 
-    /// Writes the message with its terminator and returns its bytes in front of that, if they fit into `room`; all ones,
-    /// and the start of the message written, when they do not.
+    /// Writes the message with its terminator and returns its bytes in front of that, if they fit into `room`; all
+    /// ones, and the start of the message written, when they do not.
     u64 TryWrite(u8* const start, u64 room)
     {
         u8* out = start;

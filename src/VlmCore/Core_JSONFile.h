@@ -14,8 +14,8 @@ namespace Velmor {
 /// is whole: before the write or after it.
 ///
 /// Items are collected until they would pass the end of what one write may carry (Platform_WholeWrite.h). Where nothing
-/// keeps a kill from cutting a write, that is the file's current page: cuts fall between two pages, so that what lies in
-/// one page is written whole or not at all, and the item on the border of two pages is written alone.
+/// keeps a kill from cutting a write, that is the file's current page: cuts fall between two pages, so that what lies
+/// in one page is written whole or not at all, and the item on the border of two pages is written alone.
 ///
 /// Errors: nothing throws. A file that fails loses the items it was given; the trailer is put back, now or before the
 /// next write, and the loss is reported with Debug::Print. No file: everything is discarded.

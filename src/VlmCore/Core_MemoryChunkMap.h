@@ -164,8 +164,8 @@ private:
 /// The chunks of a class that have free blocks, first come, first served: a chunk whose turn comes late has gathered
 /// free blocks meanwhile, and what is allocated together then lies together, whatever the order of the releases was.
 ///
-/// They wait apart by their homes, the lanes that took blocks from them first. A lane takes from its own chunks while it
-/// can: if the blocks of a chunk went to several threads, each would write to records in one cache line.
+/// They wait apart by their homes, the lanes that took blocks from them first. A lane takes from its own chunks while
+/// it can: if the blocks of a chunk went to several threads, each would write to records in one cache line.
 /// Under the class lock.
 class CFreeChunks {
 public:
@@ -359,8 +359,8 @@ public:
                                            static_cast<u32>(GetBlockCount(found.tag.GetClass())));
     }
 
-    /// False, and the map as before, when the chunk cannot be added: smaller than 2 KB, of another number of blocks than
-    /// others of its block size, or no memory for the map.
+    /// False, and the map as before, when the chunk cannot be added: smaller than 2 KB, of another number of blocks
+    /// than others of its block size, or no memory for the map.
     [[nodiscard]] bool Add(SMemoryHooks const& hooks, CChunkRecords& chunk);
     void Remove(CChunkRecords& chunk)
     {

@@ -1,17 +1,17 @@
-// What a heap has in addition once it holds more than 1,024 records or is used a lot: buckets that grow, records of pool
-// blocks that are found without a lock, and lanes, so that threads do not stand in each other's way.
+// What a heap has in addition once it holds more than 1,024 records or is used a lot: buckets that grow, records of
+// pool blocks that are found without a lock, and lanes, so that threads do not stand in each other's way.
 //
 //     CGlobalHeap -- CHeapExtension -+- CRecordTable     blocks of the hooks, and those of chunks not in the map
-//                                    +- CChunkMap        address -> CChunkRecords of its chunk, the records of pool blocks
+//                                    +- CChunkMap        address -> CChunkRecords, the records of pool blocks
 //                                    +- CFreeChunks [32] chunks with free blocks, by class
 //                                    +- CHeapLane [32]   free pool blocks, free records and counters, a lane per thread
 //
-// All memory of it comes from the malloc hook and is counted nowhere. Without memory for it, the heap goes on as before,
-// with longer chains.
+// All memory of it comes from the malloc hook and is counted nowhere. Without memory for it, the heap goes on as
+// before, with longer chains.
 //
-// Every record in a chunk's notes stands for one of the record store, which counts as taken: the store grows, and with it
-// the bytes in use, by the number of recorded blocks alone, wherever their records lie. Lanes draw such credits by the
-// dozen.
+// Every record in a chunk's notes stands for one of the record store, which counts as taken: the store grows, and with
+// it the bytes in use, by the number of recorded blocks alone, wherever their records lie. Lanes draw such credits by
+// the dozen.
 //
 // Order of locks: collecting, lane, class, heap, shard of the record table.
 #pragma once
@@ -339,9 +339,9 @@ public:
 
     // ---- Blocks ----
 
-    /// The usual case of Take, in a lane that the calling thread owns; false in every other case, and for what is no pool
-    /// block. The block still has to be prepared for use. Calls nothing, like TryGiveBack and what they use: a function
-    /// that ends with a call for the other cases then keeps nothing on the stack.
+    /// The usual case of Take, in a lane that the calling thread owns; false in every other case, and for what is no
+    /// pool block. The block still has to be prepared for use. Calls nothing, like TryGiveBack and what they use: a
+    /// function that ends with a call for the other cases then keeps nothing on the stack.
     [[nodiscard, gnu::always_inline]] bool TryTake(EHeap::Type kind, u64 size, void*& block)
     {
         if (kind - EHeap::Pool >= CChunkTag::KindCount || size - 1 >= u64{1} << SBlockShape::LargestBits) [[unlikely]]

@@ -227,8 +227,8 @@ void CGlobalHeap::ReturnRecordsOf(CHeapLane& lane)
         PushFreeRecord(&lane.PopRecord());
 }
 
-// Before the store grows, the lanes' unused credits are called in: it grows only when every record is in use. One thread
-// calls at a time: what another has collected would look as if it were in use.
+// Before the store grows, the lanes' unused credits are called in: it grows only when every record is in use. One
+// thread calls at a time: what another has collected would look as if it were in use.
 bool CGlobalHeap::MakeFreeRecords(EStoreGrowth growth)
 {
     bool const mayGrow = growth == EStoreGrowth::Allowed;

@@ -106,8 +106,8 @@ public:
 
     /// Extends the heap, if it is not. Under the heap lock. Without memory for it the heap goes on as it is.
     void Extend();
-    /// A heap that is used a lot is extended even when it never holds much: `count` allocations so far, of the hooks or of
-    /// a pool. Under the heap lock.
+    /// A heap that is used a lot is extended even when it never holds much: `count` allocations so far, of the hooks or
+    /// of a pool. Under the heap lock.
     void ExtendIfBusy(u64 count)
     {
         constexpr u64 ManyAllocations = 4096;
@@ -121,8 +121,8 @@ public:
         EHeap::Type kind = EHeap::General;
     };
 
-    /// Enters a record in the table and runs `count(counters)`, as ChangeCounters does. False, and `count` not run, when
-    /// there is no record to be had.
+    /// Enters a record in the table and runs `count(counters)`, as ChangeCounters does. False, and `count` not run,
+    /// when there is no record to be had.
     template <class Count>
     [[nodiscard]] bool Enter(void* block, u64 size, EHeap::Type kind, Count&& count,
                              EStoreGrowth growth = EStoreGrowth::Allowed)
@@ -145,8 +145,8 @@ public:
         return extension != nullptr && EnterInShard(*extension, block, size, kind, count, growth);
     }
 
-    /// Takes the block's record out of the table, runs `count(counters, size, kind)` and returns true; false for a block
-    /// that is not in the table. From here on the address may be recorded anew.
+    /// Takes the block's record out of the table, runs `count(counters, size, kind)` and returns true; false for a
+    /// block that is not in the table. From here on the address may be recorded anew.
     template <class Count>
     bool Take(void const* block, Count&& count)
     {
@@ -250,8 +250,8 @@ public:
 
     /// Sets up to `wanted` records aside; how many. 0 when the store has none: MakeFreeRecords may help.
     [[nodiscard]] u32 ReserveRecords(u32 wanted);
-    /// Sees to it that the store has a record, which another thread may take at once; false when that cannot be. No lock
-    /// held, that of a lane included.
+    /// Sees to it that the store has a record, which another thread may take at once; false when that cannot be. No
+    /// lock held, that of a lane included.
     [[nodiscard]] bool MakeFreeRecords(EStoreGrowth growth);
     void ReturnRecords(u64 count)
     {

@@ -1,5 +1,5 @@
-// The dispatch to the memory logger. The quick ways of Malloc and Free ask g_quietExtension, where there is none while a
-// logger is installed; all others IsInstalled.
+// The dispatch to the memory logger. The quick ways of Malloc and Free ask g_quietExtension, where there is none while
+// a logger is installed; all others IsInstalled.
 #pragma once
 
 #include <vlmcore/types.h>
@@ -20,7 +20,8 @@ extern std::atomic<IMemoryLogger*> g_logger;
     return g_logger.load(std::memory_order_acquire) != nullptr;
 }
 
-/// The installed memory logger, null without one. To be asked once for an event: another thread may release it meanwhile.
+/// The installed memory logger, null without one. To be asked once for an event: another thread may release it
+/// meanwhile.
 [[nodiscard]] inline IMemoryLogger* FindLogger()
 {
     return g_logger.load(std::memory_order_acquire);

@@ -138,8 +138,8 @@ void CJSONMemoryLogWriter::WriteRecords(SRecord const* records, SStack const* st
     m_events.Flush();
 }
 
-/// Writes the stack unless it is in the file already. One that there is no memory for is left to the next event that has
-/// it.
+/// Writes the stack unless it is in the file already. One that there is no memory for is left to the next event that
+/// has it.
 void CJSONMemoryLogWriter::AddStack(u32 hash, SStack const& stack) noexcept
 {
     try {

@@ -37,8 +37,8 @@ public:
     /// What recording threads wake it with.
     [[nodiscard]] CWriterBell& GetBell() { return m_bell; }
 
-    /// Writes what the current buffer holds. False when there was nothing. Never throws; by the writer's thread, or when
-    /// that has ended.
+    /// Writes what the current buffer holds. False when there was nothing. Never throws; by the writer's thread, or
+    /// when that has ended.
     bool Drain() noexcept;
 
     /// Writes one event on the calling thread. Under the logger's lock.

@@ -9,10 +9,10 @@
 namespace Velmor {
 
 /// Gives exactly what the system's clock would, cut to whole milliseconds, but asks the system once or twice in a
-/// millisecond: in between the processor's counter tells that the millisecond is not over. How fast that counter runs is
-/// learnt on the way, and rather underestimated, so that the system is asked too early and not too late. A counter that
-/// starts over, or a system clock that stood still meanwhile, is believed for a millisecond of asking at most: the time may
-/// be an old one then, never an earlier one than before.
+/// millisecond: in between the processor's counter tells that the millisecond is not over. How fast that counter runs
+/// is learnt on the way, and rather underestimated, so that the system is asked too early and not too late. A counter
+/// that starts over, or a system clock that stood still meanwhile, is believed for a millisecond of asking at most: the
+/// time may be an old one then, never an earlier one than before.
 ///
 /// One thread at a time.
 class CMillisecondClock {
@@ -38,8 +38,8 @@ private:
     static constexpr f64 LearningTime = 2;     ///< milliseconds between two looks at the pace, at least
     static constexpr f64 Trust = 1 - 1.0 / 64; ///< the system's clock may be told to run a little faster for a while
 
-    /// \param before,after  the counter around the moment at which the system was asked, which lie apart when the thread
-    ///                      was put aside in between.
+    /// \param before,after  the counter around the moment at which the system was asked, which lie apart when the
+    ///                      thread was put aside in between.
     void Set(u64 before, f64 now, u64 after)
     {
         m_time = static_cast<u64>(now);

@@ -153,7 +153,8 @@ PathUnits JoinTreePath(PathUnits const& folder, char16_t const* name)
     return path;
 }
 
-// Depth first: a folder's contents come right behind it. Each level stays open, so that the way down cannot be diverted.
+// Depth first: a folder's contents come right behind it. Each level stays open, so that the way down cannot be
+// diverted.
 void AppendTree(TUniquePtr<STreeLevel> root, EStringEncoding::Type encoding, TVector<CMutableString, 1>& files,
                 TVector<CMutableString, 1>& folders)
 {

@@ -14,8 +14,8 @@ class CStallWatch {
 public:
     /// How long the counter may stand still.
     static constexpr u64 PatienceMilliseconds = 5000;
-    /// What one look adds to that at most. A process that was stopped, or a machine that slept, finds that much time gone
-    /// between two looks, in which the other thread had no chance to work either.
+    /// What one look adds to that at most. A process that was stopped, or a machine that slept, finds that much time
+    /// gone between two looks, in which the other thread had no chance to work either.
     static constexpr u64 LongestStepMilliseconds = 50;
 
     /// \param progress  the counter now.

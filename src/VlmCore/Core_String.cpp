@@ -223,8 +223,8 @@ void CMutableString::Convert(void const* data, EStringEncoding::Type from, EStri
         Adopt(nullptr, to, 0, m_allocatedSize);
         return;
     }
-    // Each text is walked once for what has to be known about it; only the copy's own length is counted anew, since what
-    // a malformed character was converted to may be read differently.
+    // Each text is walked once for what has to be known about it; only the copy's own length is counted anew, since
+    // what a malformed character was converted to may be read differently.
     Dispatch(from, [&](auto fromRules) {
         Dispatch(to, [&](auto toRules) {
             using From = decltype(fromRules);

@@ -145,14 +145,15 @@ private:
     bool m_hasSlots = false;
 };
 
-/// 64 cells of a column of the matrix, as differences to the cell above: +1 where `plus` has a bit, -1 where `minus` has.
+/// 64 cells of a column of the matrix, as differences to the cell above: +1 where `plus` has a bit, -1 where `minus`
+/// has.
 struct SColumn {
     u64 plus;
     u64 minus;
 };
 
-/// What one word of a column hands to the word below it: the carry of the addition, and how the cell between them changed
-/// from column to column.
+/// What one word of a column hands to the word below it: the carry of the addition, and how the cell between them
+/// changed from column to column.
 struct SCarries {
     u64 sum;
     u64 plus;
@@ -198,8 +199,8 @@ u64 GetColumnDistance(SCodePoints const& longer, SCodePoints const& shorter, CPl
     return distance;
 }
 
-/// The distance when the shorter text has 64 code points at the most: one word, which stays in registers. `getRow` gives
-/// the places of a code point in it.
+/// The distance when the shorter text has 64 code points at the most: one word, which stays in registers. `getRow`
+/// gives the places of a code point in it.
 template <class GetRow>
 u64 GetWordDistance(SCodePoints const& longer, SCodePoints const& shorter, GetRow const& getRow)
 {

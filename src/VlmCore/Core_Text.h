@@ -1,6 +1,6 @@
 /// \file
-/// Walks over text as the string operations use them: the kernels of this processor where there are any, the plain rules
-/// for the rest. Same results as Core_TextRules.h.
+/// Walks over text as the string operations use them: the kernels of this processor where there are any, the plain
+/// rules for the rest. Same results as Core_TextRules.h.
 #pragma once
 
 #include "Core_TextKernels.h"

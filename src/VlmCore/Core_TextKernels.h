@@ -1,10 +1,10 @@
 /// \file
-/// The inner loops over text, in one set per vector width and a plain one. A set is chosen once by the processor; results
-/// are those of Core_TextRules.h and Core_TextSearch.h on every input, malformed included.
+/// The inner loops over text, in one set per vector width and a plain one. A set is chosen once by the processor;
+/// results are those of Core_TextRules.h and Core_TextSearch.h on every input, malformed included.
 ///
-/// Each kernel takes what it can in whole registers and leaves irregular places to the plain rule. Reading may go around
-/// a text, never beyond it: whole registers that hold at least one byte of the text and lie in its page, as the C
-/// library's strlen does. Writing never goes outside.
+/// Each kernel takes what it can in whole registers and leaves irregular places to the plain rule. Reading may go
+/// around a text, never beyond it: whole registers that hold at least one byte of the text and lie in its page, as the
+/// C library's strlen does. Writing never goes outside.
 #pragma once
 
 #include <vlmcore/impl/Core_Encoding.h>
@@ -71,13 +71,14 @@ struct SKernels {
     ConvertKernel convert[3][3];
     /// 16 to 8 bits with surrogates taken for plain units.
     ConvertKernel convertPlaneZero;
-    /// Moves on to the first match, or to a place from which the plain rule must go on up to `resume`: the terminator, or
-    /// the first place whose match would reach into irregular text.
+    /// Moves on to the first match, or to a place from which the plain rule must go on up to `resume`: the terminator,
+    /// or the first place whose match would reach into irregular text.
     void (*find[3])(SNeedle const& needle, SSearch& search);
-    /// First place of a unit that is the given one, the terminator, or no character by itself (for bytes: 0x80 and above).
+    /// First place of a unit that is the given one, the terminator, or no character by itself (for bytes: 0x80 and
+    /// above).
     u8 const* (*findSimple[3])(u8 const* text, u32 unit);
-    /// Index of the first occurrence of one ASCII text in another, all ones when there is none; Undecided when one of them
-    /// is not ASCII, or does not end within a block.
+    /// Index of the first occurrence of one ASCII text in another, all ones when there is none; Undecided when one of
+    /// them is not ASCII, or does not end within a block.
     u64 (*findInBlock)(u8 const* text, u8 const* needle);
     /// Letters from `first` to `first + 25` become those 32 up or down; returns the bytes done, whole characters.
     u64 (*mapCase[3])(u8* text, u64 size, u32 first);

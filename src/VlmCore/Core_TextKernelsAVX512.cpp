@@ -82,8 +82,8 @@ VLM_KERNEL inline u64 LowestBits(u64 mask, u64 count)
 
 // ---- To UTF-8 -------------------------------------------------------------------------------------------------------
 
-/// The bytes of a form for both code points of each lane of eight bytes: byte by byte the shift that brings its bits down,
-/// the bits it takes, and those it adds.
+/// The bytes of a form for both code points of each lane of eight bytes: byte by byte the shift that brings its bits
+/// down, the bits it takes, and those it adds.
 struct SForm {
     __m512i shifts;
     __m512i taken;

@@ -52,8 +52,8 @@ template <class From, class To>
     return size;
 }
 
-/// Writes `count` characters converted, whether or not a zero unit is among them, and moves `text` behind them; returns the
-/// position behind what was written.
+/// Writes `count` characters converted, whether or not a zero unit is among them, and moves `text` behind them; returns
+/// the position behind what was written.
 template <class From, class To>
 u8* ConvertCharactersFrom(u8 const*& text, u64 count, u8* out)
 {

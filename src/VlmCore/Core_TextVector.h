@@ -1,8 +1,8 @@
 /// \file
 /// Lanes and blocks: what every vector kernel is made of, written once over the register width. The including file has
-/// defined VectorWidth (bytes of a register), VLM_KERNEL (the mark of functions that use its instructions), MaskOf (a bit
-/// for each byte's highest) and SumOf (of the bytes), and includes this inside its own unnamed namespace: nothing here may
-/// be shared between instruction sets.
+/// defined VectorWidth (bytes of a register), VLM_KERNEL (the mark of functions that use its instructions), MaskOf (a
+/// bit for each byte's highest) and SumOf (of the bytes), and includes this inside its own unnamed namespace: nothing
+/// here may be shared between instruction sets.
 ///
 /// Not a header on its own, and without a guard: each instruction set includes it once.
 
@@ -387,7 +387,8 @@ struct SBytes {
     [[nodiscard]] VLM_KERNEL u64 GetCovered() const { return GetLeads() << 1 | three << 2 | four << 3; }
     /// The same for the block behind.
     [[nodiscard]] VLM_KERNEL u64 GetCarried() const { return GetLeads() >> 63 | three >> 62 | four >> 61; }
-    /// Last bytes of the characters that lie in the block whole. Only where covered and continuation bytes are the same.
+    /// Last bytes of the characters that lie in the block whole. Only where covered and continuation bytes are the
+    /// same.
     [[nodiscard]] VLM_KERNEL u64 GetEnds() const
     {
         return ~high | (GetLeads() & ~three) << 1 | (three & ~four) << 2 | four << 3;

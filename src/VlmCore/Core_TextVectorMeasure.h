@@ -109,8 +109,8 @@ struct SCharacters8 : SMeasure8, SNothingRare<u8> {
     static u64 GetCountedFor(u8 const*) { return 1; }
 };
 
-/// 16-bit units: two for a character of four bytes. What begins with EF BF may be the one of three bytes that takes two,
-/// what begins with F0 and a byte below 90 one of four that takes one; both are left to the plain rule.
+/// 16-bit units: two for a character of four bytes. What begins with EF BF may be the one of three bytes that takes
+/// two, what begins with F0 and a byte below 90 one of four that takes one; both are left to the plain rule.
 struct SUnits8 : SMeasure8 {
     VLM_KERNEL static SMeasured Read(u8 const* block, u64 valid, u64 carried)
     {

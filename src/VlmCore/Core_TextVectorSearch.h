@@ -327,7 +327,8 @@ VLM_KERNEL u64 MapCaseOfUnits(u8* text, u64 size, u32 first)
     return done;
 }
 
-/// Letters are single bytes where all characters are in their shortest form. One of four bytes is stepped over by three.
+/// Letters are single bytes where all characters are in their shortest form. One of four bytes is stepped over by
+/// three.
 VLM_KERNEL u64 MapCase8(u8* text, u64 size, u32 first)
 {
     u64 done = 0;

@@ -1,6 +1,6 @@
 /// \file
-/// Vector kernels continued (see Core_TextVector.h, included the same way): conversions sixteen bytes of source at a time,
-/// for short texts, the ends of long ones, and characters that the wide paths do not take. Needs AVX2.
+/// Vector kernels continued (see Core_TextVector.h, included the same way): conversions sixteen bytes of source at a
+/// time, for short texts, the ends of long ones, and characters that the wide paths do not take. Needs AVX2.
 ///
 /// Writing is exact. A register goes out whole as long as the characters still to come take up what it writes too much,
 /// and in two overlapping parts at the end.
@@ -403,8 +403,8 @@ VLM_KERNEL inline u8* WriteEightShort(u8* out, __m128i units, u64 count, u64 lef
     return StoreBytes(out, _mm_shuffle_epi8(bytes, LoadShuffle(PairShuffles[longer])), size, size + left - count);
 }
 
-/// Sixteen units of three bytes each: the bytes of the units 0 to 3 and 8 to 11, and of the others, at the front of each
-/// half.
+/// Sixteen units of three bytes each: the bytes of the units 0 to 3 and 8 to 11, and of the others, at the front of
+/// each half.
 struct SLongUTF8 {
     __m256i even;
     __m256i odd;

@@ -55,8 +55,8 @@ bool Matches(char pattern, u32 codePoint)
     return codePoint == static_cast<u8>(pattern);
 }
 
-// For each byte the states, as bits, in which it may begin a delimiter. Bytes of longer characters may in every state, and
-// any byte may behind "/>".
+// For each byte the states, as bits, in which it may begin a delimiter. Bytes of longer characters may in every state,
+// and any byte may behind "/>".
 struct SBeginnings {
     u16 states[256] = {};
     constexpr SBeginnings()
@@ -147,8 +147,8 @@ bool CXMLTokenizer::CanWalk(u64 offset) const
            !m_stream.m_insideLongReference;
 }
 
-/// The plain scan, from a character on where no pattern is matched in part, up to the next delimiter. False at the end of
-/// the buffer, and when the text is malformed.
+/// The plain scan, from a character on where no pattern is matched in part, up to the next delimiter. False at the end
+/// of the buffer, and when the text is malformed.
 bool CXMLTokenizer::ScanToken(u64& offset)
 {
     u32 const stateNumber = m_stream.m_state;

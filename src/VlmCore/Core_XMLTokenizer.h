@@ -99,8 +99,8 @@ private:
     u32 m_pendingBegin = 0; // begin of what may become a delimiter or a character, when the scan has ended
 };
 
-/// A fast walk: takes tokens from cursor.mark on and returns from where, at the begin of a character, the plain scan goes
-/// on. The buffer has at least XMLWalkMinimum bytes.
+/// A fast walk: takes tokens from cursor.mark on and returns from where, at the begin of a character, the plain scan
+/// goes on. The buffer has at least XMLWalkMinimum bytes.
 using XMLWalk = u64 (*)(CXMLTokenizer& tokenizer, CXMLTokenizer::SCursor& cursor);
 inline constexpr u32 XMLWalkMinimum = 128;
 

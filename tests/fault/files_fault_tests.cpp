@@ -1,6 +1,6 @@
-// Files of every kind and folder archives while memory runs out, once for every request that they make, and while there is
-// no heap at all. Whatever is refused, the outcome is bad_alloc, files are as they were, and nothing is lost to the hooks
-// or to the system.
+// Files of every kind and folder archives while memory runs out, once for every request that they make, and while there
+// is no heap at all. Whatever is refused, the outcome is bad_alloc, files are as they were, and nothing is lost to the
+// hooks or to the system.
 #include "../support/CountingHooks.h"
 #include "../support/Faults.h"
 #include "../support/Files.h"

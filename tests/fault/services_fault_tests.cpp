@@ -44,8 +44,8 @@ protected:
         EXPECT_EQ(CCountingHooks::GetForeignBlocks(), 0u);
     }
 
-    /// Refuses the first request of `attempt`, then the second alone, and so on, until it comes through. Each one before
-    /// must throw bad_alloc and keep nothing; `check` is called after it. Returns how many there were.
+    /// Refuses the first request of `attempt`, then the second alone, and so on, until it comes through. Each one
+    /// before must throw bad_alloc and keep nothing; `check` is called after it. Returns how many there were.
     template <class Attempt, class Check>
     static int RefuseEach(Attempt const& attempt, Check const& check)
     {

@@ -1,5 +1,6 @@
-// Weak types and their storages while memory runs out, once for every request that they make, and while there is no heap
-// at all. Whatever is refused, the outcome is bad_alloc, values and storages are as they were, and nothing is lost.
+// Weak types and their storages while memory runs out, once for every request that they make, and while there is no
+// heap at all. Whatever is refused, the outcome is bad_alloc, values and storages are as they were, and nothing is
+// lost.
 #include "../support/CountingHooks.h"
 #include "../support/Faults.h"
 

@@ -1,5 +1,5 @@
-// Format and FormatTo on arbitrary templates and texts of all encodings against the plain rule, in memory without a spare
-// byte.
+// Format and FormatTo on arbitrary templates and texts of all encodings against the plain rule, in memory without a
+// spare byte.
 #include <vlmcore/format.h>
 
 #include "FuzzSupport.h"
@@ -44,7 +44,8 @@ struct SExpected {
                        plain.offsets[i + 1] - plain.offsets[i]);
             return;
         }
-        // What was converted is cut where a walk over it stops. A code point 0 (of a stray byte) is a unit among others.
+        // What was converted is cut where a walk over it stops. A code point 0 (of a stray byte) is a unit among
+        // others.
         std::vector<u8> const converted = Write(plain.codePoints, encoding);
         u64 const unitSize = Encodings::GetUnitSize(encoding);
         u64 const end = converted.size() - unitSize;

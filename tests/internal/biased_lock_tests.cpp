@@ -250,9 +250,9 @@ TEST(BiasedLock, AFormerOwnerThatStillRunsKeepsItsWord)
     EXPECT_EQ(EntersAsOwner(lock, sameSlotKey), HasOwners);
 }
 
-// The processor's own part: without the barrier the owner now and then would not see a guest that does not see it either,
-// and an addition would be lost. Stores to memory far away, just before, hold up the store by which the owner says that it
-// is inside: with a barrier that does nothing, this test fails on every run.
+// The processor's own part: without the barrier the owner now and then would not see a guest that does not see it
+// either, and an addition would be lost. Stores to memory far away, just before, hold up the store by which the owner
+// says that it is inside: with a barrier that does nothing, this test fails on every run.
 TEST(BiasedLock, NothingThatIsDoneInsideIsLost)
 {
     constexpr u64 MostVisits = 100000;

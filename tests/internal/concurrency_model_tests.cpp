@@ -136,8 +136,8 @@ TEST(LockModel, TheRecursiveLockCountsAndRefusesStrangers)
 
 // Ring
 
-/// Producers that push `itemsEach` items, consumers that share them evenly; each item must arrive once, and those of one
-/// producer in order when there is one consumer.
+/// Producers that push `itemsEach` items, consumers that share them evenly; each item must arrive once, and those of
+/// one producer in order when there is one consumer.
 template <class Ring>
 CModelChecker::SResult CheckRing(u32 producers, u32 itemsEach, u32 consumers)
 {

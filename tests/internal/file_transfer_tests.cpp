@@ -1,4 +1,5 @@
-// Transfers of any size in calls of a limited one, on calls that move nothing but numbers: sizes beyond 4 GiB cost no memory.
+// Transfers of any size in calls of a limited one, on calls that move nothing but numbers: sizes beyond 4 GiB cost no
+// memory.
 #include "../TestHeap.h"
 
 #include "Core_FileTransfer.h"

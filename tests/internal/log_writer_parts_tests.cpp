@@ -1,6 +1,6 @@
 // Labels: threads
-// The parts that the writers of the logs are made of: when a thread gives up its wait, which stacks it need not bring, how
-// a writer sleeps.
+// The parts that the writers of the logs are made of: when a thread gives up its wait, which stacks it need not bring,
+// how a writer sleeps.
 #include "Core_DrainPolicy.h"
 #include "Core_StackFilter.h"
 #include "Core_StallWatch.h"

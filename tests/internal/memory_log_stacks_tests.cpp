@@ -38,8 +38,8 @@ u32 CaptureStack(void** addresses, u32* hash)
 
 } // namespace Velmor::Platform
 
-// Functions with the names that belong to the allocator, and two of a host's. Each does something of its own, so that no
-// two are folded into one.
+// Functions with the names that belong to the allocator, and two of a host's. Each does something of its own, so that
+// no two are folded into one.
 namespace {
 int volatile g_sink = 0;
 } // namespace

@@ -1,5 +1,5 @@
-// What the memory event log writes its lines with: numbers, the line of an event, the millisecond clock, and the file that
-// takes the lines page by page.
+// What the memory event log writes its lines with: numbers, the line of an event, the millisecond clock, and the file
+// that takes the lines page by page.
 #include "Core_EventText.h"
 #include "Core_JSONFile.h"
 #include "Core_MillisecondClock.h"

@@ -1,5 +1,5 @@
-// Every set of text kernels gives the results of the plain rules: all string operations under each set in turn, on regular
-// and malformed texts that end, and begin, where their memory does.
+// Every set of text kernels gives the results of the plain rules: all string operations under each set in turn, on
+// regular and malformed texts that end, and begin, where their memory does.
 #include <gtest/gtest.h>
 
 #include "Core_TextKernels.h"
@@ -365,8 +365,9 @@ TEST_P(CStringKernels, EverySurrogateRun)
     }
 }
 
-// Every length around that of a block, in every flavour, with the last byte in front of the end of its memory, the first
-// byte at its beginning, and an odd place between: what short texts take, and where they hand over to the long ways.
+// Every length around that of a block, in every flavour, with the last byte in front of the end of its memory, the
+// first byte at its beginning, and an odd place between: what short texts take, and where they hand over to the long
+// ways.
 TEST_P(CStringKernels, EveryShortLength)
 {
     std::mt19937 random(12);

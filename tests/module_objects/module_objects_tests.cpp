@@ -1,5 +1,5 @@
-// Objects that one module makes and another uses and ends, and exceptions that cross between them: a plugin with the static
-// library inside, and one on the host's shared library.
+// Objects that one module makes and another uses and ends, and exceptions that cross between them: a plugin with the
+// static library inside, and one on the host's shared library.
 #include "../Texts.h"
 #include "../support/CountingHooks.h"
 #include "../support/Files.h"

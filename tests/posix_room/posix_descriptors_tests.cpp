@@ -1,5 +1,5 @@
-// A process that has no descriptors left, at every point of what archives do: what cannot be opened is an exception with
-// the system's text, and nothing stays open.
+// A process that has no descriptors left, at every point of what archives do: what cannot be opened is an exception
+// with the system's text, and nothing stays open.
 #include "TestHeap.h"
 #include "Texts.h"
 #include "support/Files.h"

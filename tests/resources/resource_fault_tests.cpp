@@ -1,6 +1,6 @@
-// A host's work over resources, files beside the program and collections of both, once for every request of memory that it
-// makes: that one refused, or that one and all behind it. Whatever is refused, the outcome is bad_alloc, things are as
-// they were before the call, and nothing is lost to the hooks or to the system.
+// A host's work over resources, files beside the program and collections of both, once for every request of memory that
+// it makes: that one refused, or that one and all behind it. Whatever is refused, the outcome is bad_alloc, things are
+// as they were before the call, and nothing is lost to the hooks or to the system.
 #include "support/CountingHooks.h"
 #include "support/DebuggedProcess.h"
 #include "support/Faults.h"

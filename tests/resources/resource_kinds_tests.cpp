@@ -1,5 +1,5 @@
-// Every type that has a name in resource paths, in a program whose resources come from two files; and what paths of files
-// beside it look like in a listing.
+// Every type that has a name in resource paths, in a program whose resources come from two files; and what paths of
+// files beside it look like in a listing.
 #include "TestHeap.h"
 #include "Texts.h"
 #include "support/DebuggedProcess.h"

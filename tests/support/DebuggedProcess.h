@@ -27,8 +27,8 @@
 
 namespace TestSupport {
 
-/// How to answer the question that a failed assertion asks. Windows: a button of the message box, with a Control key held
-/// for IgnoreForGood. Linux: a letter typed on the terminal.
+/// How to answer the question that a failed assertion asks. Windows: a button of the message box, with a Control key
+/// held for IgnoreForGood. Linux: a letter typed on the terminal.
 enum class EAnswer { Abort, Retry, Ignore, IgnoreForGood };
 
 /// How to run a child; the defaults run it alone and quiet.

@@ -80,8 +80,8 @@ bool IsRefusalReached(SFaultMode const& mode, Velmor::u64 failing, Scenario cons
     return isReached;
 }
 
-/// Calls `run` with 1, 2 and so on, the request to refuse, while it answers that there was such a request. Requests that
-/// the pools serve are not seen: `leastPassthrough` is how many there must be without pools.
+/// Calls `run` with 1, 2 and so on, the request to refuse, while it answers that there was such a request. Requests
+/// that the pools serve are not seen: `leastPassthrough` is how many there must be without pools.
 template <class Run>
 void RefuseEachInTurn(SFaultMode const& mode, Velmor::u64 leastPassthrough, Run const& run)
 {

@@ -45,8 +45,8 @@ void WriteText(std::filesystem::path const& path, std::string const& content);
 /// Whether `path` is a link or a junction.
 [[nodiscard]] bool IsLink(std::filesystem::path const& path);
 
-/// Removes a tree without following links; nothing for a missing one. (The standard library's follows them where links are
-/// unknown to it.)
+/// Removes a tree without following links; nothing for a missing one. (The standard library's follows them where links
+/// are unknown to it.)
 void RemoveTree(std::filesystem::path const& path);
 
 /// What the library must take for the documents folder from now on: the user's own (Windows), `wanted` (posix).

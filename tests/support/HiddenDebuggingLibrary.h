@@ -1,5 +1,6 @@
 /// \file
-/// Keeps the system's debugging library from children, for the length of a scope. Children started within it do without.
+/// Keeps the system's debugging library from children, for the length of a scope. Children started within it do
+/// without.
 #pragma once
 
 namespace TestSupport {

@@ -1,9 +1,9 @@
 /// \file
-/// An exhaustive checker for small concurrent algorithms: it runs them in every order of their accesses to shared words,
-/// on one thread, and finds the orders that break a rule or from which there is no way to the end.
+/// An exhaustive checker for small concurrent algorithms: it runs them in every order of their accesses to shared
+/// words, on one thread, and finds the orders that break a rule or from which there is no way to the end.
 ///
-/// The algorithm is the real code, a template over its atomic type, here TModelAtomic. The checker knows a thread by the
-/// results of its accesses so far: to take one step it runs the code from the start of its phase, answers the known
+/// The algorithm is the real code, a template over its atomic type, here TModelAtomic. The checker knows a thread by
+/// the results of its accesses so far: to take one step it runs the code from the start of its phase, answers the known
 /// accesses from memory, carries the next one out, and stops the code at the one after it. States that were seen before
 /// are not explored again, so that waiting loops end.
 ///

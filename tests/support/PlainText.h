@@ -1,5 +1,5 @@
-// Texts as lists of code points, by rules written down a second time and as plainly as possible: the oracle of the string
-// operations.
+// Texts as lists of code points, by rules written down a second time and as plainly as possible: the oracle of the
+// string operations.
 #pragma once
 
 #include <vlmcore/strings.h>

@@ -36,8 +36,8 @@ struct SSystemTraits {
 
 extern SSystemTraits const SystemTraits;
 
-/// The lowest priority that a thread of this process can have as things stand. Linux: priorities are nice values relative
-/// to the process's, and a process that was started with a high one has little room below it, or none.
+/// The lowest priority that a thread of this process can have as things stand. Linux: priorities are nice values
+/// relative to the process's, and a process that was started with a high one has little room below it, or none.
 [[nodiscard]] int GetLowestThreadPriority();
 
 } // namespace TestSupport

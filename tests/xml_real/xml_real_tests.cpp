@@ -1,6 +1,6 @@
-// Every document of some installed packages must give the totals that expat gives: elements, ends, attributes and bytes of
-// text. Documents that need the tokenizer's required quirks to be otherwise are known by their text: they must differ from
-// what Mend makes of them, and mended they must give the same totals.
+// Every document of some installed packages must give the totals that expat gives: elements, ends, attributes and bytes
+// of text. Documents that need the tokenizer's required quirks to be otherwise are known by their text: they must
+// differ from what Mend makes of them, and mended they must give the same totals.
 #include "../TestHeap.h"
 
 #include <vlmcore/files.h>

@@ -9,6 +9,11 @@ command_check() {
     local failed=0
     say "check: format"
     git ls-files '*.h' '*.cpp' | xargs clang-format-19 --dry-run --Werror || failed=1
+    # The formatter leaves comments as they are.
+    if LC_ALL=C.UTF-8 git grep -nE '^.{121,}$' -- '*.h' '*.cpp'; then
+        echo "Lines of more than 120 columns" >&2
+        failed=1
+    fi
     say "check: seam"
     tools/checks/seam.sh || failed=1
     say "check: documents"

@@ -12,8 +12,8 @@ namespace Velmor {
 
 namespace Impl {
 
-/// The kind that serves `heap` with at least this alignment. EHeap::General and EHeap::Pool are as aligned as the malloc
-/// hook, which the C runtime makes 16 bytes and other hooks at least 8.
+/// The kind that serves `heap` with at least this alignment. EHeap::General and EHeap::Pool are as aligned as the
+/// malloc hook, which the C runtime makes 16 bytes and other hooks at least 8.
 [[nodiscard]] constexpr EHeap::Type GetAlignedKind(EHeap::Type heap, u64 alignment)
 {
     if (alignment > 8)

@@ -47,8 +47,8 @@ public:
     template <class Callable>
         requires(!std::is_same_v<std::remove_cvref_t<Callable>, TDelegate> &&
                  std::is_invocable_r_v<R, std::decay_t<Callable>&, A...>)
-    /// Takes any callable of this signature; of a null pointer to a function it stays empty. Throws CBadAllocation for a
-    /// large one, and what its copy throws.
+    /// Takes any callable of this signature; of a null pointer to a function it stays empty. Throws CBadAllocation for
+    /// a large one, and what its copy throws.
     TDelegate(Callable&& callable)
     {
         if constexpr (std::is_function_v<std::remove_reference_t<Callable>>) {

@@ -78,7 +78,8 @@ inline u64 WriteShortHex(u32 value, char* out)
 }
 
 /// Reads the decimal digits of terminated UTF-8; overflow wraps. False, and nothing read, when the text is no plain
-/// number: it begins with anything but a digit other than 0, or what follows could only be told from a digit by decoding.
+/// number: it begins with anything but a digit other than 0, or what follows could only be told from a digit by
+/// decoding.
 inline bool TryReadPlainNumber(void const* text, u64& value)
 {
     u8 const* digit = static_cast<u8 const*>(text);

@@ -9,8 +9,8 @@
 namespace Velmor {
 
 /// Sole owner of one object that was made with Memory::New; destroys it and frees its memory. Movable only. An owner
-/// that outlives the heap, as statics do at exit, lets go of its object without touching it: pools take their objects with
-/// them.
+/// that outlives the heap, as statics do at exit, lets go of its object without touching it: pools take their objects
+/// with them.
 template <class T>
 class TUniquePtr {
 public:

@@ -2,8 +2,8 @@
 /// Seam: folders held open, their entries, and removal that cannot be led astray.
 ///
 /// A folder that is open stays the same folder whatever is renamed or swapped for a link around it: the posix room
-/// works through the descriptor; the Windows room works by path and, unless the folder is only looked at, keeps a handle
-/// that forbids renaming and deleting.
+/// works through the descriptor; the Windows room works by path and, unless the folder is only looked at, keeps a
+/// handle that forbids renaming and deleting.
 #pragma once
 
 #include "Platform_Path.h"
@@ -61,8 +61,8 @@ public:
     }
 
     /// The next entry of the folder, in the system's order, never "." or "..". False at the end; the call after that
-    /// begins anew. `error` tells why the very first entry could not be had; 0 otherwise: a listing that breaks off later
-    /// just ends, as on Windows.
+    /// begins anew. `error` tells why the very first entry could not be had; 0 otherwise: a listing that breaks off
+    /// later just ends, as on Windows.
     [[nodiscard]] bool ReadEntry(SFolderEntry& entry, u32& error);
 
     /// What the entry `name` is.

@@ -15,9 +15,9 @@ namespace Velmor::Platform {
 /// File name of the debugging library.
 extern char const* const DebugLibraryName;
 
-/// Makes symbols usable: the first time by loading the debugging library and its view of this process, later by bringing
-/// that view up to date where modules came or went. False when there is no debugging library; resolution then gives
-/// what the system itself knows, perhaps nothing.
+/// Makes symbols usable: the first time by loading the debugging library and its view of this process, later by
+/// bringing that view up to date where modules came or went. False when there is no debugging library; resolution then
+/// gives what the system itself knows, perhaps nothing.
 bool PrepareSymbols();
 
 /// Gives back what PrepareSymbols took for this library alone. It may be called again afterwards and starts anew.

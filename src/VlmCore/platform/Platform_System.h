@@ -48,8 +48,8 @@ struct SMemoryFigures {
 /// Counts per second; constant while the system runs.
 [[nodiscard]] u64 GetPerformanceFrequency();
 
-/// The processor's own counter, for which no system is asked: a third of the price of GetPerformanceCounter. How fast it
-/// runs is not known. It starts over when the machine wakes, and may differ between processors.
+/// The processor's own counter, for which no system is asked: a third of the price of GetPerformanceCounter. How fast
+/// it runs is not known. It starts over when the machine wakes, and may differ between processors.
 [[nodiscard]] u64 GetTicks();
 
 /// Whether the counter keeps its pace whatever the processor saves or spends.

@@ -69,14 +69,14 @@ void JoinThread(void* handle);
 /// thread may have ended. Takes microseconds.
 void SynchronizeThread(u64 threadKey);
 
-/// False when no thread of the process has the id (see Thread::GetId) any more; true also when that cannot be told. A few
-/// microseconds.
+/// False when no thread of the process has the id (see Thread::GetId) any more; true also when that cannot be told. A
+/// few microseconds.
 [[nodiscard]] bool IsThreadAlive(u32 threadId);
 
 /// True at the end of a process when the system has ended all its other threads, in the middle of whatever they were
-/// doing, and nobody will ever release what they held. Windows ends them before it unloads the DLLs, where the functions
-/// run that these registered for the exit; those of the program itself run before, with the threads still at work, as all
-/// do on posix systems. Costs next to nothing; no lock of the system's is taken.
+/// doing, and nobody will ever release what they held. Windows ends them before it unloads the DLLs, where the
+/// functions run that these registered for the exit; those of the program itself run before, with the threads still at
+/// work, as all do on posix systems. Costs next to nothing; no lock of the system's is taken.
 [[nodiscard]] bool HasEndedOtherThreads();
 
 // Types

@@ -1,12 +1,12 @@
 /// \file
 /// Writes that a kill does not cut.
 ///
-/// Windows finishes a write that has begun. Linux lets a fatal signal end a write between two pages of the file: a thread
-/// that writes without a pause is cut by every other kill. So there a write that leaves its page is done by a helper
-/// process, which shares the memory and the files, belongs to no process group that is killed as a whole, knows no other
-/// signals, and lives for that one call; it outlives the caller's kill. That costs some thirty microseconds, for which a
-/// caller with much to write fills each write well. What kills by other means than a signal to the process or its group
-/// (a container that is stopped, the system out of memory) still cuts.
+/// Windows finishes a write that has begun. Linux lets a fatal signal end a write between two pages of the file: a
+/// thread that writes without a pause is cut by every other kill. So there a write that leaves its page is done by a
+/// helper process, which shares the memory and the files, belongs to no process group that is killed as a whole, knows
+/// no other signals, and lives for that one call; it outlives the caller's kill. That costs some thirty microseconds,
+/// for which a caller with much to write fills each write well. What kills by other means than a signal to the process
+/// or its group (a container that is stopped, the system out of memory) still cuts.
 #pragma once
 
 #include "Platform_File.h"

@@ -1,6 +1,7 @@
-// Crashes arrive as signals, on the signal stack of the thread if it has one. That stack is small, as is what is left of
-// the thread's own: the stages of the report run on a large one that is set aside at installation. A stage that crashes
-// comes back here as another signal on the same thread; one that hangs, as the signal of a timer. Both jump out of it.
+// Crashes arrive as signals, on the signal stack of the thread if it has one. That stack is small, as is what is left
+// of the thread's own: the stages of the report run on a large one that is set aside at installation. A stage that
+// crashes comes back here as another signal on the same thread; one that hangs, as the signal of a timer. Both jump out
+// of it.
 #include "../Platform_Crash.h"
 
 #include "../Platform_Thread.h"
@@ -124,8 +125,8 @@ void RunGuarded(SStageCall& call)
     g_escape = outer;
 }
 
-/// The outermost stage, on the stage stack. Signals within it get a stack of their own: the one they would use holds the
-/// records of the crash.
+/// The outermost stage, on the stage stack. Signals within it get a stack of their own: the one they would use holds
+/// the records of the crash.
 void EnterStages(SStageCall* call)
 {
     stack_t inner{};

@@ -40,8 +40,8 @@ u32 TransferError(int descriptor)
     return SystemErrorFromErrno(number);
 }
 
-// A separator behind the name of a file: on Windows that name is invalid, while a file in a folder's place on the way is
-// a path that is not found. Here both are ENOTDIR.
+// A separator behind the name of a file: on Windows that name is invalid, while a file in a folder's place on the way
+// is a path that is not found. Here both are ENOTDIR.
 u32 LastErrorOf(char const* path)
 {
     int const number = errno;

@@ -4,8 +4,8 @@
 
 namespace Velmor::Platform {
 
-/// Gives the calling thread a signal stack for the length of a scope, if a crash handler is installed and the thread has
-/// none. Every thread that the library starts holds one.
+/// Gives the calling thread a signal stack for the length of a scope, if a crash handler is installed and the thread
+/// has none. Every thread that the library starts holds one.
 class CCrashStack {
 public:
     CCrashStack();

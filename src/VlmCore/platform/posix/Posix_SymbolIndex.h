@@ -1,6 +1,7 @@
 /// \file
 /// Symbols and compilation units of the loaded modules, in order. The debugging library itself looks through a module's
-/// whole symbol table for each address, and through all of its compilation units where the compiler left out their table.
+/// whole symbol table for each address, and through all of its compilation units where the compiler left out their
+/// table.
 ///
 /// Memory comes from the C runtime; where there is none, lookups find nothing and the library's own are left. Callers
 /// hold the lock of the symbols.
@@ -62,8 +63,8 @@ public:
 
     [[nodiscard]] Dwfl_Module* GetModule() const { return m_module; }
 
-    /// The raw name of the function around an address; of several with this start the most public one. Null when none is
-    /// known to reach that far. Lives as long as the module.
+    /// The raw name of the function around an address; of several with this start the most public one. Null when none
+    /// is known to reach that far. Lives as long as the module.
     [[nodiscard]] char const* FindFunction(u64 address) const;
 
     /// The line of an address; null when there is no debug information.
