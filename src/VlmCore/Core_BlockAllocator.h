@@ -298,9 +298,9 @@ private:
         m_liveCount.Add(1);
         heap.ExtendIfBusy(m_allocationCount.Get());
     }
-    static void CountOwnAllocation(CHeapLane& lane) { lane.GetLargestClass(Kind).CountAllocation(); }
+    static void CountOwnAllocation(CLaneCounters& counters) { counters.CountAllocation(Kind); }
     void CountOwnRelease(CGlobalHeap&) { m_liveCount.Subtract(1); }
-    static void CountOwnRelease(CHeapLane& lane) { lane.GetLargestClass(Kind).CountRelease(); }
+    static void CountOwnRelease(CLaneCounters& counters) { counters.CountRelease(Kind); }
 
     [[nodiscard]] static void* TakeLarge(CGlobalHeap& heap, u64 size);
     [[nodiscard]] u64 GetAllocationCount(CGlobalHeap const& heap) const;

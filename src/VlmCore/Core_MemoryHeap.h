@@ -42,7 +42,7 @@ public:
     /// True when `size` more bytes, up to LargestSize and an alignment, stay within the budget.
     [[nodiscard]] bool FitsBudget(u64 size) const
     {
-        if (CountsInLanes())
+        if (CountsBytesInLanes())
             return true;
         u64 const used = HasBudget() ? m_bytesInUse.Get() : GetBytesInUse();
         return used <= m_budget && size <= m_budget - used;
@@ -58,15 +58,12 @@ public:
     /// Nothing for null.
     void HookRelease(void* block);
 
-    /// Runs `count(counters)`: the heap with its lock held, or a lane of an extended heap, which has the same functions
-    /// for what may be counted apart and summed up later. With a budget that cannot be: the bytes in use decide there.
-    /// No lock held.
+    /// Runs `count(counters)`: the heap with its lock held, or CLaneCounters, which has the same functions. No lock held.
     template <class Count>
     void ChangeCounters(Count&& count)
     {
-        CHeapExtension* const extension = GetExtension();
-        if (extension != nullptr && CountsInLanes())
-            extension->UseLane([&](CHeapLane& lane) { count(lane); });
+        if (CHeapExtension* const extension = GetExtension())
+            extension->UseLane([&](CHeapLane& lane) { CountInLane(lane, count); });
         else {
             CLock const lock(m_lock);
             count(*this);
@@ -88,14 +85,17 @@ public:
         ExtendIfBusy(m_allocationCount.Get());
     }
     void CountReleasedHookBlocks(u64 blocks) { m_liveCount.Subtract(blocks); }
-    /// A count that would pass the end of its type is left out: it could only come from refused requests.
+    /// The bytes in use need no lock. A count that would pass the end of its type is left out: it could only come from
+    /// refused requests.
     void AddBytes(u64 size)
     {
-        u64 const used = HasBudget() || CountsInLanes() ? m_bytesInUse.Get() : GetBytesInUse();
-        if (size <= ~u64{0} - used)
-            m_bytesInUse.Add(size);
+        u64 const elsewhere = HasBudget() || CountsBytesInLanes() ? 0 : GetBytesInUse() - m_bytesInUse.Get();
+        m_bytesInUse.AddUpTo(size, ~u64{0} - elsewhere);
     }
     void SubtractBytes(u64 size) { m_bytesInUse.Subtract(size); }
+
+    /// While they decide nothing, they are counted in lanes: without a budget, and far from the end of their type.
+    [[nodiscard]] bool CountsBytesInLanes() const { return !HasBudget() && m_bytesInUse.Get() <= LargestSize; }
 
     // ---- The record table ----
 
@@ -335,19 +335,9 @@ private:
 
     // With the lane's lock held.
     template <class Count>
-    void CountInLane(CHeapLane& lane, Count&& count)
-    {
-        if (CountsInLanes()) {
-            count(lane);
-            return;
-        }
-        CLock const lock(m_lock);
-        count(*this);
-    }
+    void CountInLane(CHeapLane& lane, Count&& count);
 
     [[nodiscard]] bool HasBudget() const { return m_budget != ~u64{0}; }
-    // While the bytes in use decide nothing: without a budget, and far from the end of their type.
-    [[nodiscard]] bool CountsInLanes() const { return !HasBudget() && m_bytesInUse.Get() <= LargestSize; }
 
     // ---- Either way ----
 
@@ -429,12 +419,50 @@ private:
     SMemoryHooks m_hooks;
     CStatisticsCounter m_allocationCount;
     CStatisticsCounter m_liveCount;
-    CStatisticsCounter m_bytesInUse;
+    CSharedCounter m_bytesInUse;
     u64 m_budget;
     CRecursiveSpinLock m_lock;
     u8 m_report;
     u8 m_passthrough;
     u8 m_growthExponent = 0;
 };
+
+/// Where blocks of an extended heap are counted: in a lane, whose lock is held, to be summed up later, but for the bytes
+/// in use when they decide what is refused.
+class CLaneCounters {
+public:
+    CLaneCounters(CHeapLane& lane, CGlobalHeap& heap) : m_lane(lane), m_heap(heap) {}
+
+    void CountHookBlocks(u64 requests, u64 blocks) { m_lane.CountHookBlocks(requests, blocks); }
+    void CountReleasedHookBlocks(u64 blocks) { m_lane.CountReleasedHookBlocks(blocks); }
+    void AddBytes(u64 size)
+    {
+        if (m_heap.CountsBytesInLanes())
+            m_lane.AddBytes(size);
+        else
+            m_heap.AddBytes(size);
+    }
+    void SubtractBytes(u64 size)
+    {
+        if (m_heap.CountsBytesInLanes())
+            m_lane.SubtractBytes(size);
+        else
+            m_heap.SubtractBytes(size);
+    }
+    /// Of a pool: a block that is none of the lane's.
+    void CountAllocation(EHeap::Type kind) { m_lane.GetLargestClass(kind).CountAllocation(); }
+    void CountRelease(EHeap::Type kind) { m_lane.GetLargestClass(kind).CountRelease(); }
+
+private:
+    CHeapLane& m_lane;
+    CGlobalHeap& m_heap;
+};
+
+template <class Count>
+void CGlobalHeap::CountInLane(CHeapLane& lane, Count&& count)
+{
+    CLaneCounters counters(lane, *this);
+    count(counters);
+}
 
 } // namespace Velmor

@@ -29,6 +29,26 @@ private:
     std::atomic<u64> m_value{0};
 };
 
+/// A counter that any thread changes at any time.
+class CSharedCounter {
+public:
+    [[nodiscard]] u64 Get() const { return m_value.load(std::memory_order_relaxed); }
+    void Set(u64 value) { m_value.store(value, std::memory_order_relaxed); }
+    /// Nothing when it would pass `most`.
+    void AddUpTo(u64 value, u64 most)
+    {
+        u64 seen = Get();
+        do {
+            if (seen > most || value > most - seen)
+                return;
+        } while (!m_value.compare_exchange_weak(seen, seen + value, std::memory_order_relaxed));
+    }
+    void Subtract(u64 value) { m_value.fetch_sub(value, std::memory_order_relaxed); }
+
+private:
+    std::atomic<u64> m_value{0};
+};
+
 /// What the heap knows about one block: 61 bits of size, three bits of heap kind.
 struct SAllocationRecord {
     u64 address;
