@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <thread>
@@ -574,6 +575,56 @@ TEST_F(ExtendedHeap, AHeapOfTheHooksBlocksAloneIsExtended)
     EXPECT_EQ(CCountingHooks::GetLiveBlocks(), blocks + 1);
     EXPECT_EQ(GetStatistics().liveCount, 4u) << "the pools";
     EXPECT_EQ(GetStatistics().allocationCount, Count + 4);
+}
+
+// Records that one thread has to spare serve another before it is refused.
+TEST_F(ExtendedHeap, WithoutMemoryForRecordsThoseOfOtherThreadsAreUsed)
+{
+    Fill(2300, 32, EHeap::General); // the store has room for 4,096; memory for that is taken when it is needed
+    constexpr u64 Freed = 40;
+    auto const isGiven = [] {
+        CCountingHooks::FailFrom(2);
+        void* const block = Memory::Malloc(32, EHeap::General);
+        CCountingHooks::FailFrom(0);
+        return block;
+    };
+    while (void* const block = isGiven())
+        m_blocks.push_back(block);
+    ASSERT_LT(m_blocks.size(), 4096u - 4);
+    for (u64 index = 0; index < Freed; ++index) {
+        Memory::Free(m_blocks.back());
+        m_blocks.pop_back();
+    }
+    for (u32 turn = 0; turn < 4; ++turn)
+        std::thread([&] {
+            for (u64 index = 0; index < Freed / 4; ++index) {
+                m_blocks.push_back(isGiven());
+                EXPECT_NE(m_blocks.back(), nullptr) << turn << ' ' << index;
+            }
+        }).join();
+    EXPECT_EQ(isGiven(), nullptr) << "these were all";
+    Empty();
+}
+
+// Hooks may answer what no machine has: addresses alone.
+TEST(ExtendedHeapOfHugeBlocks, TheEndOfTheCountIsTheEnd)
+{
+    auto const allocate = [](u64 size) { return std::malloc(size > u64{1} << 30 ? 64 : size); };
+    Memory::Initialize(allocate, nullptr, nullptr, EHeapFlag::Passthrough, 0);
+    for (u32 index = 0; index < 5000; ++index)
+        Memory::Free(Memory::Malloc(16, EHeap::General));
+    u64 const empty = GetStatistics().bytesInUse;
+    std::vector<void*> blocks;
+    for (; blocks.size() < 15; blocks.push_back(Memory::Malloc(u64{1} << 60, EHeap::General)))
+        ASSERT_EQ(GetStatistics().bytesInUse, empty + (blocks.size() << 60));
+    EXPECT_EQ(std::count(blocks.begin(), blocks.end(), nullptr), 0);
+    EXPECT_EQ(Memory::Malloc(u64{1} << 60, EHeap::General), nullptr);
+    EXPECT_EQ(GetStatistics().bytesInUse, empty + (u64{15} << 60));
+    EXPECT_EQ(GetStatistics().liveCount, 15u);
+    for (void* const block : blocks)
+        Memory::Free(block);
+    EXPECT_EQ(GetStatistics().bytesInUse, empty);
+    Memory::Deinitialize();
 }
 
 // Records move to the extension's table while other threads look for them, take them out and put them in.

@@ -200,10 +200,18 @@ bool CGlobalHeap::PrepareFreeRecord()
 u32 CGlobalHeap::ReserveRecords(u32 wanted)
 {
     CLock const lock(m_lock);
-    auto& beyond = m_buckets.beyond;
-    u64 const count = std::min<u64>(wanted, beyond.available);
-    beyond.available -= count;
+    u64 const count = GetShare(wanted);
+    m_buckets.beyond.available -= count;
     return static_cast<u32>(count);
+}
+
+// What a lane gets of the available records: few of the last ones, or lanes would take them from each other at every
+// step, since whoever has none calls them in from all.
+u64 CGlobalHeap::GetShare(u64 wanted) const
+{
+    constexpr u64 Lanes = 32;
+    u64 const available = m_buckets.beyond.available;
+    return std::min({wanted, available, std::max<u64>(1, available / Lanes)});
 }
 
 auto CGlobalHeap::FillRecords(CHeapLane& lane) -> ERecords
@@ -211,7 +219,7 @@ auto CGlobalHeap::FillRecords(CHeapLane& lane) -> ERecords
     CLock const lock(m_lock);
     if (m_buckets.beyond.available == 0)
         return ERecords::None;
-    for (u32 count = 0; count < CHeapLane::RecordsAtOnce; ++count) {
+    for (u64 count = GetShare(CHeapLane::RecordsAtOnce); count != 0; --count) {
         SAllocationRecord* const record = PopFreeRecord();
         if (record == nullptr)
             break;
@@ -225,6 +233,17 @@ void CGlobalHeap::ReturnRecordsOf(CHeapLane& lane)
     CLock const lock(m_lock);
     for (u32 count = 0; count < CHeapLane::RecordsAtOnce; ++count)
         PushFreeRecord(&lane.PopRecord());
+}
+
+void CGlobalHeap::CollectRecords(CHeapExtension& extension)
+{
+    CHeapExtension::SCollected collected = extension.CollectCredits();
+    CLock const lock(m_lock);
+    m_buckets.beyond.available += collected.credits;
+    while (SAllocationRecord* const record = collected.records) {
+        collected.records = record->next;
+        PushFreeRecord(record);
+    }
 }
 
 // Before the store grows, the lanes' unused credits are called in: it grows only when every record is in use. One
@@ -244,13 +263,8 @@ bool CGlobalHeap::MakeFreeRecords(EStoreGrowth growth)
         if (m_buckets.beyond.available != 0) // another thread made them
             return true;
     }
-    CHeapExtension::SCollected collected = extension->CollectCredits();
+    CollectRecords(*extension);
     CLock const lock(m_lock);
-    m_buckets.beyond.available += collected.credits;
-    while (SAllocationRecord* const record = collected.records) {
-        collected.records = record->next;
-        PushFreeRecord(record);
-    }
     return m_buckets.beyond.available != 0 || (mayGrow && GrowRecordStore());
 }
 
@@ -277,7 +291,7 @@ void CRecordShard::Grow(SMemoryHooks const& hooks)
     for (u64 index = 0; index < u64{1} << oldBits; ++index)
         for (SAllocationRecord* record = oldHeads[index]; record != nullptr;) {
             SAllocationRecord* const next = record->next;
-            SAllocationRecord*& head = heads[GetIndex(record->address, newBits)];
+            SAllocationRecord*& head = heads[Impl::GetRecordBucket(record->address, newBits)];
             record->next = head;
             head = record;
             record = next;

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <utility>
 
 namespace Velmor {
 
@@ -42,7 +43,7 @@ public:
     /// True when `size` more bytes, up to LargestSize and an alignment, stay within the budget.
     [[nodiscard]] bool FitsBudget(u64 size) const
     {
-        if (CountsBytesInLanes())
+        if (IsFarFromEnd())
             return true;
         u64 const used = HasBudget() ? m_bytesInUse.Get() : GetBytesInUse();
         return used <= m_budget && size <= m_budget - used;
@@ -58,7 +59,8 @@ public:
     /// Nothing for null.
     void HookRelease(void* block);
 
-    /// Runs `count(counters)`: the heap with its lock held, or CLaneCounters, which has the same functions. No lock held.
+    /// Runs `count(counters)`: the heap with its lock held, or CLaneCounters, which has the same functions. No lock
+    /// held.
     template <class Count>
     void ChangeCounters(Count&& count)
     {
@@ -89,13 +91,15 @@ public:
     /// refused requests.
     void AddBytes(u64 size)
     {
-        u64 const elsewhere = HasBudget() || CountsBytesInLanes() ? 0 : GetBytesInUse() - m_bytesInUse.Get();
-        m_bytesInUse.AddUpTo(size, ~u64{0} - elsewhere);
+        u64 const used = HasBudget() || IsFarFromEnd() ? m_bytesInUse.Get() : GetBytesInUse();
+        if (size <= ~u64{0} - used)
+            m_bytesInUse.Add(size);
     }
     void SubtractBytes(u64 size) { m_bytesInUse.Subtract(size); }
 
-    /// While they decide nothing, they are counted in lanes: without a budget, and far from the end of their type.
-    [[nodiscard]] bool CountsBytesInLanes() const { return !HasBudget() && m_bytesInUse.Get() <= LargestSize; }
+    /// Whether a block's bytes are counted in lanes: where they decide nothing, and are not so many that the lanes' could
+    /// come near the end of their type.
+    [[nodiscard]] bool CountsBytesInLanes(u64 size) const { return !HasBudget() && size < u64{1} << 48; }
 
     // ---- The record table ----
 
@@ -307,7 +311,7 @@ private:
     {
         u64 const address = reinterpret_cast<u64>(block);
         extension.GetTable().GetShard(address).Prefetch(address);
-        for (;;) {
+        for (bool hasCollected = false;;) {
             SAllocationRecord* record = nullptr;
             ERecords records = ERecords::None;
             extension.UseLane([&](CHeapLane& lane) {
@@ -323,7 +327,14 @@ private:
                 LinkInShard(extension, *record);
                 return true;
             }
-            if (records == ERecords::Refused || !MakeFreeRecords(growth))
+            if (records == ERecords::Refused) {
+                // Other lanes may have some.
+                if (std::exchange(hasCollected, true))
+                    return false;
+                TScopedLock const collecting(extension.GetCollectingLock());
+                CollectRecords(extension);
+            }
+            else if (!MakeFreeRecords(growth))
                 return false;
         }
     }
@@ -338,6 +349,9 @@ private:
     void CountInLane(CHeapLane& lane, Count&& count);
 
     [[nodiscard]] bool HasBudget() const { return m_budget != ~u64{0}; }
+    // Without a budget: so far from the end of their type are the bytes in use that any request fits, wherever else some
+    // are counted.
+    [[nodiscard]] bool IsFarFromEnd() const { return !HasBudget() && m_bytesInUse.Get() <= u64{1} << 63; }
 
     // ---- Either way ----
 
@@ -400,6 +414,8 @@ private:
     }
 
     [[nodiscard]] u64 GetRecordChunkCount() const { return m_growthExponent == 0 ? 0 : u64{1} << m_growthExponent; }
+    // Under the collecting lock and no other.
+    void CollectRecords(CHeapExtension& extension);
     [[nodiscard]] bool PrepareFreeRecord();
     [[nodiscard]] bool GrowRecordStore();
     [[nodiscard]] bool AddRecordChunk(u64 index);
@@ -409,6 +425,7 @@ private:
 
     enum class ERecords : u8 { Some, None, Refused }; // the hook gave no memory for those that there are
 
+    [[nodiscard]] u64 GetShare(u64 wanted) const;
     [[nodiscard]] ERecords FillRecords(CHeapLane& lane);
     void ReturnRecordsOf(CHeapLane& lane);
 
@@ -427,8 +444,8 @@ private:
     u8 m_growthExponent = 0;
 };
 
-/// Where blocks of an extended heap are counted: in a lane, whose lock is held, to be summed up later, but for the bytes
-/// in use when they decide what is refused.
+/// Where blocks of an extended heap are counted: in a lane, whose lock is held, to be summed up later, but for the
+/// bytes in use when they decide what is refused.
 class CLaneCounters {
 public:
     CLaneCounters(CHeapLane& lane, CGlobalHeap& heap) : m_lane(lane), m_heap(heap) {}
@@ -437,14 +454,14 @@ public:
     void CountReleasedHookBlocks(u64 blocks) { m_lane.CountReleasedHookBlocks(blocks); }
     void AddBytes(u64 size)
     {
-        if (m_heap.CountsBytesInLanes())
+        if (m_heap.CountsBytesInLanes(size))
             m_lane.AddBytes(size);
         else
             m_heap.AddBytes(size);
     }
     void SubtractBytes(u64 size)
     {
-        if (m_heap.CountsBytesInLanes())
+        if (m_heap.CountsBytesInLanes(size))
             m_lane.SubtractBytes(size);
         else
             m_heap.SubtractBytes(size);

@@ -21,7 +21,8 @@ struct SMemoryHooks {
 class CStatisticsCounter {
 public:
     [[nodiscard]] u64 Get() const { return m_value.load(std::memory_order_relaxed); }
-    void Set(u64 value) { m_value.store(value, std::memory_order_relaxed); }
+    /// Who sees the value, and has a fence behind that, sees what was counted before it.
+    void Set(u64 value) { m_value.store(value, std::memory_order_release); }
     void Add(u64 value) { Set(Get() + value); }
     void Subtract(u64 value) { Set(Get() - value); }
 
@@ -34,15 +35,7 @@ class CSharedCounter {
 public:
     [[nodiscard]] u64 Get() const { return m_value.load(std::memory_order_relaxed); }
     void Set(u64 value) { m_value.store(value, std::memory_order_relaxed); }
-    /// Nothing when it would pass `most`.
-    void AddUpTo(u64 value, u64 most)
-    {
-        u64 seen = Get();
-        do {
-            if (seen > most || value > most - seen)
-                return;
-        } while (!m_value.compare_exchange_weak(seen, seen + value, std::memory_order_relaxed));
-    }
+    void Add(u64 value) { m_value.fetch_add(value, std::memory_order_relaxed); }
     void Subtract(u64 value) { m_value.fetch_sub(value, std::memory_order_relaxed); }
 
 private:
@@ -70,6 +63,31 @@ struct SAllocationRecord {
 
 static_assert(sizeof(SAllocationRecord) == 24);
 
+namespace Impl {
+
+/// The part of the record table for a block, as one of 2^bits: neighbours share it, so that threads with memory of their
+/// own mostly have parts of their own. Method: multiplication by the golden ratio (Donald Knuth, "The Art of Computer
+/// Programming", volume 3, 6.4).
+[[nodiscard]] constexpr u64 GetRecordShard(u64 address, u32 bits)
+{
+    constexpr u32 RegionBits = 18;
+    constexpr u64 GoldenRatio = 0x9E3779B97F4A7C15u;
+    return (address >> RegionBits) * GoldenRatio >> (64 - bits);
+}
+
+/// The bucket within that part, of 2^bits. Blocks lie at least 8, mostly 16 bytes apart; neighbours get neighbouring
+/// buckets, which suits the cache. Large ones lie at distances near to powers of two: where a run of buckets begins is a
+/// hash of the higher bits, by another factor than above (one of David Stafford's mixer 13), or each part would use a few
+/// of its buckets only.
+[[nodiscard]] constexpr u64 GetRecordBucket(u64 address, u32 bits)
+{
+    constexpr u64 Factor = 0xBF58476D1CE4E5B9u;
+    u64 const number = address >> 4;
+    return (number + ((number >> bits) * Factor >> (64 - bits))) & ((u64{1} << bits) - 1);
+}
+
+} // namespace Impl
+
 /// A part of the record table, with a lock of its own and buckets that grow with the records in them.
 class alignas(64) CRecordShard {
 public:
@@ -84,7 +102,7 @@ public:
     /// that is being replaced: a prefetch of memory that is gone does no harm.
     void Prefetch(u64 address) const
     {
-        __builtin_prefetch(GetHeads() + GetIndex(address, m_bits.load(std::memory_order_relaxed)), 1);
+        __builtin_prefetch(GetHeads() + Impl::GetRecordBucket(address, m_bits.load(std::memory_order_relaxed)), 1);
     }
 
     void Link(SMemoryHooks const& hooks, SAllocationRecord& record)
@@ -122,21 +140,15 @@ public:
             visit(*record);
     }
 
-private:
+    /// Base-2 logarithms of the buckets at first, and of what they grow by.
     static constexpr u32 FirstBits = 5;
     static constexpr u32 GrowthBits = 2;
 
-    // Blocks lie at least 8, mostly 16 bytes apart; neighbours get neighbouring buckets, which suits the cache. Large
-    // blocks often begin at multiples of a page or of 64 KB: higher bits count, too.
-    [[nodiscard]] static u64 GetIndex(u64 address, u32 bits)
-    {
-        u64 const number = address >> 4;
-        return (number ^ number >> bits ^ number >> 2 * bits) & ((u64{1} << bits) - 1);
-    }
+private:
     [[nodiscard]] SAllocationRecord** GetHeads() const { return m_heads.load(std::memory_order_relaxed); }
     [[nodiscard]] SAllocationRecord*& FindBucket(u64 address)
     {
-        return GetHeads()[GetIndex(address, m_bits.load(std::memory_order_relaxed))];
+        return GetHeads()[Impl::GetRecordBucket(address, m_bits.load(std::memory_order_relaxed))];
     }
     void Grow(SMemoryHooks const& hooks);
 
@@ -150,13 +162,9 @@ private:
 /// The record table of an extended heap, for blocks of the hooks and those of chunks that are not in the map.
 class CRecordTable {
 public:
-    /// The shard for a block: neighbours share it, so that threads with memory of their own mostly have shards of their
-    /// own.
-    [[nodiscard]] CRecordShard& GetShard(u64 address)
-    {
-        constexpr u64 GoldenRatio = 0x9E3779B97F4A7C15u;
-        return m_shards[(address >> RegionBits) * GoldenRatio >> (64 - ShardBits)];
-    }
+    static constexpr u32 ShardBits = 6;
+
+    [[nodiscard]] CRecordShard& GetShard(u64 address) { return m_shards[Impl::GetRecordShard(address, ShardBits)]; }
 
     void Release(SMemoryHooks const& hooks)
     {
@@ -165,9 +173,6 @@ public:
     }
 
 private:
-    static constexpr u32 RegionBits = 18;
-    static constexpr u32 ShardBits = 6;
-
     CRecordShard m_shards[1u << ShardBits];
 };
 
