@@ -1,7 +1,10 @@
 #include "Core_MemoryExtension.h"
+#include "Core_MemoryHeap.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <memory>
 #include <vector>
 
@@ -163,6 +166,29 @@ TEST(HeapLane, GivesUpTheCreditsOfAllItsBlocks)
     EXPECT_FALSE(lane->GetClass(First).HasCredited());
     EXPECT_EQ(GetNumbers(lane->GetClass(First).GetLoaded()), (std::vector<u64>{1, 2}));
     EXPECT_EQ(GetNumbers(lane->GetClass(Last).GetLoaded()), (std::vector<u64>{3}));
+}
+
+// Whoever finds none calls them in from all lanes: with the last ones in few hands, lanes did that to each other at
+// every step.
+TEST(RecordStore, GivesOneLaneFewOfTheLastRecords)
+{
+    CGlobalHeap* const heap = CGlobalHeap::Create({&std::malloc, &std::realloc, &std::free}, 0, 0);
+    ASSERT_NE(heap, nullptr);
+    {
+        CGlobalHeap::CLock const lock(heap->GetLock());
+        heap->Extend();
+    }
+    u64 left = 512; // what a heap begins with
+    for (u32 given = 0; left != 0; left -= given) {
+        given = heap->ReserveRecords(64);
+        ASSERT_EQ(given, std::max<u64>(1, left / 32)) << left;
+    }
+    EXPECT_EQ(heap->ReserveRecords(64), 0u);
+    heap->ReturnRecords(512);
+    EXPECT_EQ(heap->ReserveRecords(5), 5u) << "no more than wanted";
+    heap->ReturnRecords(5);
+    heap->ReleaseRecords();
+    std::free(heap);
 }
 
 TEST(ChunkTagNumber, IsTheSameForAShapeAndForAChunk)
