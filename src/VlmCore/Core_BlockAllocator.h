@@ -1,9 +1,9 @@
 // The pooled heap kinds: small blocks of power-of-two classes from chunks, larger ones from the hooks.
 //
 // A block allocator keeps no pointer to its heap, since modules share both; every operation is handed the heap. Its
-// counters are changed under the heap lock, or are those of a lane (see CGlobalHeap::ChangeCounters), its classes under a
-// lock each. Order of locks: a class lock before the heap lock, never the other way round. Once the heap is extended, blocks
-// come and go by lanes, rows of them at a time (see CHeapExtension).
+// counters are changed under the heap lock, or are those of a lane (see CGlobalHeap::ChangeCounters), its classes under
+// a lock each. Order of locks: a class lock before the heap lock, never the other way round. Once the heap is extended,
+// blocks come and go by lanes, rows of them at a time (see CHeapExtension).
 #pragma once
 
 #include "Core_MemoryAlignment.h"

@@ -97,8 +97,8 @@ public:
     }
     void SubtractBytes(u64 size) { m_bytesInUse.Subtract(size); }
 
-    /// Whether a block's bytes are counted in lanes: where they decide nothing, and are not so many that the lanes' could
-    /// come near the end of their type.
+    /// Whether a block's bytes are counted in lanes: where they decide nothing, and are not so many that the lanes'
+    /// could come near the end of their type.
     [[nodiscard]] bool CountsBytesInLanes(u64 size) const { return !HasBudget() && size < u64{1} << 48; }
 
     // ---- The record table ----
@@ -349,8 +349,8 @@ private:
     void CountInLane(CHeapLane& lane, Count&& count);
 
     [[nodiscard]] bool HasBudget() const { return m_budget != ~u64{0}; }
-    // Without a budget: so far from the end of their type are the bytes in use that any request fits, wherever else some
-    // are counted.
+    // Without a budget: so far from the end of their type are the bytes in use that any request fits, wherever else
+    // some are counted.
     [[nodiscard]] bool IsFarFromEnd() const { return !HasBudget() && m_bytesInUse.Get() <= u64{1} << 63; }
 
     // ---- Either way ----

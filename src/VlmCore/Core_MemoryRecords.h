@@ -65,9 +65,9 @@ static_assert(sizeof(SAllocationRecord) == 24);
 
 namespace Impl {
 
-/// The part of the record table for a block, as one of 2^bits: neighbours share it, so that threads with memory of their
-/// own mostly have parts of their own. Method: multiplication by the golden ratio (Donald Knuth, "The Art of Computer
-/// Programming", volume 3, 6.4).
+/// The part of the record table for a block, as one of 2^bits: neighbours share it, so that threads with memory of
+/// their own mostly have parts of their own. Method: multiplication by the golden ratio (Donald Knuth, "The Art of
+/// Computer Programming", volume 3, 6.4).
 [[nodiscard]] constexpr u64 GetRecordShard(u64 address, u32 bits)
 {
     constexpr u32 RegionBits = 18;
@@ -76,9 +76,9 @@ namespace Impl {
 }
 
 /// The bucket within that part, of 2^bits. Blocks lie at least 8, mostly 16 bytes apart; neighbours get neighbouring
-/// buckets, which suits the cache. Large ones lie at distances near to powers of two: where a run of buckets begins is a
-/// hash of the higher bits, by another factor than above (one of David Stafford's mixer 13), or each part would use a few
-/// of its buckets only.
+/// buckets, which suits the cache. Large ones lie at distances near to powers of two: where a run of buckets begins is
+/// a hash of the higher bits, by another factor than above (one of David Stafford's mixer 13), or each part would use a
+/// few of its buckets only.
 [[nodiscard]] constexpr u64 GetRecordBucket(u64 address, u32 bits)
 {
     constexpr u64 Factor = 0xBF58476D1CE4E5B9u;

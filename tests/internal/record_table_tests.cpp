@@ -1,5 +1,5 @@
-// Where blocks come to lie in the record table of an extended heap: no pattern of addresses that allocators are known for
-// makes look-ups long.
+// Where blocks come to lie in the record table of an extended heap: no pattern of addresses that allocators are known
+// for makes look-ups long.
 #include "Core_MemoryRecords.h"
 
 #include <gtest/gtest.h>
