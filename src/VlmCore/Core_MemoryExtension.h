@@ -282,6 +282,9 @@ static_assert(sizeof(CHeapLane) == 192 + CHeapLane::ClassCount * sizeof(CLaneCla
 
 class CHeapExtension {
 public:
+    static constexpr u32 LaneBits = CBiasedLock::CommonBits;
+    static constexpr u32 LaneCount = 1u << LaneBits;
+
     struct STaken {
         void* block;     ///< null when there is none to be had
         bool isRecorded; ///< counted and recorded; otherwise the caller has yet to
@@ -428,8 +431,6 @@ public:
     void ReuseRemoved();
 
 private:
-    static constexpr u32 LaneBits = CBiasedLock::CommonBits;
-    static constexpr u32 LaneCount = 1u << LaneBits;
     static_assert(LaneCount == CFreeChunks::HomeCount);
     static constexpr u32 CreditsAtOnce = 64;
     static constexpr u32 MostCredits = 2 * CreditsAtOnce; // in a lane, but for those of blocks

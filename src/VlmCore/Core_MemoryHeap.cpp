@@ -209,9 +209,8 @@ u32 CGlobalHeap::ReserveRecords(u32 wanted)
 // step, since whoever has none calls them in from all.
 u64 CGlobalHeap::GetShare(u64 wanted) const
 {
-    constexpr u64 Lanes = 32;
     u64 const available = m_buckets.beyond.available;
-    return std::min({wanted, available, std::max<u64>(1, available / Lanes)});
+    return std::min({wanted, available, std::max<u64>(1, available / CHeapExtension::LaneCount)});
 }
 
 auto CGlobalHeap::FillRecords(CHeapLane& lane) -> ERecords

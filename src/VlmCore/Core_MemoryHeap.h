@@ -103,7 +103,8 @@ public:
 
     // ---- The record table ----
 
-    /// What the heap has beyond its own fields; null up to 1,024 records and 4,096 allocations of a kind.
+    /// What the heap has beyond its own fields; null up to 1,024 records and 4,096 allocations of the hooks or from a
+    /// pool.
     [[nodiscard]] CHeapExtension* GetExtension() const { return m_extension.load(std::memory_order_acquire); }
     /// Where it is found; as long as the heap object, whatever becomes of the extension.
     [[nodiscard]] std::atomic<CHeapExtension*> const& GetExtensionWord() const { return m_extension; }
@@ -111,10 +112,11 @@ public:
     /// Extends the heap, if it is not. Under the heap lock. Without memory for it the heap goes on as it is.
     void Extend();
     /// A heap that is used a lot is extended even when it never holds much: `count` allocations so far, of the hooks or
-    /// of a pool. Under the heap lock.
+    /// of a pool. Under the heap lock. Where it cannot be had, it is asked for again after as many.
     void ExtendIfBusy(u64 count)
     {
         constexpr u64 ManyAllocations = 4096;
+        // A class that grows counts two at once.
         if (count >= ManyAllocations && GetExtension() == nullptr && count % ManyAllocations < 2)
             Extend();
     }
@@ -252,7 +254,8 @@ public:
 
     // ---- Credits: records of the store that stand for records in the chunks, and for those that lanes have ----
 
-    /// Sets up to `wanted` records aside; how many. 0 when the store has none: MakeFreeRecords may help.
+    /// Sets up to `wanted` records aside, few of the last ones; how many. 0 when the store has none: MakeFreeRecords
+    /// may help.
     [[nodiscard]] u32 ReserveRecords(u32 wanted);
     /// Sees to it that the store has a record, which another thread may take at once; false when that cannot be. No
     /// lock held, that of a lane included.
