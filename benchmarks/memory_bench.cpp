@@ -42,23 +42,34 @@ private:
     u64 m_state;
 };
 
-void* Allocate(SAllocator const& allocator, u64 size)
+/// How much of a block its user writes to.
+enum class EWritten { FirstByte, Whole };
+
+void* Allocate(SAllocator const& allocator, u64 size, EWritten written = EWritten::FirstByte)
 {
     void* const block = allocator.allocate(size);
-    *static_cast<u8 volatile*>(block) = 1;
+    if (written == EWritten::Whole) {
+        std::memset(block, 1, size);
+        benchmark::ClobberMemory();
+    }
+    else {
+        *static_cast<u8 volatile*>(block) = 1;
+    }
     return block;
 }
 
-/// Sizes of blocks in bytes, each as often as any other.
-struct SSizes {
+/// Blocks that a benchmark asks for: their sizes in bytes, each as often as any other, and what it does with them.
+struct SBlocks {
     u64 smallest;
     u64 largest;
+    EWritten written = EWritten::FirstByte;
 
-    u64 Get(u64 random) const { return smallest + random % (largest - smallest + 1); }
+    u64 GetSize(u64 random) const { return smallest + random % (largest - smallest + 1); }
 };
 
-constexpr SSizes SmallSizes{8, 1024};
-constexpr SSizes LargeSizes{1025, 16384}; // more than a pool's classes serve
+constexpr SBlocks SmallBlocks{8, 1024};
+constexpr SBlocks FilledBlocks{8, 1024, EWritten::Whole};
+constexpr SBlocks LargeBlocks{1025, 16384}; // more than a pool's classes serve
 
 // ---- Pairs ----
 
@@ -73,11 +84,11 @@ void MeasurePairs(benchmark::State& state, SAllocator const& allocator, u64 size
 /// Live blocks of random sizes of which random ones are freed and allocated anew.
 class CPopulation {
 public:
-    CPopulation(SAllocator const& allocator, u64 count, u64 seed, SSizes sizes = SmallSizes)
-        : m_allocator(allocator), m_sizes(sizes), m_random(seed)
+    CPopulation(SAllocator const& allocator, u64 count, u64 seed, SBlocks kind)
+        : m_allocator(allocator), m_kind(kind), m_random(seed)
     {
         for (u64 index = 0; index < count; ++index)
-            m_blocks.push_back(Allocate(m_allocator, m_sizes.Get(m_random.Next())));
+            m_blocks.push_back(Make(m_random.Next()));
     }
     CPopulation(CPopulation const&) = delete;
     CPopulation& operator=(CPopulation const&) = delete;
@@ -92,7 +103,7 @@ public:
         u64 const number = m_random.Next();
         void*& block = m_blocks[(number >> 16) % m_blocks.size()];
         m_allocator.release(block);
-        block = Allocate(m_allocator, m_sizes.Get(number & 0xFFFF));
+        block = Make(number & 0xFFFF);
     }
 
     /// Until nothing is left of the order in which the blocks were made.
@@ -103,16 +114,18 @@ public:
     }
 
 private:
+    void* Make(u64 random) { return Allocate(m_allocator, m_kind.GetSize(random), m_kind.written); }
+
     SAllocator const& m_allocator;
-    SSizes m_sizes;
+    SBlocks m_kind;
     CRandom m_random;
     std::vector<void*> m_blocks;
 };
 
-void MeasureReplacement(benchmark::State& state, SAllocator const& allocator, u64 live)
+void MeasureReplacement(benchmark::State& state, SAllocator const& allocator, u64 live, SBlocks kind)
 {
     {
-        CPopulation population(allocator, live, 1);
+        CPopulation population(allocator, live, 1, kind);
         population.Mix();
         for (auto _ : state)
             population.ReplaceOne();
@@ -140,10 +153,10 @@ SAllocator const nothing{
 // ---- Threads ----
 
 // Every thread has blocks of its own.
-void MeasureOwnBlocks(benchmark::State& state, SAllocator const& allocator, u64 count, SSizes sizes)
+void MeasureOwnBlocks(benchmark::State& state, SAllocator const& allocator, u64 count, SBlocks kind)
 {
     {
-        CPopulation population(allocator, count, 10 + static_cast<u64>(state.thread_index()), sizes);
+        CPopulation population(allocator, count, 10 + static_cast<u64>(state.thread_index()), kind);
         population.Mix();
         for (auto _ : state)
             population.ReplaceOne();
@@ -179,7 +192,7 @@ void MeasureForeignFrees(benchmark::State& state, SAllocator const& allocator)
             std::vector<void*>& slot = slots[batch % Slots];
             slot.resize(BatchSize);
             for (void*& block : slot)
-                block = Allocate(allocator, SmallSizes.Get(random.Next()));
+                block = Allocate(allocator, SmallBlocks.GetSize(random.Next()));
             written.store(batch + 1, std::memory_order_release);
         }
         consumer.join();
@@ -244,7 +257,7 @@ void MeasurePurge(benchmark::State& state, SAllocator const& allocator)
         CRandom random(41);
         std::vector<void*> blocks;
         for (u64 index = 0; index < 500000; ++index)
-            blocks.push_back(Allocate(allocator, SmallSizes.Get(random.Next())));
+            blocks.push_back(Allocate(allocator, SmallBlocks.GetSize(random.Next())));
         std::vector<void*> kept;
         for (void* const block : blocks)
             if (random.Next() % 2 == 0)
@@ -256,7 +269,7 @@ void MeasurePurge(benchmark::State& state, SAllocator const& allocator)
             CRandom sizes(42);
             while (isPurging) {
                 auto const start = Clock::now();
-                allocator.release(Allocate(allocator, SmallSizes.Get(sizes.Next())));
+                allocator.release(Allocate(allocator, SmallBlocks.GetSize(sizes.Next())));
                 longestStall = std::max(longestStall, GetSeconds(start));
             }
         });
@@ -273,18 +286,18 @@ void MeasurePurge(benchmark::State& state, SAllocator const& allocator)
 }
 
 template <class Measure, class... Arguments>
-benchmark::internal::Benchmark* Register(char const* what, SAllocator const& allocator, Measure measure,
+benchmark::internal::Benchmark* Register(std::string const& what, SAllocator const& allocator, Measure measure,
                                          Arguments const&... arguments)
 {
-    std::string const name = std::string("Memory/") + what + "/" + allocator.name;
+    std::string const name = "Memory/" + what + "/" + allocator.name;
     return benchmark::RegisterBenchmark(
         name.c_str(), [=, &allocator](benchmark::State& state) { measure(state, allocator, arguments...); });
 }
 
-void RegisterReplacements(SAllocator const& allocator, i64 steps)
+void RegisterReplacements(std::string const& what, SAllocator const& allocator, i64 steps, SBlocks kind)
 {
-    Register("Replace100000", allocator, &MeasureReplacement, 100000u)->Iterations(steps);
-    Register("Replace1000000", allocator, &MeasureReplacement, 1000000u)->Iterations(steps);
+    for (u64 const live : {100000u, 1000000u})
+        Register(what + std::to_string(live), allocator, &MeasureReplacement, live, kind)->Iterations(steps);
 }
 
 void RegisterAll(std::vector<SAllocator> const& allocators, std::vector<SMemoryUse> const& uses)
@@ -302,19 +315,21 @@ void RegisterAll(std::vector<SAllocator> const& allocators, std::vector<SMemoryU
         Register("Pair4096", allocator, &MeasurePairs, 4096u);
         // A fixed number of steps: the blocks are not to be made and mixed again for each attempt at one.
         i64 const steps = allocator.isSlowAtScale ? 50000 : 2000000;
-        if (!allocator.isSlowAtScale)
-            RegisterReplacements(allocator, steps);
-        Register("OwnBlocks", allocator, &MeasureOwnBlocks, 10000u, SmallSizes)
+        if (!allocator.isSlowAtScale) {
+            RegisterReplacements("Replace", allocator, steps, SmallBlocks);
+            RegisterReplacements("ReplaceFilled", allocator, steps, FilledBlocks);
+        }
+        Register("OwnBlocks", allocator, &MeasureOwnBlocks, 10000u, SmallBlocks)
             ->ThreadRange(1, 2)
             ->UseRealTime()
             ->Iterations(steps);
-        Register("OwnLargeBlocks", allocator, &MeasureOwnBlocks, 1000u, LargeSizes)
+        Register("OwnLargeBlocks", allocator, &MeasureOwnBlocks, 1000u, LargeBlocks)
             ->ThreadRange(1, 2)
             ->UseRealTime()
             ->Iterations(steps / 4);
         Register("ForeignFrees", allocator, &MeasureForeignFrees)->UseRealTime()->Iterations(1);
     }
-    RegisterReplacements(nothing, 2000000);
+    RegisterReplacements("Replace", nothing, 2000000, SmallBlocks); // not filled: it keeps no sizes
     Register("PurgeHalfFree256MB", allocators.front(), &MeasurePurge)->UseManualTime()->Iterations(1);
 }
 
