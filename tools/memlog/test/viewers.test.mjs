@@ -1,5 +1,6 @@
 // The exports in the viewers they are for, as far as these can be had without a network.
 import assert from "node:assert/strict";
+import { spawnSync } from "node:child_process";
 import { existsSync } from "node:fs";
 import { readFile, writeFile } from "node:fs/promises";
 import { dirname, join } from "node:path";
@@ -9,7 +10,9 @@ import { convert } from "../src/convert.mjs";
 import { browserPath, openFile, startBrowser } from "./browser.mjs";
 import { makeLog } from "./logs.mjs";
 
-const Speedscope = join(dirname(fileURLToPath(import.meta.url)), "../node_modules/speedscope/dist/release/index.html");
+const Modules = join(dirname(fileURLToPath(import.meta.url)), "../node_modules");
+const Speedscope = join(Modules, "speedscope/dist/release/index.html");
+const ProfilerCommand = join(Modules, "@firefox-devtools/profiler-cli/dist/profiler-cli.js");
 const DhView = "/usr/libexec/valgrind/dh_view.html";
 const isWhole = Boolean(process.env.MEMLOG_PROGRAMS); // nothing may be left out there
 
@@ -96,3 +99,48 @@ test(
     assert.deepEqual(page.troubles, []);
   },
 );
+
+// Its command reads profiles with the code of the site. It asks for a newer Node.js than the viewer does, but needs none.
+test("the Firefox Profiler", async (context) => {
+  const folder = await makeExports(context);
+  const query = (...words) => {
+    const { status, stdout, stderr } = spawnSync(process.execPath, [ProfilerCommand, ...words], {
+      encoding: "utf8",
+      env: { ...process.env, PROFILER_CLI_SESSION_DIR: folder },
+      timeout: 60000,
+    });
+    assert.equal(status, 0, `${words.join(" ")}: ${stdout}${stderr}`);
+    return stdout;
+  };
+  const queryJson = (...words) => JSON.parse(query(...words, "--json"));
+
+  query("load", join(folder, "firefox.json.gz")); // starts a server that answers the queries
+  try {
+    const { product, importedFrom } = queryJson("profile", "meta");
+    assert.deepEqual({ product, importedFrom }, { product: "game", importedFrom: "memory event log" });
+
+    const lost = "(no stack in the log, hash 99)";
+    const load = "game!Load(std::vector<int>&)";
+    const expected = {
+      "native-retained-allocations": { [load]: 200, [lost]: 64, "game!main": 0 },
+      "native-allocations": { "game!Draw": 2000, [load]: 300, [lost]: 64, "game!main": 0 },
+      "native-deallocations-memory": { "game!Draw": -2000, [load]: -100, "game!main": 0 },
+      "native-deallocations-sites": { "game!Draw": -2100, "game!main": 0 },
+    };
+    const { name, availableStrategies } = queryJson("thread", "info");
+    assert.equal(name, "Allocations");
+    assert.deepEqual(availableStrategies, Object.keys(expected));
+    for (const [strategy, bytes] of Object.entries(expected)) {
+      const { weightType, topFunctionsBySelf } = queryJson("thread", "samples", "--strategy", strategy);
+      assert.equal(weightType, "bytes");
+      const own = topFunctionsBySelf.map(({ nameWithLibrary, selfSamples }) => [nameWithLibrary, selfSamples]);
+      assert.deepEqual(Object.fromEntries(own), bytes, strategy);
+    }
+
+    const heap = queryJson("counter", "info", "c-0");
+    assert.deepEqual([heap.label, heap.unit, heap.rangeStart, heap.rangeEnd], ["Memory", "bytes", 0, 90]);
+    assert.equal(heap.stats[0].value, 1200); // from 5100 to 6300
+  } finally {
+    query("stop");
+  }
+});
