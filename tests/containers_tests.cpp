@@ -126,6 +126,58 @@ TEST(Vector, ResizesWithFreshValues)
     EXPECT_EQ(vector[1], 0);
 }
 
+TEST(Vector, ManySmallResizesTakeLinearTime)
+{
+    // Exact room at every step would copy 9 TB.
+    TVector<u32> vector;
+    for (u64 count = 1; count <= 1500000; ++count) {
+        vector.Resize(count);
+        vector[count - 1] = static_cast<u32>(count);
+    }
+    EXPECT_EQ(vector[0], 1u);
+    EXPECT_EQ(vector[1499999], 1500000u);
+    TVector<u32> exact;
+    exact.Resize(1000);
+    EXPECT_EQ(exact.GetCapacity(), 1000u); // the first size is the one that is meant
+    exact.Resize(1001);
+    EXPECT_EQ(exact.GetCapacity(), 1500u);
+    exact.Resize(5000);
+    EXPECT_EQ(exact.GetCapacity(), 5000u);
+}
+
+namespace {
+
+/// Throws at the construction of the given number.
+struct SThrowing {
+    static inline int alive = 0;
+    static inline int throwAt = 0;
+
+    SThrowing()
+    {
+        if (alive == throwAt)
+            throw 1;
+        ++alive;
+    }
+    SThrowing(SThrowing&&) noexcept { ++alive; }
+    ~SThrowing() { --alive; }
+};
+
+} // namespace
+
+TEST(Vector, AResizeWhoseConstructorThrowsChangesNothing)
+{
+    SThrowing::throwAt = 100;
+    {
+        TVector<SThrowing> vector;
+        vector.Resize(3);
+        SThrowing::throwAt = 7;
+        EXPECT_THROW(vector.Resize(20), int);
+        EXPECT_EQ(vector.GetCount(), 3u);
+        EXPECT_EQ(SThrowing::alive, 3);
+    }
+    EXPECT_EQ(SThrowing::alive, 0);
+}
+
 TEST(Vector, CopiesAndMoves)
 {
     {

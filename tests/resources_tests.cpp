@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -334,6 +335,43 @@ TEST(BlockStorage, ZeroBytesReserveNothing)
     // The chunk with the fewest bytes left is the first: 14.
     EXPECT_EQ(GetDistance(empty, storage.ReserveBytes(0)), 1010);
     EXPECT_EQ(GetDistance(other, storage.ReserveBytes(500)), 500);
+}
+
+TEST(BlockStorage, EveryChoiceIsThatOfALookThroughAllChunks)
+{
+    struct SChunk {
+        char* start;
+        u64 used;
+        u64 size;
+    };
+    std::vector<SChunk> chunks;
+    CBlockStorage storage(100);
+    std::mt19937 random(20240614);
+    for (int round = 0; round < 6000; ++round) {
+        u64 const size = random() % 8 == 0 ? random() % 250 : random() % 60;
+        SChunk* best = nullptr;
+        for (SChunk& chunk : chunks)
+            if (chunk.size - chunk.used >= size &&
+                (best == nullptr || chunk.size - chunk.used < best->size - best->used))
+                best = &chunk;
+        char* const reserved = static_cast<char*>(storage.ReserveBytes(static_cast<unsigned>(size)));
+        if (best == nullptr) {
+            chunks.push_back({reserved, 0, size <= 100 ? 100 : 100 * (size / 100 + 1)});
+            best = &chunks.back();
+            ASSERT_EQ(Memory::GetSize(reserved), best->size) << round;
+        }
+        ASSERT_EQ(reserved, best->start + best->used) << round;
+        best->used += size;
+    }
+    EXPECT_GT(chunks.size(), 1000u);
+}
+
+TEST(BlockStorage, TimeIsLinearInTheReservations)
+{
+    // A look through all chunks at each, or a table copied for each chunk, would take hours here.
+    CBlockStorage storage(64);
+    for (unsigned round = 0; round < 1500000; ++round)
+        ASSERT_NE(storage.ReserveBytes(33 + round % 30), nullptr);
 }
 
 TEST(BlockStorage, StoresCopies)

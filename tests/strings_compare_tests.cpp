@@ -370,21 +370,22 @@ TEST(StringDistance, SmallCases)
 
 namespace {
 
-/// The recurrence with the whole matrix.
+/// The recurrence cell by cell, a row of the matrix after the other.
 u64 MatrixDistance(std::u32string const& left, std::u32string const& right)
 {
-    std::vector<std::vector<u64>> cells(left.size() + 1, std::vector<u64>(right.size() + 1));
+    std::vector<u64> above(right.size() + 1);
+    std::vector<u64> cells(right.size() + 1);
     for (u64 row = 0; row <= left.size(); ++row) {
         for (u64 column = 0; column <= right.size(); ++column) {
             if (row == 0 || column == 0)
-                cells[row][column] = row + column;
+                cells[column] = row + column;
             else
-                cells[row][column] =
-                    std::min({cells[row - 1][column] + 1, cells[row][column - 1] + 1,
-                              cells[row - 1][column - 1] + (left[row - 1] == right[column - 1] ? 0 : 1)});
+                cells[column] = std::min({above[column] + 1, cells[column - 1] + 1,
+                                          above[column - 1] + (left[row - 1] == right[column - 1] ? 0 : 1)});
         }
+        above.swap(cells);
     }
-    return cells[left.size()][right.size()];
+    return above[right.size()];
 }
 
 } // namespace
@@ -407,6 +408,51 @@ TEST(StringDistance, AgreesWithTheMatrix)
         ASSERT_EQ(first.ToUTF8().GetDistance(second.ToUTF8()), expected);
         ASSERT_EQ(first.ToUTF16().GetDistance(second.ToUTF16()), expected);
     }
+}
+
+TEST(StringDistance, LongTextsAgreeWithTheMatrix)
+{
+    // Around and beyond the 4,096 rows that are worked on at once.
+    std::mt19937 random(20240612);
+    auto const make = [&random](u64 length, unsigned alphabet) {
+        std::u32string text(length, U'a');
+        for (char32_t& unit : text)
+            unit = static_cast<char32_t>(0x61 + random() % alphabet);
+        return text;
+    };
+    for (u64 const shorter : {4095u, 4096u, 4097u, 4160u}) {
+        std::u32string const left = make(4200, 4);
+        std::u32string const right = make(shorter, 4);
+        ASSERT_EQ(CString(left).GetDistance(CString(right)), MatrixDistance(left, right)) << shorter;
+    }
+    // Three stripes, changed here and there, with more different code points than the direct table has.
+    std::u32string const left = make(8400, 600);
+    std::u32string right = left;
+    for (u64 place = 7; place < right.size(); place += 200)
+        right.erase(place, 1 + place % 3);
+    for (u64 place = 90; place < right.size(); place += 170)
+        right.insert(place, 1 + place % 4, U'b');
+    EXPECT_EQ(CString(left).GetDistance(CString(right)), MatrixDistance(left, right));
+    EXPECT_EQ(CString(right).GetDistance(CString(left)), MatrixDistance(left, right));
+    std::u32string const crosses(9000, U'x');
+    std::u32string const others(12000, U'y');
+    EXPECT_EQ(CString(crosses).GetDistance(CString(others)), 12000u);
+}
+
+TEST(StringDistance, MemoryGrowsWithTheTextsNotWithTheirProduct)
+{
+    // Every code point another one: the places of each in a text as a whole would take 120 MB.
+    std::u32string left(30000, 0);
+    std::u32string right(30000, 0);
+    for (u64 index = 0; index < left.size(); ++index) {
+        left[index] = static_cast<char32_t>(0x1000 + index);
+        right[index] = static_cast<char32_t>(0x1000 + (index + 15000) % 30000);
+    }
+    Memory::Deinitialize();
+    Memory::Initialize(0, u64{12} << 20); // a budget of 12 MB, for everything
+    EXPECT_EQ(CString(left).GetDistance(CString(right)), 30000u);
+    Memory::Deinitialize();
+    Memory::Initialize(0, 0);
 }
 
 TEST(StringDistance, OtherEncodingsAreReadWithTheReceiversAndStayInside)

@@ -7,6 +7,8 @@
 #include "support/GuardedPages.h"
 #include "support/StringAccess.h"
 
+#include <random>
+#include <string>
 #include <vector>
 
 using namespace Velmor;
@@ -139,6 +141,76 @@ TEST(StringFind, Last)
         EXPECT_EQ(text.FindLast(u"\u20AC"), 5u);
     }
     EXPECT_EQ(CString("aaaa").FindLast("aa"), 2u) << "matches may overlap";
+}
+
+TEST(StringFind, LongNeedlesAgreeWithAnyOrderOfTries)
+{
+    // Texts over few letters, so that attempts fail late and overlap; needles are parts of them, whole or spoiled.
+    std::mt19937 random(20240613);
+    for (int round = 0; round < 60; ++round) {
+        std::u32string text;
+        char32_t const odd = round % 2 == 0 ? U'b' : U'\u20AC';
+        for (u64 index = 0; index < 30000; ++index)
+            text += random() % (round % 3 == 0 ? 2000 : 400) == 0 ? odd : U'a';
+        u64 const begin = random() % 20000;
+        std::u32string needle = text.substr(begin, 64 + random() % 6000);
+        if (round % 4 == 0)
+            needle += U'z';
+        else if (round % 4 == 1)
+            needle[random() % needle.size()] = odd;
+        u64 const first = text.find(needle);
+        u64 const last = text.rfind(needle);
+        std::u32string replaced;
+        for (u64 from = 0;;) {
+            u64 const found = text.find(needle, from);
+            replaced += text.substr(from, found == std::u32string::npos ? found : found - from);
+            if (found == std::u32string::npos)
+                break;
+            replaced += U'-';
+            from = found + needle.size();
+        }
+        CString const wide(text);
+        CString const wideNeedle(needle);
+        CMutableString const texts[] = {wide.ToUTF8(), wide.ToUTF16(), wide.ToUTF32()};
+        CMutableString const needles[] = {wideNeedle.ToUTF8(), wideNeedle.ToUTF16(), wideNeedle.ToUTF32()};
+        for (int encoding = 0; encoding < 3; ++encoding) {
+            CMutableString const& where = texts[encoding];
+            CMutableString const& what = needles[(encoding + round) % 3];
+            ASSERT_EQ(where.Find(what), first) << round;
+            ASSERT_EQ(where.FindLast(what), last) << round;
+            ASSERT_EQ(where.Replace(what, "-"), CString(replaced)) << round;
+        }
+    }
+}
+
+TEST(StringFind, TimeIsLinearWhateverTheNeedle)
+{
+    // Trying the needle at every place would take days here.
+    constexpr u64 Length = 4000000;
+    std::string const text(Length, 'a');
+    std::string spoiled(Length / 2, 'a');
+    spoiled += 'b';
+    std::string const half(Length / 2, 'a');
+    EXPECT_EQ(CString(text).Find(CString(spoiled)), Miss);
+    EXPECT_EQ(CString(text).FindLast(CString(spoiled)), Miss);
+    EXPECT_EQ(CString(text).FindLast(CString(half)), Length / 2);
+    EXPECT_EQ(CString(text).Replace(CString(spoiled), "c").GetLength(), Length);
+    std::string const ended = text + 'b';
+    EXPECT_EQ(CString(ended).Find(CString(spoiled)), Length / 2);
+    EXPECT_EQ(CString(text).ToUTF16().Find(CString(spoiled)), Miss);
+}
+
+TEST(StringFind, WithoutMemoryForATableTheResultIsTheSame)
+{
+    std::string const text = std::string(12000, 'a') + "b";
+    std::string const needle = std::string(4000, 'a') + "b";
+    Memory::Deinitialize(); // no heap at all
+    EXPECT_EQ(CString(text).Find(CString(needle)), 8000u);
+    EXPECT_EQ(CString(text).FindLast(CString(needle)), 8000u);
+    Memory::Initialize(0, 45000); // and one without room
+    EXPECT_EQ(CString(text).Find(CString(needle)), 8000u);
+    Memory::Deinitialize();
+    Memory::Initialize(0, 0);
 }
 
 TEST(StringFind, ComparesCodePoints)

@@ -113,7 +113,8 @@ template <class T, class... Arguments>
     return TResourcePtr<T>(Memory::New<T>(EHeap::Pool, std::forward<Arguments>(arguments)...));
 }
 
-/// Append-only arena: byte runs are carved from large chunks and freed all at once. One thread at a time.
+/// Append-only arena: byte runs are carved from large chunks and freed all at once. A reservation takes the chunk with
+/// the least room that suffices, the first of equals, in logarithmic time. One thread at a time.
 class VLM_API CBlockStorage {
 public:
     CBlockStorage();
@@ -131,15 +132,11 @@ public:
     void Clear();
 
 private:
-    struct SChunk {
-        u8* start;
-        u8* cursor;
-        u32 bytesLeft;
-    };
+    struct SChunk;
+    class CFitTree;
 
-    [[nodiscard]] SChunk* FindBestFit(u32 size) const;
     [[nodiscard]] u64 GetChunkSize(u32 size) const;
-    SChunk* AddChunk(u32 size);
+    void AddChunk(u32 size);
 
     SChunk* m_chunks;
     u32 m_chunkCount;

@@ -2,6 +2,7 @@
 
 #include "Core_MemoryModule.h"
 
+#include <bit>
 #include <cstring>
 
 namespace Velmor {
@@ -59,6 +60,95 @@ void* AllocateOrThrow(u64 size)
 
 } // namespace
 
+// Chunks are numbered from 1 on in the order of their making; 0 is none.
+struct CBlockStorage::SChunk {
+    u8* start;
+    u8* cursor;
+    u32 bytesLeft;
+    u32 left;  ///< chunk with less room
+    u32 right; ///< chunk with more
+    u32 root;  ///< the tree's, in the first chunk only
+};
+
+/// The chunks in the order of their room, those with the same in the order of their making: a tree by these, and a heap
+/// by a hash of the numbers, which keeps it flat whatever comes (Seidel and Aragon's treap). A look through the table
+/// at every reservation would make filling a storage quadratic.
+class CBlockStorage::CFitTree {
+public:
+    explicit CFitTree(SChunk* chunks) : m_chunks(chunks) {}
+
+    /// The first chunk in the order that has room for `size` bytes; 0 when none has.
+    [[nodiscard]] u32 Find(u32 size) const
+    {
+        u32 best = 0;
+        for (u32 chunk = m_chunks[0].root; chunk != 0;) {
+            bool const fits = At(chunk).bytesLeft >= size;
+            best = fits ? chunk : best;
+            chunk = fits ? At(chunk).left : At(chunk).right;
+        }
+        return best;
+    }
+
+    void Insert(u32 added)
+    {
+        u32* link = &m_chunks[0].root;
+        while (*link != 0 && GetRank(*link) > GetRank(added))
+            link = GetSide(*link, added);
+        // What hung here is split into what comes before the new chunk and what behind.
+        u32 rest = *link;
+        *link = added;
+        u32* before = &At(added).left;
+        u32* behind = &At(added).right;
+        while (rest != 0) {
+            u32*& side = IsBefore(rest, added) ? before : behind;
+            *side = rest;
+            side = GetSide(rest, added);
+            rest = *side;
+        }
+        *before = 0;
+        *behind = 0;
+    }
+
+    void Remove(u32 removed)
+    {
+        u32* link = &m_chunks[0].root;
+        while (*link != removed)
+            link = GetSide(*link, removed);
+        u32 before = At(removed).left;
+        u32 behind = At(removed).right;
+        while (before != 0 && behind != 0) {
+            bool const isBeforeUp = GetRank(before) > GetRank(behind);
+            u32& up = isBeforeUp ? before : behind;
+            *link = up;
+            link = isBeforeUp ? &At(up).right : &At(up).left;
+            up = *link;
+        }
+        *link = before != 0 ? before : behind;
+    }
+
+private:
+    [[nodiscard]] SChunk& At(u32 chunk) const { return m_chunks[chunk - 1]; }
+    /// Different for every chunk.
+    [[nodiscard]] static u32 GetRank(u32 chunk)
+    {
+        u32 const mixed = (chunk ^ chunk >> 16) * 0x85EBCA6B;
+        return (mixed ^ mixed >> 13) * 0xC2B2AE35;
+    }
+    [[nodiscard]] bool IsBefore(u32 chunk, u32 other) const
+    {
+        u32 const room = At(chunk).bytesLeft;
+        u32 const otherRoom = At(other).bytesLeft;
+        return room < otherRoom || (room == otherRoom && chunk < other);
+    }
+    /// The link of `chunk` behind which `other` is, or belongs.
+    [[nodiscard]] u32* GetSide(u32 chunk, u32 other) const
+    {
+        return IsBefore(chunk, other) ? &At(chunk).right : &At(chunk).left;
+    }
+
+    SChunk* m_chunks;
+};
+
 CBlockStorage::CBlockStorage() : CBlockStorage(DefaultBlockSize) {}
 
 CBlockStorage::CBlockStorage(unsigned int blockSize) : m_chunks(nullptr), m_chunkCount(0), m_blockSize(blockSize) {}
@@ -70,12 +160,20 @@ CBlockStorage::~CBlockStorage()
 
 void* CBlockStorage::ReserveBytes(unsigned int size)
 {
-    SChunk* chunk = FindBestFit(size);
-    if (chunk == nullptr)
-        chunk = AddChunk(size);
-    void* const reserved = chunk->cursor;
-    chunk->cursor += size;
-    chunk->bytesLeft -= size;
+    u32 number = m_chunkCount != 0 ? CFitTree(m_chunks).Find(size) : 0;
+    if (number == 0) {
+        AddChunk(size);
+        number = m_chunkCount;
+    }
+    SChunk& chunk = m_chunks[number - 1];
+    void* const reserved = chunk.cursor;
+    if (size != 0) {
+        CFitTree tree(m_chunks);
+        tree.Remove(number);
+        chunk.cursor += size;
+        chunk.bytesLeft -= size;
+        tree.Insert(number);
+    }
     return reserved;
 }
 
@@ -98,17 +196,6 @@ void CBlockStorage::Clear()
     m_chunkCount = 0;
 }
 
-CBlockStorage::SChunk* CBlockStorage::FindBestFit(u32 size) const
-{
-    SChunk* best = nullptr;
-    for (u32 index = 0; index < m_chunkCount; ++index) {
-        SChunk* const chunk = m_chunks + index;
-        if (chunk->bytesLeft >= size && (best == nullptr || chunk->bytesLeft < best->bytesLeft))
-            best = chunk;
-    }
-    return best;
-}
-
 u64 CBlockStorage::GetChunkSize(u32 size) const
 {
     u64 const blockSize = m_blockSize;
@@ -118,32 +205,35 @@ u64 CBlockStorage::GetChunkSize(u32 size) const
     return blockSize == 0 ? size : blockSize * (size / blockSize + 1);
 }
 
-CBlockStorage::SChunk* CBlockStorage::AddChunk(u32 size)
+void CBlockStorage::AddChunk(u32 size)
 {
     u64 const chunkSize = GetChunkSize(size);
-    // bytesLeft counts in 32 bits.
-    if (chunkSize > ~u32{0})
+    // bytesLeft and the chunks' numbers have 32 bits.
+    if (chunkSize > ~u32{0} || m_chunkCount == ~u32{0})
         throw CBadAllocation();
 
-    // Both pieces are there before anything changes; the table is copied, since a refused Realloc would lose it.
-    SChunk* const table = static_cast<SChunk*>(AllocateOrThrow((u64{m_chunkCount} + 1) * sizeof(SChunk)));
+    // The table has room for a power of two. It is copied, since a refused Realloc would lose it, and both pieces are
+    // there before anything changes.
+    bool const isFull = m_chunkCount == 0 || std::has_single_bit(m_chunkCount);
+    u64 const capacity = m_chunkCount == 0 ? 1 : u64{m_chunkCount} * 2;
+    SChunk* const table = isFull ? static_cast<SChunk*>(AllocateOrThrow(capacity * sizeof(SChunk))) : m_chunks;
     // An arena of block size 0 still needs an address to hand out for an empty request.
     void* const memory = Memory::Malloc(chunkSize == 0 ? 1 : chunkSize, EHeap::Pool);
     if (memory == nullptr) {
-        Memory::FreeQuietly(table);
+        if (isFull)
+            Memory::FreeQuietly(table);
         throw CBadAllocation();
     }
-    if (m_chunkCount != 0)
-        std::memcpy(table, m_chunks, u64{m_chunkCount} * sizeof(SChunk));
-    Memory::FreeQuietly(m_chunks);
-    m_chunks = table;
-
-    SChunk* const chunk = m_chunks + m_chunkCount;
+    if (isFull) {
+        if (m_chunkCount != 0)
+            std::memcpy(table, m_chunks, u64{m_chunkCount} * sizeof(SChunk));
+        Memory::FreeQuietly(m_chunks);
+        m_chunks = table;
+    }
+    u8* const start = static_cast<u8*>(memory);
+    m_chunks[m_chunkCount] = {start, start, static_cast<u32>(chunkSize), 0, 0, 0};
     ++m_chunkCount;
-    chunk->start = static_cast<u8*>(memory);
-    chunk->cursor = chunk->start;
-    chunk->bytesLeft = static_cast<u32>(chunkSize);
-    return chunk;
+    CFitTree(m_chunks).Insert(m_chunkCount);
 }
 
 } // namespace Velmor

@@ -160,6 +160,16 @@ struct SCarries {
     u64 minus;
 };
 
+/// Carries from one stripe of the matrix to the one below, a byte for each column.
+inline u8 Pack(SCarries carries)
+{
+    return static_cast<u8>(carries.sum | carries.plus << 1 | carries.minus << 2);
+}
+inline SCarries Unpack(u8 packed)
+{
+    return {packed & u64{1}, packed >> 1 & u64{1}, packed >> 2 & u64{1}};
+}
+
 /// Moves a word of the column on by one code point of the longer text, whose places in the shorter one are `equal`. The
 /// words are one long number: only the carry of its addition goes from word to word without delay.
 inline SCarries Advance(SColumn& column, u64 equal, SCarries carries)
@@ -176,27 +186,29 @@ inline SCarries Advance(SColumn& column, u64 equal, SCarries carries)
     return {carry, plus >> 63, minus >> 63};
 }
 
-/// The distance column by column, 64 cells at a time (Myers' bit-vector method, its words joined by carries).
-u64 GetColumnDistance(SCodePoints const& longer, SCodePoints const& shorter, CPlaces const& places, SColumn* columns)
+/// The distance column by column, 64 cells at a time (Myers' bit-vector method, its words joined by carries), in one
+/// stripe of the matrix or in the whole. `border` has for each column what the stripe above hands down, and gets what
+/// this one does. Returns by how much the last column changes from the top of the stripe to its end.
+template <bool IsWhole>
+i64 AdvanceStripe(SCodePoints const& longer, u64 cells, CPlaces const& places, SColumn* columns, u8* border)
 {
-    u64 const words = CPlaces::GetWordCount(shorter.count);
+    u64 const words = CPlaces::GetWordCount(cells);
     for (u64 word = 0; word < words; ++word)
         columns[word] = {~u64{0}, 0};
     for (u64 index = 0; index < longer.count; ++index) {
         u64 const* const equal = places.GetRow(longer.data[index]);
-        SCarries carries = {0, 1, 0};
+        SCarries carries = IsWhole ? SCarries{0, 1, 0} : Unpack(border[index]);
         for (u64 word = 0; word < words; ++word)
             carries = Advance(columns[word], equal[word], carries);
+        if constexpr (!IsWhole)
+            border[index] = Pack(carries);
     }
-    // The last column, added up from its top.
-    u64 distance = longer.count;
+    i64 change = 0;
     for (u64 word = 0; word < words; ++word) {
-        u64 const cells = std::min(shorter.count - word * WordBits, WordBits);
-        u64 const used = ~u64{0} >> (WordBits - cells);
-        distance += static_cast<u64>(std::popcount(columns[word].plus & used));
-        distance -= static_cast<u64>(std::popcount(columns[word].minus & used));
+        u64 const used = ~u64{0} >> (WordBits - std::min(cells - word * WordBits, WordBits));
+        change += std::popcount(columns[word].plus & used) - std::popcount(columns[word].minus & used);
     }
-    return distance;
+    return change;
 }
 
 /// The distance when the shorter text has 64 code points at the most: one word, which stays in registers. `getRow`
@@ -254,19 +266,42 @@ private:
     void* m_block;
 };
 
+/// Rows of the matrix that are worked on at once: so the table of places and the column stay in the processor's cache,
+/// and memory grows with the texts, not with their product.
+constexpr u64 StripeCells = 4096;
+
+/// The same stripe by stripe of the shorter text. `border` has a byte for each column.
+u64 GetStripedDistance(SCodePoints const& longer, SCodePoints const& shorter, u8* tableMemory, SColumn* columns,
+                       u8* border)
+{
+    std::memset(border, Pack({0, 1, 0}), longer.count);
+    u64 distance = longer.count;
+    for (u64 begin = 0; begin < shorter.count; begin += StripeCells) {
+        SCodePoints const stripe{shorter.data + begin, std::min(shorter.count - begin, StripeCells)};
+        CPlaces const places(stripe, tableMemory);
+        distance += static_cast<u64>(AdvanceStripe<false>(longer, stripe.count, places, columns, border));
+    }
+    return distance;
+}
+
 /// The distance of texts that begin and end differently, with the table of places on the stack when it is small.
 u64 GetTableDistance(SCodePoints const& longer, SCodePoints const& shorter, SColumn* columns)
 {
     constexpr u64 StackSize = 4096;
     alignas(8) u8 stack[StackSize];
-    u64 const size = CPlaces::GetSize(shorter.count);
+    bool const isStriped = shorter.count > StripeCells;
+    u64 const tableSize = CPlaces::GetSize(std::min(shorter.count, StripeCells));
+    u64 const size = tableSize + (isStriped ? longer.count : 0);
     std::optional<CBlock> block;
     if (size > StackSize)
         block.emplace(size);
-    CPlaces const places(shorter, block ? block->Get() : stack);
+    u8* const memory = block ? block->Get() : stack;
+    if (isStriped)
+        return GetStripedDistance(longer, shorter, memory, columns, memory + tableSize);
+    CPlaces const places(shorter, memory);
     if (shorter.count <= WordBits)
         return GetWordDistance(longer, shorter, [&places](u32 codePoint) { return *places.GetRow(codePoint); });
-    return GetColumnDistance(longer, shorter, places, columns);
+    return longer.count + static_cast<u64>(AdvanceStripe<true>(longer, shorter.count, places, columns, nullptr));
 }
 
 } // namespace
@@ -277,10 +312,8 @@ u64 IString::GetDistance(CString const& other) const
     u64 const otherLength = other.GetLength();
     if (ownLength == 0 || otherLength == 0)
         return ownLength + otherLength;
-    if (ownLength + otherLength > u64{1} << 31)
-        throw CBadAllocation(); // the rows are numbered with 32 bits, and there is no such memory
     // Of the heap for short texts, too: whether a call needs memory does not depend on how long the texts are.
-    u64 const columnsSize = CPlaces::GetWordCount(std::min(ownLength, otherLength)) * sizeof(SColumn);
+    u64 const columnsSize = CPlaces::GetWordCount(std::min({ownLength, otherLength, StripeCells})) * sizeof(SColumn);
     CBlock const block(columnsSize + (ownLength + otherLength) * sizeof(u32));
     SColumn* const columns = reinterpret_cast<SColumn*>(block.Get());
     u32* const own = reinterpret_cast<u32*>(block.Get() + columnsSize);

@@ -87,7 +87,7 @@ CMutableString IString::Replace(CString const& from, CString const& to, u64 star
         u8 const* unwritten = self;
         if (!from.IsEmpty()) {
             Dispatch(from.GetEncoding(), [&](auto needleRules) {
-                CTextFinder<Rules, decltype(needleRules)> const finder(TextOf(from));
+                CTextFinder<Rules, decltype(needleRules)> finder(TextOf(from));
                 SPosition place = Seek<Rules>(self, start);
                 for (;;) {
                     SMatch const match = finder.Find(place);

@@ -82,14 +82,14 @@ constexpr u32 GetHexDigit(u32 codePoint)
 template <class Rules>
 u64 ReadHex(TReader<Rules> reader, u64 value, EBinaryEncoding::Type order)
 {
-    for (u32 i = 0;; ++i) {
+    for (u64 i = 0;; ++i) {
         u32 const digit = GetHexDigit(reader.Read());
         if (digit >= 16)
             return value;
         if (order == EBinaryEncoding::BigEndian)
             value = value * 16 + digit;
         // The two digits of a byte trade places; digits behind the sixteenth have no place in 64 bits.
-        else if (u32 const shift = 4 * (i % 2 == 0 ? i + 1 : i - 1); shift < 64)
+        else if (u64 const shift = 4 * (i % 2 == 0 ? i + 1 : i - 1); shift < 64)
             value |= u64{digit} << shift;
     }
 }

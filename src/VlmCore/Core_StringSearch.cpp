@@ -100,7 +100,7 @@ u64 IString::Find(CString const& text, u64 start) const
     }
     return WithBoth(*this, text, NotFound, [start](auto rules, u8 const* self, auto needleRules, u8 const* needle) {
         using Rules = decltype(rules);
-        CTextFinder<Rules, decltype(needleRules)> const finder(needle);
+        CTextFinder<Rules, decltype(needleRules)> finder(needle);
         SMatch const match = finder.Find(Seek<Rules>(self, start));
         return match.end != nullptr ? match.begin.index : NotFound;
     });
@@ -131,17 +131,8 @@ u64 IString::FindLast(CString const& text, u64 start) const
 {
     return WithBoth(*this, text, NotFound, [start](auto rules, u8 const* self, auto needleRules, u8 const* needle) {
         using Rules = decltype(rules);
-        CTextFinder<Rules, decltype(needleRules)> const finder(needle);
-        u64 found = NotFound;
-        for (SPosition from = Seek<Rules>(self, start); !IsEnd<Rules>(from.place); ++from.index) {
-            SMatch const match = finder.Find(from);
-            if (match.end == nullptr)
-                break;
-            found = match.begin.index;
-            from = match.begin;
-            from.place += Rules::GetSize(from.place);
-        }
-        return found;
+        CTextFinder<Rules, decltype(needleRules)> finder(needle);
+        return finder.FindLast(Seek<Rules>(self, start));
     });
 }
 

@@ -23,11 +23,12 @@ template <class Rules>
     return position;
 }
 
-/// Where the match of the whole needle at `place` ends; null when there is none.
+/// Where the match of the whole needle at `place` ends; null when there is none. Adds the characters it looked at to
+/// `steps`.
 template <class Rules, class NeedleRules>
-[[nodiscard]] u8 const* MatchAt(u8 const* place, u8 const* needle)
+[[nodiscard]] u8 const* MatchAt(u8 const* place, u8 const* needle, u64& steps)
 {
-    while (!Encodings::IsEnd<NeedleRules>(needle)) {
+    for (; !Encodings::IsEnd<NeedleRules>(needle); ++steps) {
         if (Encodings::IsEnd<Rules>(place))
             return nullptr;
         auto const [codePoint, size] = Rules::Read(place);
@@ -38,6 +39,13 @@ template <class Rules, class NeedleRules>
         needle += wantedSize;
     }
     return place;
+}
+
+template <class Rules, class NeedleRules>
+[[nodiscard]] u8 const* MatchAt(u8 const* place, u8 const* needle)
+{
+    u64 steps = 0;
+    return MatchAt<Rules, NeedleRules>(place, needle, steps);
 }
 
 /// An occurrence; `end` is null when there is none, `begin` is then the terminator.

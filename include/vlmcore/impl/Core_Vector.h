@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <type_traits>
 #include <utility>
 
@@ -31,13 +32,13 @@ public:
     {
         Reserve(other.m_count);
         try {
-            for (T const& element : other)
-                ConstructAtEnd(element);
+            std::uninitialized_copy(other.begin(), other.end(), m_data);
         }
         catch (...) {
             ReleaseStorage();
             throw;
         }
+        m_count = other.m_count;
     }
 
     TVector(TVector&& other) noexcept { Swap(other); }
@@ -87,16 +88,19 @@ public:
             Relocate(capacity);
     }
 
-    /// Sets the count: new elements are value-initialised, surplus ones destroyed. The capacity never shrinks.
+    /// Sets the count: new elements are value-initialised, surplus ones destroyed. The capacity never shrinks; where
+    /// it must grow again, it grows as Append makes it, so that many small steps take linear time. Throws
+    /// CBadAllocation or what a constructor throws; the elements are then as before.
     void Resize(u64 count)
     {
         if (count < m_count) {
             DestroyFrom(count);
             return;
         }
-        Reserve(count);
-        while (m_count < count)
-            ConstructAtEnd();
+        if (count > m_capacity)
+            Relocate(m_capacity == 0 ? count : std::max(count, GrownCapacity()));
+        std::uninitialized_value_construct_n(m_data + m_count, count - m_count);
+        m_count = count;
     }
 
     /// Removes the element at `index`, which must be below GetCount(); the order of the others stays.
