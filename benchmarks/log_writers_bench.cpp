@@ -1,5 +1,7 @@
 // The writer threads of the buffered loggers while nothing happens: the processor time they take, and how long after
 // that a line or an event needs to reach its file.
+#include "waiting.h"
+
 #include <vlmcore/files.h>
 #include <vlmcore/logging.h>
 #include <vlmcore/memory.h>
@@ -7,17 +9,13 @@
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <ctime>
 #include <thread>
-#include <vector>
 
 namespace {
 
 using namespace Velmor;
-using Clock = std::chrono::steady_clock;
+using Waiting::Clock;
 
 /// Notes when it was last written to.
 class CStampFile : public IFile {
@@ -77,45 +75,31 @@ void Wake(benchmark::State& state)
 {
     LogUnderTest log;
     CStampFile& file = log.GetFile();
-    std::vector<double> samples;
+    Waiting::CLatencies latencies(state);
     for (auto _ : state) {
-        std::this_thread::sleep_for(std::chrono::microseconds(20'000 + 137 * (samples.size() % 10)));
+        latencies.Rest();
         u64 const before = file.writes.load(std::memory_order_acquire);
         auto const from = Clock::now();
         log.Write();
         while (file.writes.load(std::memory_order_acquire) == before)
             std::this_thread::yield();
-        std::chrono::duration<double> const taken = file.at - from;
-        samples.push_back(taken.count() * 1e6);
-        state.SetIterationTime(taken.count());
+        latencies.Add(file.at - from);
     }
-    std::sort(samples.begin(), samples.end());
-    state.counters["median_us"] = samples[samples.size() / 2];
-    state.counters["p99_us"] = samples[samples.size() * 99 / 100];
 }
 
-/// Processor time of the whole process while the log has nothing to do.
+/// The log has nothing to do.
 template <class LogUnderTest>
 void Idle(benchmark::State& state)
 {
     LogUnderTest log;
     log.Write();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    double percent = 0;
-    for (auto _ : state) {
-        std::clock_t const before = std::clock();
-        auto const from = Clock::now();
-        std::this_thread::sleep_for(std::chrono::seconds(1));
-        std::chrono::duration<double> const taken = Clock::now() - from;
-        percent += 100.0 * static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC / taken.count();
-    }
-    state.counters["core_percent"] = percent / static_cast<double>(state.iterations());
+    Waiting::MeasureIdle(state);
 }
 
 BENCHMARK(Wake<CTextLog>)->Name("LogWriters/WakeTextLog/ours")->Iterations(100)->UseManualTime();
 BENCHMARK(Wake<CEventLog>)->Name("LogWriters/WakeEventLog/ours")->Iterations(100)->UseManualTime();
-BENCHMARK(Idle<CTextLog>)->Name("LogWriters/IdleTextLog/ours")->Iterations(2)->UseRealTime();
-BENCHMARK(Idle<CEventLog>)->Name("LogWriters/IdleEventLog/ours")->Iterations(2)->UseRealTime();
+BENCHMARK(Idle<CTextLog>)->Name("LogWriters/IdleTextLog/ours")->Iterations(2)->UseManualTime();
+BENCHMARK(Idle<CEventLog>)->Name("LogWriters/IdleEventLog/ours")->Iterations(2)->UseManualTime();
 
 } // namespace
 

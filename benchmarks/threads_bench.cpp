@@ -1,15 +1,15 @@
 // Locks against the standard library's mutexes; thread starts against std::thread; the thread pool against oneTBB's
 // task group and against a bounded ring under one mutex.
+#include "waiting.h"
+
 #include <vlmcore/memory.h>
 #include <vlmcore/threads.h>
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <ctime>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -23,7 +23,7 @@ using namespace Velmor;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Waiting::Clock;
 
 // Locks
 
@@ -255,10 +255,10 @@ void BenchWake(benchmark::State& state, bool asleep)
 {
     CThreadPool pool(static_cast<unsigned char>(state.range(0)));
     CStampJob job;
-    std::vector<double> samples;
+    Waiting::CLatencies latencies(state);
     for (auto _ : state) {
         if (asleep)
-            std::this_thread::sleep_for(std::chrono::microseconds(20'000 + 137 * (samples.size() % 10)));
+            latencies.Rest();
         else
             WaitBusily(std::chrono::microseconds(20));
         job.done = false;
@@ -266,14 +266,9 @@ void BenchWake(benchmark::State& state, bool asleep)
         pool.PushJob(&job);
         while (!job.done.load(std::memory_order_acquire))
             std::this_thread::yield();
-        std::chrono::duration<double> const taken = job.at - from;
-        samples.push_back(taken.count() * 1e6);
-        state.SetIterationTime(taken.count());
+        latencies.Add(job.at - from);
         pool.WaitForJobs();
     }
-    std::sort(samples.begin(), samples.end());
-    state.counters["median_us"] = samples[samples.size() / 2];
-    state.counters["p99_us"] = samples[samples.size() * 99 / 100];
 }
 BENCHMARK_CAPTURE(BenchWake, spinning, false)
     ->Name("Threads/WakeWhileSpinning/ours")
@@ -287,7 +282,7 @@ BENCHMARK_CAPTURE(BenchWake, asleep, true)
     ->Iterations(100)
     ->UseManualTime();
 
-/// Processor time of the whole process while the pool has nothing to do.
+/// The pool has nothing to do.
 void BenchIdle(benchmark::State& state)
 {
     CThreadPool pool(static_cast<unsigned char>(state.range(0)));
@@ -296,18 +291,9 @@ void BenchIdle(benchmark::State& state)
     for (auto& job : jobs)
         pool.PushJob(&job);
     pool.WaitForJobs();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    double percent = 0;
-    for (auto _ : state) {
-        std::clock_t const before = std::clock();
-        auto const from = Clock::now();
-        std::this_thread::sleep_for(std::chrono::seconds(1));
-        std::chrono::duration<double> const taken = Clock::now() - from;
-        percent += 100.0 * static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC / taken.count();
-    }
-    state.counters["core_percent"] = percent / static_cast<double>(state.iterations());
+    Waiting::MeasureIdle(state);
 }
-BENCHMARK(BenchIdle)->Name("Threads/IdlePool/ours")->Arg(1)->Arg(2)->Arg(8)->Iterations(2)->UseRealTime();
+BENCHMARK(BenchIdle)->Name("Threads/IdlePool/ours")->Arg(1)->Arg(2)->Arg(8)->Iterations(2)->UseManualTime();
 
 } // namespace
 

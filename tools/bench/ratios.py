@@ -3,7 +3,8 @@
 
 Benchmarks are named AREA/WHAT/WHO[/ARGUMENTS]; WHO is "ours" or the peer's name. Benchmarks that differ in WHO alone are
 compared: by items or bytes per second where they are counted, else by time. Every number is the median of the repetitions;
-the spread is their coefficient of variation. Of a single repetition there is but the one number, and no spread.
+the spread is their coefficient of variation. Of a single repetition there is but the one number, and no spread. A benchmark
+that sets its time to 0 has its counters to tell, and nothing else.
 """
 import json
 import re
@@ -12,7 +13,8 @@ import sys
 
 def split_names(names):
     """Maps each name to what is compared and who did it: ours, and the names that differ from one of ours there alone."""
-    parts_of = {name: re.sub(r"/(real_time|process_time|repeats:\d+|threads:1)\b", "", name).split("/") for name in names}
+    run_as = r"/(real_time|manual_time|process_time|iterations:\d+|repeats:\d+|threads:1)\b"
+    parts_of = {name: re.sub(run_as, "", name).split("/") for name in names}
 
     def places(parts):
         return [(tuple(parts[:place]), tuple(parts[place + 1:]), parts[place]) for place in range(len(parts))]
@@ -88,6 +90,11 @@ def spread(entry):
     return f"+-{100 * entry['spread']:.0f} %" if "spread" in entry else ""
 
 
+def has_time(entry):
+    """Whether the time says anything."""
+    return entry["time"] > 0
+
+
 def show_counters(who, entry):
     if entry["counters"]:
         text = ", ".join(f"{name} {value:.3g}" for name, value in entry["counters"].items())
@@ -102,14 +109,16 @@ def main():
             ours = sides.get("ours")
             if ours is None:
                 continue
-            print(f"  {what:44} ours {quantity(ours):>12}  {spread(ours)}".rstrip())
+            figure = f" ours {quantity(ours):>12}  {spread(ours)}" if has_time(ours) else ""
+            print(f"  {what:44}{figure}".rstrip())
             show_counters("ours", ours)
             for who, peer in sides.items():
                 if who == "ours":
                     continue
-                factor = speed(ours, peer)
-                print(f"  {'':34}{who:>14} {quantity(peer):>12}  {spread(peer)}"
-                      f"   ours is {factor:.2f} x as fast, takes {1 / factor:.2f} x the time")
+                if has_time(ours) and has_time(peer):
+                    factor = speed(ours, peer)
+                    print(f"  {'':34}{who:>14} {quantity(peer):>12}  {spread(peer)}"
+                          f"   ours is {factor:.2f} x as fast, takes {1 / factor:.2f} x the time")
                 show_counters(who, peer)
 
 

@@ -54,6 +54,29 @@ def spread(entry):
     return f"{100 * entry.get('spread', 0):.0f} %"
 
 
+def split_unit(counter):
+    """Splits longest_stall_ms into what is counted and its unit; no unit, no figure for the document."""
+    found = re.fullmatch(r"(\w+?)_(us|ms|percent|per_byte)", counter)
+    if found is None:
+        return counter, None
+    return found[1].replace("_", " "), found[2].replace("percent", "%").replace("_", " ")
+
+
+def number(value):
+    return f"{value:.3g}" if value < 999.5 else f"{value:.0f}"
+
+
+def rows(name, sides, cells, compare):
+    """Lines of one table: ours with the first peer, each other peer below. `cells` gives a side's figure and spread."""
+    front = f"| {name} | {' | '.join(cells(sides['ours']))} "
+    peers = [(who, peer) for who, peer in sides.items() if who != "ours"]
+    lines = []
+    for who, peer in peers:
+        lines.append(f"{front}| {who} | {' | '.join(cells(peer))} | {compare(sides['ours'], peer)} |")
+        front = "| | | "
+    return [re.sub(r"\|\s+(?=\|)", "| ", line) for line in lines or [f"{front}| | | | |"]]
+
+
 def tables_of(path, machine):
     """The tables of one program's result, by title."""
     program = re.sub(r"_bench\.json$", "", os.path.basename(path))
@@ -65,14 +88,14 @@ def tables_of(path, machine):
         lines = tables.setdefault(AREAS.get(area, area), [
             f"{machine}, {context['num_cpus']} processors, load {load}; {context['date'][:10]}, `./build.sh bench {program}`.",
             "", "| What | Ours | Spread | Beside | Its figure | Spread | x |", "|---|--:|--:|---|--:|--:|--:|"])
-        ours = sides["ours"]
-        front = f"| {name} | {ratios.quantity(ours)} | {spread(ours)} "
-        peers = [(who, peer) for who, peer in sides.items() if who != "ours"]
-        if not peers:
-            lines.append(f"{front}| | | | |")
-        for who, peer in peers:
-            lines.append(f"{front}| {who} | {ratios.quantity(peer)} | {spread(peer)} | {ratios.speed(ours, peer):.2f} |")
-            front = "| | | "
+        if ratios.has_time(sides["ours"]):
+            lines += rows(name, sides, lambda entry: (ratios.quantity(entry), spread(entry)),
+                          lambda ours, peer: f"{ratios.speed(ours, peer):.2f}")
+        for counter in sides["ours"]["counters"]:
+            label, unit = split_unit(counter)
+            if unit:
+                lines += rows(f"{name}: {label}", {who: side for who, side in sides.items() if counter in side["counters"]},
+                              lambda entry: (f"{number(entry['counters'][counter])} {unit}", ""), lambda ours, peer: "")
     return {title: "\n".join(lines) for title, lines in tables.items()}
 
 
