@@ -49,6 +49,17 @@ public:
     [[nodiscard]] char const* what() const noexcept override;
 };
 
+/// Thrown by Memory::InitFromExternal: the other module's heap was made by another build of the library, whose blocks
+/// and records lie otherwise.
+class VLM_API CForeignHeap : public CBadAllocation {
+public:
+    CForeignHeap() noexcept = default;
+    CForeignHeap(CForeignHeap const&) noexcept = default;
+    CForeignHeap& operator=(CForeignHeap const&) noexcept = default;
+    ~CForeignHeap() override;
+    [[nodiscard]] char const* what() const noexcept override;
+};
+
 namespace Memory {
 
 /// Creates this module's heap on the C runtime's malloc, realloc and free. Does nothing when there is one.
@@ -61,6 +72,7 @@ VLM_API void Initialize(void* (*mallocHook)(u64), void* (*reallocHook)(void*, u6
                         unsigned char flags, u64 budget);
 
 /// Adopts the heap of another module, as its GetExternalHooks returned it. A heap this module already has is kept.
+/// Throws CForeignHeap, and adopts nothing, when that heap is of another build of the library.
 VLM_API void InitFromExternal(void* hooks);
 
 /// This module's heap in the form that InitFromExternal of another module takes. Valid as long as this module.

@@ -37,6 +37,13 @@ char const* CBadAllocation::what() const noexcept
     return "bad allocation";
 }
 
+CForeignHeap::~CForeignHeap() = default;
+
+char const* CForeignHeap::what() const noexcept
+{
+    return "heap of another build of the library";
+}
+
 namespace Memory {
 namespace {
 
@@ -120,6 +127,9 @@ void Initialize(void* (*mallocHook)(u64), void* (*reallocHook)(void*, u64), void
 void InitFromExternal(void* hooks)
 {
     SHeapModule* const external = static_cast<SHeapModule*>(hooks);
+    bool const isNeeded = external != nullptr && external->heap != nullptr && !IsInitialized();
+    if (isNeeded && !external->heap->IsOfThisBuild())
+        throw CForeignHeap();
     if (g_heapModule.heap == nullptr && external != nullptr) {
         g_heapModule.heap = external->heap;
         UpdateQuietExtension();

@@ -47,6 +47,8 @@ static_assert(sizeof(SFreeBlock) == 8 && alignof(SFreeBlock) == 1);
 namespace MemoryDebug {
 
 #if defined(VLM_ADDRESS_SANITIZER)
+inline constexpr bool IsPoisoning = true;
+
 // The sanitizer keeps one byte of notes for 8 of memory. Blocks of EHeap::Pool4 begin in the middle of such 8: the note
 // that two neighbours share is left alone, else two threads would change it at once.
 inline constexpr u64 NoteSize = 8;
@@ -80,6 +82,8 @@ inline void IgnoreLeak(void const* block)
     __lsan_ignore_object(block);
 }
 #else
+inline constexpr bool IsPoisoning = false;
+
 inline void IgnoreLeak(void const*) {}
 inline void Poison(void const*, u64) {}
 inline void Unpoison(void const*, u64) {}
@@ -97,6 +101,7 @@ VLM_UNCHECKED_ACCESS inline void WriteNext(SFreeBlock* block, SFreeBlock* next)
 
 #if defined(VLMCORE_MEMORY_DEBUG)
 
+inline constexpr bool IsFilling = true;
 inline constexpr u8 FreshByte = 0xCD;
 inline constexpr u8 FreeByte = 0xDD;
 inline constexpr u8 GuardByte = 0xFD;
@@ -140,6 +145,8 @@ inline void ResizeGuard(void* block, u64 oldSize, u64 newSize, u64 blockSize)
 }
 
 #else
+
+inline constexpr bool IsFilling = false;
 
 inline void FillFree(void*, u64) {}
 inline void HandOut(void*, u64, u64) {}

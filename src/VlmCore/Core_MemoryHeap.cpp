@@ -1,5 +1,9 @@
 #include "Core_MemoryHeap.h"
 
+#include "Core_BlockAllocator.h"
+#include "Core_MemoryChunkMap.h"
+#include "Core_MemoryDebug.h"
+
 #include <algorithm>
 #include <new>
 #include <type_traits>
@@ -16,8 +20,25 @@ constexpr u64 OwnBucketsServe = 1024;
 } // namespace
 
 static_assert(sizeof(CGlobalHeap) == 2144, "the number that a fresh heap reports");
-static_assert(std::is_standard_layout_v<CGlobalHeap>, "modules of different builds share the object");
+static_assert(std::is_standard_layout_v<CGlobalHeap>, "modules share the object");
 static_assert(sizeof(CRecursiveSpinLock) == 8);
+
+// A number that differs between builds that could not use each other's heaps. What changes the layout without changing
+// a size here, or what is written into blocks, needs another generation.
+u32 CGlobalHeap::GetLayout()
+{
+    constexpr u32 Generation = 1;
+    constexpr u32 Layout = [] {
+        u32 layout = Generation;
+        for (u64 const size :
+             {sizeof(CGlobalHeap), sizeof(CHeapExtension), sizeof(CHeapLane), sizeof(CLaneClass), sizeof(SFreeSlot),
+              sizeof(CChunkMap), sizeof(CChunkRecords), sizeof(CFreeChunks), sizeof(CRecordTable), sizeof(CRecordShard),
+              sizeof(SAllocationRecord), sizeof(TBlockAllocator<0>), sizeof(TBlockAllocator<4>), sizeof(CBlockClass)})
+            layout = layout * 31 + static_cast<u32>(size);
+        return layout << 2 | (MemoryDebug::IsFilling ? 2 : 0) | (MemoryDebug::IsPoisoning ? 1 : 0);
+    }();
+    return Layout;
+}
 
 // ---- Creation and teardown ----
 

@@ -31,6 +31,8 @@ public:
     /// finds every block unknown.
     void ReleaseRecords();
 
+    /// Whether this module's build of the library made the heap, or one that lays out everything alike.
+    [[nodiscard]] bool IsOfThisBuild() const { return m_layout == GetLayout(); }
     [[nodiscard]] bool IsReporting() const { return m_report != 0; }
     [[nodiscard]] bool IsPassthrough() const { return m_passthrough != 0; }
     [[nodiscard]] u64 GetAllocationCount() const { return GetTotals().requests; }
@@ -275,6 +277,8 @@ private:
 
     CGlobalHeap(SMemoryHooks const& hooks, u8 flags, u64 budget);
 
+    [[nodiscard]] static u32 GetLayout();
+
     // The bucket heads: the heap's own 256, or, once the store has outgrown them, what goes with the extension.
     union UBuckets {
         SAllocationRecord* own[OwnBucketCount];
@@ -445,6 +449,7 @@ private:
     u8 m_report;
     u8 m_passthrough;
     u8 m_growthExponent = 0;
+    u32 const m_layout = GetLayout(); // stays the last: every build finds it in the same place
 };
 
 /// Where blocks of an extended heap are counted: in a lane, whose lock is held, to be summed up later, but for the

@@ -17,6 +17,7 @@ struct SPlugin {
     Velmor::u64 (*getLivePoolBlocks)();
     void (*churn)(Velmor::u64 seed, Velmor::u64 count);
     bool (*throwsWithoutHeap)();
+    char const* (*getRefusal)(void* hooks); ///< adopts the heap; null, or the text of the exception
 };
 
 /// As this module sees them.

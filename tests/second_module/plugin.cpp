@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <new>
+#include <string>
 
 using namespace Velmor;
 
@@ -34,6 +35,19 @@ bool ThrowsWithoutHeap()
     return false;
 }
 
+char const* GetRefusal(void* hooks)
+{
+    try {
+        Memory::InitFromExternal(hooks);
+    }
+    catch (CForeignHeap const& error) {
+        static std::string text;
+        text = error.what();
+        return text.c_str();
+    }
+    return nullptr;
+}
+
 // Allocates, fills, checks and frees.
 void Churn(u64 seed, u64 count)
 {
@@ -56,6 +70,7 @@ constexpr PluginTest::SPlugin Plugin = {
     &PluginTest::GetLivePoolBlocks,
     &Churn,
     &ThrowsWithoutHeap,
+    &GetRefusal,
 };
 
 } // namespace

@@ -21,7 +21,7 @@ namespace {
 
 class CPluginModule : public TestSupport::TPluginModule<PluginTest::SPlugin> {
 public:
-    CPluginModule() : TPluginModule(VLMCORE_PLUGIN_NAME) {}
+    explicit CPluginModule(char const* fileName = VLMCORE_PLUGIN_NAME) : TPluginModule(fileName) {}
 };
 
 u64 GetBytes()
@@ -59,6 +59,19 @@ TEST_P(SecondModule, HasNoHeapBeforeItAdoptsOne)
     EXPECT_TRUE(plugin->throwsWithoutHeap());
     plugin->adopt(Memory::GetExternalHooks());
     EXPECT_TRUE(plugin->isInitialized());
+}
+
+TEST_P(SecondModule, DoesNotAdoptTheHeapOfAnotherBuild)
+{
+    CPluginModule const plugin(VLMCORE_OTHER_PLUGIN_NAME); // built for finding damage
+    void** const hooks = static_cast<void**>(Memory::GetExternalHooks());
+    EXPECT_STREQ(plugin->getRefusal(hooks), "heap of another build of the library");
+    EXPECT_FALSE(plugin->isInitialized());
+    EXPECT_TRUE(plugin->throwsWithoutHeap());
+    // The host's goes on.
+    void* const block = Memory::Malloc(100, EHeap::Pool);
+    EXPECT_EQ(Memory::GetSize(block), 100u);
+    Memory::Free(block);
 }
 
 TEST_P(SecondModule, SharesBlocksBothWays)
