@@ -133,6 +133,7 @@ public:
 
 private:
     struct SChunk;
+    struct SFitLinks;
     class CFitTree;
 
     [[nodiscard]] u64 GetChunkSize(u32 size) const;

@@ -60,14 +60,17 @@ void* AllocateOrThrow(u64 size)
 
 } // namespace
 
-// Chunks are numbered from 1 on in the order of their making; 0 is none.
+/// The chunk table has these, as many as it has room for, and behind them the tree's links.
 struct CBlockStorage::SChunk {
     u8* start;
     u8* cursor;
     u32 bytesLeft;
-    u32 left;  ///< chunk with less room
-    u32 right; ///< chunk with more
-    u32 root;  ///< the tree's, in the first chunk only
+};
+
+/// Chunks are numbered from 1 on in the order of their making; 0 is none.
+struct CBlockStorage::SFitLinks {
+    u32 less; ///< chunk with less room; of number 0, the tree's root
+    u32 more; ///< chunk with more
 };
 
 /// The chunks in the order of their room, those with the same in the order of their making: a tree by these, and a heap
@@ -75,30 +78,51 @@ struct CBlockStorage::SChunk {
 /// at every reservation would make filling a storage quadratic.
 class CBlockStorage::CFitTree {
 public:
-    explicit CFitTree(SChunk* chunks) : m_chunks(chunks) {}
+    /// The tree in a table for `count` chunks.
+    CFitTree(SChunk* chunks, u64 count)
+        : m_chunks(chunks), m_links(reinterpret_cast<SFitLinks*>(chunks + GetCapacity(count)))
+    {
+    }
+
+    /// How many chunks the table for `count` has room for: a power of two, so that it is seldom copied.
+    [[nodiscard]] static u64 GetCapacity(u64 count) { return std::bit_ceil(count); }
+
+    /// Its size in bytes.
+    [[nodiscard]] static u64 GetTableSize(u64 count)
+    {
+        return GetCapacity(count) * sizeof(SChunk) + (GetCapacity(count) + 1) * sizeof(SFitLinks);
+    }
+
+    void MakeEmpty() { m_links[0] = {0, 0}; }
+    /// The `count` chunks of another table and its tree.
+    void CopyFrom(CFitTree const& other, u64 count)
+    {
+        std::memcpy(m_chunks, other.m_chunks, count * sizeof(SChunk));
+        std::memcpy(m_links, other.m_links, (count + 1) * sizeof(SFitLinks));
+    }
 
     /// The first chunk in the order that has room for `size` bytes; 0 when none has.
     [[nodiscard]] u32 Find(u32 size) const
     {
         u32 best = 0;
-        for (u32 chunk = m_chunks[0].root; chunk != 0;) {
-            bool const fits = At(chunk).bytesLeft >= size;
+        for (u32 chunk = m_links[0].less; chunk != 0;) {
+            bool const fits = GetRoom(chunk) >= size;
             best = fits ? chunk : best;
-            chunk = fits ? At(chunk).left : At(chunk).right;
+            chunk = fits ? m_links[chunk].less : m_links[chunk].more;
         }
         return best;
     }
 
     void Insert(u32 added)
     {
-        u32* link = &m_chunks[0].root;
+        u32* link = &m_links[0].less;
         while (*link != 0 && GetRank(*link) > GetRank(added))
             link = GetSide(*link, added);
         // What hung here is split into what comes before the new chunk and what behind.
         u32 rest = *link;
         *link = added;
-        u32* before = &At(added).left;
-        u32* behind = &At(added).right;
+        u32* before = &m_links[added].less;
+        u32* behind = &m_links[added].more;
         while (rest != 0) {
             u32*& side = IsBefore(rest, added) ? before : behind;
             *side = rest;
@@ -111,23 +135,23 @@ public:
 
     void Remove(u32 removed)
     {
-        u32* link = &m_chunks[0].root;
+        u32* link = &m_links[0].less;
         while (*link != removed)
             link = GetSide(*link, removed);
-        u32 before = At(removed).left;
-        u32 behind = At(removed).right;
+        u32 before = m_links[removed].less;
+        u32 behind = m_links[removed].more;
         while (before != 0 && behind != 0) {
             bool const isBeforeUp = GetRank(before) > GetRank(behind);
             u32& up = isBeforeUp ? before : behind;
             *link = up;
-            link = isBeforeUp ? &At(up).right : &At(up).left;
+            link = isBeforeUp ? &m_links[up].more : &m_links[up].less;
             up = *link;
         }
         *link = before != 0 ? before : behind;
     }
 
 private:
-    [[nodiscard]] SChunk& At(u32 chunk) const { return m_chunks[chunk - 1]; }
+    [[nodiscard]] u32 GetRoom(u32 chunk) const { return m_chunks[chunk - 1].bytesLeft; }
     /// Different for every chunk.
     [[nodiscard]] static u32 GetRank(u32 chunk)
     {
@@ -136,17 +160,18 @@ private:
     }
     [[nodiscard]] bool IsBefore(u32 chunk, u32 other) const
     {
-        u32 const room = At(chunk).bytesLeft;
-        u32 const otherRoom = At(other).bytesLeft;
+        u32 const room = GetRoom(chunk);
+        u32 const otherRoom = GetRoom(other);
         return room < otherRoom || (room == otherRoom && chunk < other);
     }
     /// The link of `chunk` behind which `other` is, or belongs.
     [[nodiscard]] u32* GetSide(u32 chunk, u32 other) const
     {
-        return IsBefore(chunk, other) ? &At(chunk).right : &At(chunk).left;
+        return IsBefore(chunk, other) ? &m_links[chunk].more : &m_links[chunk].less;
     }
 
     SChunk* m_chunks;
+    SFitLinks* m_links;
 };
 
 CBlockStorage::CBlockStorage() : CBlockStorage(DefaultBlockSize) {}
@@ -160,7 +185,7 @@ CBlockStorage::~CBlockStorage()
 
 void* CBlockStorage::ReserveBytes(unsigned int size)
 {
-    u32 number = m_chunkCount != 0 ? CFitTree(m_chunks).Find(size) : 0;
+    u32 number = m_chunkCount != 0 ? CFitTree(m_chunks, m_chunkCount).Find(size) : 0;
     if (number == 0) {
         AddChunk(size);
         number = m_chunkCount;
@@ -168,7 +193,7 @@ void* CBlockStorage::ReserveBytes(unsigned int size)
     SChunk& chunk = m_chunks[number - 1];
     void* const reserved = chunk.cursor;
     if (size != 0) {
-        CFitTree tree(m_chunks);
+        CFitTree tree(m_chunks, m_chunkCount);
         tree.Remove(number);
         chunk.cursor += size;
         chunk.bytesLeft -= size;
@@ -212,11 +237,11 @@ void CBlockStorage::AddChunk(u32 size)
     if (chunkSize > ~u32{0} || m_chunkCount == ~u32{0})
         throw CBadAllocation();
 
-    // The table has room for a power of two. It is copied, since a refused Realloc would lose it, and both pieces are
-    // there before anything changes.
-    bool const isFull = m_chunkCount == 0 || std::has_single_bit(m_chunkCount);
-    u64 const capacity = m_chunkCount == 0 ? 1 : u64{m_chunkCount} * 2;
-    SChunk* const table = isFull ? static_cast<SChunk*>(AllocateOrThrow(capacity * sizeof(SChunk))) : m_chunks;
+    // A table without room is copied, since a refused Realloc would lose it; both pieces are there before anything
+    // changes.
+    u64 const newCount = u64{m_chunkCount} + 1;
+    bool const isFull = m_chunkCount == 0 || CFitTree::GetCapacity(m_chunkCount) < newCount;
+    SChunk* const table = isFull ? static_cast<SChunk*>(AllocateOrThrow(CFitTree::GetTableSize(newCount))) : m_chunks;
     // An arena of block size 0 still needs an address to hand out for an empty request.
     void* const memory = Memory::Malloc(chunkSize == 0 ? 1 : chunkSize, EHeap::Pool);
     if (memory == nullptr) {
@@ -224,16 +249,19 @@ void CBlockStorage::AddChunk(u32 size)
             Memory::FreeQuietly(table);
         throw CBadAllocation();
     }
+    CFitTree tree(table, newCount);
+    if (m_chunkCount == 0)
+        tree.MakeEmpty();
+    else if (isFull)
+        tree.CopyFrom(CFitTree(m_chunks, m_chunkCount), m_chunkCount);
     if (isFull) {
-        if (m_chunkCount != 0)
-            std::memcpy(table, m_chunks, u64{m_chunkCount} * sizeof(SChunk));
         Memory::FreeQuietly(m_chunks);
         m_chunks = table;
     }
     u8* const start = static_cast<u8*>(memory);
-    m_chunks[m_chunkCount] = {start, start, static_cast<u32>(chunkSize), 0, 0, 0};
+    m_chunks[m_chunkCount] = {start, start, static_cast<u32>(chunkSize)};
     ++m_chunkCount;
-    CFitTree(m_chunks).Insert(m_chunkCount);
+    tree.Insert(m_chunkCount);
 }
 
 } // namespace Velmor
