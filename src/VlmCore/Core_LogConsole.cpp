@@ -1,8 +1,8 @@
 #include "Core_LogLine.h"
 
-#include <vlmcore/logging.h>
+#include "platform/Platform_Console.h"
 
-#include <cstdio>
+#include <vlmcore/logging.h>
 
 namespace Velmor {
 
@@ -13,8 +13,7 @@ CConsoleLogger::~CConsoleLogger() = default;
 void CConsoleLogger::Write(Log::EMessage::Type type, u64 timestamp, CString const& message)
 {
     CLogLine const line(type, timestamp, message);
-    std::fwrite(line.GetData(), 1, line.GetSizeByte(), stdout);
-    std::fflush(stdout);
+    Platform::WriteStandardOutput(reinterpret_cast<char const*>(line.GetData()), line.GetSizeByte());
 }
 
 } // namespace Velmor

@@ -19,4 +19,9 @@ enum class EStandardStream : u32 { Output, Error };
 /// True when a person sees the stream as it is written.
 bool IsTerminal(EStandardStream stream);
 
+/// Writes bytes to standard output, whole and behind what the C runtime still holds for it. What the output does not
+/// take is lost; one that cannot take anything now and does not wait by itself is waited for, a tenth of a second, and
+/// then not again until it took something. Throws nothing, ends nothing.
+void WriteStandardOutput(char const* bytes, u64 size);
+
 } // namespace Velmor::Platform

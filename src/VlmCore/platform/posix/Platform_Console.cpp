@@ -1,7 +1,12 @@
 #include "../Platform_Console.h"
 
+#include "Posix_PipeSignal.h"
+
+#include <poll.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -32,6 +37,49 @@ void VisitArguments(VisitArgument visit, void* context)
 bool IsTerminal(EStandardStream stream)
 {
     return isatty(stream == EStandardStream::Output ? STDOUT_FILENO : STDERR_FILENO) == 1;
+}
+
+namespace {
+
+std::atomic<bool> g_isOutputStuck{false};
+
+/// False when the output has not become ready in time, or did not the last time.
+bool WaitForOutput(int descriptor)
+{
+    constexpr int LongestWaitMilliseconds = 100;
+    pollfd output{descriptor, POLLOUT, 0};
+    bool const isReady = ::poll(&output, 1, g_isOutputStuck ? 0 : LongestWaitMilliseconds) != 0; // or interrupted
+    g_isOutputStuck = !isReady;
+    return isReady;
+}
+
+void WriteDescriptor(int descriptor, char const* bytes, u64 size)
+{
+    while (size > 0) {
+        ssize_t const count = ::write(descriptor, bytes, size);
+        if (count > 0) {
+            bytes += count;
+            size -= static_cast<u64>(count);
+        }
+        else if (count == 0 || (errno != EINTR && (errno != EAGAIN || !WaitForOutput(descriptor))))
+            return;
+    }
+}
+
+} // namespace
+
+// The runtime's own writing gives up when a signal interrupts it.
+void WriteStandardOutput(char const* bytes, u64 size)
+{
+    CNoPipeSignal const noSignal;
+    ::flockfile(stdout);
+    int const descriptor = ::fileno(stdout);
+    if (descriptor == -1) // a stream without a file behind it
+        std::fwrite(bytes, 1, size, stdout);
+    std::fflush(stdout);
+    if (descriptor != -1)
+        WriteDescriptor(descriptor, bytes, size);
+    ::funlockfile(stdout);
 }
 
 } // namespace Velmor::Platform

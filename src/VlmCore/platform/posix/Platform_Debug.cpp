@@ -1,5 +1,7 @@
 #include "../Platform_Debug.h"
 
+#include "Posix_PipeSignal.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +15,7 @@ namespace {
 
 void WriteAll(int descriptor, char const* bytes, u64 size)
 {
+    CNoPipeSignal const noSignal;
     while (size > 0) {
         ssize_t const written = ::write(descriptor, bytes, size);
         if (written < 0 && errno == EINTR)

@@ -1,5 +1,6 @@
 #include "../Platform_EventLog.h"
 
+#include <cstring>
 #include <syslog.h>
 
 namespace Velmor::Platform {
@@ -15,7 +16,9 @@ int g_source;
 
 void* OpenEventSource(char const* source)
 {
-    ::openlog(source, LOG_PID, LOG_USER);
+    // The system keeps the pointer, for the host's own messages as well: the name has to outlive this library.
+    static char const* const name = ::strdup(source);
+    ::openlog(name, LOG_PID, LOG_USER);
     return &g_source;
 }
 

@@ -3,6 +3,7 @@
 #include "../Platform_SystemError.h"
 #include "Posix_Errno.h"
 #include "Posix_Path.h"
+#include "Posix_PipeSignal.h"
 
 #include <cerrno>
 #include <cstring>
@@ -21,14 +22,35 @@ static_assert(sizeof(off_t) == 8, "file positions have 64 bits");
 
 namespace {
 
+// Above the descriptor, in the handle of a pipe: a write there may find that nobody reads any more.
+constexpr i64 PipeMark = i64{1} << 32;
+
 int DescriptorOf(FileHandle handle)
 {
     return static_cast<int>(reinterpret_cast<i64>(handle));
 }
 
-FileHandle HandleOf(int descriptor)
+bool IsPipe(FileHandle handle)
 {
-    return reinterpret_cast<FileHandle>(static_cast<i64>(descriptor));
+    return (reinterpret_cast<i64>(handle) & PipeMark) != 0;
+}
+
+FileHandle HandleOf(int descriptor, bool isPipe)
+{
+    return reinterpret_cast<FileHandle>(static_cast<i64>(descriptor) | (isPipe ? PipeMark : 0));
+}
+
+// The lowest numbers are the standard streams', also in a host that has closed them: what is printed there would go
+// into the file.
+int MoveOffStandardStreams(int descriptor)
+{
+    if (descriptor < 0 || descriptor > STDERR_FILENO)
+        return descriptor;
+    int const moved = ::fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int const error = errno;
+    ::close(descriptor);
+    errno = error;
+    return moved;
 }
 
 // A transfer against the direction of the open is "access denied" on Windows; EBADF does not tell it from a bad handle.
@@ -57,10 +79,11 @@ u32 LastErrorOf(char const* path)
     return ::lstat(name, &information) == 0 ? u32{ESystemError::NotAFolder} : SystemErrorFromErrno(number);
 }
 
-bool IsFolder(int descriptor)
+// The kind of the entry, as in st_mode; 0 when it cannot be told.
+mode_t GetKind(int descriptor)
 {
     struct stat information;
-    return ::fstat(descriptor, &information) == 0 && S_ISDIR(information.st_mode);
+    return ::fstat(descriptor, &information) == 0 ? information.st_mode & S_IFMT : 0;
 }
 
 } // namespace
@@ -86,13 +109,15 @@ u32 OpenFileHandle(char16_t const* path, u32 rights, EFileCreation creation, Fil
     do
         descriptor = ::open(systemPath.Get(), flags, 0666);
     while (descriptor == -1 && errno == EINTR);
+    descriptor = MoveOffStandardStreams(descriptor);
     if (descriptor == -1)
         return LastErrorOf(systemPath.Get());
-    if (IsFolder(descriptor)) {
+    mode_t const kind = GetKind(descriptor);
+    if (kind == S_IFDIR) {
         ::close(descriptor);
         return ESystemError::AccessDenied;
     }
-    handle = HandleOf(descriptor);
+    handle = HandleOf(descriptor, kind == S_IFIFO);
     return ESystemError::None;
 }
 
@@ -112,7 +137,9 @@ u32 ReadFileHandle(FileHandle handle, void* buffer, u64 size, u64& done)
     return count < 0 ? TransferError(DescriptorOf(handle)) : u32{ESystemError::None};
 }
 
-u32 WriteFileHandle(FileHandle handle, void const* buffer, u64 size, u64& done)
+namespace {
+
+u32 WriteBytes(FileHandle handle, void const* buffer, u64 size, u64& done)
 {
     ssize_t count;
     do
@@ -120,6 +147,16 @@ u32 WriteFileHandle(FileHandle handle, void const* buffer, u64 size, u64& done)
     while (count == -1 && errno == EINTR);
     done = count < 0 ? 0 : static_cast<u64>(count);
     return count < 0 ? TransferError(DescriptorOf(handle)) : u32{ESystemError::None};
+}
+
+} // namespace
+
+u32 WriteFileHandle(FileHandle handle, void const* buffer, u64 size, u64& done)
+{
+    if (!IsPipe(handle)) [[likely]]
+        return WriteBytes(handle, buffer, size, done);
+    CNoPipeSignal const noSignal;
+    return WriteBytes(handle, buffer, size, done);
 }
 
 u32 MoveFilePosition(FileHandle handle, i64 offset, EMoveFrom from, u64& position)

@@ -4,6 +4,7 @@
 
 #include <shellapi.h>
 
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -34,6 +35,12 @@ bool IsTerminal(EStandardStream stream)
     HANDLE const handle = GetStdHandle(stream == EStandardStream::Output ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE);
     DWORD mode = 0;
     return GetConsoleMode(handle, &mode) != 0;
+}
+
+void WriteStandardOutput(char const* bytes, u64 size)
+{
+    std::fwrite(bytes, 1, size, stdout);
+    std::fflush(stdout);
 }
 
 } // namespace Velmor::Platform
