@@ -84,7 +84,9 @@ public:
 };
 
 /// Prints "timestamp: [level] message" and a new line to standard output, text as UTF-8, flushed line by line so that
-/// it keeps its place among the output of a host with a C runtime of its own, and survives a crash.
+/// it keeps its place among the output of a host with a C runtime of its own, and survives a crash. What an output
+/// without a reader or without room does not take is lost; on Linux neither ends the process, and an interrupting
+/// signal loses nothing.
 class VLM_API CConsoleLogger : public ILogger {
 public:
     CConsoleLogger();
@@ -130,7 +132,7 @@ private:
 /// was given is lost and reported with Debug::Print, and the next lines go on. A line that the file itself logs here
 /// from within its Write is dropped and reported likewise: it would wait for that very write to end, or cause the next
 /// write, which logs again. Threads: any number may write; the lines of one thread keep their order. The file belongs
-/// to the logger's threads until the logger is gone.
+/// to the logger's threads until the logger is gone. A child made by fork may log on: see docs/threads.md.
 class VLM_API CFileLogger : public ILogger {
 public:
     /// Creates the file, or empties it. One that cannot be opened leaves the logger without a file.
@@ -146,6 +148,7 @@ public:
 
 private:
     friend class CLogWriter;
+    friend struct SFileLoggerFork;
 
     struct SBuffer {
         u8* data = nullptr;
@@ -203,7 +206,8 @@ public:
 ///
 /// Errors: a file that throws or writes short loses what it was given, is made a complete document again as soon as it
 /// can be, and the loss is reported with Debug::Print; nothing is thrown to the thread that allocates. Threads: any
-/// number may report. The files belong to the logger until it is gone.
+/// number may report. The files belong to the logger until it is gone. In a child made by fork the logger records
+/// nothing and writes nothing: the files are the parent's.
 class VLM_API CFileMemoryLogger : public IMemoryLogger {
 public:
     /// Creates both files, or empties them. Throws CFileException when one cannot be opened, CBadAllocation.
@@ -224,6 +228,7 @@ public:
 
 private:
     friend class CJSONMemoryLogWriter;
+    friend struct SMemoryLoggerFork;
 
     struct SRecord {
         u64 address;

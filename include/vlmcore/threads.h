@@ -163,7 +163,7 @@ class CWorkerThread;
 ///
 /// Destroy a pool before Memory::Deinitialize, at process exit too (a pool made on demand as a static is): its workers
 /// lie in the heap, and one that is still running then runs on memory that is gone. The destructor of a pool that
-/// outlives the heap does nothing.
+/// outlives the heap does nothing. In a child made by fork a pool is as new: see docs/threads.md.
 ///
 /// Threads: everything but the destructor may be called from any thread, also from jobs, except that a job cannot wait
 /// for its own pool. Errors: see PushJob.
@@ -178,7 +178,9 @@ public:
     explicit CThreadPool(unsigned char maxWorkers);
     CThreadPool(CThreadPool const&) = delete;
     CThreadPool& operator=(CThreadPool const&) = delete;
-    /// Waits for all jobs and ends the workers. Not on one of its own workers.
+    /// Waits for all jobs and ends the workers. On one of its own workers only at the end of the process, when a job
+    /// calls exit and the pool is a static: it then waits for the jobs that other workers are at, and what is queued
+    /// behind them is lost.
     ~CThreadPool();
 
     /// Queues a job and sees to it that a worker is there to run it. Waits while 255 jobs are waiting. Null is ignored.
@@ -202,6 +204,7 @@ public:
 private:
     friend class CWorkerThread;
     friend struct SThreadPoolProbe; // for tests: shorter timeouts than a second
+    friend struct SThreadPoolFork;  // copies of the process
 
     using CRing = Impl::TJobRing<std::atomic, IThreadJob*, RingCapacity + 1>;
 

@@ -100,6 +100,14 @@ public:
         return EBiasedHold::Guest;
     }
 
+    /// In a copy of the process, by the guest that holds it: of those who came to it only the calling thread is left.
+    void ForgetThreads()
+    {
+        m_nextOwner = NoThread;
+        for (u32& thread : m_slotThreads)
+            thread = 0;
+    }
+
     /// \param threadKey  with which it was taken; any for a guest
     void Release(EBiasedHold hold, u64 threadKey)
     {

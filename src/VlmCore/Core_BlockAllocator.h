@@ -6,6 +6,7 @@
 // blocks come and go by lanes, rows of them at a time (see CHeapExtension).
 #pragma once
 
+#include "Core_Fork.h"
 #include "Core_MemoryAlignment.h"
 #include "Core_MemoryDebug.h"
 #include "Core_MemoryHeap.h"
@@ -125,6 +126,18 @@ public:
 
     [[nodiscard]] u32 GetBlocksPerChunk() const { return m_blocksPerChunk; }
     [[nodiscard]] u32 GetChunkCount();
+
+    /// Around a copy of the process. The copy does without what a purge held at that moment.
+    void FollowFork(EFork moment)
+    {
+        if (moment == EFork::Before) {
+            m_lock.Acquire();
+            return;
+        }
+        if (moment == EFork::InCopy)
+            m_isPurging = 0;
+        m_lock.TryRelease();
+    }
     [[nodiscard]] u64 GetChunkSize(SShape const& shape) const
     {
         return m_blocksPerChunk * shape.blockSize + shape.alignment;
@@ -278,6 +291,13 @@ public:
     }
 
     void Purge(CGlobalHeap& heap);
+
+    /// Around a copy of the process.
+    void FollowFork(EFork moment)
+    {
+        for (CBlockClass& blocks : m_classes)
+            blocks.FollowFork(moment);
+    }
 
     /// Prints the statistics when asked to at creation, and gives every chunk back. Never throws.
     void TearDown(CGlobalHeap& heap) noexcept;

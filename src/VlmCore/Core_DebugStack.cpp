@@ -1,5 +1,6 @@
 #include "Core_DebugStack.h"
 
+#include "Core_Fork.h"
 #include "Core_Log.h"
 #include "platform/Platform_Stack.h"
 #include "platform/Platform_Symbols.h"
@@ -51,11 +52,21 @@ void ReportMissingLibrary() noexcept
     }
 }
 
+/// The symbols are whole in a copy of the process.
+void FollowFork(void*, EFork moment)
+{
+    if (moment == EFork::Before)
+        GetSymbolLock().Acquire();
+    else
+        GetSymbolLock().TryRelease();
+}
+
 /// When the library is unloaded, or the process ends, nobody has use for the symbols any more. But for a thread that is
 /// at it, this one included if a signal's handler ends the process: then the process takes them along.
 struct SSymbolsEnd {
     ~SSymbolsEnd()
     {
+        Fork::Withdraw(&GetSymbolLock());
         CRecursiveSpinLock& lock = GetSymbolLock();
         if (!lock.IsOwned() && lock.TryAcquire()) {
             Platform::ReleaseSymbols();
@@ -70,6 +81,9 @@ constinit SSymbolsEnd symbolsEnd;
 
 void LoadSymbols()
 {
+    static std::atomic<bool> isEnrolled{false};
+    if (!isEnrolled.exchange(true))
+        Fork::Enrol(EForkRank::Symbols, &GetSymbolLock(), &FollowFork);
     bool hasLibrary = false;
     {
         TScopedLock const guard(GetSymbolLock());

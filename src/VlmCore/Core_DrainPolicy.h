@@ -5,6 +5,7 @@
 #include "Core_Backoff.h"
 #include "platform/Platform_Thread.h"
 
+#include <vlmcore/impl/Core_Lock.h>
 #include <vlmcore/types.h>
 
 #include <atomic>
@@ -88,6 +89,17 @@ public:
         m_asleep.store(0, std::memory_order_relaxed);
         lock.TryRelease();
         Ring();
+    }
+
+    /// In a copy of the process, where nobody waits: the first producer is wanted.
+    void StartOver() { m_asleep.store(1, std::memory_order_relaxed); }
+
+    /// The next producer is wanted. Not under the lock.
+    template <class Lock>
+    void Want(Lock& lock)
+    {
+        TScopedLock const guard(lock);
+        m_asleep.store(1, std::memory_order_relaxed);
     }
 
 private:

@@ -1,4 +1,5 @@
 #include "Core_DrainPolicy.h"
+#include "Core_Fork.h"
 #include "Core_LogLine.h"
 
 #include <vlmcore/debug.h>
@@ -21,8 +22,12 @@ public:
     bool Drain();
     /// Ends the thread.
     void Finish();
-    /// What producers wake it with.
+    /// What producers look at for whether to wake it.
     [[nodiscard]] CWriterBell& GetBell() { return m_bell; }
+    /// For the one producer that is wanted to.
+    void Wake() noexcept;
+    /// In a copy of the process, where its thread is not: the next line starts another.
+    void StartOver();
 
 protected:
     void Execute() override;
@@ -33,6 +38,24 @@ private:
     CFileLogger* m_owner;
     CWriterBell m_bell;
     CDrainPolicy m_policy;
+    bool m_isThreadGone = false; ///< in a copy of the process; changed by the producer that is wanted
+};
+
+/// A file logger in a copy of the process. What waited in its buffers is the original's to write; nobody else is left
+/// who could hold its lock.
+struct SFileLoggerFork {
+    static void Follow(void* object, EFork moment)
+    {
+        if (moment != EFork::InCopy)
+            return;
+        CFileLogger& logger = *static_cast<CFileLogger*>(object);
+        logger.m_fileThread.store(Impl::NoOwner, std::memory_order_relaxed);
+        for (CFileLogger::SBuffer& buffer : logger.m_buffers)
+            buffer.used.store(0, std::memory_order_relaxed);
+        if (logger.m_writer != nullptr)
+            logger.m_writer->StartOver();
+        logger.m_lock.TryRelease();
+    }
 };
 
 namespace {
@@ -84,10 +107,12 @@ CFileLogger::CFileLogger(TResourcePtr<IFile> const& file, u64 bufferSize) : m_fi
     static_assert(sizeof(CFileLogger) == 80 && sizeof(SBuffer) == 16 && sizeof(CSpinLock) == 4);
     if (bufferSize != 0)
         StartWriter();
+    Fork::Enrol(EForkRank::Loggers, this, &SFileLoggerFork::Follow);
 }
 
 CFileLogger::~CFileLogger()
 {
+    Fork::Withdraw(this);
     if (m_writer != nullptr) {
         m_writer->Finish();
         // What came in after the thread's last look.
@@ -148,7 +173,7 @@ void CFileLogger::WriteBuffered(u8 const* line, u64 lineSize)
     auto const release = [&] {
         m_lock.Release();
         if (isBellWanted)
-            m_writer->GetBell().Ring();
+            m_writer->Wake();
     };
     m_lock.Acquire();
     if (IsCalledByFile()) [[unlikely]] { // asked here, where the logger's words are at hand
@@ -216,6 +241,30 @@ void CLogWriter::Execute()
         m_bell.Sleep(m_owner->m_lock, [&] { return getUsed() == 0; });
         Drain(); // the first line after a rest does not wait for company
     }
+}
+
+/// Where no thread can be had, the producer does its work.
+void CLogWriter::Wake() noexcept
+{
+    if (!m_isThreadGone) [[likely]] {
+        m_bell.Ring();
+        return;
+    }
+    try {
+        RunLooped();
+        m_isThreadGone = false;
+    }
+    catch (...) {
+        Drain();
+        m_bell.Want(m_owner->m_lock);
+    }
+}
+
+void CLogWriter::StartOver()
+{
+    Fork::ForgetThread(*this);
+    m_isThreadGone = true;
+    m_bell.StartOver();
 }
 
 void CLogWriter::Finish()

@@ -15,11 +15,7 @@
 
 namespace Velmor {
 
-namespace {
-
 constinit CSpinLock g_quietExtensionLock;
-
-} // namespace
 
 // Under a lock: of two threads at once, the last one sees what both did.
 void UpdateQuietExtension()
@@ -54,6 +50,8 @@ void CreateHeap(SMemoryHooks const& hooks, u8 flags, u64 budget)
 {
     g_heapModule.heap = CGlobalHeap::Create(hooks, flags, budget);
     UpdateQuietExtension();
+    if (g_heapModule.heap != nullptr)
+        Fork::Enrol(EForkRank::Heap, g_heapModule);
     if (g_heapModule.heap != nullptr && g_heapModule.heap->IsReporting())
         Debug::Print("Heap initialized, using %u bytes\n", static_cast<u32>(g_heapModule.heap->GetBytesInUse()));
 }
@@ -174,6 +172,7 @@ void Deinitialize()
     CGlobalHeap* const heap = g_heapModule.heap;
     if (heap == nullptr)
         return;
+    Fork::Withdraw(&g_heapModule);
     if (!heap->IsPassthrough())
         g_heapModule.VisitPools([&](auto*& pool) { TearDownPool(*heap, pool); });
     heap->ReleaseRecords();

@@ -36,6 +36,25 @@ void CHeapExtension::Release(SMemoryHooks const& hooks)
     hooks.free(m_memory);
 }
 
+// ---- Copies of the process ----
+
+void CHeapExtension::AcquireLanes()
+{
+    m_collecting.Acquire();
+    for (CHeapLane& lane : m_lanes)
+        static_cast<void>(lane.lock.AcquireAsGuest());
+}
+
+void CHeapExtension::ReleaseLanes(EFork moment)
+{
+    for (CHeapLane& lane : m_lanes) {
+        if (moment == EFork::InCopy)
+            lane.lock.ForgetThreads();
+        lane.lock.Release(EBiasedHold::Guest, 0);
+    }
+    m_collecting.TryRelease();
+}
+
 // ---- Lanes ----
 
 auto CHeapExtension::Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, u64 size, ECredit& credit)

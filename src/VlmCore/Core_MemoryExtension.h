@@ -17,6 +17,7 @@
 #pragma once
 
 #include "Core_BiasedLock.h"
+#include "Core_Fork.h"
 #include "Core_MemoryChunkMap.h"
 #include "Core_MemoryDebug.h"
 #include "Core_MemoryRecords.h"
@@ -405,6 +406,10 @@ public:
     /// Takes all lanes' credits and records away. Under the collecting lock and no other.
     [[nodiscard]] SCollected CollectCredits();
     [[nodiscard]] CSpinLock& GetCollectingLock() { return m_collecting; }
+
+    /// Around a copy of the process: nobody else has credits in hand, nor is in a lane.
+    void AcquireLanes();
+    void ReleaseLanes(EFork moment);
 
     [[nodiscard]] u64 GetAllocationCount(EHeap::Type kind) const;
     [[nodiscard]] u64 GetLiveCount(EHeap::Type kind) const;

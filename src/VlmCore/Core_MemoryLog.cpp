@@ -21,6 +21,13 @@ IMemoryLogger& MemoryLog::GetLogger()
     return *logger;
 }
 
+void MemoryLog::Uninstall(IMemoryLogger& logger)
+{
+    IMemoryLogger* expected = &logger;
+    if (g_logger.compare_exchange_strong(expected, nullptr, std::memory_order_acq_rel))
+        UpdateQuietExtension();
+}
+
 u64 MemoryLog::GetHeapSize()
 {
     CGlobalHeap const* const heap = g_heapModule.heap;

@@ -27,6 +27,9 @@ extern std::atomic<IMemoryLogger*> g_logger;
     return g_logger.load(std::memory_order_acquire);
 }
 
+/// Ends the installation of `logger`, if it is the installed one.
+void Uninstall(IMemoryLogger& logger);
+
 /// The installed memory logger; without one it throws CException. Callers ask IsInstalled first: the exception is a
 /// guard.
 [[nodiscard]] IMemoryLogger& GetLogger();

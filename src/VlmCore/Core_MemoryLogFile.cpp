@@ -1,3 +1,4 @@
+#include "Core_Fork.h"
 #include "Core_Log.h"
 #include "Core_MemoryLog.h"
 #include "Core_MemoryLogWriter.h"
@@ -29,6 +30,20 @@ constexpr u64 EventSize = 304;
 
 } // namespace
 
+/// A memory logger in a copy of the process: it stays the original's, whose files these are. Nothing of what its writer
+/// was at is touched any more.
+struct SMemoryLoggerFork {
+    static void Follow(void* object, EFork moment)
+    {
+        if (moment != EFork::InCopy)
+            return;
+        CFileMemoryLogger& logger = *static_cast<CFileMemoryLogger*>(object);
+        MemoryLog::Uninstall(logger);
+        logger.m_writer->GiveUp();
+        ::new (&logger.m_lock) CRecursiveSpinLock;
+    }
+};
+
 CFileMemoryLogger::CFileMemoryLogger(CString const& eventsPath, CString const& stacksPath, u64 capacity)
     : CFileMemoryLogger(CreateFile(eventsPath), CreateFile(stacksPath), capacity)
 {
@@ -46,11 +61,14 @@ CFileMemoryLogger::CFileMemoryLogger(TResourcePtr<IFile> const& events, TResourc
 
 CFileMemoryLogger::~CFileMemoryLogger()
 {
-    m_writer->Finish();
-    // What came in after the thread's last look.
-    while (m_writer->Drain())
-        continue;
-    Memory::Delete(m_writer);
+    Fork::Withdraw(this);
+    if (!m_writer->IsGivenUp()) {
+        m_writer->Finish();
+        // What came in after the thread's last look.
+        while (m_writer->Drain())
+            continue;
+        Memory::Delete(m_writer);
+    }
     for (SBuffer& buffer : m_buffers)
         Memory::FreeQuietly(buffer.records);
     // Without a heap the handles do not touch their objects. These are still there, in general memory, and are to be
@@ -77,6 +95,7 @@ void CFileMemoryLogger::Start()
         // Without buffers there is nothing for a thread to do.
         if (m_capacity != 0)
             m_writer->StartThread();
+        Fork::Enrol(EForkRank::Loggers, this, &SMemoryLoggerFork::Follow);
     }
     catch (...) {
         Memory::Delete(m_writer);

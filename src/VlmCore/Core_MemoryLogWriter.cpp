@@ -1,5 +1,6 @@
 #include "Core_MemoryLogWriter.h"
 
+#include "Core_Fork.h"
 #include "Core_Log.h"
 #include "platform/Platform_System.h"
 
@@ -105,6 +106,14 @@ bool CJSONMemoryLogWriter::WaitForRoom(SWait& wait)
     }
     wait.backoff.Wait();
     return true;
+}
+
+void CJSONMemoryLogWriter::GiveUp()
+{
+    Fork::ForgetThread(*this);
+    m_isGivenUp = true;
+    m_isWritingNow = true; // nobody writes at once
+    m_stalledProgress.store(m_progress.load(std::memory_order_relaxed), std::memory_order_relaxed); // or waits for it
 }
 
 void CJSONMemoryLogWriter::ReportDropped()

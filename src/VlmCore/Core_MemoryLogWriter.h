@@ -59,6 +59,9 @@ public:
     };
     /// Waits for the writer a little. False when it has stood still for long: the caller should give its event up.
     [[nodiscard]] bool WaitForRoom(SWait& wait);
+    /// In a copy of the process: every event is dropped from now on, and the writer not to be destroyed.
+    void GiveUp();
+    [[nodiscard]] bool IsGivenUp() const { return m_isGivenUp; }
     void CountDropped() { m_dropped.fetch_add(1, std::memory_order_relaxed); }
 
 protected:
@@ -79,6 +82,7 @@ private:
     CFileMemoryLogger* m_owner;
     std::atomic<u32> m_self{NoThreadId};
     bool m_isWritingNow = false;
+    bool m_isGivenUp = false;
     CWriterBell m_bell;
     CMillisecondClock m_clock; ///< under the owner's lock
     CStackFilter m_filter;     ///< of m_writtenStacks

@@ -37,6 +37,9 @@ struct SHeapModule {
         visit(pool16);
     }
 
+    /// Around a copy of the process: all locks of the heap. In the module that made it.
+    void FollowFork(EFork moment);
+
     /// Calls `usePool(allocator pointer)` for the four pooled kinds, `useHooks()` for all others.
     template <class UsePool, class UseHooks>
     decltype(auto) Dispatch(EHeap::Type kind, UsePool&& usePool, UseHooks&& useHooks) const
@@ -68,6 +71,9 @@ inline constinit HeapExtensionWord g_noExtension{nullptr};
 /// The heap's while nobody wants to know of allocations, g_noExtension without a heap and while a memory logger is
 /// installed: what the usual cases ask has one answer, an extension or none.
 inline constinit std::atomic<HeapExtensionWord const*> g_quietExtension{&g_noExtension};
+
+/// Held while that is changed.
+extern CSpinLock g_quietExtensionLock;
 
 /// Follows a change of the heap or of the memory logger. Any thread.
 void UpdateQuietExtension();

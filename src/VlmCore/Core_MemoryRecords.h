@@ -140,6 +140,8 @@ public:
             visit(*record);
     }
 
+    [[nodiscard]] CSpinLock& GetLock() { return m_lock; }
+
     /// Base-2 logarithms of the buckets at first, and of what they grow by.
     static constexpr u32 FirstBits = 5;
     static constexpr u32 GrowthBits = 2;
@@ -170,6 +172,18 @@ public:
     {
         for (CRecordShard& shard : m_shards)
             shard.Release(hooks);
+    }
+
+    /// Around a copy of the process.
+    void AcquireAll()
+    {
+        for (CRecordShard& shard : m_shards)
+            shard.GetLock().Acquire();
+    }
+    void ReleaseAll()
+    {
+        for (CRecordShard& shard : m_shards)
+            shard.GetLock().TryRelease();
     }
 
 private:

@@ -1,4 +1,5 @@
 #include "Core_Backoff.h"
+#include "Core_Fork.h"
 
 #include "platform/Platform_Thread.h"
 
@@ -70,6 +71,7 @@ struct SThreadStart {
     std::atomic<u8>& running;
 
     static void Main(void* record);
+    static void Forget(IThread& thread) noexcept;
 
     void SetDebuggerName() const;
     void RunBody() const;
@@ -110,6 +112,20 @@ void SThreadStart::Main(void* record)
     start.RunBody();
     start.running.fetch_or(ERunning::Ended, std::memory_order_release);
     Memory::FreeQuietly(record);
+}
+
+void SThreadStart::Forget(IThread& thread) noexcept
+{
+    if (void* const handle = thread.m_handle.exchange(nullptr, std::memory_order_relaxed))
+        Platform::JoinThread(handle);
+    thread.m_threadId.store(IThread::NoThreadId, std::memory_order_relaxed);
+    thread.m_stop.store(1, std::memory_order_relaxed);
+    thread.m_running.store(0, std::memory_order_release);
+}
+
+void Fork::ForgetThread(IThread& thread) noexcept
+{
+    SThreadStart::Forget(thread);
 }
 
 void SThreadStart::SetDebuggerName() const

@@ -1,5 +1,7 @@
 #include "Core_ThreadPool.h"
 
+#include "Core_Fork.h"
+
 #include "platform/Platform_System.h"
 #include "platform/Platform_Thread.h"
 
@@ -160,6 +162,43 @@ void CWorkerThread::Sleep()
     m_nextSleep = std::min(m_nextSleep * 2, LongestSleep);
 }
 
+void CWorkerThread::StartOver()
+{
+    Fork::ForgetThread(*this);
+    SetState(EState::Idle);
+    m_asleep.store(0, std::memory_order_relaxed);
+    ::new (&m_putBy) TVector<IThreadJob*, 1>; // the list may be half changed
+}
+
+/// A pool in a copy of the process: it is as at its beginning. What waited or ran is the original's to do.
+struct SThreadPoolFork {
+    static void Follow(void* object, EFork moment)
+    {
+        CThreadPool& pool = *static_cast<CThreadPool*>(object);
+        if (moment == EFork::Before)
+            pool.m_lock.Acquire();
+        else {
+            if (moment == EFork::InCopy)
+                StartOver(pool);
+            pool.m_lock.TryRelease();
+        }
+    }
+
+private:
+    static void StartOver(CThreadPool& pool)
+    {
+        pool.m_ring.Clear();
+        pool.m_asleep.store(0, std::memory_order_relaxed);
+        u32 running = 0;
+        for (CWorkerThread* const worker : pool.m_workers)
+            if (worker->GetThreadId() == Thread::GetId()) // a job made the copy
+                ++running;
+            else
+                worker->StartOver();
+        pool.m_running.store(running, std::memory_order_release);
+    }
+};
+
 // The pool
 
 CThreadPool::CThreadPool() : CThreadPool(GetProcessorCount()) {}
@@ -174,14 +213,19 @@ CThreadPool::CThreadPool(unsigned char maxWorkers)
         DestroyWorkers();
         throw;
     }
+    Fork::Enrol(EForkRank::Pools, this, &SThreadPoolFork::Follow);
 }
 
 CThreadPool::~CThreadPool()
 {
+    Fork::Withdraw(this);
     if (!Memory::IsInitialized()) // the workers' memory went with the heap
         return;
     m_idleTimeout.store(0, std::memory_order_relaxed);
-    WaitForJobs();
+    // A job that ends the process destroys its own pool, if that is a static: it waits for the others only, and its
+    // worker, which nobody comes back to, stays.
+    if (FindCallingWorker() == nullptr)
+        WaitForJobs();
     // A worker may be about to retire; without the lock it stays where it is in the array.
     m_lock.Acquire();
     DestroyWorkers();
@@ -199,8 +243,11 @@ void CThreadPool::DestroyWorkers()
     for (CWorkerThread* const worker : m_workers)
         worker->Stop();
     for (u64 index = m_workers.GetCount(); index > 0; --index) {
-        m_workers[index - 1]->Join();
-        Memory::Delete(m_workers[index - 1]);
+        CWorkerThread* const worker = m_workers[index - 1];
+        if (worker->GetThreadId() == Thread::GetId() && worker->IsBusy())
+            continue;
+        worker->Join();
+        Memory::Delete(worker);
     }
 }
 

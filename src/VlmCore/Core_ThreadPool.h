@@ -23,6 +23,8 @@ public:
 
     /// Starts the thread anew; alone (under the pool's lock).
     void Restart();
+    /// In a copy of the process, for a worker whose thread was left in the original: it is stopped.
+    void StartOver();
     /// Lets the present pass be the last, also of a worker that sleeps; under the pool's lock.
     void Stop();
 

@@ -158,3 +158,38 @@ TEST(ProcessEnd, ThreadsThatTheSystemEndedAreNotWaitedFor)
         EXPECT_EQ(child.exitCode, 3u) << what;
     }
 }
+
+namespace {
+
+class CExitJob final : public IThreadJob {
+public:
+    void Execute() override { std::exit(4); }
+};
+
+class CShortJob final : public IThreadJob {
+public:
+    void Execute() override { Thread::Sleep(20); }
+};
+
+} // namespace
+
+VLMCORE_CHILD(EndsInAJob)
+{
+    Memory::Initialize(0, 0);
+    static CThreadPool pool(static_cast<unsigned char>(std::stoul(GetArgument())));
+    pool.PushJob(Memory::New<CShortJob>(EHeap::Pool));
+    pool.PushJob(Memory::New<CExitJob>(EHeap::Pool));
+    for (int job = 0; job < 10; ++job)
+        pool.PushJob(Memory::New<CShortJob>(EHeap::Pool));
+    for (;;)
+        Thread::Sleep(1000);
+}
+
+TEST(ProcessEnd, AJobMayEndTheProcessThatOwnsItsPool)
+{
+    for (char const* const workers : {"1", "3"}) {
+        auto const child = RunToItsEnd("EndsInAJob", workers);
+        EXPECT_FALSE(child.timedOut) << workers;
+        EXPECT_EQ(child.exitCode, 4u) << workers;
+    }
+}

@@ -63,6 +63,14 @@ public:
         m_publish.store(index, std::memory_order_release);
     }
 
+    /// Forgets all items and all claims. Alone: nobody is at work on the ring, nor ever comes back to it.
+    void Clear()
+    {
+        u64 const reserved = m_reserve.load(std::memory_order_relaxed);
+        m_read.store(reserved, std::memory_order_relaxed);
+        m_publish.store(reserved, std::memory_order_release);
+    }
+
     /// Takes the oldest published item; false when there is none.
     bool TryTake(Item& item)
     {

@@ -57,7 +57,8 @@ using ThreadBody = void (*)(void* argument);
 /// \param handle      changed only on success; never null then.
 [[nodiscard]] u32 StartThread(ThreadBody body, void* argument, u32 stackBytes, i32 priority, void*& handle);
 
-/// Waits until the thread has ended and gives its handle back. Must not be called by that thread.
+/// Waits until the thread has ended and gives its handle back. Must not be called by that thread. In a copy of the
+/// process that the thread is of (see Platform_Fork.h) there is nothing to wait for.
 void JoinThread(void* handle);
 
 /// True when SynchronizeThread does what it says; not every system that this runs on has the means. Readies it; may be

@@ -1,6 +1,7 @@
 #include "../Platform_Thread.h"
 
 #include "Posix_CrashStack.h"
+#include "Posix_Fork.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -57,6 +58,11 @@ u32 GetThreadId()
 {
     u32 const known = g_threadId;
     return known != 0 ? known : AskThreadId();
+}
+
+void ForgetThreadId()
+{
+    g_threadId = 0;
 }
 
 void SleepThread(u32 milliseconds, ESleep)
@@ -122,17 +128,18 @@ i32 GetThreadPriority()
 
 namespace {
 
-/// What a new thread needs before its body; the thread frees it.
-struct SStart {
+/// What a handle points to; JoinThread frees it.
+struct SThread {
     ThreadBody body;
     void* argument;
     i32 priority;
+    u32 forkDepth; ///< of the process that the thread is of
+    pthread_t thread;
 };
 
 void* RunBody(void* record)
 {
-    SStart const start = *static_cast<SStart*>(record);
-    std::free(record);
+    SThread const& start = *static_cast<SThread const*>(record);
     SetOwnPriority(start.priority);
     CCrashStack const crashStack;
     start.body(start.argument);
@@ -164,26 +171,23 @@ std::size_t RoundStack(u32 bytes)
     return (std::max<std::size_t>(bytes, least) + page - 1) / page * page;
 }
 
-static_assert(sizeof(pthread_t) <= sizeof(void*));
-
 } // namespace
 
 u32 StartThread(ThreadBody body, void* argument, u32 stackBytes, i32 priority, void*& handle)
 {
     // From the C runtime: the library's heap is not the seam's to use.
-    SStart* const record = static_cast<SStart*>(std::malloc(sizeof(SStart)));
+    SThread* const record = static_cast<SThread*>(std::malloc(sizeof(SThread)));
     if (record == nullptr)
         return ToSystemError(ENOMEM);
-    *record = {body, argument, priority};
+    *record = {body, argument, priority, GetForkDepth(), 0};
     pthread_attr_t attributes;
     ::pthread_attr_init(&attributes);
     if (stackBytes != 0)
         static_cast<void>(::pthread_attr_setstacksize(&attributes, RoundStack(stackBytes)));
-    pthread_t thread = 0;
-    int const error = ::pthread_create(&thread, &attributes, &RunBody, record);
+    int const error = ::pthread_create(&record->thread, &attributes, &RunBody, record);
     ::pthread_attr_destroy(&attributes);
     if (error == 0)
-        handle = reinterpret_cast<void*>(thread);
+        handle = record;
     else
         std::free(record);
     return ToSystemError(error);
@@ -191,7 +195,10 @@ u32 StartThread(ThreadBody body, void* argument, u32 stackBytes, i32 priority, v
 
 void JoinThread(void* handle)
 {
-    ::pthread_join(reinterpret_cast<pthread_t>(handle), nullptr);
+    SThread* const record = static_cast<SThread*>(handle);
+    if (record->forkDepth == GetForkDepth())
+        ::pthread_join(record->thread, nullptr);
+    std::free(record);
 }
 
 bool CanSynchronizeThreads()
