@@ -1,6 +1,7 @@
 #include <vlmcore/strings.h>
 
 #include "TestHeap.h"
+#include "support/ThreadHelpers.h"
 
 #include <gtest/gtest.h>
 
@@ -343,6 +344,15 @@ TEST(NumberParsing, LittleEndianHexadecimal)
     EXPECT_EQ(parse("0x0000000000000000FF"), 0u); // behind 64 bits
     EXPECT_EQ(CString("0x3412").ToUnsignedInteger(static_cast<EBinaryEncoding::Type>(7)), 0x1234u);
     EXPECT_EQ(CString("-0x3412").ToInteger(EBinaryEncoding::LittleEndian), -0x1234);
+}
+
+TEST(NumberParsing, LittleEndianDigitsBeyondAllPlacesStayDropped)
+{
+    if (TestSupport::GetStressFactor() < 5)
+        GTEST_SKIP() << "takes a gigabyte; VLMCORE_STRESS=5 runs it";
+    // The place of digit 2^30, counted in 32 bits of bits, would be that of the first digit again.
+    std::string const text = "0x" + std::string(u64{1} << 30, '0') + "12";
+    EXPECT_EQ(CString(text).ToUnsignedInteger(EBinaryEncoding::LittleEndian), 0u);
 }
 
 TEST(NumberParsing, Doubles)
