@@ -165,8 +165,9 @@ public:
     {
         if (m_isLong) [[unlikely]]
             return FindLong(from);
-        return FindPlanned<Rules>(from, m_plan,
-                                  [this](u8 const* place) { return MatchAt<Rules, NeedleRules>(place, m_needle); });
+        // By value: what is read through `this` is read anew at every place.
+        return FindPlanned<Rules>(
+            from, m_plan, [needle = m_needle](u8 const* place) { return MatchAt<Rules, NeedleRules>(place, needle); });
     }
 
     /// Index of the last occurrence at or behind `from`.
