@@ -1,9 +1,11 @@
-// Standard streams and pipes as a hostile host leaves them: closed, without a reader, without room, interrupted.
+// Standard streams and pipes as a hostile host leaves them: closed, without a reader, without room, interrupted; and
+// sleeps that are.
 #include "../TestHeap.h"
 
 #include <vlmcore/exceptions.h>
 #include <vlmcore/files.h>
 #include <vlmcore/logging.h>
+#include <vlmcore/threads.h>
 
 #include <gtest/gtest.h>
 
@@ -153,6 +155,24 @@ TEST(PosixStreams, SignalsCostAConsoleLoggerNoLine)
     }
     ::sigaction(SIGALRM, &before, nullptr);
     EXPECT_EQ(read.size(), LineCount * (std::string("5: [Info] ").size() + 100 + 1));
+}
+
+TEST(PosixStreams, SignalsMakeNoSleepLonger)
+{
+    struct sigaction action = {};
+    struct sigaction before = {};
+    action.sa_handler = &DoNothing;
+    ::sigaction(SIGALRM, &action, &before);
+    itimerval timer = {{0, 100}, {0, 100}};
+    ::setitimer(ITIMER_REAL, &timer, nullptr);
+    auto const start = std::chrono::steady_clock::now();
+    Thread::Sleep(500);
+    auto const slept = std::chrono::steady_clock::now() - start;
+    timer = {};
+    ::setitimer(ITIMER_REAL, &timer, nullptr);
+    ::sigaction(SIGALRM, &before, nullptr);
+    EXPECT_GE(slept, std::chrono::milliseconds(500));
+    EXPECT_LT(slept, std::chrono::milliseconds(900));
 }
 
 TEST(PosixStreams, AFileDoesNotTakeThePlaceOfAClosedStream)

@@ -71,10 +71,17 @@ void SleepThread(u32 milliseconds, ESleep)
         YieldThread();
         return;
     }
-    timespec left = {};
-    left.tv_sec = static_cast<time_t>(milliseconds / 1000);
-    left.tv_nsec = static_cast<long>(milliseconds % 1000) * 1'000'000;
-    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+    // Until a time, not for one: what is left after a signal would be rounded up each time.
+    constexpr long NanosecondsPerSecond = 1'000'000'000;
+    timespec end = {};
+    ::clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += static_cast<time_t>(milliseconds / 1000);
+    end.tv_nsec += static_cast<long>(milliseconds % 1000) * 1'000'000;
+    if (end.tv_nsec >= NanosecondsPerSecond) {
+        end.tv_nsec -= NanosecondsPerSecond;
+        ++end.tv_sec;
+    }
+    while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
     }
 }
 
