@@ -101,16 +101,36 @@ public:
         std::memcpy(m_links, other.m_links, (count + 1) * sizeof(SFitLinks));
     }
 
-    /// The first chunk in the order that has room for `size` bytes; 0 when none has.
-    [[nodiscard]] u32 Find(u32 size) const
+    struct SFound {
+        u32 chunk;  ///< the first in the order that has room; 0 when none has
+        u32 before; ///< the one before it in the order, 0 for none
+    };
+    [[nodiscard]] SFound Find(u32 size) const
     {
-        u32 best = 0;
+        SFound found{0, 0};
         for (u32 chunk = m_links[0].less; chunk != 0;) {
             bool const fits = GetRoom(chunk) >= size;
-            best = fits ? chunk : best;
+            (fits ? found.chunk : found.before) = chunk;
             chunk = fits ? m_links[chunk].less : m_links[chunk].more;
         }
-        return best;
+        return found;
+    }
+
+    /// Takes `size` bytes from a chunk that was found for so many, and returns where they begin.
+    [[nodiscard]] u8* Reserve(SFound found, u32 size)
+    {
+        SChunk& chunk = m_chunks[found.chunk - 1];
+        u32 const bytesLeft = chunk.bytesLeft - size;
+        // Mostly it keeps its place: the chunks before it are nearly full.
+        bool const staysBehind = found.before == 0 || bytesLeft > GetRoom(found.before);
+        if (!staysBehind)
+            Remove(found.chunk);
+        chunk.bytesLeft = bytesLeft;
+        if (!staysBehind)
+            Insert(found.chunk);
+        u8* const reserved = chunk.cursor;
+        chunk.cursor += size;
+        return reserved;
     }
 
     void Insert(u32 added)
@@ -185,21 +205,14 @@ CBlockStorage::~CBlockStorage()
 
 void* CBlockStorage::ReserveBytes(unsigned int size)
 {
-    u32 number = m_chunkCount != 0 ? CFitTree(m_chunks, m_chunkCount).Find(size) : 0;
-    if (number == 0) {
-        AddChunk(size);
-        number = m_chunkCount;
-    }
-    SChunk& chunk = m_chunks[number - 1];
-    void* const reserved = chunk.cursor;
-    if (size != 0) {
+    if (m_chunkCount != 0) {
         CFitTree tree(m_chunks, m_chunkCount);
-        tree.Remove(number);
-        chunk.cursor += size;
-        chunk.bytesLeft -= size;
-        tree.Insert(number);
+        if (CFitTree::SFound const found = tree.Find(size); found.chunk != 0)
+            return tree.Reserve(found, size);
     }
-    return reserved;
+    AddChunk(size);
+    CFitTree tree(m_chunks, m_chunkCount);
+    return tree.Reserve(tree.Find(size), size);
 }
 
 void* CBlockStorage::StoreCopy(void const* data, unsigned int size)
