@@ -22,6 +22,8 @@ public:
     /// Median and 99th percentile become counters of the benchmark.
     ~CLatencies()
     {
+        if (m_samples.empty())
+            return;
         std::sort(m_samples.begin(), m_samples.end());
         m_state.counters["median_us"] = m_samples[m_samples.size() / 2];
         m_state.counters["p99_us"] = m_samples[m_samples.size() * 99 / 100];

@@ -164,6 +164,22 @@ struct SThrowing {
 
 } // namespace
 
+TEST(Vector, AResizeTakesExactlyWhatItNeedsWhereMoreIsRefused)
+{
+    Memory::Deinitialize();
+    Memory::Initialize(0, 3500000);
+    {
+        TVector<u8> vector;
+        vector.Resize(1500000);
+        vector.Resize(1500001); // 2,250,000 would pass the budget
+        EXPECT_EQ(vector.GetCapacity(), 1500001u);
+        EXPECT_THROW(vector.Resize(2500000), CBadAllocation);
+        EXPECT_EQ(vector.GetCount(), 1500001u);
+    }
+    Memory::Deinitialize();
+    Memory::Initialize(0, 0);
+}
+
 TEST(Vector, AResizeWhoseConstructorThrowsChangesNothing)
 {
     SThrowing::throwAt = 100;

@@ -298,7 +298,8 @@ public:
     // ---- Search -----------------------------------------------------------------------------------------------------
     //
     // Indices and counts are code points; texts of any encodings are compared code point by code point. A miss is
-    // NotFound. A start past the end is a miss.
+    // NotFound. A start past the end is a miss. Looking for a long text may take memory for a table of it; where there
+    // is none, it takes longer.
 
     /// First occurrence at or after `start`. The terminator is found too: 0 gives the length, unless the text is empty.
     [[nodiscard]] u64 Find(unsigned int codePoint, u64 start = 0) const;

@@ -1,4 +1,5 @@
 #include "Core_DebugCrash.h"
+#include "Core_Fork.h"
 #include "Core_Printf.h"
 #include "platform/Platform_Crash.h"
 #include "platform/Platform_Debug.h"
@@ -10,6 +11,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <new>
 #include <type_traits>
 
 namespace Velmor::Debug {
@@ -27,6 +29,19 @@ std::atomic<Handler> g_handler{nullptr};
 
 /// Guards the report in progress and the ignored sites.
 constinit CRecursiveSpinLock g_lock;
+/// In a copy of the process nobody is left who could hold it. Not taken for the copy: a message box may be open.
+struct SLockFollowsForks {
+    SLockFollowsForks()
+    {
+        Fork::Enrol(EForkRank::Symbols, &g_lock, [](void*, EFork moment) {
+            if (moment == EFork::InCopy)
+                ::new (&g_lock) CRecursiveSpinLock;
+        });
+    }
+    ~SLockFollowsForks() { Fork::Withdraw(&g_lock); }
+};
+SLockFollowsForks const g_lockFollowsForks;
+
 u32 g_ignoredSites[MaxIgnoredSites];
 u32 g_ignoredSiteCount = 0;
 

@@ -26,8 +26,10 @@ namespace Fork {
 
 using Function = void (*)(void* object, EFork moment);
 
-/// `function(object, moment)` is called around every copy, without memory to be had from the library's heap but in the
-/// ranks before Heap. Must not throw. Without memory for the note nothing is enrolled. Any thread.
+/// `function(object, moment)` is called around every copy. It must not throw, nor ask the library's heap for memory. An
+/// object on a thread's stack is no more in the copy that another thread makes: the stack is used for other threads
+/// there, but for that of the process's first one. So its own thread enrols it, and it is forgotten in such a copy.
+/// Without memory for the note nothing is enrolled. Any thread.
 void Enrol(EForkRank rank, void* object, Function function) noexcept;
 /// Nothing for what is not enrolled. Before any of the object's locks is taken.
 void Withdraw(void* object) noexcept;
@@ -41,6 +43,8 @@ void Enrol(EForkRank rank, Object& object) noexcept
 
 /// In a copy: makes an idle object of one whose thread was left in the original.
 void ForgetThread(IThread& thread) noexcept;
+/// In a copy that this object's thread has made: gives the object the thread's new id.
+void FollowThread(IThread& thread) noexcept;
 
 } // namespace Fork
 } // namespace Velmor

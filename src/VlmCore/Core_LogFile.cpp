@@ -250,11 +250,13 @@ void CLogWriter::Wake() noexcept
         m_bell.Ring();
         return;
     }
+    // Before the thread wants a producer in its turn.
+    m_isThreadGone = false;
     try {
         RunLooped();
-        m_isThreadGone = false;
     }
     catch (...) {
+        m_isThreadGone = true;
         Drain();
         m_bell.Want(m_owner->m_lock);
     }

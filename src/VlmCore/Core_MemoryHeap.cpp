@@ -5,6 +5,7 @@
 #include "Core_MemoryDebug.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <new>
 #include <type_traits>
 
@@ -27,6 +28,7 @@ static_assert(sizeof(CRecursiveSpinLock) == 8);
 // a size here, or what is written into blocks, needs another generation.
 u32 CGlobalHeap::GetLayout()
 {
+    static_assert(offsetof(CGlobalHeap, m_layout) == 2140, "every build looks there");
     constexpr u32 Generation = 1;
     constexpr u32 Layout = [] {
         u32 layout = Generation;

@@ -1,6 +1,7 @@
 #include "Core_Backoff.h"
 #include "Core_Fork.h"
 
+#include "platform/Platform_Fork.h"
 #include "platform/Platform_Thread.h"
 
 #include <vlmcore/debug.h>
@@ -42,6 +43,17 @@ enum Type : u8 {
     Joining = 2, ///< somebody waits for its end: a pause is over
     Ended = 4,   ///< the body is not called any more
 };
+/// The other bits: in which copy of the process the thread was started, counted round.
+constexpr u32 ForkDepthUnit = 8;
+
+u8 StartedHere()
+{
+    return static_cast<u8>(Started | Platform::GetForkDepth() * ForkDepthUnit);
+}
+bool IsHere(u8 running)
+{
+    return running / ForkDepthUnit == StartedHere() / ForkDepthUnit;
+}
 } // namespace ERunning
 
 constexpr u64 ClassNameBytes = 64;
@@ -72,6 +84,7 @@ struct SThreadStart {
 
     static void Main(void* record);
     static void Forget(IThread& thread) noexcept;
+    static void Follow(IThread& thread) noexcept;
 
     void SetDebuggerName() const;
     void RunBody() const;
@@ -123,9 +136,19 @@ void SThreadStart::Forget(IThread& thread) noexcept
     thread.m_running.store(0, std::memory_order_release);
 }
 
+void SThreadStart::Follow(IThread& thread) noexcept
+{
+    thread.m_threadId.store(Platform::AskThreadId(), std::memory_order_relaxed);
+}
+
 void Fork::ForgetThread(IThread& thread) noexcept
 {
     SThreadStart::Forget(thread);
+}
+
+void Fork::FollowThread(IThread& thread) noexcept
+{
+    SThreadStart::Follow(thread);
 }
 
 void SThreadStart::SetDebuggerName() const
@@ -207,7 +230,7 @@ void IThread::Start(bool looped)
     do {
         Join();
         idle = 0;
-    } while (!m_running.compare_exchange_strong(idle, ERunning::Started, std::memory_order_acq_rel));
+    } while (!m_running.compare_exchange_strong(idle, ERunning::StartedHere(), std::memory_order_acq_rel));
     u8 const stop = m_stop.load(std::memory_order_relaxed);
     if (looped)
         m_stop.store(0, std::memory_order_release);
@@ -257,8 +280,15 @@ void IThread::Join()
             return;
         }
         // Without a handle the thread is just being started, or another Join is at work.
-        if (m_running.load(std::memory_order_acquire) == 0 || backoff.IsInVain())
+        u8 running = m_running.load(std::memory_order_acquire);
+        if (running == 0 || backoff.IsInVain())
             return;
+        // Who was at it stayed in the process that this one is a copy of.
+        if (!ERunning::IsHere(running) &&
+            m_running.compare_exchange_strong(running, ERunning::StartedHere(), std::memory_order_acq_rel)) {
+            Fork::ForgetThread(*this);
+            return;
+        }
         backoff.Wait();
     }
 }

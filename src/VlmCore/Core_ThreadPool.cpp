@@ -187,12 +187,16 @@ struct SThreadPoolFork {
 private:
     static void StartOver(CThreadPool& pool)
     {
+        if (!Memory::IsInitialized()) // the workers' memory went with the heap
+            return;
         pool.m_ring.Clear();
         pool.m_asleep.store(0, std::memory_order_relaxed);
         u32 running = 0;
         for (CWorkerThread* const worker : pool.m_workers)
-            if (worker->GetThreadId() == Thread::GetId()) // a job made the copy
+            if (worker->GetThreadId() == Thread::GetId()) { // a job made the copy
+                Fork::FollowThread(*worker);
                 ++running;
+            }
             else
                 worker->StartOver();
         pool.m_running.store(running, std::memory_order_release);

@@ -1,5 +1,6 @@
 // Copies of the process: what of the library goes on in a child that was forked while other threads were at work in it.
 #include "../TestHeap.h"
+#include "../support/Folders.h"
 
 #include <vlmcore/vlmcore.h>
 
@@ -265,7 +266,8 @@ TEST(Fork, AMemoryLogStaysTheParents)
         auto logger = std::make_unique<CFileMemoryLogger>(events, stacks, capacity);
         Memory::InitializeLog(logger.get());
         Memory::Free(Memory::Malloc(10, EHeap::Pool));
-        Thread::Sleep(100); // the writer is done with them
+        while (Count(TestSupport::ReadText(events), "\"free\"") == 0) // until the writer is done with them
+            Thread::Sleep(1);
         u64 const size = std::filesystem::file_size(events);
         EXPECT_TRUE(RunInChild([&] {
             bool const isOut = Memory::ReleaseLog() == nullptr;
@@ -281,4 +283,128 @@ TEST(Fork, AMemoryLogStaysTheParents)
         std::filesystem::remove(events);
         std::filesystem::remove(stacks);
     }
+}
+
+TEST(Fork, WhatLiesOnAnotherThreadsStackIsForgottenInTheChild)
+{
+    auto const file = MakeResource<CHoldingFile>();
+    file->mayGo = true;
+    std::atomic<bool> isThere{false};
+    std::atomic<bool> mayGo{false};
+    std::thread other([&] {
+        CThreadPool pool(1);
+        CFileLogger logger(TResourcePtr<IFile>(file), 256);
+        isThere = true;
+        WaitFor(mayGo);
+    });
+    WaitFor(isThere);
+    EXPECT_TRUE(RunInChild([] {
+        for (int thread = 0; thread < 3; ++thread) // they get the stack that the other one had
+            std::thread([] {
+                char volatile bytes[1 << 20];
+                for (char volatile& byte : bytes)
+                    byte = '\xCC';
+            }).join();
+        return RunInChild(&UseHeap);
+    }));
+    mayGo = true;
+    other.join();
+}
+
+TEST(Fork, AJobThatForksIsAJobInTheChildToo)
+{
+    struct CForkJob final : IThreadJob {
+        explicit CForkJob(CThreadPool& owner) : pool(owner) {}
+        void Execute() override
+        {
+            isWell = RunInChild([this] {
+                try {
+                    pool.WaitForJobs(); // for itself
+                }
+                catch (CException const&) {
+                    std::atomic<int> count{0};
+                    pool.PushJob(Memory::New<CCountJob>(EHeap::Pool, count));
+                    while (count == 0) // on another worker
+                        Thread::Sleep(1);
+                    return true;
+                }
+                return false;
+            });
+        }
+        [[nodiscard]] bool AutoDelete() const override { return false; }
+
+        CThreadPool& pool;
+        bool isWell = false;
+    };
+    CThreadPool pool(2);
+    CForkJob job(pool);
+    pool.PushJob(&job);
+    pool.WaitForJobs();
+    EXPECT_TRUE(job.isWell);
+}
+
+TEST(Fork, APoolWhoseHeapIsGoneIsLeftAlone)
+{
+    auto pool = std::make_unique<CThreadPool>(u8{2});
+    Memory::Deinitialize();
+    EXPECT_TRUE(RunInChild([] { return true; }));
+    pool.reset();
+    Memory::Initialize(0, 0);
+}
+
+TEST(Fork, AJoinThatAnotherThreadWasAtIsDoneInTheChild)
+{
+    class CHeldThread final : public IThread {
+    public:
+        ~CHeldThread() override { Join(); }
+        std::atomic<bool> isHeld{false};
+        std::atomic<bool> mayGo{false};
+
+    private:
+        void Execute() override
+        {
+            isHeld = true;
+            WaitFor(mayGo);
+        }
+    };
+    CHeldThread thread;
+    thread.Run();
+    WaitFor(thread.isHeld);
+    std::thread joiner([&] { thread.Join(); });
+    Thread::Sleep(50); // most likely it waits now
+    EXPECT_TRUE(RunInChild([&] {
+        thread.Join();
+        return !thread.IsRunning();
+    }));
+    thread.mayGo = true;
+    joiner.join();
+}
+
+namespace {
+
+std::atomic<bool> g_isInAssertion{false};
+std::atomic<bool> g_mayLeaveAssertion{false};
+pid_t g_assertingProcess = 0;
+
+bool HoldInAssertion(char const*, long, char const*, char const*, char*)
+{
+    if (::getpid() == g_assertingProcess) {
+        g_isInAssertion = true;
+        WaitFor(g_mayLeaveAssertion);
+    }
+    return false;
+}
+
+} // namespace
+
+TEST(Fork, AnAssertionOfTheChildWaitsForNobody)
+{
+    g_assertingProcess = ::getpid();
+    Debug::SetAssertHandler(&HoldInAssertion);
+    std::thread asserting([] { static_cast<void>(Debug::Assert("file.cpp", 1, "expression", "text")); });
+    WaitFor(g_isInAssertion);
+    EXPECT_TRUE(RunInChild([] { return !Debug::Assert("file.cpp", 2, "expression", "text"); }));
+    g_mayLeaveAssertion = true;
+    asserting.join();
+    Debug::SetAssertHandler(nullptr);
 }

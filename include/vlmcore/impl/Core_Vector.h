@@ -98,7 +98,7 @@ public:
             return;
         }
         if (count > m_capacity)
-            Relocate(m_capacity == 0 ? count : std::max(count, GrownCapacity()));
+            Relocate(m_capacity == 0 ? count : std::max(count, GrownCapacity()), count);
         std::uninitialized_value_construct_n(m_data + m_count, count - m_count);
         m_count = count;
     }
@@ -138,6 +138,11 @@ private:
         return ConstructAtEnd(std::forward<Source>(element));
     }
 
+    [[nodiscard]] static void* TryAllocate(u64 capacity)
+    {
+        return capacity <= LargestCount ? Memory::Malloc(capacity * sizeof(T), Heap) : nullptr;
+    }
+
     [[nodiscard]] u64 GrownCapacity() const
     {
         u64 const grown = static_cast<u64>(static_cast<f64>(m_capacity) * static_cast<f64>(m_growth));
@@ -159,9 +164,16 @@ private:
     }
 
     // Allocates, moves and frees instead of resizing: a refused Realloc would unrecord the old block.
-    void Relocate(u64 capacity)
+    void Relocate(u64 capacity) { Relocate(capacity, capacity); }
+
+    // Where that much cannot be had, to storage for `least` elements.
+    void Relocate(u64 capacity, u64 least)
     {
-        void* const memory = capacity <= LargestCount ? Memory::Malloc(capacity * sizeof(T), Heap) : nullptr;
+        void* memory = TryAllocate(capacity);
+        if (memory == nullptr && least < capacity) {
+            capacity = least;
+            memory = TryAllocate(capacity);
+        }
         if (memory == nullptr)
             throw CBadAllocation();
         T* const target = static_cast<T*>(memory);

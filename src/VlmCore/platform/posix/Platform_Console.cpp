@@ -5,8 +5,10 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -41,27 +43,34 @@ bool IsTerminal(EStandardStream stream)
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 std::atomic<bool> g_isOutputStuck{false};
 
-/// False when the output has not become ready in time, or did not the last time.
-bool WaitForOutput(int descriptor)
+/// False when the output has not become ready until `end`, or did not the last time.
+bool WaitForOutput(int descriptor, Clock::time_point end)
 {
-    constexpr int LongestWaitMilliseconds = 100;
+    using std::chrono::milliseconds;
     pollfd output{descriptor, POLLOUT, 0};
-    bool const isReady = ::poll(&output, 1, g_isOutputStuck ? 0 : LongestWaitMilliseconds) != 0; // or interrupted
-    g_isOutputStuck = !isReady;
-    return isReady;
+    int ready = -1;
+    do {
+        auto const left = std::chrono::ceil<milliseconds>(end - Clock::now());
+        ready = ::poll(&output, 1, g_isOutputStuck ? 0 : static_cast<int>(std::max(left, milliseconds(0)).count()));
+    } while (ready == -1 && errno == EINTR);
+    g_isOutputStuck = ready <= 0;
+    return ready > 0;
 }
 
 void WriteDescriptor(int descriptor, char const* bytes, u64 size)
 {
+    Clock::time_point const end = Clock::now() + std::chrono::milliseconds(100);
     while (size > 0) {
         ssize_t const count = ::write(descriptor, bytes, size);
         if (count > 0) {
             bytes += count;
             size -= static_cast<u64>(count);
         }
-        else if (count == 0 || (errno != EINTR && (errno != EAGAIN || !WaitForOutput(descriptor))))
+        else if (count == 0 || (errno != EINTR && (errno != EAGAIN || !WaitForOutput(descriptor, end))))
             return;
     }
 }

@@ -5,6 +5,7 @@
 #include "Posix_Path.h"
 #include "Posix_PipeSignal.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -22,22 +23,17 @@ static_assert(sizeof(off_t) == 8, "file positions have 64 bits");
 
 namespace {
 
-// Above the descriptor, in the handle of a pipe: a write there may find that nobody reads any more.
-constexpr i64 PipeMark = i64{1} << 32;
+// Pipes that are open here. Where there are none, no write needs to ask whether it goes to one.
+constinit std::atomic<u32> g_pipeCount{0};
 
 int DescriptorOf(FileHandle handle)
 {
     return static_cast<int>(reinterpret_cast<i64>(handle));
 }
 
-bool IsPipe(FileHandle handle)
+FileHandle HandleOf(int descriptor)
 {
-    return (reinterpret_cast<i64>(handle) & PipeMark) != 0;
-}
-
-FileHandle HandleOf(int descriptor, bool isPipe)
-{
-    return reinterpret_cast<FileHandle>(static_cast<i64>(descriptor) | (isPipe ? PipeMark : 0));
+    return reinterpret_cast<FileHandle>(static_cast<i64>(descriptor));
 }
 
 // The lowest numbers are the standard streams', also in a host that has closed them: what is printed there would go
@@ -86,6 +82,11 @@ mode_t GetKind(int descriptor)
     return ::fstat(descriptor, &information) == 0 ? information.st_mode & S_IFMT : 0;
 }
 
+bool IsPipe(int descriptor)
+{
+    return g_pipeCount.load(std::memory_order_relaxed) != 0 && GetKind(descriptor) == S_IFIFO;
+}
+
 } // namespace
 
 u32 OpenFileHandle(char16_t const* path, u32 rights, EFileCreation creation, FileHandle& handle)
@@ -117,12 +118,16 @@ u32 OpenFileHandle(char16_t const* path, u32 rights, EFileCreation creation, Fil
         ::close(descriptor);
         return ESystemError::AccessDenied;
     }
-    handle = HandleOf(descriptor, kind == S_IFIFO);
+    if (kind == S_IFIFO)
+        g_pipeCount.fetch_add(1, std::memory_order_relaxed);
+    handle = HandleOf(descriptor);
     return ESystemError::None;
 }
 
 void CloseFileHandle(FileHandle handle)
 {
+    if (IsPipe(DescriptorOf(handle)))
+        g_pipeCount.fetch_sub(1, std::memory_order_relaxed);
     // Not repeated after EINTR: Linux has closed the descriptor by then, and another thread may own the number.
     ::close(DescriptorOf(handle));
 }
@@ -153,9 +158,9 @@ u32 WriteBytes(FileHandle handle, void const* buffer, u64 size, u64& done)
 
 u32 WriteFileHandle(FileHandle handle, void const* buffer, u64 size, u64& done)
 {
-    if (!IsPipe(handle)) [[likely]]
+    if (!IsPipe(DescriptorOf(handle))) [[likely]]
         return WriteBytes(handle, buffer, size, done);
-    CNoPipeSignal const noSignal;
+    CNoPipeSignal const noSignal; // nobody may read there any more
     return WriteBytes(handle, buffer, size, done);
 }
 

@@ -3,7 +3,11 @@
 #include "Posix_Fork.h"
 
 #include <atomic>
+#include <cstddef>
+#include <functional>
 #include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace Velmor::Platform {
 
@@ -44,9 +48,28 @@ SRegistration const g_registration;
 
 } // namespace
 
+u32 AskThreadId()
+{
+    return static_cast<u32>(::syscall(SYS_gettid));
+}
+
 u32 GetForkDepth()
 {
     return g_depth;
+}
+
+bool IsOnPassingStack(void const* object)
+{
+    pthread_attr_t attributes;
+    if (AskThreadId() == static_cast<u32>(::getpid()))
+        return false;
+    if (::pthread_getattr_np(::pthread_self(), &attributes) != 0)
+        return false;
+    void* low = nullptr;
+    std::size_t size = 0;
+    bool const isKnown = ::pthread_attr_getstack(&attributes, &low, &size) == 0;
+    ::pthread_attr_destroy(&attributes);
+    return isKnown && std::less_equal<>()(low, object) && std::less<>()(object, static_cast<char const*>(low) + size);
 }
 
 void WatchForks(SForkWatch const& watch)

@@ -1,5 +1,6 @@
 #include "../Platform_Thread.h"
 
+#include "../Platform_Fork.h"
 #include "Posix_CrashStack.h"
 #include "Posix_Fork.h"
 
@@ -29,12 +30,6 @@ namespace {
 // when the library is loaded late.
 [[gnu::tls_model("initial-exec")]] thread_local u32 g_threadId = 0;
 
-u32 AskThreadId()
-{
-    g_threadId = static_cast<u32>(::syscall(SYS_gettid));
-    return g_threadId;
-}
-
 constexpr i32 NicePerPriority = 5;
 constexpr i32 LowestNice = -20;
 constexpr i32 HighestNice = 19;
@@ -56,8 +51,9 @@ void SetOwnPriority(i32 priority)
 
 u32 GetThreadId()
 {
-    u32 const known = g_threadId;
-    return known != 0 ? known : AskThreadId();
+    if (g_threadId == 0)
+        g_threadId = AskThreadId();
+    return g_threadId;
 }
 
 void ForgetThreadId()

@@ -6,9 +6,6 @@
 
 namespace Velmor::Platform {
 
-/// Number of forks between the process in which the library was loaded and this one.
-[[nodiscard]] u32 GetForkDepth();
-
 /// The calling thread asks the system for its id again.
 void ForgetThreadId();
 

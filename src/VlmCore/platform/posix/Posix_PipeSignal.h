@@ -2,6 +2,7 @@
 /// Writing to a pipe whose reader has gone: an error here, as on Windows, and not the end of the process.
 #pragma once
 
+#include <cerrno>
 #include <csignal>
 #include <ctime>
 #include <pthread.h>
@@ -26,9 +27,11 @@ public:
     ~CNoPipeSignal()
     {
         constexpr timespec NoWait{};
+        int const error = errno; // of the write
         if (!m_wasPending)
             ::sigtimedwait(&m_pipe, nullptr, &NoWait);
         ::pthread_sigmask(SIG_SETMASK, &m_previous, nullptr);
+        errno = error;
     }
 
 private:
