@@ -473,6 +473,57 @@ TEST_F(ExtendedHeap, OfManyThreadsThatFreeABlockAtOnceOneDoes)
     Empty();
 }
 
+// The thread that allocated the block frees it without a locked instruction until others have come to its lane a few
+// times; hence a new heap again and again.
+TEST_F(ExtendedHeap, OfAnOwnerAndAnotherThatFreeABlockAtOnceOneDoes)
+{
+    constexpr u32 HeapCount = 200;
+    constexpr u32 RoundCount = 8;
+    constexpr u32 OtherCount = 1; // more than processors would come one after the other
+    std::atomic<void*> block{nullptr};
+    std::atomic<u32> turn{0}; // of the block, from 1
+    std::atomic<u32> ready{0};
+    std::atomic<u32> done{0};
+    auto const freeAtOnce = [&](u32 current) {
+        ++ready;
+        while (ready != current * (OtherCount + 1)) {
+        }
+        Memory::Free(block);
+        ++done;
+    };
+    std::vector<std::thread> others;
+    for (u32 index = 0; index < OtherCount; ++index)
+        others.emplace_back([&] {
+            for (u32 current = 1; current <= HeapCount * RoundCount; ++current) {
+                while (turn != current)
+                    std::this_thread::yield();
+                freeAtOnce(current);
+            }
+        });
+    u32 current = 0;
+    for (u32 heap = 0; heap < HeapCount; ++heap) {
+        Fill(1500);
+        for (u32 round = 0; round < RoundCount; ++round) {
+            block = Memory::Malloc(64, EHeap::Pool);
+            turn = ++current;
+            freeAtOnce(current);
+            while (done != current * (OtherCount + 1))
+                std::this_thread::yield();
+            EXPECT_EQ(GetStatistics().pools[0].liveCount, 1500u) << heap << ", " << round;
+            void* const first = Memory::Malloc(64, EHeap::Pool);
+            void* const second = Memory::Malloc(64, EHeap::Pool);
+            EXPECT_NE(first, second);
+            Memory::Free(first);
+            Memory::Free(second);
+        }
+        Empty();
+        TearDown();
+        SetUp();
+    }
+    for (std::thread& other : others)
+        other.join();
+}
+
 // Threads count for themselves; what they counted is told as if they had not.
 TEST_F(ExtendedHeap, BlocksOfTheHooksAreCountedWhicheverThreadFreesThem)
 {

@@ -162,7 +162,7 @@ STakenRecord TakeRecord(CGlobalHeap& heap, void const* block)
 {
     if (CHeapExtension* const extension = heap.GetExtension()) {
         CChunkMap::SFound found;
-        if (extension->TryFind(block, found) && CHeapExtension::TakeRecord(*found.record) != 0)
+        if (extension->TryFind(block, found) && extension->TakeRecord(*found.record) != 0)
             return {found.record, true};
     }
     return {nullptr, heap.Take(block, [](auto&, u64, EHeap::Type) {})};
@@ -244,7 +244,7 @@ void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 oldSize, u64 
 // ---- Release ----
 
 // A pool block whose record was taken out of its chunk.
-[[gnu::noinline]] void GiveBackSlowly(CChunkTag chunk, SFreeSlot slot, u64 size)
+void GiveBackSlowly(CChunkTag chunk, SFreeSlot const& slot, u64 size)
 {
     CGlobalHeap& heap = *g_heapModule.heap;
     g_heapModule.Dispatch(
@@ -256,24 +256,30 @@ void* ResizeInPool(CGlobalHeap& heap, Pool* pool, void* block, u64 oldSize, u64 
         [] {});
 }
 
-// True when the block had a record in a chunk of the extended heap. Runs `report(record)` while it still has.
-template <class Report>
-[[gnu::always_inline]] inline bool TryFreeInChunk(CHeapExtension& extension, void* block, Report&& report)
+// A block whose record was taken out of its chunk, ready for its slot.
+[[gnu::always_inline]] inline SFreeBlock* PrepareFree(CChunkMap::SFound const& found, void* block, u64 size)
 {
-    CChunkMap::SFound found;
-    if (!extension.TryFind(block, found)) [[unlikely]]
-        return false;
-    report(*found.record);
-    u64 const size = CHeapExtension::TakeRecord(*found.record);
-    if (size == 0) [[unlikely]]
-        return false;
 #if !defined(VLM_ADDRESS_SANITIZER)
-    // Whoever gets it next will write to it. Not before the record is out: that waits until all before it is done.
-    __builtin_prefetch(block, 1);
+    __builtin_prefetch(block, 1); // whoever gets it next will write to it
 #endif
-    SFreeSlot const slot{CBlockClass::PrepareFree(block, u64{1} << found.tag.GetBlockBits(), size), found.record};
-    if (!extension.TryGiveBack(found.tag, slot)) [[unlikely]]
-        GiveBackSlowly(found.tag, slot, size);
+    return CBlockClass::PrepareFree(block, u64{1} << found.tag.GetBlockBits(), size);
+}
+
+// In a lane that the calling thread owns; false, and nothing done, in all other cases.
+[[gnu::always_inline]] inline bool TryFreeInLane(CHeapExtension& extension, CChunkMap::SFound const& found, void* block)
+{
+    return extension.TryGiveBack(found, [&](u64 size) { return PrepareFree(found, block, size); });
+}
+
+// True when the block had a record in its chunk.
+bool TryFreeInChunk(CHeapExtension& extension, CChunkMap::SFound const& found, void* block)
+{
+    if (TryFreeInLane(extension, found, block))
+        return true;
+    u64 const size = extension.TakeRecord(*found.record);
+    if (size == 0)
+        return false;
+    GiveBackSlowly(found.tag, {PrepareFree(found, block, size), found.record}, size);
     return true;
 }
 
@@ -331,12 +337,12 @@ void FreeInTable(CGlobalHeap& heap, void* block)
         return;
     CGlobalHeap& heap = g_heapModule.FetchHeap();
     CHeapExtension* const extension = heap.GetExtension();
-    auto const report = [&](CChunkRecords::Record const& record) {
-        if (record.load(std::memory_order_relaxed) != 0)
+    if (CChunkMap::SFound found; extension != nullptr && extension->TryFind(block, found)) {
+        if (found.record->load(std::memory_order_relaxed) != 0)
             ReportFree(block);
-    };
-    if (extension != nullptr && TryFreeInChunk(*extension, block, report))
-        return;
+        if (TryFreeInChunk(*extension, found, block))
+            return;
+    }
     if (MemoryLog::IsInstalled() && heap.Find(block).size != 0)
         LogFree(block);
     FreeInTable(heap, block);
@@ -380,11 +386,12 @@ void* Realloc(void* block, u64 size, EHeap::Type heap)
 void Free(void* block)
 {
     CHeapExtension* const extension = FindQuickWay();
-    auto const nobodyAsks = [](CChunkRecords::Record const&) {};
-    if (extension == nullptr) [[unlikely]]
+    if (CChunkMap::SFound found; extension == nullptr) [[unlikely]]
         FreeSlowly(block);
-    else if (!TryFreeInChunk(*extension, block, nobodyAsks))
+    else if (!extension->TryFind(block, found)) [[unlikely]]
         FreeBesideChunks(block);
+    else if (!TryFreeInLane(*extension, found, block)) [[unlikely]]
+        FreeSlowly(block);
 }
 
 void FreeQuietly(void* block) noexcept

@@ -1,8 +1,9 @@
 // From the address of a pool block to its record, without a lock and without a search: how blocks are known once a heap
 // has outgrown its own record table.
 //
-// The blocks of a chunk are alike, so that two bytes each are record enough: the size that was asked for. They lie side
-// by side in the chunk's CChunkRecords, which a radix tree over the address space leads to:
+// The blocks of a chunk are alike, so that two bytes each are record enough: the size that was asked for, and which lane
+// handed the block out. They lie side by side in the chunk's CChunkRecords, which a radix tree over the address space
+// leads to:
 //
 //     ... | a record per block | CChunkRecords | a bit per block: free in its class | ...
 //
@@ -20,12 +21,36 @@ namespace Velmor {
 
 struct SMemoryHooks;
 
+/// What the record of a pool block says, in 16 bits: the size that was asked for, 1 to 1,024, and above it the lane that
+/// handed the block out. 0 for a block that is not recorded.
+class CBlockRecord {
+public:
+    using Value = u16;
+
+    static constexpr u32 LaneBits = 5;
+
+    /// What the records of a lane's blocks have in common; no other lane's have it, nor 0.
+    [[nodiscard]] static constexpr u32 GetMark(u32 lane) { return (lane + 1) << SizeBits; }
+    [[nodiscard]] static constexpr u32 GetMarkOf(Value record) { return record & ~SizeMask; }
+    /// The mark's place in a word with a bit for each; that of 0 is bit 0, which no lane has.
+    [[nodiscard]] static constexpr u64 GetMarkBit(u32 mark) { return u64{1} << (mark >> SizeBits); }
+
+    [[nodiscard]] static constexpr Value Make(u64 size, u32 mark) { return static_cast<Value>((size - 1) | mark); }
+    /// Of a block that is recorded.
+    [[nodiscard]] static constexpr u64 GetSize(Value record) { return (record & SizeMask) + 1; }
+    [[nodiscard]] static constexpr u32 GetLane(Value record) { return (u32{record} >> SizeBits) - 1; }
+
+private:
+    static constexpr u32 SizeBits = 10;
+    static constexpr u32 SizeMask = (1u << SizeBits) - 1;
+    static_assert(((u64{1} << LaneBits) << SizeBits) + SizeMask <= Value(~0));
+};
+
 /// The records of one chunk's blocks. Any thread may look at them; a block's own record is changed by whoever owns it.
 /// What concerns free blocks is for the holder of the class lock.
 class CChunkRecords {
 public:
-    /// 0 while the block is not recorded, else the size that was asked for, up to 1,024.
-    using Record = std::atomic<u16>;
+    using Record = std::atomic<CBlockRecord::Value>;
 
     /// The records begin at a multiple of it.
     static constexpr u64 Alignment = 64;

@@ -12,6 +12,12 @@ static_assert(CChunkTag::ClassCount == TBlockAllocator<0>::ClassCount);
 
 // ---- Creation and end ----
 
+CHeapExtension::CHeapExtension()
+{
+    for (u32 number = 0; number < LaneCount; ++number)
+        m_lanes[number].SetNumber(number);
+}
+
 CHeapExtension* CHeapExtension::Create(SMemoryHooks const& hooks)
 {
     constexpr u64 Alignment = alignof(CHeapExtension);
@@ -55,6 +61,54 @@ void CHeapExtension::ReleaseLanes(EFork moment)
     m_collecting.TryRelease();
 }
 
+// ---- Records of blocks in chunks ----
+
+// A visit waits for a barrier in the owner's thread, which may take a fraction of a millisecond, and then saves its
+// releases a locked instruction each.
+bool CHeapLane::AllowVisit()
+{
+    constexpr u32 FirstVisits = 4;
+    constexpr u32 AllocationsPerVisitBits = 16;
+    u64 allocations = 0;
+    for (CLaneClass const& blocks : m_classes)
+        allocations += blocks.GetAllocationCount();
+    return ++m_visits <= FirstVisits + (allocations >> AllocationsPerVisitBits);
+}
+
+u64 CHeapExtension::TakeRecord(CChunkRecords::Record& record)
+{
+    u64 const threadKey = Platform::GetThreadKey();
+    CHeapLane& own = GetLane(threadKey);
+    for (;;) {
+        CBlockRecord::Value taken = 0;
+        {
+            CBiasedGuard const guard(own.lock, own.lock.Acquire(threadKey), threadKey);
+            if (TryTakeRecord(own, record, taken))
+                return CBlockRecord::GetSize(taken);
+        }
+        CBlockRecord::Value const seen = record.load(std::memory_order_relaxed);
+        if (seen == 0)
+            return 0;
+        CHeapLane& lane = m_lanes[CBlockRecord::GetLane(seen)];
+        if (&lane != &own && VisitLane(lane, record, taken))
+            return CBlockRecord::GetSize(taken);
+    }
+}
+
+// Takes out the record of a block that another lane handed out; false, and nothing changed, when it is not such a one
+// any more.
+bool CHeapExtension::VisitLane(CHeapLane& lane, CChunkRecords::Record& record, CBlockRecord::Value& taken)
+{
+    CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
+    if (!IsShared(lane.GetMark()) && !lane.AllowVisit()) {
+        lane.Share();
+        m_sharedMarks.fetch_or(CBlockRecord::GetMarkBit(lane.GetMark()), std::memory_order_release);
+    }
+    taken = record.load(std::memory_order_relaxed);
+    return CBlockRecord::GetMarkOf(taken) == lane.GetMark() &&
+           record.compare_exchange_strong(taken, 0, std::memory_order_acq_rel);
+}
+
 // ---- Lanes ----
 
 auto CHeapExtension::Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, u64 size, ECredit& credit)
@@ -67,7 +121,7 @@ auto CHeapExtension::Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape co
     if (slot.block == nullptr)
         return {nullptr, false};
     if (slot.record != nullptr)
-        Record(lane.GetClass(shape), slot, size);
+        Record(lane, lane.GetClass(shape), slot, size);
     lane.lock.Release(hold, threadKey);
     return {slot.block, slot.record != nullptr};
 }

@@ -90,6 +90,28 @@ enum class EStoreGrowth : u8 { Allowed, Refused };
 /// Whether somebody has a credit in hand: a record of the store, set aside for a block whose own was taken out.
 enum class ECredit : u8 { None, InHand };
 
+/// The rules by which records are taken out, over any word with the members of std::atomic, so that they can be checked
+/// step by step.
+namespace Impl {
+
+/// In the lane of the calling thread, whose lock is held: true when the record could be taken out this way, which is
+/// then in `taken`; else nothing is changed. A block of the lane's own costs no locked instruction.
+/// \param owns  says for a record whether the lane does
+/// \param isShared  says for a record whether its lane is
+template <class Word, class Owns, class IsShared>
+[[gnu::always_inline]] inline bool TryTakeRecord(Word& record, CBlockRecord::Value& taken, Owns&& owns,
+                                                 IsShared&& isShared)
+{
+    taken = record.load(std::memory_order_relaxed);
+    if (owns(taken)) [[likely]] {
+        record.store(0, std::memory_order_relaxed);
+        return true;
+    }
+    return isShared(taken) && record.compare_exchange_strong(taken, 0, std::memory_order_acq_rel);
+}
+
+} // namespace Impl
+
 /// A free pool block and where its record goes: null for a block of a chunk without notes.
 struct SFreeSlot {
     SFreeBlock* block;
@@ -212,6 +234,22 @@ public:
         return count;
     }
 
+    // ---- Records of blocks in chunks: with the lane's lock held ----
+
+    void SetNumber(u32 number) { m_ownMark = m_mark = CBlockRecord::GetMark(number); }
+    [[nodiscard]] u32 GetMark() const { return m_mark; }
+
+    /// Of a block that the lane hands out.
+    [[nodiscard]] CBlockRecord::Value MakeRecord(u64 size) const { return CBlockRecord::Make(size, m_mark); }
+    /// Whether the block is one that the lane handed out, and nobody takes the records of such out but in this lane.
+    [[nodiscard]] bool Owns(CBlockRecord::Value record) const { return CBlockRecord::GetMarkOf(record) == m_ownMark; }
+    /// From now on others take its blocks' records out, too, without its lock.
+    void Share() { m_ownMark = SharedMark; }
+
+    /// Another lane's thread came to free a block of this lane's. False when that happens so often that the lane
+    /// should be shared instead.
+    [[nodiscard]] bool AllowVisit();
+
     // ---- Records for blocks that are not in chunks: free ones, each with its credit ----
 
     static constexpr u32 RecordsAtOnce = 32;
@@ -257,7 +295,11 @@ public:
     [[nodiscard]] static constexpr u32 GetMagazineSize(u32 blockBits) { return std::min(64u, 16384u >> blockBits); }
 
 private:
+    static constexpr u32 SharedMark = 1; // no lane's
+
     CLaneClass m_classes[ClassCount]; // first: an offset less to add on the quick way
+    u32 m_mark = 0;
+    u32 m_ownMark = 0; // m_mark, or SharedMark
 
 public:
     CBiasedLock lock;
@@ -270,6 +312,7 @@ private:
     }
 
     std::atomic<u32> m_usedClasses{0};
+    u32 m_visits = 0;
     u32 m_recordCount = 0;
     SAllocationRecord* m_records = nullptr;
     CStatisticsCounter m_hookRequests;
@@ -335,11 +378,9 @@ public:
         return found.record != nullptr ? &m_map.GetChunk(found) : nullptr;
     }
 
-    /// Takes a record out: its size, 0 when there was none. Of two threads that free a block at once, one finds it.
-    [[nodiscard]] static u64 TakeRecord(CChunkRecords::Record& record)
-    {
-        return record.exchange(0, std::memory_order_acq_rel);
-    }
+    /// Takes a record out: the size it said, 0 when there was none. Of several threads that free a block at once, one
+    /// finds it.
+    [[nodiscard]] u64 TakeRecord(CChunkRecords::Record& record);
 
     // ---- Blocks ----
 
@@ -360,25 +401,29 @@ public:
             return false;
         }
         SFreeSlot const slot = blocks.TakeCredited();
-        Record(blocks, slot, size);
+        Record(lane, blocks, slot, size);
         lane.lock.ReleaseAsOwner(threadKey);
         block = slot.block;
         return true;
     }
 
-    /// The usual case of GiveBack, likewise; false, and nothing done, in every other case. The block is prepared.
-    [[nodiscard, gnu::always_inline]] bool TryGiveBack(CChunkTag chunk, SFreeSlot const& slot)
+    /// The usual case of TakeRecord and GiveBack, likewise; false, and nothing done, in every other case, and for a block
+    /// that has no record.
+    /// \param prepare  makes the block of `size` bytes ready for its slot: prepare(size), under the lane's lock
+    template <class Prepare>
+    [[nodiscard, gnu::always_inline]] bool TryGiveBack(CChunkMap::SFound const& found, Prepare&& prepare)
     {
         u64 const threadKey = Platform::GetThreadKey();
         CHeapLane& lane = GetLane(threadKey);
         if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
             return false;
-        CLaneClass& blocks = lane.GetClass(chunk.GetNumber());
-        if (blocks.IsFull()) [[unlikely]] {
+        CLaneClass& blocks = lane.GetClass(found.tag.GetNumber());
+        CBlockRecord::Value record = 0;
+        if (blocks.IsFull() || !TryTakeRecord(lane, *found.record, record)) [[unlikely]] {
             lane.lock.ReleaseAsOwner(threadKey);
             return false;
         }
-        blocks.Push(slot);
+        blocks.Push({prepare(CBlockRecord::GetSize(record)), found.record});
         blocks.CountRelease();
         lane.lock.ReleaseAsOwner(threadKey);
         return true;
@@ -436,7 +481,7 @@ public:
     void ReuseRemoved();
 
 private:
-    static_assert(LaneCount == CFreeChunks::HomeCount);
+    static_assert(LaneCount == CFreeChunks::HomeCount && LaneBits == CBlockRecord::LaneBits);
     static constexpr u32 CreditsAtOnce = 64;
     static constexpr u32 MostCredits = 2 * CreditsAtOnce; // in a lane, but for those of blocks
     static constexpr u64 SlabSize = 16384;
@@ -445,7 +490,7 @@ private:
         SSlab* next;
     };
 
-    CHeapExtension() = default;
+    CHeapExtension();
 
     [[nodiscard]] CHeapLane& GetLane(u64 threadKey)
     {
@@ -455,11 +500,25 @@ private:
     [[nodiscard]] u32 GetHome(CHeapLane const& lane) const { return static_cast<u32>(&lane - m_lanes); }
 
     // Records and counts a block that is about to be handed out, with its credit.
-    static void Record(CLaneClass& blocks, SFreeSlot const& slot, u64 size)
+    static void Record(CHeapLane const& lane, CLaneClass& blocks, SFreeSlot const& slot, u64 size)
     {
-        slot.record->store(static_cast<u16>(size), std::memory_order_relaxed);
+        slot.record->store(lane.MakeRecord(size), std::memory_order_relaxed);
         blocks.CountAllocation();
     }
+
+    // With the lock of the calling thread's lane held.
+    [[nodiscard, gnu::always_inline]] bool TryTakeRecord(CHeapLane const& lane, CChunkRecords::Record& record,
+                                                         CBlockRecord::Value& taken) const
+    {
+        return Impl::TryTakeRecord(
+            record, taken, [&](CBlockRecord::Value seen) { return lane.Owns(seen); },
+            [&](CBlockRecord::Value seen) { return IsShared(CBlockRecord::GetMarkOf(seen)); });
+    }
+    [[nodiscard]] bool IsShared(u32 mark) const
+    {
+        return (m_sharedMarks.load(std::memory_order_acquire) & CBlockRecord::GetMarkBit(mark)) != 0;
+    }
+    [[nodiscard]] bool VisitLane(CHeapLane& lane, CChunkRecords::Record& record, CBlockRecord::Value& taken);
 
     // All lanes' classes of a kind.
     template <class Visit>
@@ -490,7 +549,8 @@ private:
     CChunkRecords* m_removed[CChunkTag::ClassCount] = {}; // ready after the next purge
     CChunkMap m_map;
     CFreeChunks m_freeChunks[CHeapLane::ClassCount];
-    CSpinLock m_collecting; // one thread at a time has lanes' credits in its hands
+    std::atomic<u64> m_sharedMarks{0}; // bits of lanes that are shared, for good
+    CSpinLock m_collecting;            // one thread at a time has lanes' credits in its hands
 };
 
 } // namespace Velmor

@@ -205,8 +205,8 @@ public:
     {
         if (CHeapExtension const* const extension = GetExtension())
             if (CChunkMap::SFound const found = extension->Find(block); found.record != nullptr)
-                if (u64 const size = found.record->load(std::memory_order_relaxed); size != 0)
-                    return {size, found.tag.GetKind()};
+                if (auto const record = found.record->load(std::memory_order_relaxed); record != 0)
+                    return {CBlockRecord::GetSize(record), found.tag.GetKind()};
         SKnown known;
         UseRecord(block, [&](SAllocationRecord& record) { known = {record.GetSize(), record.GetKind()}; });
         return known;
@@ -216,11 +216,12 @@ public:
     void SetSize(void const* block, u64 size)
     {
         if (CHeapExtension* const extension = GetExtension())
-            if (CChunkRecords::Record* const record = extension->Find(block).record;
-                record != nullptr && record->load(std::memory_order_relaxed) != 0) {
-                record->store(static_cast<u16>(size), std::memory_order_relaxed);
-                return;
-            }
+            if (CChunkRecords::Record* const record = extension->Find(block).record; record != nullptr)
+                // A record that goes meanwhile stays away.
+                for (auto seen = record->load(std::memory_order_relaxed); seen != 0;)
+                    if (record->compare_exchange_weak(seen, CBlockRecord::Make(size, CBlockRecord::GetMarkOf(seen)),
+                                                      std::memory_order_relaxed))
+                        return;
         UseRecord(block, [&](SAllocationRecord& record) { record.SetSize(size); });
     }
 

@@ -1,5 +1,6 @@
 #include "Core_MemoryExtension.h"
 #include "Core_MemoryHeap.h"
+#include "support/ModelChecker.h"
 
 #include <gtest/gtest.h>
 
@@ -9,6 +10,10 @@
 #include <vector>
 
 using namespace Velmor;
+using TestSupport::CModelChecker;
+using TestSupport::CModelNote;
+using TestSupport::TModelAtomic;
+using Phase = CModelChecker::Phase;
 
 namespace {
 
@@ -167,6 +172,160 @@ TEST(HeapLane, GivesUpTheCreditsOfAllItsBlocks)
     EXPECT_EQ(GetNumbers(lane->GetClass(First).GetLoaded()), (std::vector<u64>{1, 2}));
     EXPECT_EQ(GetNumbers(lane->GetClass(Last).GetLoaded()), (std::vector<u64>{3}));
 }
+
+// ---- Records of blocks in chunks ----
+
+TEST(BlockRecord, TellsTheSizeAndTheLane)
+{
+    for (u32 lane = 0; lane < CHeapExtension::LaneCount; ++lane)
+        for (u64 size = 1; size <= 1024; ++size) {
+            u32 const mark = CBlockRecord::GetMark(lane);
+            CBlockRecord::Value const record = CBlockRecord::Make(size, mark);
+            ASSERT_NE(record, 0) << lane << ", " << size;
+            ASSERT_EQ(CBlockRecord::GetSize(record), size) << lane;
+            ASSERT_EQ(CBlockRecord::GetLane(record), lane) << size;
+            ASSERT_EQ(CBlockRecord::GetMarkOf(record), mark) << lane << ", " << size;
+        }
+    EXPECT_EQ(CBlockRecord::GetMarkOf(0), 0u);
+}
+
+TEST(BlockRecord, EveryLaneHasABitAndABlockWithoutARecordAnother)
+{
+    u64 bits = CBlockRecord::GetMarkBit(CBlockRecord::GetMarkOf(0));
+    for (u32 lane = 0; lane < CHeapExtension::LaneCount; ++lane) {
+        u64 const bit = CBlockRecord::GetMarkBit(CBlockRecord::GetMark(lane));
+        EXPECT_TRUE(std::has_single_bit(bit));
+        EXPECT_EQ(bits & bit, 0u) << lane;
+        bits |= bit;
+    }
+}
+
+TEST(HeapLane, OwnsItsBlocksUntilItIsShared)
+{
+    auto const lane = std::make_unique<CHeapLane>();
+    for (u32 number = 0; number < CHeapExtension::LaneCount; ++number) {
+        lane->SetNumber(number);
+        for (u32 other = 0; other < CHeapExtension::LaneCount; ++other)
+            EXPECT_EQ(lane->Owns(CBlockRecord::Make(64, CBlockRecord::GetMark(other))), other == number);
+        EXPECT_EQ(lane->MakeRecord(64), CBlockRecord::Make(64, CBlockRecord::GetMark(number)));
+        EXPECT_FALSE(lane->Owns(0));
+        lane->Share();
+        EXPECT_FALSE(lane->Owns(lane->MakeRecord(64))) << number;
+        EXPECT_EQ(lane->MakeRecord(64), CBlockRecord::Make(64, CBlockRecord::GetMark(number))) << "still its block";
+        EXPECT_FALSE(lane->Owns(0));
+    }
+}
+
+// Four to begin with, another one for every 65,536 blocks that the lane hands out.
+TEST(HeapLane, AllowsFewVisits)
+{
+    auto const lane = std::make_unique<CHeapLane>();
+    for (u32 visit = 0; visit < 4; ++visit)
+        EXPECT_TRUE(lane->AllowVisit()) << visit;
+    EXPECT_FALSE(lane->AllowVisit());
+    for (u32 number : {0u, 31u})
+        for (u32 block = 0; block < 65536; ++block)
+            lane->GetClass(number).CountAllocation();
+    EXPECT_TRUE(lane->AllowVisit()) << "the sixth";
+    EXPECT_FALSE(lane->AllowVisit());
+}
+
+struct SFreedAtOnce {
+    bool visitorTakes = true; // or came for another block
+    bool visitorWaits = true; // until the owner is outside
+    bool strangerAsks = true; // whether the lane is shared
+    bool ownerIsTold = true;  // that the lane is shared
+};
+
+// A block that threads free at once: the one whose lane handed it out, one that comes to that lane as a guest and shares
+// it, and one that takes the record without the lane's lock once the lane is shared. Every order of their steps.
+CModelChecker::SResult CheckFreedAtOnce(SFreedAtOnce const& rules)
+{
+    constexpr u32 OwnerThread = 1;
+    constexpr u32 Mark = CBlockRecord::GetMark(0);
+    CModelChecker checker;
+    TModelAtomic<u16> record{CBlockRecord::Make(64, Mark)};
+    TModelAtomic<u32> owner{OwnerThread};
+    TModelAtomic<u32> isInside{0};
+    TModelAtomic<u32> guests{0};
+    TModelAtomic<u32> ownMark{Mark};
+    TModelAtomic<u32> isLaneShared{0};
+    CModelNote takers;
+    auto const take = [&](auto&& owns, auto&& isShared) {
+        CBlockRecord::Value taken = 0;
+        if (!Impl::TryTakeRecord(record, taken, owns, isShared))
+            return false;
+        checker.Require(CBlockRecord::GetSize(taken) == 64, "the record is another one");
+        checker.Require(takers.Add(1) == 1, "the block is freed twice");
+        return true;
+    };
+    auto const isShared = [&](CBlockRecord::Value seen) { return seen != 0 && isLaneShared.load() != 0; };
+    checker.AddThread({[&] {
+                           if (!Impl::TryEnterAsOwner(owner, isInside, OwnerThread))
+                               checker.Retry();
+                       },
+                       [&] {
+                           auto const owns = [&](CBlockRecord::Value seen) {
+                               u32 const mark = ownMark.load();
+                               return CBlockRecord::GetMarkOf(seen) == mark;
+                           };
+                           static_cast<void>(take(owns, isShared));
+                       },
+                       [&] { isInside.store(0); }});
+    checker.AddThread({[&] {
+                           if (!Impl::TryAcquirePlain(guests))
+                               checker.Retry();
+                       },
+                       [&] { Impl::Disown(owner, [] {}); },
+                       [&] {
+                           if (rules.visitorWaits && isInside.load() != 0)
+                               checker.Retry();
+                       },
+                       [&] {
+                           if (rules.ownerIsTold)
+                               ownMark.store(1);
+                           isLaneShared.store(1);
+                       },
+                       [&] {
+                           if (rules.visitorTakes)
+                               static_cast<void>(take([](CBlockRecord::Value) { return false; }, isShared));
+                       },
+                       [&] { owner.store(OwnerThread); },
+                       [&] { checker.Require(Impl::TryReleasePlain(guests), "a release is refused"); }});
+    checker.AddThread({[&] {
+        auto const mayTake = [&](CBlockRecord::Value seen) { return rules.strangerAsks ? isShared(seen) : seen != 0; };
+        if (!take([](CBlockRecord::Value) { return false; }, mayTake) && record.load() != 0)
+            checker.Retry();
+    }});
+    checker.SetEndRule([&] { return takers.Peek() == 1 && record.Peek() == 0; });
+    return checker.Explore();
+}
+
+TEST(BlockRecordModel, OfThreadsThatFreeABlockAtOnceOneDoes)
+{
+    for (bool const visitorTakes : {false, true}) {
+        auto const result = CheckFreedAtOnce({.visitorTakes = visitorTakes});
+        EXPECT_EQ(result.error, "");
+        EXPECT_GE(result.ends, 1u);
+    }
+}
+
+TEST(BlockRecordModel, TheCheckerNoticesAVisitorThatDoesNotWait)
+{
+    EXPECT_EQ(CheckFreedAtOnce({.visitorWaits = false}).error, "the block is freed twice");
+}
+
+TEST(BlockRecordModel, TheCheckerNoticesAStrangerThatDoesNotAsk)
+{
+    EXPECT_EQ(CheckFreedAtOnce({.strangerAsks = false}).error, "the block is freed twice");
+}
+
+TEST(BlockRecordModel, TheCheckerNoticesAnOwnerThatDoesNotKnow)
+{
+    EXPECT_EQ(CheckFreedAtOnce({.visitorTakes = false, .ownerIsTold = false}).error, "the block is freed twice");
+}
+
+// ---- The record store ----
 
 // Whoever finds none calls them in from all lanes: with the last ones in few hands, lanes did that to each other at
 // every step.
