@@ -1,9 +1,9 @@
 // From the address of a pool block to its record, without a lock and without a search: how blocks are known once a heap
 // has outgrown its own record table.
 //
-// The blocks of a chunk are alike, so that two bytes each are record enough: the size that was asked for, and which lane
-// handed the block out. They lie side by side in the chunk's CChunkRecords, which a radix tree over the address space
-// leads to:
+// The blocks of a chunk are alike, so that two bytes each are record enough: the size that was asked for, and which
+// lane handed the block out. They lie side by side in the chunk's CChunkRecords, which a radix tree over the address
+// space leads to:
 //
 //     ... | a record per block | CChunkRecords | a bit per block: free in its class | ...
 //
@@ -21,8 +21,8 @@ namespace Velmor {
 
 struct SMemoryHooks;
 
-/// What the record of a pool block says, in 16 bits: the size that was asked for, 1 to 1,024, and above it the lane that
-/// handed the block out. 0 for a block that is not recorded.
+/// What the record of a pool block says, in 16 bits: the size that was asked for, 1 to 1,024, and above it the lane
+/// that handed the block out. 0 for a block that is not recorded.
 class CBlockRecord {
 public:
     using Value = u16;

@@ -407,8 +407,8 @@ public:
         return true;
     }
 
-    /// The usual case of TakeRecord and GiveBack, likewise; false, and nothing done, in every other case, and for a block
-    /// that has no record.
+    /// The usual case of TakeRecord and GiveBack, likewise; false, and nothing done, in every other case, and for a
+    /// block that has no record.
     /// \param prepare  makes the block of `size` bytes ready for its slot: prepare(size), under the lane's lock
     template <class Prepare>
     [[nodiscard, gnu::always_inline]] bool TryGiveBack(CChunkMap::SFound const& found, Prepare&& prepare)

@@ -237,8 +237,8 @@ struct SFreedAtOnce {
     bool ownerIsTold = true;  // that the lane is shared
 };
 
-// A block that threads free at once: the one whose lane handed it out, one that comes to that lane as a guest and shares
-// it, and one that takes the record without the lane's lock once the lane is shared. Every order of their steps.
+// A block that threads free at once: the one whose lane handed it out, one that comes to that lane as a guest and
+// shares it, and one that takes the record without the lane's lock once the lane is shared. Every order of their steps.
 CModelChecker::SResult CheckFreedAtOnce(SFreedAtOnce const& rules)
 {
     constexpr u32 OwnerThread = 1;
