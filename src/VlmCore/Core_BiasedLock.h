@@ -106,6 +106,8 @@ public:
         m_nextOwner = NoThread;
         for (u32& thread : m_slotThreads)
             thread = 0;
+        for (std::atomic<u32>& isInside : m_isInside) // a former owner may have been about to find that it is none
+            isInside.store(0, std::memory_order_relaxed);
     }
 
     /// \param threadKey  with which it was taken; any for a guest

@@ -337,9 +337,9 @@ void FreeInTable(CGlobalHeap& heap, void* block)
         return;
     CGlobalHeap& heap = g_heapModule.FetchHeap();
     CHeapExtension* const extension = heap.GetExtension();
-    if (CChunkMap::SFound found; extension != nullptr && extension->TryFind(block, found)) {
-        if (found.record->load(std::memory_order_relaxed) != 0)
-            ReportFree(block);
+    if (CChunkMap::SFound found; extension != nullptr && extension->TryFind(block, found) &&
+                                 found.record->load(std::memory_order_relaxed) != 0) {
+        ReportFree(block);
         if (TryFreeInChunk(*extension, found, block))
             return;
     }

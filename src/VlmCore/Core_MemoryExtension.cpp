@@ -64,15 +64,39 @@ void CHeapExtension::ReleaseLanes(EFork moment)
 // ---- Records of blocks in chunks ----
 
 // A visit waits for a barrier in the owner's thread, which may take a fraction of a millisecond, and then saves its
-// releases a locked instruction each.
+// releases a locked instruction each. Few are saved up: who frees many blocks of another lane in a row would have to
+// make them all.
 bool CHeapLane::AllowVisit()
 {
-    constexpr u32 FirstVisits = 4;
     constexpr u32 AllocationsPerVisitBits = 16;
     u64 allocations = 0;
     for (CLaneClass const& blocks : m_classes)
         allocations += blocks.GetAllocationCount();
-    return ++m_visits <= FirstVisits + (allocations >> AllocationsPerVisitBits);
+    u64 const earned = (allocations - m_allocationsSeen) >> AllocationsPerVisitBits;
+    m_allocationsSeen += earned << AllocationsPerVisitBits;
+    m_visitsLeft = static_cast<u32>(std::min<u64>(MostVisits, m_visitsLeft + earned));
+    if (m_visitsLeft == 0)
+        return false;
+    --m_visitsLeft;
+    return true;
+}
+
+void CHeapExtension::SetSize(CChunkRecords::Record& record, u64 size)
+{
+    u64 const threadKey = Platform::GetThreadKey();
+    CHeapLane& lane = GetLane(threadKey);
+    if (lane.lock.TryAcquireAsOwner(threadKey)) {
+        bool const isOwn = lane.Owns(record.load(std::memory_order_relaxed));
+        if (isOwn)
+            record.store(lane.MakeRecord(size), std::memory_order_relaxed);
+        lane.lock.ReleaseAsOwner(threadKey);
+        if (isOwn)
+            return;
+    }
+    for (CBlockRecord::Value seen = record.load(std::memory_order_relaxed); seen != 0;)
+        if (record.compare_exchange_weak(seen, CBlockRecord::Make(size, CBlockRecord::GetMarkOf(seen)),
+                                         std::memory_order_relaxed))
+            return;
 }
 
 u64 CHeapExtension::TakeRecord(CChunkRecords::Record& record)
@@ -101,8 +125,9 @@ bool CHeapExtension::VisitLane(CHeapLane& lane, CChunkRecords::Record& record, C
 {
     CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
     if (!IsShared(lane.GetMark()) && !lane.AllowVisit()) {
-        lane.Share();
+        // In this order: a thread that the system ends in between leaves a lane that still owns its blocks.
         m_sharedMarks.fetch_or(CBlockRecord::GetMarkBit(lane.GetMark()), std::memory_order_release);
+        lane.Share();
     }
     taken = record.load(std::memory_order_relaxed);
     return CBlockRecord::GetMarkOf(taken) == lane.GetMark() &&

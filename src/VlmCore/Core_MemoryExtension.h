@@ -296,6 +296,7 @@ public:
 
 private:
     static constexpr u32 SharedMark = 1; // no lane's
+    static constexpr u32 MostVisits = 4; // in hand
 
     CLaneClass m_classes[ClassCount]; // first: an offset less to add on the quick way
     u32 m_mark = 0;
@@ -312,8 +313,9 @@ private:
     }
 
     std::atomic<u32> m_usedClasses{0};
-    u32 m_visits = 0;
+    u32 m_visitsLeft = MostVisits;
     u32 m_recordCount = 0;
+    u64 m_allocationsSeen = 0; // for visits that they earned
     SAllocationRecord* m_records = nullptr;
     CStatisticsCounter m_hookRequests;
     CStatisticsCounter m_hookBlocks;
@@ -381,6 +383,8 @@ public:
     /// Takes a record out: the size it said, 0 when there was none. Of several threads that free a block at once, one
     /// finds it.
     [[nodiscard]] u64 TakeRecord(CChunkRecords::Record& record);
+    /// Another size for a block that stays where it is; a record that goes meanwhile stays away.
+    void SetSize(CChunkRecords::Record& record, u64 size);
 
     // ---- Blocks ----
 

@@ -216,12 +216,11 @@ public:
     void SetSize(void const* block, u64 size)
     {
         if (CHeapExtension* const extension = GetExtension())
-            if (CChunkRecords::Record* const record = extension->Find(block).record; record != nullptr)
-                // A record that goes meanwhile stays away.
-                for (auto seen = record->load(std::memory_order_relaxed); seen != 0;)
-                    if (record->compare_exchange_weak(seen, CBlockRecord::Make(size, CBlockRecord::GetMarkOf(seen)),
-                                                      std::memory_order_relaxed))
-                        return;
+            if (CChunkRecords::Record* const record = extension->Find(block).record;
+                record != nullptr && record->load(std::memory_order_relaxed) != 0) {
+                extension->SetSize(*record, size);
+                return;
+            }
         UseRecord(block, [&](SAllocationRecord& record) { record.SetSize(size); });
     }
 

@@ -216,18 +216,31 @@ TEST(HeapLane, OwnsItsBlocksUntilItIsShared)
     }
 }
 
-// Four to begin with, another one for every 65,536 blocks that the lane hands out.
+// Four to begin with, another one for every 65,536 blocks that the lane hands out, but no more than four in hand.
 TEST(HeapLane, AllowsFewVisits)
 {
     auto const lane = std::make_unique<CHeapLane>();
-    for (u32 visit = 0; visit < 4; ++visit)
-        EXPECT_TRUE(lane->AllowVisit()) << visit;
-    EXPECT_FALSE(lane->AllowVisit());
-    for (u32 number : {0u, 31u})
-        for (u32 block = 0; block < 65536; ++block)
+    auto const handOut = [&](u32 number, u32 count) {
+        for (u32 block = 0; block < count; ++block)
             lane->GetClass(number).CountAllocation();
-    EXPECT_TRUE(lane->AllowVisit()) << "the sixth";
-    EXPECT_FALSE(lane->AllowVisit());
+    };
+    auto const countVisits = [&] {
+        u32 count = 0;
+        while (lane->AllowVisit())
+            ++count;
+        return count;
+    };
+    EXPECT_EQ(countVisits(), 4u);
+    handOut(0, 65535);
+    EXPECT_EQ(countVisits(), 0u);
+    handOut(31, 1);
+    EXPECT_EQ(countVisits(), 1u);
+    handOut(7, 2 * 65536 + 65535);
+    EXPECT_EQ(countVisits(), 2u);
+    handOut(7, 1);
+    EXPECT_EQ(countVisits(), 1u) << "nothing is lost of what was handed out between visits";
+    handOut(0, 10 * 65536);
+    EXPECT_EQ(countVisits(), 4u);
 }
 
 struct SFreedAtOnce {
