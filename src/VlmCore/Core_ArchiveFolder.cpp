@@ -140,10 +140,10 @@ bool IsPlain(CFolderArchive const& archive)
 
 // ---- recursive removal ----
 //
-// RemoveFolder works through the virtual operations by path, as hosts that override them expect, one inside the other: a
-// level takes a descriptor and its share of the stack. A path alone would be open to a folder's being swapped for a link
-// between two calls. So each folder under removal is held open, and the operations recognise a path that came from the
-// removal and work in the open folder instead of walking the path again.
+// RemoveFolder works through the virtual operations by path, as hosts that override them expect, one inside the other:
+// a level takes a descriptor and its share of the stack. A path alone would be open to a folder's being swapped for a
+// link between two calls. So each folder under removal is held open, and the operations recognise a path that came from
+// the removal and work in the open folder instead of walking the path again.
 
 struct SRemoval {
     CFolderArchive const* archive;

@@ -121,7 +121,7 @@ TEST_F(Descriptors, RemovalTakesOneALevel)
 
 namespace {
 
-// Folders within each other below `top`, deeper than a path reaches; some with a file and a link beside the next folder.
+// Folders within each other below `top`, deeper than a path reaches; some with a file and a link beside the next one.
 void MakeDeepTree(fs::path const& top, unsigned depth, std::string const& name, fs::path const& linked)
 {
     fs::create_directory(top);
