@@ -69,7 +69,7 @@ namespace Velmor::Math {
 }
 [[nodiscard]] constexpr bool IsNaN(float value)
 {
-    return IsNaN(static_cast<double>(value));
+    return (std::bit_cast<u32>(value) & 0x7FFF'FFFF) > 0x7F80'0000;
 }
 
 /// The index of the LOWEST set bit, whatever the name says (kept: hosts depend on it); both agree for powers of two.

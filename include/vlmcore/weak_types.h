@@ -146,7 +146,9 @@ public:
     static void SetStrictMode(bool isStrict);
     [[nodiscard]] static bool IsInStrictMode();
 
-    /// Conversions of the resolved value. Total: what does not parse gives 0, false or the empty text.
+    /// Conversions of the resolved value. Total: what does not parse gives 0, false or the empty text. Neither these
+    /// nor the comparisons raise a floating-point exception that a host may have unmasked; arithmetic does where the
+    /// processor's would.
     [[nodiscard]] CMutableString AsString() const;
     [[nodiscard]] bool AsBoolean() const;
     [[nodiscard]] int AsInteger() const;

@@ -7,6 +7,7 @@
 
 #include <vlmcore/archives.h>
 
+#include <cstring>
 #include <utility>
 
 namespace Velmor {
@@ -24,21 +25,125 @@ PathUnits CurrentFolder()
     return folder;
 }
 
-void AppendEntries(Platform::CFolder& folder, EStringEncoding::Type encoding, TVector<CMutableString, 1>& files,
-                   TVector<CMutableString, 1>& folders)
+template <class OnEntry>
+void ForEachEntry(Platform::CFolder& folder, OnEntry onEntry)
 {
     Platform::SFolderEntry entry;
     u32 error = 0;
     while (folder.ReadEntry(entry, error))
-        (entry.kind.isFolder ? folders : files).Append(CopyInEncoding(CString(entry.name), encoding));
+        onEntry(entry);
     RaiseFileError(error);
+}
+
+void AppendEntries(Platform::CFolder& folder, EStringEncoding::Type encoding, TVector<CMutableString, 1>& files,
+                   TVector<CMutableString, 1>& folders)
+{
+    ForEachEntry(folder, [&](Platform::SFolderEntry const& entry) {
+        (entry.kind.isFolder ? folders : files).Append(CopyInEncoding(CString(entry.name), encoding));
+    });
+}
+
+// ---- removal of a tree ----
+//
+// Of an archive without operations of the host's own: nobody sees the steps, so they need no paths, and no recursion.
+// A tree may be deeper than the stack is, or than a process may have descriptors.
+
+// A folder under removal, and what of it is still to be removed.
+struct SRemovalLevel {
+    Platform::CFolder folder;
+    PathUnits folders; // terminated names in the order of the listing
+    PathUnits files;
+    u64 nextFolder = 0; // where its name begins
+    u64 current = 0;    // where the name of the folder begins that is open below
+};
+
+// The way down to the folder under removal, which is the last.
+using RemovalLevels = TVector<TUniquePtr<SRemovalLevel>, 1>;
+
+// So many of them are open at most, the last ones.
+constexpr u64 MostOpenLevels = 16;
+
+// Opens and lists the folder `name` of `parent`, which is the last level's or holds the tree.
+void EnterLevel(RemovalLevels& levels, Platform::CFolder const& parent, char16_t const* name)
+{
+    if (levels.GetCount() >= MostOpenLevels)
+        levels[levels.GetCount() - MostOpenLevels]->folder.Park();
+    TUniquePtr<SRemovalLevel> level(Memory::New<SRemovalLevel>(EHeap::Pool8));
+    RaiseFileError(level->folder.OpenEntry(parent, name));
+    ForEachEntry(level->folder, [&](Platform::SFolderEntry const& entry) {
+        PathUnits& names = entry.kind.isFolder ? level->folders : level->files;
+        char16_t const* unit = entry.name;
+        do
+            names.Append(*unit);
+        while (*unit++ != 0);
+    });
+    levels.Append(std::move(level));
+}
+
+// Removes the last level, which is empty, from its folder.
+void LeaveLevel(RemovalLevels& levels, Platform::CFolder const& parent, char16_t const* name)
+{
+    u64 const last = levels.GetCount() - 1;
+    if (last == 0) {
+        levels.Clear();
+        RaiseFileError(parent.DeleteFolderEntry(name));
+        return;
+    }
+    SRemovalLevel& holder = *levels[last - 1];
+    RaiseFileError(holder.folder.Resume(levels[last]->folder));
+    levels.RemoveAt(last);
+    RaiseFileError(holder.folder.DeleteFolderEntry(holder.folders.GetData() + holder.current));
+}
+
+// Removes the folder `name` of `parent`, which is no link, and all in it: of each folder the folders first, then the
+// files.
+void RemoveTree(Platform::CFolder const& parent, char16_t const* name)
+{
+    RemovalLevels levels;
+    EnterLevel(levels, parent, name);
+    while (!levels.IsEmpty()) {
+        SRemovalLevel& level = *levels[levels.GetCount() - 1];
+        if (level.nextFolder < level.folders.GetCount()) {
+            level.current = level.nextFolder;
+            while (level.folders[level.nextFolder++] != 0) {
+            }
+            char16_t const* const next = level.folders.GetData() + level.current;
+            Platform::SEntryKind kind;
+            RaiseFileError(level.folder.DescribeEntry(next, kind));
+            if (kind.isLink)
+                RaiseFileError(level.folder.DeleteFolderEntry(next));
+            else
+                EnterLevel(levels, level.folder, next);
+            continue;
+        }
+        for (u64 file = 0; file < level.files.GetCount(); ++file) {
+            RaiseFileError(level.folder.DeleteFileEntry(level.files.GetData() + file));
+            while (level.files[file] != 0)
+                ++file;
+        }
+        LeaveLevel(levels, parent, name);
+    }
+}
+
+// Whether the operations of the archive are the library's own. By its table of functions: the host may have been
+// compiled without what tells the type of an object.
+bool IsPlain(CFolderArchive const& archive)
+{
+    auto const getTable = [](CFolderArchive const& object) {
+        void const* table;
+        std::memcpy(&table, static_cast<void const*>(&object), sizeof table);
+        return table;
+    };
+    CFolderArchive const plain{CString()};
+    return getTable(archive) == getTable(plain);
 }
 
 // ---- recursive removal ----
 //
-// RemoveFolder works through the virtual operations by path, as hosts that override them expect. A path alone would be
-// open to a folder's being swapped for a link between two calls. So each folder under removal is held open, and the
-// operations recognise a path that came from the removal and work in the open folder instead of walking the path again.
+// RemoveFolder works through the virtual operations by path, as hosts that override them expect, one inside the other:
+// a level takes a descriptor and its share of the stack. A path alone would be open to a folder's being swapped for a
+// link between two calls. So each folder under removal is held open, and the operations recognise a path that came from
+// the removal and work in the open folder instead of walking the path again.
 
 struct SRemoval {
     CFolderArchive const* archive;
@@ -137,6 +242,10 @@ void RemoveEntry(CFolderArchive& archive, char16_t const* path, Platform::CFolde
 {
     Platform::SEntryKind kind;
     RaiseFileError(parent.DescribeEntry(name, kind));
+    if (!kind.isLink && IsPlain(archive)) {
+        RemoveTree(parent, name);
+        return;
+    }
     if (!kind.isLink) {
         SRemoval removal{&archive, CopyTerminated(path), innermostRemoval, {}};
         RaiseFileError(removal.folder.OpenEntry(parent, name));

@@ -5,6 +5,7 @@
 #include <vlmcore/memory.h>
 
 #include <atomic>
+#include <cstring>
 
 namespace Velmor {
 
@@ -13,11 +14,25 @@ namespace Velmor {
 struct CSystemLogger::SEventLog {
     void* handle;
     std::atomic<u32> counter{0};
+
+    void Write(Platform::EEventType type, char const* text);
 };
 
 namespace {
 
 constexpr char const* Source = "Orbisk";
+
+/// How many bytes of a UTF-8 text of `size` bytes the next event takes, `most` at most: no code point is torn.
+u64 GetPieceSize(char const* text, u64 size, u64 most)
+{
+    if (size <= most)
+        return size;
+    constexpr u64 LongestTail = 3; // of a code point's bytes
+    for (u64 tail = 0; tail <= LongestTail; ++tail)
+        if ((static_cast<u8>(text[most - tail]) & 0xC0) != 0x80)
+            return most - tail;
+    return most; // no UTF-8: where it is cut is all the same
+}
 
 /// Informational severity and the customer bit: the upper half of every identifier.
 constexpr u32 IdentifierBase = 0x60000000;
@@ -40,14 +55,31 @@ CSystemLogger::~CSystemLogger()
     Memory::Delete(m_eventLog);
 }
 
+void CSystemLogger::SEventLog::Write(Platform::EEventType type, char const* text)
+{
+    u32 const count = counter.load(std::memory_order_relaxed);
+    Platform::WriteEvent(handle, type, (count & 0xFFFF) | IdentifierBase, text);
+    counter.store(count + 1, std::memory_order_relaxed);
+}
+
 void CSystemLogger::Write(Log::EMessage::Type type, u64, CString const& message)
 {
     CMutableString const text = message.ToUTF8();
-    char const* const bytes = text.IsEmpty() ? "" : static_cast<char const*>(text.GetData());
-    u32 const counter = m_eventLog->counter.load(std::memory_order_relaxed);
-    Platform::WriteEvent(m_eventLog->handle, EventTypes[type <= Log::EMessage::Error ? type : Log::EMessage::Error],
-                         (counter & 0xFFFF) | IdentifierBase, bytes);
-    m_eventLog->counter.store(counter + 1, std::memory_order_relaxed);
+    Platform::EEventType const eventType = EventTypes[type <= Log::EMessage::Error ? type : Log::EMessage::Error];
+    char const* next = text.IsEmpty() ? "" : static_cast<char const*>(text.GetData());
+    u64 left = std::strlen(next);
+    u64 const most = Platform::GetLongestEventText();
+    TVector<char, 1> piece;
+    while (left > most) {
+        u64 const size = GetPieceSize(next, left, most);
+        piece.Resize(size + 1);
+        std::memcpy(piece.GetData(), next, size);
+        piece[size] = '\0';
+        m_eventLog->Write(eventType, piece.GetData());
+        next += size;
+        left -= size;
+    }
+    m_eventLog->Write(eventType, next);
 }
 
 } // namespace Velmor

@@ -16,7 +16,7 @@ template <class Float>
 bool HasFraction(Float value, TWhole<Float>& whole)
 {
     constexpr Float limit = -static_cast<Float>(std::numeric_limits<TWhole<Float>>::min());
-    if (!(value > -limit && value < limit)) // not-a-number fails both
+    if (!std::isless(std::fabs(value), limit)) // false for not-a-number, and raises no exception for it
         return false;
     whole = static_cast<TWhole<Float>>(value);
     return static_cast<Float>(whole) != value;

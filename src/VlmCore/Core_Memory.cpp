@@ -202,9 +202,9 @@ void Purge()
         try {
             workers.PushJob(job);
         }
-        catch (...) {
+        catch (...) { // there is no thread for it, and it has not been queued
+            job->Execute();
             Delete(job);
-            throw;
         }
     });
     workers.WaitForJobs();

@@ -1,5 +1,10 @@
+#include "Core_FloatEnvironment.h"
+
 #include <vlmcore/impl/Core_Encoding.h>
 #include <vlmcore/strings.h>
+
+#include <algorithm>
+#include <limits>
 
 namespace Velmor {
 namespace {
@@ -113,8 +118,15 @@ u64 ReadUnsigned(TReader<Rules> reader, EBinaryEncoding::Type order)
     }
 }
 
+/// The digits of a decimal number in front of the point and behind it.
+struct SDecimal {
+    u64 whole;
+    u64 fraction;
+    u64 fractionDigits;
+};
+
 template <class Rules>
-f64 ReadDouble(TReader<Rules> reader)
+SDecimal ReadDecimal(TReader<Rules> reader)
 {
     u64 whole = 0;
     u32 codePoint;
@@ -128,18 +140,37 @@ f64 ReadDouble(TReader<Rules> reader)
             break;
     }
     u64 fraction = 0;
-    f64 divisor = 1;
+    u64 fractionDigits = 0;
     if (codePoint == '.' || codePoint == ',') {
         for (;;) {
-            for (u64 count = reader.ReadDigits(fraction); count != 0; --count)
-                divisor *= 10;
+            fractionDigits += reader.ReadDigits(fraction);
             codePoint = reader.Read();
             if (codePoint - '0' >= 10)
                 break;
             fraction = fraction * 10 + (codePoint - '0');
-            divisor *= 10;
+            ++fractionDigits;
         }
     }
+    return {whole, fraction, fractionDigits};
+}
+
+/// Up to here a power of ten is a floating-point number itself.
+constexpr u64 MostExactDigits = 22;
+constexpr f64 ExactPowersOfTen[MostExactDigits + 1] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                                       1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                                       1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+/// The divisor grows digit by digit, and rounds as it does; a number with more digits behind the point than it has room
+/// for is whole.
+f64 ToFloating(u64 whole, u64 fraction, u64 fractionDigits)
+{
+    constexpr u64 MostDigits = std::numeric_limits<f64>::max_exponent10;
+    if (fractionDigits > MostDigits)
+        return static_cast<f64>(whole);
+    u64 const exactDigits = std::min(fractionDigits, MostExactDigits);
+    f64 divisor = ExactPowersOfTen[exactDigits];
+    for (u64 count = fractionDigits - exactDigits; count != 0; --count)
+        divisor *= 10;
     return static_cast<f64>(fraction) / divisor + static_cast<f64>(whole);
 }
 
@@ -163,7 +194,9 @@ i64 IString::ParseInteger(EBinaryEncoding::Type order) const
 
 f64 IString::ToDouble() const
 {
-    f64 const magnitude = WithReader(*this, [](auto reader) { return ReadDouble(reader); });
+    SDecimal const decimal = WithReader(*this, [](auto reader) { return ReadDecimal(reader); });
+    f64 const magnitude =
+        CallInDefaultFloatEnvironment(&ToFloating, decimal.whole, decimal.fraction, decimal.fractionDigits);
     return StartsWithMinus(*this) ? -magnitude : magnitude;
 }
 

@@ -1,8 +1,12 @@
+#include "Core_FloatEnvironment.h"
+#include "Core_FloatTruncate.h"
 #include "Core_NumberText.h"
 
+#include <vlmcore/math.h>
 #include <vlmcore/strings.h>
 
 #include <cmath>
+#include <limits>
 
 namespace Velmor {
 namespace NumberText {
@@ -13,13 +17,11 @@ template <class Float>
 struct SFraction;
 template <>
 struct SFraction<f32> {
-    using TScaled = u32;
     static constexpr f32 Threshold = 1e-6f;
     static constexpr u32 MostDigits = 7;
 };
 template <>
 struct SFraction<f64> {
-    using TScaled = u64;
     static constexpr f64 Threshold = 1e-15;
     static constexpr u32 MostDigits = 17;
 };
@@ -28,14 +30,6 @@ u32 CopyText(char const* text, u32 count, char* out)
 {
     std::memcpy(out, text, count);
     return count;
-}
-
-/// The whole part as an integer, the way the processor converts it: what does not fit is the smallest integer.
-template <class Float>
-i64 ToWhole(Float value)
-{
-    constexpr Float limit = static_cast<Float>(9223372036854775808.0);
-    return value >= -limit && value < limit ? static_cast<i64>(value) : -0x7FFF'FFFF'FFFF'FFFF - 1;
 }
 
 /// One digit after the other until what they stand for is within the threshold of the fraction. The arithmetic is the
@@ -55,37 +49,47 @@ u32 WriteFraction(Float fraction, char* out)
     do {
         scaled *= 10;
         power *= 10;
-        u32 const digit = static_cast<u32>(static_cast<typename SRule::TScaled>(scaled) % 10);
+        // (By way of a signed integer, which is one instruction; an unsigned one is made of two, one of them out of
+        // range. The number is far below 2^63.)
+        u32 const digit = static_cast<u32>(static_cast<u64>(static_cast<i64>(scaled)) % 10);
         out[count++] = static_cast<char>('0' + digit);
         sum += static_cast<Float>(digit) / power;
     } while (count < SRule::MostDigits && fraction - sum > SRule::Threshold);
     return count;
 }
 
+/// What lies behind the point, without its sign.
+template <class Float>
+Float GetFraction(Float value, i64 whole)
+{
+    constexpr i64 FirstWithout = i64{1} << (std::numeric_limits<Float>::digits - 1); // from here on all are whole
+    return whole > -FirstWithout && whole < FirstWithout ? std::fabs(value - static_cast<Float>(whole)) : Float{0};
+}
+
 template <class Float>
 u32 WriteFloating(Float value, char* out)
 {
-    if (std::isnan(value))
+    if (Math::IsNaN(value))
         return CopyText("NaN", 3, out);
     if (std::isinf(value))
         return value < 0 ? CopyText("-Inf", 4, out) : CopyText("Inf", 3, out);
-    i64 const whole = ToWhole(value);
+    i64 const whole = TruncateToInteger(value);
     u32 count = CountInteger(whole);
     WriteInteger(whole, out + count);
     out[count++] = '.';
-    return count + WriteFraction(std::fabs(value - std::trunc(value)), out + count);
+    return count + WriteFraction(GetFraction(value, whole), out + count);
 }
 
 } // namespace
 
 u32 WriteFloat(f32 value, char* out)
 {
-    return WriteFloating(value, out);
+    return CallInDefaultFloatEnvironment(&WriteFloating<f32>, value, out);
 }
 
 u32 WriteDouble(f64 value, char* out)
 {
-    return WriteFloating(value, out);
+    return CallInDefaultFloatEnvironment(&WriteFloating<f64>, value, out);
 }
 
 } // namespace NumberText

@@ -1,9 +1,10 @@
+#include "Core_FloatEnvironment.h"
+#include "Core_FloatTruncate.h"
 #include "Core_WeakTypeText.h"
 
 #include <vlmcore/weak_types.h>
 
 #include <cmath>
-#include <limits>
 
 namespace Velmor {
 
@@ -17,14 +18,15 @@ char const* GetTypeText(u32 code)
     return CWeakType::TypeName[code <= CWeakType::Invalid ? code : u32{CWeakType::Invalid}];
 }
 
-// Toward zero into 64 bits, the low 32 of them kept. What 64 bits cannot hold becomes their indefinite value, as the
-// processor's own conversion makes it, whose low half is 0.
-int TruncateToInteger(float value)
+// What of a 64-bit integer an Integer holds.
+int GetLowHalf(i64 value)
 {
-    constexpr float Limit = 9223372036854775808.0f; // 2^63
-    bool const fits = value >= -Limit && value < Limit;
-    i64 const wide = fits ? static_cast<i64>(value) : std::numeric_limits<i64>::min();
-    return static_cast<int>(static_cast<u32>(static_cast<u64>(wide)));
+    return static_cast<int>(static_cast<u32>(static_cast<u64>(value)));
+}
+
+float Narrow(double value)
+{
+    return static_cast<float>(value);
 }
 
 // Opens the protected number renderers of a text.
@@ -179,7 +181,7 @@ bool CWeakType::AsBoolean() const
     CWeakType const& value = Resolve();
     switch (value.m_type) {
     case Float:
-        return value.Load<float>() < 0.0f || value.Load<float>() > 0.0f;
+        return std::islessgreater(value.Load<float>(), 0.0f);
     case Integer:
         return value.Load<int>() != 0;
     case String:
@@ -194,12 +196,11 @@ int CWeakType::AsInteger() const
     CWeakType const& value = Resolve();
     switch (value.m_type) {
     case Float:
-        return TruncateToInteger(value.Load<float>());
+        return GetLowHalf(TruncateToInteger(value.Load<float>()));
     case Boolean:
         return value.Load<u8>() != 0 ? 1 : 0;
     case String:
-        return static_cast<int>(
-            static_cast<u32>(static_cast<u64>(CString(value.GetText()).ToInteger(EBinaryEncoding::BigEndian))));
+        return GetLowHalf(CString(value.GetText()).ToInteger(EBinaryEncoding::BigEndian));
     default:
         return value.Load<int>();
     }
@@ -214,7 +215,7 @@ float CWeakType::AsFloat() const
     case Boolean:
         return value.Load<u8>() != 0 ? 1.0f : 0.0f;
     case String:
-        return static_cast<float>(CString(value.GetText()).ToDouble());
+        return CallInDefaultFloatEnvironment(&Narrow, CString(value.GetText()).ToDouble());
     default:
         return static_cast<float>(value.Load<int>());
     }

@@ -23,7 +23,23 @@ bool IsNumeric(CWeakType::EType type)
 
 bool IsZeroDivisor(float divisor)
 {
-    return !(divisor < 0.0f) && !(divisor > 0.0f); // a NaN divides like a zero
+    return !std::islessgreater(divisor, 0.0f); // a NaN divides like a zero
+}
+
+// Floats are compared by what raises no floating-point exception, not even for a NaN.
+
+bool IsTooSmallToTell(float difference)
+{
+    return std::isless(std::fabs(difference), Tolerance);
+}
+
+// Infinities and NaNs are like nothing, and numbers far apart need no difference, which might overflow.
+bool AreClose(float left, float right)
+{
+    if (!std::isfinite(left) || !std::isfinite(right))
+        return false;
+    double const difference = double{left} - double{right};
+    return std::fabs(difference) < 1 && IsTooSmallToTell(static_cast<float>(difference));
 }
 
 int Wrap(u32 bits)
@@ -236,10 +252,8 @@ bool CWeakType::operator==(CWeakType const& other) const
     CheckComparable(other);
     CWeakType const& left = Resolve();
     CWeakType const& right = other.Resolve();
-    if (left.m_type == Float || right.m_type == Float) {
-        float const difference = left.AsFloat() - right.AsFloat();
-        return difference > -Tolerance && difference < Tolerance;
-    }
+    if (left.m_type == Float || right.m_type == Float)
+        return AreClose(left.AsFloat(), right.AsFloat());
     if (left.m_type == Integer || right.m_type == Integer)
         return left.AsInteger() == right.AsInteger();
     if (left.m_type == String && right.m_type == String)
@@ -269,35 +283,40 @@ bool CWeakType::Order(CWeakType const& other, Relation relation) const
 bool CWeakType::operator<(CWeakType const& other) const
 {
     return Order(other, []<class T>(T const& left, T const& right) {
-        if constexpr (std::is_same_v<T, CString>)
-            return left < right;
+        if constexpr (std::is_same_v<T, float>)
+            return !std::isgreaterequal(left, right); // a NaN on either side makes it true
         else
-            return !(left >= right); // a NaN on either side makes it true
+            return left < right;
     });
 }
 
 bool CWeakType::operator<=(CWeakType const& other) const
 {
     return Order(other, []<class T>(T const& left, T const& right) {
-        if constexpr (std::is_same_v<T, CString>)
-            return !(left > right);
+        if constexpr (std::is_same_v<T, float>)
+            return std::islessequal(left, right);
         else
-            return left <= right;
+            return !(left > right);
     });
 }
 
 bool CWeakType::operator>(CWeakType const& other) const
 {
-    return Order(other, [](auto const& left, auto const& right) { return left > right; });
+    return Order(other, []<class T>(T const& left, T const& right) {
+        if constexpr (std::is_same_v<T, float>)
+            return std::isgreater(left, right);
+        else
+            return left > right;
+    });
 }
 
 bool CWeakType::operator>=(CWeakType const& other) const
 {
     return Order(other, []<class T>(T const& left, T const& right) {
-        if constexpr (std::is_same_v<T, CString>)
-            return !(left < right);
+        if constexpr (std::is_same_v<T, float>)
+            return std::isgreaterequal(left, right);
         else
-            return left >= right;
+            return !(left < right);
     });
 }
 
@@ -308,7 +327,7 @@ CWeakType CWeakType::operator!() const
     CWeakType const& value = Resolve();
     switch (value.m_type) {
     case Float:
-        return CWeakType(!(value.AsFloat() > -Tolerance && value.AsFloat() < Tolerance));
+        return CWeakType(!IsTooSmallToTell(value.Load<float>()));
     case Boolean:
         return CWeakType(value.Load<u8>() == 0);
     case String:

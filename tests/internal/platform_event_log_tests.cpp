@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace {
 
 using namespace Velmor;
@@ -21,6 +23,18 @@ TEST(PlatformEventLog, AnOpenSourceTakesEventsOfEveryType)
     EXPECT_TRUE(Platform::WriteEvent(source, Platform::EEventType::Information, 0x60000000u, "information"));
     EXPECT_TRUE(Platform::WriteEvent(source, Platform::EEventType::Warning, 0x60000001u, "100% %s %n"));
     EXPECT_TRUE(Platform::WriteEvent(source, Platform::EEventType::Error, 0x6000FFFFu, ""));
+    Platform::CloseEventSource(source);
+}
+
+TEST(PlatformEventLog, TheLongestTextIsTaken)
+{
+    EXPECT_GE(Platform::GetLongestEventText(), 1024u);
+    EXPECT_LE(Platform::GetLongestEventText(), 31839u); // what no system takes is not promised
+    void* const source = Platform::OpenEventSource("Orbisk");
+    if (source == nullptr)
+        GTEST_SKIP() << "this system has no event log";
+    std::string const text(Platform::GetLongestEventText(), 'x');
+    EXPECT_TRUE(Platform::WriteEvent(source, Platform::EEventType::Information, 0x60000003u, text.c_str()));
     Platform::CloseEventSource(source);
 }
 

@@ -26,6 +26,7 @@ struct SEvent {
 std::string openedSource;
 int openCount;
 void* handleToGive;
+Velmor::u64 longestText;
 std::vector<SEvent> events;
 
 } // namespace
@@ -44,6 +45,11 @@ void CloseEventSource(void* handle)
 {
     EXPECT_EQ(handle, handleToGive);
     --openCount;
+}
+
+u64 GetLongestEventText()
+{
+    return longestText;
 }
 
 bool WriteEvent(void* handle, EEventType type, u32 identifier, char const* text)
@@ -66,6 +72,7 @@ protected:
         handleToGive = &events;
         events.clear();
         openCount = 0;
+        longestText = 31839;
     }
 };
 
@@ -129,6 +136,83 @@ TEST_F(SystemLoggerTest, TextsAreUtf8AndNeverNull)
     EXPECT_EQ(events[0].text, "\xC3\xA4");
     EXPECT_EQ(events[1].text, "\xE2\x82\xAC");
     EXPECT_EQ(events[2].text, "");
+}
+
+// The events must be the message whole, each piece of whole characters, and no more pieces than there have to be.
+void ExpectWholeInPieces(CString const& message)
+{
+    events.clear();
+    CSystemLogger logger;
+    logger.Write(Log::EMessage::Warning, 0, message);
+    std::string joined;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        EXPECT_EQ(static_cast<u32>(events[i].type), 2u);
+        EXPECT_EQ(events[i].identifier, 0x60000000u + i);
+        EXPECT_LE(events[i].text.size(), longestText);
+        if (i + 1 < events.size()) {
+            EXPECT_GT(events[i].text.size() + 4, longestText);
+        }
+        ASSERT_FALSE(events[i].text.empty());
+        EXPECT_NE(static_cast<unsigned char>(events[i].text[0]) & 0xC0, 0x80); // no tail of a character
+        joined += events[i].text;
+    }
+    CMutableString const whole = message.ToUTF8();
+    EXPECT_TRUE(joined == static_cast<char const*>(whole.GetData()));
+}
+
+TEST_F(SystemLoggerTest, LinesThatNoEventHoldsArriveWholeInPieces)
+{
+    // Characters of one to four bytes.
+    for (std::string const& pattern :
+         {std::string("x"), std::string("\xC3\xA4"), std::string("\xE2\x82\xAC"), std::string("\xF0\x9F\x98\x80"),
+          std::string("ab\xC3\xA4\xE2\x82\xAC"
+                      "c\xF0\x9F\x98\x80")}) {
+        auto const write = [&](u64 size) {
+            std::string line;
+            while (line.size() < size)
+                line += pattern;
+            CString const message(line.c_str());
+            ExpectWholeInPieces(message);
+            ExpectWholeInPieces(message.ToUTF16());
+            ExpectWholeInPieces(message.ToUTF32());
+        };
+        for (u64 const limit : {31839u, 8000u}) {
+            longestText = limit;
+            write(100000);
+        }
+        for (longestText = 7; longestText < 27; ++longestText) // ends at each place of the pattern
+            write(100);
+    }
+}
+
+TEST_F(SystemLoggerTest, WhatAnEventHoldsStaysOne)
+{
+    CSystemLogger logger;
+    std::string line(longestText, 'x');
+    logger.Write(Log::EMessage::Info, 0, line.c_str());
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].text, line);
+    line += 'y';
+    logger.Write(Log::EMessage::Error, 0, line.c_str());
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[1].text.size(), longestText);
+    EXPECT_EQ(events[2].text, "y");
+    EXPECT_EQ(events[2].identifier, 0x60000002u);
+    EXPECT_EQ(static_cast<u32>(events[2].type), 1u);
+}
+
+TEST_F(SystemLoggerTest, WhatIsNoUtf8IsCutWhereItMustBe)
+{
+    CSystemLogger logger;
+    std::string const line(longestText + 10, '\x80');
+    logger.Write(Log::EMessage::Info, 0, line.c_str());
+    std::string joined;
+    for (SEvent const& event : events) {
+        EXPECT_LE(event.text.size(), longestText);
+        joined += event.text;
+    }
+    CMutableString const expected = CString(line.c_str()).ToUTF8();
+    EXPECT_TRUE(joined == (expected.IsEmpty() ? "" : static_cast<char const*>(expected.GetData())));
 }
 
 TEST_F(SystemLoggerTest, ASystemWithoutALogIsDoneWithout)

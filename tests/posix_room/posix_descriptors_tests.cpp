@@ -2,6 +2,8 @@
 // with the system's text, and nothing stays open.
 #include "TestHeap.h"
 #include "Texts.h"
+#include "platform/Platform_Folder.h"
+#include "platform/Platform_SystemError.h"
 #include "support/Files.h"
 #include "support/Folders.h"
 
@@ -11,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -114,6 +117,88 @@ TEST_F(Descriptors, RemovalTakesOneALevel)
     EXPECT_EQ(needed, 9u); // the folder's own, and that of what holds it
     EXPECT_FALSE(fs::exists(folder.Path() / "t"));
     EXPECT_TRUE(fs::exists(folder.Path()));
+}
+
+namespace {
+
+// Folders within each other below `top`, deeper than a path reaches; some with a file and a link beside the next one.
+void MakeDeepTree(fs::path const& top, unsigned depth, std::string const& name, fs::path const& linked)
+{
+    fs::create_directory(top);
+    int folder = ::open(top.c_str(), O_RDONLY | O_DIRECTORY);
+    for (unsigned level = 0; level < depth; ++level) {
+        if (level % 50 == 0) {
+            ::close(::openat(folder, "file", O_CREAT | O_WRONLY, 0600));
+            ASSERT_EQ(::symlinkat(linked.c_str(), folder, "link"), 0);
+        }
+        ASSERT_EQ(::mkdirat(folder, name.c_str(), 0700), 0) << level;
+        int const next = ::openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY);
+        ASSERT_NE(next, -1) << level;
+        ::close(folder);
+        folder = next;
+    }
+    ::close(folder);
+}
+
+} // namespace
+
+TEST_F(Descriptors, ATreeOfAnyDepthIsRemovedWithAFew)
+{
+    fs::create_directory(folder.Path() / "outside");
+    WriteText(folder.Path() / "outside" / "stays", "here");
+    for (auto const& [depth, length] : {std::pair{100u, 3u}, {3000u, 250u}}) {
+        SCOPED_TRACE(depth);
+        MakeDeepTree(folder.Path() / "deep", depth, std::string(length, 'n'), folder.Path() / "outside");
+        CFewDescriptors const few(CGaplessDescriptors::CountOpen() + 18);
+        try {
+            archive.RemoveFolder("deep");
+        }
+        catch (CFileException const& error) {
+            ADD_FAILURE() << Bytes(error.GetText());
+        }
+        EXPECT_FALSE(fs::exists(folder.Path() / "deep"));
+        EXPECT_EQ(TestSupport::ReadText(folder.Path() / "outside" / "stays"), "here");
+    }
+}
+
+TEST_F(Descriptors, ADeepTreeWithBranchesIsRemoved)
+{
+    // Folders beside the way down on every level: each of those is opened again on the way back.
+    fs::path way = folder.Path() / "branches";
+    for (unsigned level = 0; level < 60; ++level) {
+        for (char const* const name : {"a", "m", "z"})
+            fs::create_directories(way / name / "below");
+        WriteText(way / "z" / "file", "");
+        way /= "m";
+    }
+    unsigned const needed = CountNeeded([&] { archive.RemoveFolder("branches"); });
+    EXPECT_EQ(needed, 17u); // sixteen levels and what holds the tree
+    EXPECT_FALSE(fs::exists(folder.Path() / "branches"));
+}
+
+TEST_F(Descriptors, AFolderThatIsMovedAwayMeanwhileIsNotFollowed)
+{
+    using Platform::CFolder;
+    fs::create_directories(folder.Path() / "a" / "b");
+    fs::create_directories(folder.Path() / "elsewhere");
+    CFolder top;
+    CFolder a;
+    CFolder b;
+    ASSERT_EQ(top.Open(root.c_str(), Platform::EFolderUse::Hold), 0u);
+    ASSERT_EQ(a.OpenEntry(top, u"a"), 0u);
+    ASSERT_EQ(b.OpenEntry(a, u"b"), 0u);
+    unsigned const open = TestSupport::OpenHandleCount();
+    a.Park();
+    EXPECT_EQ(TestSupport::OpenHandleCount(), open - 1);
+    EXPECT_EQ(a.Resume(b), 0u);
+    EXPECT_EQ(TestSupport::OpenHandleCount(), open);
+    Platform::SEntryKind kind;
+    EXPECT_EQ(a.DescribeEntry(u"b", kind), 0u);
+
+    a.Park();
+    fs::rename(folder.Path() / "a" / "b", folder.Path() / "elsewhere" / "b");
+    EXPECT_EQ(a.Resume(b), u32{Platform::ESystemError::PathNotFound});
+    EXPECT_EQ(TestSupport::OpenHandleCount(), open - 1);
 }
 
 TEST_F(Descriptors, ListingAndOpeningTakeOne)

@@ -19,6 +19,10 @@ enum class EEventType : u16 { Error = 1, Warning = 2, Information = 4 };
 /// Closes what OpenEventSource returned; nothing for null.
 void CloseEventSource(void* handle);
 
+/// Most bytes of a text, the terminator not counted, that an event surely keeps whole. A longer one may be refused, cut
+/// or lost.
+[[nodiscard]] u64 GetLongestEventText();
+
 /// Writes one event of category 0 with one text, which the system reads in its own 8-bit encoding on Windows and as it
 /// stands on Linux. False when the system refuses it. A null handle is refused.
 bool WriteEvent(void* handle, EEventType type, u32 identifier, char const* text);

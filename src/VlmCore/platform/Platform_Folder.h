@@ -52,12 +52,21 @@ public:
 
     void Close();
 
+    /// Lets go of what the system grants a process few of (the posix room: the descriptor), while folders below are at
+    /// work. Only Resume, Close and a new opening may follow. Nothing for a closed folder.
+    void Park();
+
+    /// Opens a parked folder again by way of `child`, which was opened in it and still is; nothing when it is open.
+    /// PathNotFound when `child` has been moved elsewhere meanwhile. No link can lead astray.
+    [[nodiscard]] u32 Resume(CFolder const& child);
+
     /// Exchanges what the two hold.
     void Swap(CFolder& other) noexcept
     {
         std::swap(m_handle, other.m_handle);
         std::swap(m_listing, other.m_listing);
         std::swap(m_path, other.m_path);
+        std::swap(m_identity, other.m_identity);
     }
 
     /// The next entry of the folder, in the system's order, never "." or "..". False at the end; the call after that
@@ -78,6 +87,14 @@ private:
     void* m_handle = nullptr;  // null: closed
     void* m_listing = nullptr; // null before the first entry is read
     PathUnits m_path;          // where the room works by path; terminated
+
+    // Which folder this is, volume and number, where the room parks it.
+    struct SIdentity {
+        u64 volume = 0;
+        u64 number = 0;
+        bool operator==(SIdentity const&) const = default;
+    };
+    SIdentity m_identity;
 };
 
 /// Deletes an empty folder by its full path. Of a link the link itself.

@@ -44,6 +44,13 @@ namespace {
 
 } // namespace
 
+// A message is one datagram, which is lost when it is larger than a socket's buffer (some 200 KB); services cut it much
+// earlier, widespread ones at 8,192 bytes with what precedes the text.
+u64 GetLongestEventText()
+{
+    return 8000;
+}
+
 bool WriteEvent(void* handle, EEventType type, u32, char const* text)
 {
     if (handle == nullptr)

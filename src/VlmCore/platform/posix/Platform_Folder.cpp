@@ -88,6 +88,32 @@ void CFolder::Close()
     m_handle = nullptr;
 }
 
+void CFolder::Park()
+{
+    struct stat information;
+    if (m_handle == nullptr || ::fstat(DescriptorOf(m_handle), &information) != 0)
+        return; // unrecognisable it stays open
+    m_identity = {information.st_dev, information.st_ino};
+    Close();
+}
+
+u32 CFolder::Resume(CFolder const& child)
+{
+    if (m_handle != nullptr)
+        return ESystemError::None;
+    // A folder's ".." is no link, and leads to wherever the folder now is.
+    int const descriptor = OpenFolderAt(DescriptorOf(child.m_handle), "..", O_NOFOLLOW);
+    if (descriptor == -1)
+        return LastSystemError();
+    m_handle = HandleOf(descriptor);
+    struct stat information;
+    if (::fstat(descriptor, &information) != 0 || !(m_identity == SIdentity{information.st_dev, information.st_ino})) {
+        Close();
+        return ESystemError::PathNotFound;
+    }
+    return ESystemError::None;
+}
+
 // ---- entries ----
 
 namespace {

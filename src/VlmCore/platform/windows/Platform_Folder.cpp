@@ -105,6 +105,14 @@ void CFolder::Close()
     m_path.Clear();
 }
 
+// Handles are many, and only one that is held keeps its folder in place.
+void CFolder::Park() {}
+
+u32 CFolder::Resume(CFolder const&)
+{
+    return ESystemError::None;
+}
+
 // ---- entries ----
 
 bool CFolder::ReadEntry(SFolderEntry& entry, u32& error)
