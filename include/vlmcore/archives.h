@@ -106,8 +106,7 @@ public:
 
     /// Lists the folder, removes the folders and then the files in it, each through these virtual operations, and then
     /// the folder. The first failure ends it and what is gone stays gone. Links and junctions are removed, never
-    /// followed, also when they take a folder's place meanwhile. Denied when the path leads out of the root. A tree may
-    /// be of any depth; with operations of a derived class each level takes stack, and a descriptor on Linux.
+    /// followed, also when they take a folder's place meanwhile, at any depth. Denied when it leads out of the root.
     void RemoveFolder(CString const& path) override;
 
 private:

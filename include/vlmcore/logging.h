@@ -96,10 +96,8 @@ public:
 };
 
 /// Sends messages to the system's event log, source "Orbisk": the event log on Windows, syslog on Linux. Event
-/// identifiers count up from 0x60000000 and start over after 0x6000FFFF. The time stamp is the system's own. A message
-/// that is longer than an event surely keeps (31,839 bytes of UTF-8 on Windows, 8,000 on Linux) becomes several events
-/// of the same type, one right behind the other, each of whole code points.
-/// A system without an event log loses the messages silently.
+/// identifiers count up from 0x60000000 and start over after 0x6000FFFF. The time stamp is the system's own.
+/// A system without an event log loses the messages silently. What is too long for an event becomes several.
 class VLM_API CSystemLogger : public ILogger {
 public:
     /// Throws CBadAllocation.

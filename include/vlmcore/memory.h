@@ -101,8 +101,7 @@ VLM_API void FreeQuietly(void* block) noexcept;
 /// Kind of the block; General for an unknown pointer.
 [[nodiscard]] VLM_API EHeap::Type GetHeap(void* block);
 
-/// Gives wholly free pool chunks back to the system, the four allocators in parallel on a temporary thread pool; on the
-/// calling thread where the system starts no other.
+/// Gives wholly free pool chunks back to the system, the four allocators in parallel if threads can be started.
 VLM_API void Purge();
 
 /// Uninstalls the memory logger, reports, and tears the heap down. Registered with atexit by Initialize.

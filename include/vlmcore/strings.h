@@ -259,8 +259,7 @@ public:
     }
     /// Whole part, a point, and 1 to 7 digits of fraction, cut where less than 1e-6 is left; "Inf", "-Inf", "NaN".
     /// Values between -1 and 0 lose their sign ("-0.5" gives "0.5"; kept: hosts depend on it), and a whole part outside
-    /// 64 bits prints as the smallest integer. At most 28 characters and the terminator. The thread's rounding mode and
-    /// unmasked floating-point exceptions change nothing.
+    /// 64 bits prints as the smallest integer. At most 28 characters and the terminator.
     static u64 FromFloat(f32 value, char* out, u64 outSize, EStringEncoding::Type encoding);
     /// The same with 1 to 17 digits of fraction, cut where less than 1e-15 is left. At most 38 characters.
     static u64 FromDouble(f64 value, char* out, u64 outSize, EStringEncoding::Type encoding);
@@ -283,8 +282,7 @@ public:
         u64 value;
         return TryReadPlainNumber(value) ? value : ParseUnsignedInteger(order);
     }
-    /// Digits with one "." or ","; a "-" in the whole part is skipped, in first place it negates the result. The
-    /// thread's rounding mode and unmasked floating-point exceptions change nothing.
+    /// Digits with one "." or ","; a "-" in the whole part is skipped, in first place it negates the result.
     [[nodiscard]] f64 ToDouble() const;
 
     // ---- Iteration --------------------------------------------------------------------------------------------------

@@ -146,9 +146,7 @@ public:
     static void SetStrictMode(bool isStrict);
     [[nodiscard]] static bool IsInStrictMode();
 
-    /// Conversions of the resolved value. Total: what does not parse gives 0, false or the empty text. Neither these
-    /// nor the comparisons raise a floating-point exception that a host may have unmasked; arithmetic does where the
-    /// processor's would.
+    /// Conversions of the resolved value. Total: what does not parse gives 0, false or the empty text.
     [[nodiscard]] CMutableString AsString() const;
     [[nodiscard]] bool AsBoolean() const;
     [[nodiscard]] int AsInteger() const;
