@@ -22,11 +22,9 @@ namespace {
 
 constexpr char const* Source = "Orbisk";
 
-/// How many bytes of a UTF-8 text of `size` bytes the next event takes, `most` at most: no code point is torn.
-u64 GetPieceSize(char const* text, u64 size, u64 most)
+/// How many bytes of a UTF-8 text that has more than `most` the next event takes: no code point is torn.
+u64 GetPieceSize(char const* text, u64 most)
 {
-    if (size <= most)
-        return size;
     constexpr u64 LongestTail = 3; // of a code point's bytes
     for (u64 tail = 0; tail <= LongestTail; ++tail)
         if ((static_cast<u8>(text[most - tail]) & 0xC0) != 0x80)
@@ -71,7 +69,7 @@ void CSystemLogger::Write(Log::EMessage::Type type, u64, CString const& message)
     u64 const most = Platform::GetLongestEventText();
     TVector<char, 1> piece;
     while (left > most) {
-        u64 const size = GetPieceSize(next, left, most);
+        u64 const size = GetPieceSize(next, most);
         piece.Resize(size + 1);
         std::memcpy(piece.GetData(), next, size);
         piece[size] = '\0';

@@ -260,7 +260,9 @@ void GiveBackSlowly(CChunkTag chunk, SFreeSlot const& slot, u64 size)
 [[gnu::always_inline]] inline SFreeBlock* PrepareFree(CChunkMap::SFound const& found, void* block, u64 size)
 {
 #if !defined(VLM_ADDRESS_SANITIZER)
-    __builtin_prefetch(block, 1); // whoever gets it next will write to it
+    // Whoever gets it next will write to it. Not before the record is out: the exchange in a shared lane waits until
+    // all before it is done.
+    __builtin_prefetch(block, 1);
 #endif
     return CBlockClass::PrepareFree(block, u64{1} << found.tag.GetBlockBits(), size);
 }

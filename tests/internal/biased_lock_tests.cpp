@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
+#include <memory>
 #include <set>
 #include <thread>
 #include <vector>
@@ -189,6 +191,27 @@ TEST(BiasedLock, AVisitorLeavesItToItsOwner)
     EXPECT_FALSE(EntersAsOwner(lock, FirstKey)) << "while a guest is inside";
     lock.Release(hold, FirstKey);
     EXPECT_EQ(EntersAsOwner(lock, FirstKey), HasOwners);
+}
+
+// A copy of the process keeps the word of an owner that was about to say so, or had just said it; that thread is not in
+// the copy, and nobody else would take the word back.
+TEST(BiasedLock, ACopyForgetsWhoSaysThatItIsInside)
+{
+    if (!HasOwners)
+        GTEST_SKIP() << "nobody ever owns it here";
+    auto const lock = std::make_shared<CBiasedLock>();
+    lock->Release(lock->Acquire(FirstKey), FirstKey);
+    ASSERT_TRUE(lock->TryAcquireAsOwner(FirstKey));
+    lock->ForgetThreads();
+    auto const visited = std::make_shared<std::promise<EBiasedHold>>();
+    std::future<EBiasedHold> result = visited->get_future();
+    std::thread([lock, visited] {
+        EBiasedHold const hold = lock->AcquireAsGuest();
+        lock->Release(hold, 0);
+        visited->set_value(hold);
+    }).detach(); // it may wait for ever
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_EQ(result.get(), EBiasedHold::Guest);
 }
 
 TEST(BiasedLock, AfterManyOwnersItHasNoneForAWhile)
