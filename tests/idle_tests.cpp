@@ -20,17 +20,39 @@ using VlmTest::CRecordingFile;
 
 namespace {
 
-constexpr double LongestWaking = 2.0; // milliseconds
+constexpr double LongestWaking = 2.0;      // milliseconds
+constexpr double LargestIdlePercent = 2.0; // of one processor
 
 /// Processor time of two thirds of a second in which this thread sleeps, in percent of one processor. What was busy
-/// before has a moment to settle.
-double MeasureIdlePercent()
+/// before has a moment to settle. Tried until it is small, five times at most: a machine that is busy makes some of
+/// them dear, a thread that does not sleep all.
+double MeasureIdlePercent(double largest = LargestIdlePercent)
 {
-    Thread::Sleep(200);
-    double const from = System::GetTimeMs();
-    double const before = GetProcessorMilliseconds();
-    Thread::Sleep(700);
-    return (GetProcessorMilliseconds() - before) / (System::GetTimeMs() - from) * 100;
+    double best = 1e9;
+    for (int round = 0; round < 5 && best >= largest; ++round) {
+        Thread::Sleep(200);
+        double const from = System::GetTimeMs();
+        double const before = GetProcessorMilliseconds();
+        Thread::Sleep(700);
+        best = std::min(best, (GetProcessorMilliseconds() - before) / (System::GetTimeMs() - from) * 100);
+    }
+    return best;
+}
+
+/// The same of a thread that does nothing but sleep a millisecond at a time: it is what the machine takes for that,
+/// from 1 % on to 6 % and more on a virtual one.
+double MeasureSleeperPercent()
+{
+    std::atomic<bool> isOver = false;
+    TestSupport::CFunctionThread sleeper([&] {
+        while (!isOver)
+            Thread::Sleep(1);
+    });
+    sleeper.Run();
+    double const percent = MeasureIdlePercent(100);
+    isOver = true;
+    sleeper.Join();
+    return percent;
 }
 
 /// When something was last done, and how often.
@@ -94,7 +116,7 @@ TEST(Idle, AThreadPoolCostsNothingAndWakesAtOnce)
     for (int round = 0; round < 100; ++round)
         pool.PushJob(&job);
     pool.WaitForJobs();
-    EXPECT_LT(MeasureIdlePercent(), 2.0);
+    EXPECT_LT(MeasureIdlePercent(), LargestIdlePercent);
     EXPECT_LT(stamp.MeasureWaking([&] { pool.PushJob(&job); }), LongestWaking);
 }
 
@@ -105,7 +127,7 @@ TEST(Idle, ABufferedFileLoggerCostsNothingAndWakesAtOnce)
     auto const write = [&] { logger.Write(Log::EMessage::Info, 1, "text"); };
     write();
     EXPECT_TRUE(Eventually([&] { return stamp.GetCount() == 1; }));
-    EXPECT_LT(MeasureIdlePercent(), 2.0);
+    EXPECT_LT(MeasureIdlePercent(), LargestIdlePercent);
     EXPECT_LT(stamp.MeasureWaking(write), LongestWaking);
 }
 
@@ -118,17 +140,18 @@ TEST(Idle, ABufferedMemoryLoggerCostsNothingAndWakesAtOnce)
         record();
         EXPECT_TRUE(Eventually([&] { return stamp.GetCount() >= count; }));
     }
-    EXPECT_LT(MeasureIdlePercent(), 2.0);
+    EXPECT_LT(MeasureIdlePercent(), LargestIdlePercent);
     EXPECT_LT(stamp.MeasureWaking(record), LongestWaking);
 }
 
-TEST(Idle, ALockThatIsHeldForLongCostsNothing)
+TEST(Idle, ALockThatIsHeldForLongCostsItsSleepsAlone)
 {
+    double const most = LargestIdlePercent + 1.5 * MeasureSleeperPercent(); // who yields takes 100
     CSpinLock lock;
     lock.Acquire();
     TestSupport::CFunctionThread waiter([&] { TScopedLock const guard(lock); });
     waiter.Run();
-    EXPECT_LT(MeasureIdlePercent(), 5.0); // a millisecond at a time
+    EXPECT_LT(MeasureIdlePercent(most), most);
     lock.Release();
     waiter.Join();
 }
