@@ -4,7 +4,9 @@
 #include "Core_MemoryHeap.h"
 
 #include <bit>
+#include <iterator>
 #include <new>
+#include <utility>
 
 namespace Velmor {
 
@@ -16,6 +18,8 @@ CHeapExtension::CHeapExtension()
 {
     for (u32 number = 0; number < LaneCount; ++number)
         m_lanes[number].SetNumber(number);
+    for (u32 place = 0; place < std::size(m_places); ++place)
+        m_places[place].store(static_cast<u8>(place % LaneCount), std::memory_order_relaxed);
 }
 
 CHeapExtension* CHeapExtension::Create(SMemoryHooks const& hooks)
@@ -83,13 +87,13 @@ bool CHeapLane::AllowVisit()
 
 void CHeapExtension::SetSize(CChunkRecords::Record& record, u64 size)
 {
-    u64 const threadKey = Platform::GetThreadKey();
-    CHeapLane& lane = GetLane(threadKey);
-    if (lane.lock.TryAcquireAsOwner(threadKey)) {
+    u32 const threadId = Thread::GetId();
+    CHeapLane& lane = GetLane(threadId);
+    if (lane.lock.TryAcquireAsOwner(threadId)) {
         bool const isOwn = lane.Owns(record.load(std::memory_order_relaxed));
         if (isOwn)
             record.store(lane.MakeRecord(size), std::memory_order_relaxed);
-        lane.lock.ReleaseAsOwner(threadKey);
+        lane.lock.ReleaseAsOwner(threadId);
         if (isOwn)
             return;
     }
@@ -101,20 +105,21 @@ void CHeapExtension::SetSize(CChunkRecords::Record& record, u64 size)
 
 u64 CHeapExtension::TakeRecord(CChunkRecords::Record& record)
 {
-    u64 const threadKey = Platform::GetThreadKey();
-    CHeapLane& own = GetLane(threadKey);
+    u32 const threadId = Thread::GetId();
     for (;;) {
         CBlockRecord::Value taken = 0;
-        {
-            CBiasedGuard const guard(own.lock, own.lock.Acquire(threadKey), threadKey);
-            if (TryTakeRecord(own, record, taken))
-                return CBlockRecord::GetSize(taken);
-        }
+        SEntered const own = EnterLane(threadId);
+        if (own.lane.IsReviewDue())
+            ReviewSharing(own.lane);
+        bool const isTaken = TryTakeRecord(own.lane, record, taken);
+        own.lane.lock.Release(own.hold, threadId);
+        if (isTaken)
+            return CBlockRecord::GetSize(taken);
         CBlockRecord::Value const seen = record.load(std::memory_order_relaxed);
         if (seen == 0)
             return 0;
         CHeapLane& lane = m_lanes[CBlockRecord::GetLane(seen)];
-        if (&lane != &own && VisitLane(lane, record, taken))
+        if (&lane != &own.lane && VisitLane(lane, record, taken))
             return CBlockRecord::GetSize(taken);
     }
 }
@@ -134,29 +139,118 @@ bool CHeapExtension::VisitLane(CHeapLane& lane, CChunkRecords::Record& record, C
            record.compare_exchange_strong(taken, 0, std::memory_order_acq_rel);
 }
 
+// By the lane's thread, with its lock held: a lane that no other thread frees blocks of any more goes back to a release
+// without a locked instruction. Whoever saw that it is shared takes the record out with the lock of its own lane held:
+// when each lane has been seen left once, all of them are done. Waits for nobody: a thread may have been put aside in
+// its lane. What is not left yet is looked at again a little later.
+void CHeapExtension::ReviewSharing(CHeapLane& lane)
+{
+    u32 const mark = lane.GetMark();
+    if (IsShared(mark)) {
+        bool const wasEnding = std::exchange(lane.lanesInside, 0u) != 0; // and was shared again
+        if (wasEnding || ForgetVisits(lane)) {
+            lane.PutOffReview();
+            return;
+        }
+        m_sharedMarks.fetch_and(~CBlockRecord::GetMarkBit(mark), std::memory_order_seq_cst);
+        for (u32 number = 0; number < LaneCount; ++number)
+            if (&m_lanes[number] != &lane) {
+                m_lanes[number].lock.SynchronizeOwner();
+                lane.lanesInside |= 1u << number;
+            }
+    }
+    for (u32 number = 0; number < LaneCount; ++number)
+        if (u32 const bit = 1u << number; (lane.lanesInside & bit) != 0 && m_lanes[number].lock.HasBeenLeft())
+            lane.lanesInside &= ~bit;
+    if (lane.lanesInside != 0) {
+        lane.HastenReview();
+        return;
+    }
+    lane.PutOffReview();
+    lane.Unshare();
+}
+
+// True when other lanes' threads took records of this lane's blocks out, without its lock, since the last time.
+bool CHeapExtension::ForgetVisits(CHeapLane const& lane)
+{
+    u32 const mark = lane.GetMark();
+    bool isVisited = false;
+    for (CHeapLane& other : m_lanes)
+        if (&other != &lane && other.HasSeen(mark)) {
+            other.Forget(mark);
+            isVisited = true;
+        }
+    return isVisited;
+}
+
 // ---- Lanes ----
+
+// A thread whose lane another one has goes to a vacant one. When there is none, the two take turns for a while; if they
+// do so too often, it tries a lane whose owner may have nothing to do. Two that have the same place cannot part.
+auto CHeapExtension::EnterLane(u32 threadId) -> SEntered
+{
+    auto const isApart = [=](u32 other) { return Impl::GetThreadPlace(other) != Impl::GetThreadPlace(threadId); };
+    for (;;) {
+        CHeapLane& lane = GetLane(threadId);
+        if (lane.lock.TryAcquireAsOwner(threadId))
+            return {lane, EBiasedHold::Owner};
+        EBiasedHold hold = EBiasedHold::Guest;
+        if (u32 const owner = lane.lock.AcquireUnlessOwned(threadId); owner != CBiasedLock::NoThread) {
+            auto const isVacant = [=](CHeapLane& other) { return other.lock.IsVacantFor(threadId); };
+            if (isApart(owner) && MoveToLane(lane, threadId, isVacant))
+                continue;
+            hold = lane.lock.Acquire(threadId);
+        }
+        if (hold == EBiasedHold::Guest)
+            if (u32 const rival = lane.lock.GetRival(); rival != CBiasedLock::NoThread && isApart(rival))
+                if (MoveToLane(lane, threadId, [](CHeapLane& other) { return other.lock.HasOwner(); }))
+                    lane.lock.RestoreOwners();
+        return {lane, hold};
+    }
+}
+
+// The thread goes to another lane from its next visit on, if there is one that suits it.
+template <class Suits>
+bool CHeapExtension::MoveToLane(CHeapLane const& from, u32 threadId, Suits&& suits)
+{
+    u32 const stride = Impl::GetThreadPlace(threadId) | 1; // odd: all lanes, in another order for other threads
+    u32 number = GetHome(from);
+    for (u32 step = 1; step < LaneCount; ++step) {
+        number = (number + stride) % LaneCount;
+        if (suits(m_lanes[number])) {
+            SetLane(threadId, number);
+            return true;
+        }
+    }
+    return false;
+}
+
+// A lane whose lock was let go in between; the thread may have another one by now.
+EBiasedHold CHeapExtension::EnterAgain(CHeapLane& lane, u32 threadId)
+{
+    return &GetLane(threadId) == &lane ? lane.lock.Acquire(threadId) : lane.lock.AcquireAsGuest();
+}
 
 auto CHeapExtension::Take(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, u64 size, ECredit& credit)
     -> STaken
 {
-    u64 const threadKey = Platform::GetThreadKey();
-    CHeapLane& lane = GetLane(threadKey);
-    EBiasedHold hold = lane.lock.Acquire(threadKey);
+    u32 const threadId = Thread::GetId();
+    auto [lane, hold] = EnterLane(threadId);
     SFreeSlot const slot = TakeSlowly(heap, blocks, shape, lane, hold, credit);
     if (slot.block == nullptr)
         return {nullptr, false};
     if (slot.record != nullptr)
         Record(lane, lane.GetClass(shape), slot, size);
-    lane.lock.Release(hold, threadKey);
+    lane.lock.Release(hold, threadId);
     return {slot.block, slot.record != nullptr};
 }
 
 void CHeapExtension::GiveBack(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, SFreeSlot const& slot,
                               ECredit credit)
 {
-    u64 const threadKey = Platform::GetThreadKey();
-    CHeapLane& lane = GetLane(threadKey);
-    CBiasedGuard const guard(lane.lock, lane.lock.Acquire(threadKey), threadKey);
+    u32 const threadId = Thread::GetId();
+    auto const [lane, hold] = EnterLane(threadId);
+    CBiasedGuard const guard(lane.lock, hold, threadId);
     CLaneClass& magazines = lane.GetClass(shape);
     magazines.CountRelease();
     if (credit == ECredit::None) {
@@ -190,7 +284,7 @@ void CHeapExtension::ReturnCredits(CGlobalHeap& heap, CHeapLane& lane)
 
 void CHeapExtension::GiveBackCredit()
 {
-    CHeapLane& lane = GetLane(Platform::GetThreadKey());
+    CHeapLane& lane = GetLane(Thread::GetId());
     CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
     ++lane.credits;
 }
@@ -200,17 +294,17 @@ void CHeapExtension::GiveBackCredit()
 SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape, CHeapLane& lane,
                                      EBiasedHold& hold, ECredit& credit)
 {
-    u64 const threadKey = Platform::GetThreadKey();
+    u32 const threadId = Thread::GetId();
     for (;;) {
         if (!MakeCredit(heap, shape, lane, hold, credit))
             return {};
         if (SFreeSlot const slot = TakeFromLane(heap, blocks, shape, lane); slot.block != nullptr)
             return slot;
         // Nothing is refused while another lane has a free block.
-        lane.lock.Release(hold, threadKey);
+        lane.lock.Release(hold, threadId);
         if (!Drain(blocks, shape))
             return {};
-        hold = lane.lock.Acquire(threadKey);
+        hold = EnterAgain(lane, threadId);
     }
 }
 
@@ -218,18 +312,18 @@ SFreeSlot CHeapExtension::TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBl
 bool CHeapExtension::MakeCredit(CGlobalHeap& heap, SBlockShape const& shape, CHeapLane& lane, EBiasedHold& hold,
                                 ECredit& credit)
 {
-    u64 const threadKey = Platform::GetThreadKey();
+    u32 const threadId = Thread::GetId();
     auto const hasCredit = [&] { return lane.credits != 0 || lane.GetClass(shape).HasCredited(); };
     while (!hasCredit()) {
         lane.credits = heap.ReserveRecords(CreditsAtOnce);
         if (hasCredit())
             break;
-        lane.lock.Release(hold, threadKey);
+        lane.lock.Release(hold, threadId);
         bool const isInHand = credit == ECredit::InHand;
         bool const isThere = heap.MakeFreeRecords(isInHand ? EStoreGrowth::Refused : EStoreGrowth::Allowed);
         if (!isThere && !isInHand)
             return false;
-        hold = lane.lock.Acquire(threadKey);
+        hold = EnterAgain(lane, threadId);
         if (!isThere) {
             ++lane.credits;
             credit = ECredit::None;

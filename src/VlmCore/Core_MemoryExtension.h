@@ -23,6 +23,7 @@
 #include "Core_MemoryRecords.h"
 
 #include <vlmcore/impl/Core_Lock.h>
+#include <vlmcore/threads.h>
 #include <vlmcore/types.h>
 
 #include <algorithm>
@@ -97,7 +98,8 @@ namespace Impl {
 /// In the lane of the calling thread, whose lock is held: true when the record could be taken out this way, which is
 /// then in `taken`; else nothing is changed. A block of the lane's own costs no locked instruction.
 /// \param owns  says for a record whether the lane does
-/// \param isShared  says for a record whether its lane is
+/// \param isShared  says for a record whether it may be taken out by whoever is quicker: the record of a shared lane,
+///                  or of the calling thread's own
 template <class Word, class Owns, class IsShared>
 [[gnu::always_inline]] inline bool TryTakeRecord(Word& record, CBlockRecord::Value& taken, Owns&& owns,
                                                  IsShared&& isShared)
@@ -201,8 +203,7 @@ private:
 
 static_assert(sizeof(CLaneClass) == 64);
 
-/// Free blocks that one thread took out of the classes, or freed, with the counters of what went through. Threads whose
-/// numbers collide share a lane.
+/// Free blocks that one thread took out of the classes, or freed, with the counters of what went through.
 class alignas(64) CHeapLane {
 public:
     static constexpr u32 ClassCount = CChunkTag::KindCount * CChunkTag::ClassCount;
@@ -245,6 +246,38 @@ public:
     [[nodiscard]] bool Owns(CBlockRecord::Value record) const { return CBlockRecord::GetMarkOf(record) == m_ownMark; }
     /// From now on others take its blocks' records out, too, without its lock.
     void Share() { m_ownMark = SharedMark; }
+    /// Nobody else does any more.
+    void Unshare() { m_ownMark = m_mark; }
+    [[nodiscard]] bool IsShared() const { return m_ownMark == SharedMark; }
+
+    /// The lane's thread is about to take out a record with this mark, of a shared lane. False when it is time to look
+    /// whether its own lane still has to be shared.
+    [[nodiscard]] bool CountShared(u32 mark)
+    {
+        if (m_sharedLeft == 0)
+            return false;
+        --m_sharedLeft;
+        m_marksSeen.store(m_marksSeen.load(std::memory_order_relaxed) | CBlockRecord::GetMarkBit(mark),
+                          std::memory_order_relaxed);
+        return true;
+    }
+    [[nodiscard]] bool IsReviewDue() const { return m_sharedLeft == 0; }
+    /// The next time comes twice as late, if the lane is shared now.
+    void PutOffReview()
+    {
+        m_sharedLeft = m_nextReview;
+        if (IsShared())
+            m_nextReview = std::min(LastReview, m_nextReview * 2);
+    }
+    /// It comes soon.
+    void HastenReview() { m_sharedLeft = SoonReview; }
+    /// Whether the lane's thread took records with this mark out, of a shared lane, since they were forgotten. May be
+    /// asked without the lock, and forgotten, too; the lane's thread may then bring the mark back once.
+    [[nodiscard]] bool HasSeen(u32 mark) const
+    {
+        return (m_marksSeen.load(std::memory_order_relaxed) & CBlockRecord::GetMarkBit(mark)) != 0;
+    }
+    void Forget(u32 mark) { m_marksSeen.fetch_and(~CBlockRecord::GetMarkBit(mark), std::memory_order_relaxed); }
 
     /// Another lane's thread came to free a block of this lane's. False when that happens so often that the lane
     /// should be shared instead.
@@ -297,14 +330,21 @@ public:
 private:
     static constexpr u32 SharedMark = 1; // no lane's
     static constexpr u32 MostVisits = 4; // in hand
+    static constexpr u32 FirstReview = 1u << 16;
+    static constexpr u32 SoonReview = 1u << 10;
+    static constexpr u32 LastReview = 1u << 22; // some 50 milliseconds of nothing else
 
     CLaneClass m_classes[ClassCount]; // first: an offset less to add on the quick way
     u32 m_mark = 0;
-    u32 m_ownMark = 0; // m_mark, or SharedMark
+    u32 m_ownMark = 0;               // m_mark, or SharedMark
+    std::atomic<u64> m_marksSeen{0}; // bits of those of shared lanes
+    u32 m_sharedLeft = FirstReview;  // records of shared lanes until the next review
+    u32 m_nextReview = FirstReview;
 
 public:
     CBiasedLock lock;
-    u32 credits = 0; ///< records set aside for no block in particular
+    u32 credits = 0;     ///< records set aside for no block in particular
+    u32 lanesInside = 0; ///< bits of lanes whose threads may still act as if this one were shared, which it is no more
 
 private:
     [[nodiscard]] static u32 GetNumber(SBlockShape const& shape)
@@ -324,11 +364,11 @@ private:
     CStatisticsCounter m_subtractedBytes;
 };
 
-static_assert(sizeof(CHeapLane) == 192 + CHeapLane::ClassCount * sizeof(CLaneClass));
+static_assert(sizeof(CHeapLane) == 256 + CHeapLane::ClassCount * sizeof(CLaneClass));
 
 class CHeapExtension {
 public:
-    static constexpr u32 LaneBits = CBiasedLock::CommonBits;
+    static constexpr u32 LaneBits = CBlockRecord::LaneBits;
     static constexpr u32 LaneCount = 1u << LaneBits;
 
     struct STaken {
@@ -347,10 +387,10 @@ public:
     template <class Use>
     void UseLane(Use&& use)
     {
-        u64 const threadKey = Platform::GetThreadKey();
-        CHeapLane& lane = GetLane(threadKey);
-        CBiasedGuard const guard(lane.lock, lane.lock.Acquire(threadKey), threadKey);
-        use(lane);
+        u32 const threadId = Thread::GetId();
+        SEntered const entered = EnterLane(threadId);
+        CBiasedGuard const guard(entered.lane.lock, entered.hold, threadId);
+        use(entered.lane);
     }
 
     /// What all lanes counted of blocks of the hooks.
@@ -395,18 +435,18 @@ public:
     {
         if (kind - EHeap::Pool >= CChunkTag::KindCount || size - 1 >= u64{1} << SBlockShape::LargestBits) [[unlikely]]
             return false;
-        u64 const threadKey = Platform::GetThreadKey();
-        CHeapLane& lane = GetLane(threadKey);
-        if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
+        u32 const threadId = Platform::GetThreadKey();
+        CHeapLane& lane = GetLane(threadId);
+        if (!lane.lock.TryAcquireAsOwner(threadId)) [[unlikely]]
             return false;
         CLaneClass& blocks = lane.GetClass(ClassNumbers.Find(kind, size));
         if (!blocks.HasCredited()) [[unlikely]] {
-            lane.lock.ReleaseAsOwner(threadKey);
+            lane.lock.ReleaseAsOwner(threadId);
             return false;
         }
         SFreeSlot const slot = blocks.TakeCredited();
         Record(lane, blocks, slot, size);
-        lane.lock.ReleaseAsOwner(threadKey);
+        lane.lock.ReleaseAsOwner(threadId);
         block = slot.block;
         return true;
     }
@@ -417,19 +457,19 @@ public:
     template <class Prepare>
     [[nodiscard, gnu::always_inline]] bool TryGiveBack(CChunkMap::SFound const& found, Prepare&& prepare)
     {
-        u64 const threadKey = Platform::GetThreadKey();
-        CHeapLane& lane = GetLane(threadKey);
-        if (!lane.lock.TryAcquireAsOwner(threadKey)) [[unlikely]]
+        u32 const threadId = Platform::GetThreadKey();
+        CHeapLane& lane = GetLane(threadId);
+        if (!lane.lock.TryAcquireAsOwner(threadId)) [[unlikely]]
             return false;
         CLaneClass& blocks = lane.GetClass(found.tag.GetNumber());
         CBlockRecord::Value record = 0;
         if (blocks.IsFull() || !TryTakeRecord(lane, *found.record, record)) [[unlikely]] {
-            lane.lock.ReleaseAsOwner(threadKey);
+            lane.lock.ReleaseAsOwner(threadId);
             return false;
         }
         blocks.Push({prepare(CBlockRecord::GetSize(record)), found.record});
         blocks.CountRelease();
-        lane.lock.ReleaseAsOwner(threadKey);
+        lane.lock.ReleaseAsOwner(threadId);
         return true;
     }
 
@@ -485,7 +525,7 @@ public:
     void ReuseRemoved();
 
 private:
-    static_assert(LaneCount == CFreeChunks::HomeCount && LaneBits == CBlockRecord::LaneBits);
+    static_assert(LaneCount == CFreeChunks::HomeCount);
     static constexpr u32 CreditsAtOnce = 64;
     static constexpr u32 MostCredits = 2 * CreditsAtOnce; // in a lane, but for those of blocks
     static constexpr u64 SlabSize = 16384;
@@ -496,10 +536,25 @@ private:
 
     CHeapExtension();
 
-    [[nodiscard]] CHeapLane& GetLane(u64 threadKey)
+    // A thread that finds its lane taken gets another one, and those with it that have the same place.
+    [[nodiscard]] CHeapLane& GetLane(u32 threadId)
     {
-        return m_lanes[Impl::HashThreadKey(threadKey) >> (64 - LaneBits)];
+        return m_lanes[m_places[Impl::GetThreadPlace(threadId)].load(std::memory_order_relaxed)];
     }
+    void SetLane(u32 threadId, u32 number)
+    {
+        m_places[Impl::GetThreadPlace(threadId)].store(static_cast<u8>(number), std::memory_order_relaxed);
+    }
+    template <class Suits>
+    [[nodiscard]] bool MoveToLane(CHeapLane const& from, u32 threadId, Suits&& suits);
+
+    /// The calling thread's lane, with its lock held.
+    struct SEntered {
+        CHeapLane& lane;
+        EBiasedHold hold;
+    };
+    [[nodiscard]] SEntered EnterLane(u32 threadId);
+    [[nodiscard]] EBiasedHold EnterAgain(CHeapLane& lane, u32 threadId);
 
     [[nodiscard]] u32 GetHome(CHeapLane const& lane) const { return static_cast<u32>(&lane - m_lanes); }
 
@@ -511,18 +566,23 @@ private:
     }
 
     // With the lock of the calling thread's lane held.
-    [[nodiscard, gnu::always_inline]] bool TryTakeRecord(CHeapLane const& lane, CChunkRecords::Record& record,
+    [[nodiscard, gnu::always_inline]] bool TryTakeRecord(CHeapLane& lane, CChunkRecords::Record& record,
                                                          CBlockRecord::Value& taken) const
     {
         return Impl::TryTakeRecord(
             record, taken, [&](CBlockRecord::Value seen) { return lane.Owns(seen); },
-            [&](CBlockRecord::Value seen) { return IsShared(CBlockRecord::GetMarkOf(seen)); });
+            [&](CBlockRecord::Value seen) __attribute__((always_inline)) { // a call would make all of Free dearer
+                u32 const mark = CBlockRecord::GetMarkOf(seen);
+                return (mark == lane.GetMark() || IsShared(mark)) && lane.CountShared(mark);
+            });
     }
     [[nodiscard]] bool IsShared(u32 mark) const
     {
         return (m_sharedMarks.load(std::memory_order_acquire) & CBlockRecord::GetMarkBit(mark)) != 0;
     }
     [[nodiscard]] bool VisitLane(CHeapLane& lane, CChunkRecords::Record& record, CBlockRecord::Value& taken);
+    void ReviewSharing(CHeapLane& lane);
+    [[nodiscard]] bool ForgetVisits(CHeapLane const& lane);
 
     // All lanes' classes of a kind.
     template <class Visit>
@@ -536,8 +596,8 @@ private:
 
     [[nodiscard]] SFreeSlot TakeSlowly(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
                                        CHeapLane& lane, EBiasedHold& hold, ECredit& credit);
-    [[nodiscard]] static bool MakeCredit(CGlobalHeap& heap, SBlockShape const& shape, CHeapLane& lane,
-                                         EBiasedHold& hold, ECredit& credit);
+    [[nodiscard]] bool MakeCredit(CGlobalHeap& heap, SBlockShape const& shape, CHeapLane& lane, EBiasedHold& hold,
+                                  ECredit& credit);
     [[nodiscard]] SFreeSlot TakeFromLane(CGlobalHeap& heap, CBlockClass& blocks, SBlockShape const& shape,
                                          CHeapLane& lane);
     static void ReturnCredits(CGlobalHeap& heap, CHeapLane& lane);
@@ -553,8 +613,9 @@ private:
     CChunkRecords* m_removed[CChunkTag::ClassCount] = {}; // ready after the next purge
     CChunkMap m_map;
     CFreeChunks m_freeChunks[CHeapLane::ClassCount];
-    std::atomic<u64> m_sharedMarks{0}; // bits of lanes that are shared, for good
-    CSpinLock m_collecting;            // one thread at a time has lanes' credits in its hands
+    std::atomic<u64> m_sharedMarks{0}; // bits of lanes that are shared
+    CSpinLock m_collecting;            // one thread at a time has lanes' credits in its hands, or ends their sharing
+    alignas(64) std::atomic<u8> m_places[1u << Impl::ThreadPlaceBits]; // the numbers of threads' lanes
 };
 
 } // namespace Velmor

@@ -29,7 +29,7 @@ static_assert(sizeof(CRecursiveSpinLock) == 8);
 u32 CGlobalHeap::GetLayout()
 {
     static_assert(offsetof(CGlobalHeap, m_layout) == 2140, "every build looks there");
-    constexpr u32 Generation = 2;
+    constexpr u32 Generation = 3;
     constexpr u32 Layout = [] {
         u32 layout = Generation;
         for (u64 const size :

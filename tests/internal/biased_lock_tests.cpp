@@ -3,6 +3,8 @@
 #include "support/ModelChecker.h"
 #include "support/ThreadHelpers.h"
 
+#include <vlmcore/threads.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -25,16 +27,16 @@ namespace {
 // ever owns it.
 bool const HasOwners = Platform::CanSynchronizeThreads();
 
-// Keys that no thread has.
-constexpr u64 FirstKey = 0xFFFFF000;
-constexpr u64 OtherKey = FirstKey + 4;
+// Ids that no thread has.
+constexpr u32 FirstId = 0x7FFFF000;
+constexpr u32 OtherId = FirstId + 4;
 
 // The quick way in, tried and left again.
-bool EntersAsOwner(CBiasedLock& lock, u64 threadKey)
+bool EntersAsOwner(CBiasedLock& lock, u32 threadId)
 {
-    if (!lock.TryAcquireAsOwner(threadKey))
+    if (!lock.TryAcquireAsOwner(threadId))
         return false;
-    lock.ReleaseAsOwner(threadKey);
+    lock.ReleaseAsOwner(threadId);
     return true;
 }
 
@@ -173,25 +175,25 @@ TEST(BiasedLockModel, TheCheckerNoticesAGuestThatDoesNotWait)
 TEST(BiasedLock, ItsFirstTakerOwnsIt)
 {
     CBiasedLock lock;
-    EXPECT_FALSE(EntersAsOwner(lock, FirstKey));
-    EXPECT_EQ(lock.Acquire(FirstKey), EBiasedHold::Guest);
-    lock.Release(EBiasedHold::Guest, FirstKey);
-    EXPECT_EQ(EntersAsOwner(lock, FirstKey), HasOwners);
-    EXPECT_FALSE(EntersAsOwner(lock, OtherKey));
-    EBiasedHold const hold = lock.Acquire(FirstKey);
+    EXPECT_FALSE(EntersAsOwner(lock, FirstId));
+    EXPECT_EQ(lock.Acquire(FirstId), EBiasedHold::Guest);
+    lock.Release(EBiasedHold::Guest, FirstId);
+    EXPECT_EQ(EntersAsOwner(lock, FirstId), HasOwners);
+    EXPECT_FALSE(EntersAsOwner(lock, OtherId));
+    EBiasedHold const hold = lock.Acquire(FirstId);
     EXPECT_EQ(hold, HasOwners ? EBiasedHold::Owner : EBiasedHold::Guest);
-    lock.Release(hold, FirstKey);
+    lock.Release(hold, FirstId);
 }
 
 TEST(BiasedLock, AVisitorLeavesItToItsOwner)
 {
     CBiasedLock lock;
-    lock.Release(lock.Acquire(FirstKey), FirstKey);
+    lock.Release(lock.Acquire(FirstId), FirstId);
     EBiasedHold const hold = lock.AcquireAsGuest();
     EXPECT_EQ(hold, EBiasedHold::Guest);
-    EXPECT_FALSE(EntersAsOwner(lock, FirstKey)) << "while a guest is inside";
-    lock.Release(hold, FirstKey);
-    EXPECT_EQ(EntersAsOwner(lock, FirstKey), HasOwners);
+    EXPECT_FALSE(EntersAsOwner(lock, FirstId)) << "while a guest is inside";
+    lock.Release(hold, FirstId);
+    EXPECT_EQ(EntersAsOwner(lock, FirstId), HasOwners);
 }
 
 // A copy of the process keeps the word of an owner that was about to say so, or had just said it; that thread is not in
@@ -201,8 +203,8 @@ TEST(BiasedLock, ACopyForgetsWhoSaysThatItIsInside)
     if (!HasOwners)
         GTEST_SKIP() << "nobody ever owns it here";
     auto const lock = std::make_shared<CBiasedLock>();
-    lock->Release(lock->Acquire(FirstKey), FirstKey);
-    ASSERT_TRUE(lock->TryAcquireAsOwner(FirstKey));
+    lock->Release(lock->Acquire(FirstId), FirstId);
+    ASSERT_TRUE(lock->TryAcquireAsOwner(FirstId));
     lock->ForgetThreads();
     auto const isVisited = std::make_shared<std::atomic<bool>>(false);
     std::thread([lock, isVisited] {
@@ -215,60 +217,166 @@ TEST(BiasedLock, ACopyForgetsWhoSaysThatItIsInside)
 TEST(BiasedLock, AfterManyOwnersItHasNoneForAWhile)
 {
     CBiasedLock lock;
-    auto const visit = [&](u64 key) {
-        EBiasedHold const hold = lock.Acquire(key);
-        lock.Release(hold, key);
+    auto const visit = [&](u32 id) {
+        EBiasedHold const hold = lock.Acquire(id);
+        lock.Release(hold, id);
         return hold;
     };
-    constexpr u64 MostOwners = 64;
-    for (u64 key = FirstKey; key < FirstKey + MostOwners; ++key) {
-        visit(key);
-        EXPECT_EQ(EntersAsOwner(lock, key), HasOwners) << key;
+    constexpr u32 MostOwners = 64;
+    for (u32 id = FirstId; id < FirstId + MostOwners; ++id) {
+        visit(id);
+        EXPECT_EQ(EntersAsOwner(lock, id), HasOwners) << id;
     }
     // None for 4,096 visits, and for twice as many after four more owners.
-    u64 key = FirstKey + MostOwners;
-    for (u64 const visits : {4096u, 8192u, 16384u}) {
-        for (u64 index = 0; index < visits; ++index)
-            ASSERT_EQ(visit(key), EBiasedHold::Guest);
-        EXPECT_FALSE(EntersAsOwner(lock, key));
+    u32 id = FirstId + MostOwners;
+    for (u32 const visits : {4096u, 8192u, 16384u}) {
+        for (u32 index = 0; index < visits; ++index)
+            ASSERT_EQ(visit(id + index % 2), EBiasedHold::Guest);
+        EXPECT_FALSE(EntersAsOwner(lock, id));
+        EXPECT_FALSE(EntersAsOwner(lock, id + 1));
+        ++id;
         for (u32 owner = 0; owner < 4; ++owner) {
-            EXPECT_EQ(visit(++key), EBiasedHold::Guest);
-            EXPECT_EQ(EntersAsOwner(lock, key), HasOwners) << key;
-            EXPECT_EQ(visit(key), HasOwners ? EBiasedHold::Owner : EBiasedHold::Guest);
+            EXPECT_EQ(visit(++id), EBiasedHold::Guest);
+            EXPECT_EQ(EntersAsOwner(lock, id), HasOwners) << id;
+            EXPECT_EQ(visit(id), HasOwners ? EBiasedHold::Owner : EBiasedHold::Guest);
         }
-        ++key;
+        ++id;
     }
 }
 
-TEST(BiasedLock, AFormerOwnerThatStillRunsKeepsItsWord)
+TEST(BiasedLock, WhoComesAloneForLongOwnsItBeforeTheWhileIsOver)
 {
-    auto const getSlot = [](u64 key) { return Impl::HashThreadKey(key) >> 56 & 7; };
-    u64 sameSlotKey = FirstKey;
-    do
-        sameSlotKey += 4;
-    while (getSlot(sameSlotKey) != getSlot(FirstKey));
+    if (!HasOwners)
+        GTEST_SKIP() << "nobody ever owns it here";
+    constexpr u32 MostInARow = 1u << 17;
     CBiasedLock lock;
+    u32 id = FirstId;
+    auto const visit = [&](u32 visitor) {
+        EBiasedHold const hold = lock.Acquire(visitor);
+        lock.Release(hold, visitor);
+    };
+    auto const changeOwners = [&](u32 owners) {
+        for (u32 owner = 0; owner < owners; ++owner)
+            visit(++id);
+    };
+    changeOwners(64);
+    for (u32 visits = 4096; visits < 4 * MostInARow; visits *= 2) {
+        for (u32 index = 0; index < visits; ++index)
+            visit(id + 1 + index % 2);
+        id += 2;
+        changeOwners(4);
+    }
+    // Now there is none for four times as many visits as are enough in a row.
+    ++id;
+    u32 const other = id + 1;
+    visit(id);
+    for (u32 index = 1; index < MostInARow; ++index)
+        visit(id);
+    visit(other);
+    for (u32 index = 1; index < MostInARow; ++index)
+        visit(id);
+    EXPECT_FALSE(EntersAsOwner(lock, id)) << "not in a row";
+    visit(id);
+    EXPECT_TRUE(EntersAsOwner(lock, id));
+    // And the next while is short again.
+    changeOwners(3);
+    for (u32 index = 0; index < 4096; ++index)
+        visit(id + 1 + index % 2);
+    EXPECT_FALSE(EntersAsOwner(lock, id + 1));
+    EXPECT_FALSE(EntersAsOwner(lock, id + 2));
+    visit(id + 3);
+    EXPECT_TRUE(EntersAsOwner(lock, id + 3));
+}
+
+TEST(BiasedLock, IsVacantForOthersWhenItsOwnerHasEnded)
+{
+    CBiasedLock lock;
+    EXPECT_TRUE(lock.IsVacantFor(OtherId)) << "nobody had it yet";
     std::atomic<bool> owned{false};
     std::atomic<bool> mayEnd{false};
-    std::thread former([&] {
-        lock.Release(lock.Acquire(FirstKey), FirstKey);
+    std::atomic<u32> id{0};
+    std::thread owner([&] {
+        id = Thread::GetId();
+        lock.Release(lock.Acquire(id), id);
         owned = true;
         while (!mayEnd)
             std::this_thread::yield();
     });
     while (!owned)
         std::this_thread::yield();
+    EXPECT_TRUE(lock.IsVacantFor(id)) << "its own";
+    EXPECT_FALSE(lock.IsVacantFor(OtherId));
+    EXPECT_EQ(lock.AcquireUnlessOwned(OtherId), HasOwners ? id.load() : CBiasedLock::NoThread);
+    if (!HasOwners)
+        lock.Release(EBiasedHold::Guest, OtherId);
+    mayEnd = true;
+    owner.join();
+    EXPECT_EQ(lock.IsVacantFor(OtherId), true);
+    EXPECT_EQ(lock.AcquireUnlessOwned(OtherId), CBiasedLock::NoThread);
+    lock.Release(EBiasedHold::Guest, OtherId);
+    EXPECT_EQ(EntersAsOwner(lock, OtherId), HasOwners);
+}
+
+// Thread after thread, each of which ended before the next one came: that is no reason to have no owner.
+TEST(BiasedLock, OwnersThatHaveEndedDoNotCount)
+{
+    if (!HasOwners)
+        GTEST_SKIP() << "nobody ever owns it here";
+    CBiasedLock lock;
+    for (u32 id = FirstId; id < FirstId + 1000; ++id) {
+        ASSERT_EQ(lock.AcquireUnlessOwned(id), CBiasedLock::NoThread);
+        EXPECT_EQ(lock.GetRival(), CBiasedLock::NoThread);
+        lock.Release(EBiasedHold::Guest, id);
+        ASSERT_TRUE(EntersAsOwner(lock, id)) << id;
+    }
+}
+
+TEST(BiasedLock, TellsFromOutsideWhetherItHasBeenLeft)
+{
+    CBiasedLock lock;
+    lock.SynchronizeOwner();
+    EXPECT_TRUE(lock.HasBeenLeft());
+    EBiasedHold hold = lock.Acquire(FirstId);
+    EXPECT_FALSE(lock.HasBeenLeft()) << "a guest is inside";
+    lock.Release(hold, FirstId);
+    EXPECT_TRUE(lock.HasBeenLeft());
+    hold = lock.Acquire(FirstId);
+    lock.SynchronizeOwner();
+    EXPECT_FALSE(lock.HasBeenLeft());
+    lock.Release(hold, FirstId);
+    EXPECT_TRUE(lock.HasBeenLeft());
+}
+
+TEST(BiasedLock, AFormerOwnerThatStillRunsKeepsItsWord)
+{
+    auto const getSlot = [](u32 id) { return id >> (Platform::ThreadKeyShift + 5) & 7; };
+    CBiasedLock lock;
+    u32 formerId = 0;
+    std::atomic<bool> owned{false};
+    std::atomic<bool> mayEnd{false};
+    std::thread former([&] {
+        formerId = Thread::GetId();
+        lock.Release(lock.Acquire(formerId), formerId);
+        owned = true;
+        while (!mayEnd)
+            std::this_thread::yield();
+    });
+    while (!owned)
+        std::this_thread::yield();
+    u32 sameSlotId = FirstId;
+    while (getSlot(sameSlotId) != getSlot(formerId))
+        sameSlotId += 4;
     constexpr u32 MoreThanAWhile = 5000;
     for (u32 visit = 0; visit < MoreThanAWhile; ++visit) {
-        ASSERT_EQ(lock.Acquire(sameSlotKey), EBiasedHold::Guest);
-        lock.Release(EBiasedHold::Guest, sameSlotKey);
-        ASSERT_FALSE(EntersAsOwner(lock, FirstKey)) << "it has been put out";
+        ASSERT_EQ(lock.Acquire(sameSlotId), EBiasedHold::Guest);
+        lock.Release(EBiasedHold::Guest, sameSlotId);
+        ASSERT_FALSE(EntersAsOwner(lock, formerId)) << "it has been put out";
     }
     mayEnd = true;
     former.join();
-    for (u32 visit = 0; visit < 2 * MoreThanAWhile && !EntersAsOwner(lock, sameSlotKey); ++visit)
-        lock.Release(lock.Acquire(sameSlotKey), sameSlotKey);
-    EXPECT_EQ(EntersAsOwner(lock, sameSlotKey), HasOwners);
+    for (u32 visit = 0; visit < 2 * MoreThanAWhile && !EntersAsOwner(lock, sameSlotId); ++visit)
+        lock.Release(lock.Acquire(sameSlotId), sameSlotId);
+    EXPECT_EQ(EntersAsOwner(lock, sameSlotId), HasOwners);
 }
 
 // The processor's own part: without the barrier the owner now and then would not see a guest that does not see it
@@ -285,7 +393,7 @@ TEST(BiasedLock, NothingThatIsDoneInsideIsLost)
     std::atomic<u64> ownerRounds{0};
     std::atomic<bool> guestIsDone{false};
     std::thread owner([&] {
-        u64 const ownerKey = Platform::GetThreadKey();
+        u32 const ownerId = Thread::GetId();
         std::vector<u8> farAway(u64{64} << 20);
         u64 random = 1;
         while (!guestIsDone) {
@@ -293,9 +401,9 @@ TEST(BiasedLock, NothingThatIsDoneInsideIsLost)
                 random = random * 6364136223846793005u + 1442695040888963407u;
                 *static_cast<u8 volatile*>(&farAway[(random >> 32) * LineSize % farAway.size()]) = 1;
             }
-            EBiasedHold const hold = lock.Acquire(ownerKey);
+            EBiasedHold const hold = lock.Acquire(ownerId);
             number = number + 1;
-            lock.Release(hold, ownerKey);
+            lock.Release(hold, ownerId);
             ownerRounds.store(ownerRounds.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         }
     });
@@ -325,17 +433,29 @@ TEST(BiasedLock, NothingThatIsDoneInsideIsLost)
     EXPECT_GT(visits, 1000u);
 }
 
+// Known in other rooms than those that always know it from the first question for the id on.
+TEST(ThreadKey, IsTheIdOnceThatIsKnown)
+{
+    std::thread([] {
+        u32 const before = Platform::GetThreadKey();
+        u32 const id = Thread::GetId();
+        EXPECT_TRUE(before == 0 || before == id) << before;
+        EXPECT_EQ(Platform::GetThreadKey(), id);
+    }).join();
+}
+
 TEST(ThreadKey, IsOneOfItsOwnForEachThread)
 {
-    std::set<u64> keys{Platform::GetThreadKey()};
+    std::set<u32> keys{Thread::GetId()};
     EXPECT_EQ(keys.count(Platform::GetThreadKey()), 1u);
     EXPECT_EQ(keys.count(0), 0u);
     constexpr u32 ThreadCount = 8;
-    std::vector<u64> found(ThreadCount);
+    std::vector<u32> found(ThreadCount);
     std::atomic<u32> started{0};
     std::vector<std::thread> threads;
     for (u32 index = 0; index < ThreadCount; ++index)
         threads.emplace_back([&, index] {
+            static_cast<void>(Thread::GetId());
             found[index] = Platform::GetThreadKey();
             ++started;
             while (started != ThreadCount) // all at the same time

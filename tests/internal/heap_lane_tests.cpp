@@ -338,6 +338,150 @@ TEST(BlockRecordModel, TheCheckerNoticesAnOwnerThatDoesNotKnow)
     EXPECT_EQ(CheckFreedAtOnce({.visitorTakes = false, .ownerIsTold = false}).error, "the block is freed twice");
 }
 
+struct SEndOfSharing {
+    bool reviewerLooks = true; // until those who may have seen that the lane is shared have left theirs
+    bool reviewerAsks = true;  // whether it has been shared again meanwhile
+    bool visitorShares = true; // or takes the record as a guest and leaves the lane as it is
+    bool visitorTakes = true;  // or came for another block
+};
+
+// A lane that is shared: its thread ends that, and then frees a block, which two others free, too: one with the lock of
+// its own lane held, if it sees that the lane is shared; one that comes to the lane as a guest, if it does not, and may
+// share it again. Every order of their steps. Locks are held over several steps where that matters, else for one.
+CModelChecker::SResult CheckEndOfSharing(SEndOfSharing const& rules)
+{
+    constexpr u32 Mark = CBlockRecord::GetMark(0);
+    CModelChecker checker;
+    TModelAtomic<u16> record{CBlockRecord::Make(64, Mark)};
+    TModelAtomic<u32> laneLock{0};
+    TModelAtomic<u32> otherLaneLock{0};
+    TModelAtomic<u32> ownMark{1};
+    TModelAtomic<u32> isLaneShared{1};
+    CModelNote takers;
+    auto const take = [&](auto&& owns, auto&& isShared) {
+        CBlockRecord::Value taken = 0;
+        if (!Impl::TryTakeRecord(record, taken, owns, isShared))
+            return false;
+        checker.Require(CBlockRecord::GetSize(taken) == 64, "the record is another one");
+        checker.Require(takers.Add(1) == 1, "the block is freed twice");
+        return true;
+    };
+    auto const never = [](CBlockRecord::Value) { return false; };
+    auto const acquire = [&](TModelAtomic<u32>& lock) {
+        return [&] {
+            if (!Impl::TryAcquirePlain(lock))
+                checker.Retry();
+        };
+    };
+    auto const release = [&](TModelAtomic<u32>& lock) {
+        return [&] { checker.Require(Impl::TryReleasePlain(lock), "a release is refused"); };
+    };
+    std::vector<Phase> owner;
+    owner.push_back([&] { isLaneShared.store(0); });
+    if (rules.reviewerLooks)
+        owner.push_back([&] {
+            if (otherLaneLock.load() != 0)
+                checker.Retry();
+        });
+    owner.push_back(acquire(laneLock));
+    owner.push_back([&] {
+        if (!rules.reviewerAsks || isLaneShared.load() == 0)
+            ownMark.store(Mark);
+    });
+    owner.push_back(release(laneLock));
+    owner.push_back(acquire(laneLock));
+    owner.push_back([&] {
+        auto const owns = [&](CBlockRecord::Value seen) {
+            u32 const mark = ownMark.load();
+            return CBlockRecord::GetMarkOf(seen) == mark;
+        };
+        if (!take(owns, [](CBlockRecord::Value seen) { return seen != 0; }))
+            checker.Require(record.load() == 0, "the lane's own thread leaves the block");
+    });
+    owner.push_back(release(laneLock));
+    checker.AddThread(owner);
+
+    auto const isShared = [&](CBlockRecord::Value seen) { return seen != 0 && isLaneShared.load() != 0; };
+    checker.AddThread(
+        {acquire(otherLaneLock), [&] { static_cast<void>(take(never, isShared)); }, release(otherLaneLock)});
+
+    std::vector<Phase> visitor;
+    visitor.push_back(acquire(laneLock));
+    if (rules.visitorShares)
+        visitor.push_back([&] {
+            if (isLaneShared.load() != 0)
+                return;
+            isLaneShared.store(1);
+            ownMark.store(1);
+        });
+    if (rules.visitorTakes)
+        visitor.push_back([&] { static_cast<void>(take(never, [](CBlockRecord::Value seen) { return seen != 0; })); });
+    visitor.push_back(release(laneLock));
+    checker.AddThread(visitor);
+    checker.SetEndRule([&] { return takers.Peek() == 1 && record.Peek() == 0; });
+    return checker.Explore();
+}
+
+TEST(EndOfSharingModel, OfThreadsThatFreeABlockMeanwhileOneDoes)
+{
+    for (bool const shares : {false, true})
+        for (bool const takes : {false, true}) {
+            auto const result = CheckEndOfSharing({.visitorShares = shares, .visitorTakes = takes});
+            EXPECT_EQ(result.error, "") << shares << takes;
+            EXPECT_GE(result.ends, 1u);
+        }
+}
+
+TEST(EndOfSharingModel, TheCheckerNoticesOneWhoDoesNotLookForTheOthers)
+{
+    EXPECT_EQ(CheckEndOfSharing({.reviewerLooks = false}).error, "the block is freed twice");
+}
+
+TEST(EndOfSharingModel, TheCheckerNoticesOneWhoDoesNotAskAgain)
+{
+    EXPECT_EQ(CheckEndOfSharing({.reviewerAsks = false, .visitorTakes = false}).error, "the block is freed twice");
+}
+
+TEST(HeapLane, LooksAfterManyRecordsOfSharedLanesWhetherItHasToBeShared)
+{
+    auto const lane = std::make_unique<CHeapLane>();
+    lane->SetNumber(3);
+    u32 const own = lane->GetMark();
+    u32 const other = CBlockRecord::GetMark(4);
+    auto const countRecords = [&] {
+        u32 count = 0;
+        for (; lane->CountShared(other); ++count)
+            EXPECT_FALSE(lane->IsReviewDue() && count == 0);
+        EXPECT_TRUE(lane->IsReviewDue());
+        EXPECT_FALSE(lane->CountShared(own)) << "until there was a review";
+        return count;
+    };
+    EXPECT_FALSE(lane->HasSeen(other));
+    EXPECT_EQ(countRecords(), 65536u);
+    EXPECT_TRUE(lane->HasSeen(other));
+    EXPECT_FALSE(lane->HasSeen(own)) << "it was not counted";
+    lane->PutOffReview();
+    EXPECT_EQ(countRecords(), 65536u) << "it is not shared";
+    EXPECT_FALSE(lane->IsShared());
+    lane->Share();
+    EXPECT_TRUE(lane->IsShared());
+    for (u32 next : {1u << 16, 1u << 17, 1u << 18, 1u << 19, 1u << 20, 1u << 21, 1u << 22, 1u << 22}) {
+        lane->PutOffReview();
+        EXPECT_EQ(countRecords(), next);
+    }
+    lane->Forget(other);
+    EXPECT_FALSE(lane->HasSeen(other));
+    lane->HastenReview();
+    EXPECT_EQ(countRecords(), 1024u);
+    lane->Forget(other);
+    lane->PutOffReview();
+    EXPECT_TRUE(lane->CountShared(own));
+    EXPECT_TRUE(lane->HasSeen(own));
+    EXPECT_FALSE(lane->HasSeen(other));
+    lane->Unshare();
+    EXPECT_TRUE(lane->Owns(lane->MakeRecord(64)));
+}
+
 // ---- The record store ----
 
 // Whoever finds none calls them in from all lanes: with the last ones in few hands, lanes did that to each other at

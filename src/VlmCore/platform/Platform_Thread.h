@@ -65,10 +65,10 @@ void JoinThread(void* handle);
 /// called again and again.
 [[nodiscard]] bool CanSynchronizeThreads();
 
-/// A full memory barrier in the thread with the key (see Platform_ThreadKey.h) and in this one: what that one stored
+/// A full memory barrier in the thread with the id and in this one: what that one stored
 /// before is visible here afterwards, and what was stored here before is visible to all that it loads afterwards. The
 /// thread may have ended. Takes microseconds.
-void SynchronizeThread(u64 threadKey);
+void SynchronizeThread(u32 threadId);
 
 /// False when no thread of the process has the id (see Thread::GetId) any more; true also when that cannot be told. A
 /// few microseconds.

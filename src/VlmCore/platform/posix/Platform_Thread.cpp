@@ -1,6 +1,7 @@
 #include "../Platform_Thread.h"
 
 #include "../Platform_Fork.h"
+#include "Platform_ThreadKey.h"
 #include "Posix_CrashStack.h"
 #include "Posix_Fork.h"
 
@@ -24,11 +25,9 @@ namespace Velmor::Platform {
 
 // The calling thread
 
-namespace {
+constinit thread_local u32 g_threadId = 0;
 
-// The initial-exec model makes this one instruction also from a shared library; four bytes fit the loader's reserve
-// when the library is loaded late.
-[[gnu::tls_model("initial-exec")]] thread_local u32 g_threadId = 0;
+namespace {
 
 constexpr i32 NicePerPriority = 5;
 constexpr i32 LowestNice = -20;
@@ -210,7 +209,7 @@ bool CanSynchronizeThreads()
 }
 
 // In every thread of the process that is running: there is none for a single one.
-void SynchronizeThread(u64)
+void SynchronizeThread(u32)
 {
     static_cast<void>(::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0));
 }

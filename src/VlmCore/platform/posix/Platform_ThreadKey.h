@@ -6,13 +6,17 @@
 
 namespace Velmor::Platform {
 
-/// A number that no other thread of the process has while this one runs, never 0: the address of its control block.
-[[nodiscard]] inline u64 GetThreadKey()
+/// For GetThreadKey and GetThreadId alone. The initial-exec model makes it one instruction also from a shared library;
+/// four bytes fit the loader's reserve when the library is loaded late.
+[[gnu::tls_model("initial-exec")]] extern constinit thread_local u32 g_threadId;
+
+/// The calling thread's id (see GetThreadId), or 0 when it never asked for that.
+[[nodiscard]] inline u32 GetThreadKey()
 {
-    return reinterpret_cast<u64>(__builtin_thread_pointer());
+    return g_threadId;
 }
 
-/// The low bits that do not tell keys apart.
-inline constexpr u32 ThreadKeyShift = 12;
+/// The low bits that do not tell ids apart.
+inline constexpr u32 ThreadKeyShift = 0;
 
 } // namespace Velmor::Platform

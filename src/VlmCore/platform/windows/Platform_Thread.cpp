@@ -223,14 +223,13 @@ HANDLE OpenForInterruption(DWORD threadId)
 
 } // namespace
 
-void SynchronizeThread(u64 threadKey)
+void SynchronizeThread(u32 threadId)
 {
     if (!IsWine()) {
         ::FlushProcessWriteBuffers();
         return;
     }
     std::atomic_thread_fence(std::memory_order_seq_cst);
-    DWORD const threadId = static_cast<DWORD>(threadKey);
     if (threadId == ::GetCurrentThreadId())
         return;
     if (HANDLE const thread = OpenForInterruption(threadId)) {

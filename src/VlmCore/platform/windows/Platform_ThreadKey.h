@@ -10,20 +10,20 @@
 
 namespace Velmor::Platform {
 
-/// A number that no other thread of the process has while this one runs, never 0: its id, which its environment block
-/// holds at 0x48.
-[[nodiscard]] inline u64 GetThreadKey()
+/// The calling thread's id (see GetThreadId), which its environment block holds at 0x48. In other rooms 0 when it never
+/// asked for that.
+[[nodiscard]] inline u32 GetThreadKey()
 {
 #if defined(_MSC_VER)
-    return __readgsqword(0x48);
+    return __readgsdword(0x48);
 #else
-    u64 key;
-    __asm__("movq %%gs:0x48, %0" : "=r"(key));
+    u32 key;
+    __asm__("movl %%gs:0x48, %0" : "=r"(key));
     return key;
 #endif
 }
 
-/// The low bits that do not tell keys apart.
+/// The low bits that do not tell ids apart.
 inline constexpr u32 ThreadKeyShift = 2;
 
 } // namespace Velmor::Platform
