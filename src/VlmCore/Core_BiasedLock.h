@@ -151,8 +151,8 @@ private:
     static constexpr u32 MostOwnersAgain = 4; // after a while without one
     static constexpr u32 FirstShare = 4096;
     static constexpr u32 LongShare = FirstShare << 4;
-    static constexpr u32 VisitsOfOneAlone = 1u
-                                            << 17; // in a row: for longer than threads that take turns on a processor
+    // In a row, for longer than threads take turns on a processor.
+    static constexpr u32 VisitsOfOneAlone = 1u << 17;
     static constexpr u32 SlotBits = 3;
     static constexpr u32 SlotShift = 5; // bits in which threads that come to the same lock may be alike
 

@@ -2,6 +2,7 @@
 
 #include "Core_BlockAllocator.h"
 #include "Core_MemoryHeap.h"
+#include "platform/Platform_Fork.h"
 
 #include <bit>
 #include <iterator>
@@ -16,10 +17,10 @@ static_assert(CChunkTag::ClassCount == TBlockAllocator<0>::ClassCount);
 
 CHeapExtension::CHeapExtension()
 {
-    for (u32 number = 0; number < LaneCount; ++number)
+    for (u32 number = 0; number < std::size(m_lanes); ++number)
         m_lanes[number].SetNumber(number);
-    for (u32 place = 0; place < std::size(m_places); ++place)
-        m_places[place].store(static_cast<u8>(place % LaneCount), std::memory_order_relaxed);
+    for (std::atomic<u8>& place : m_places)
+        place.store(NoLane, std::memory_order_relaxed);
 }
 
 CHeapExtension* CHeapExtension::Create(SMemoryHooks const& hooks)
@@ -57,6 +58,8 @@ void CHeapExtension::AcquireLanes()
 
 void CHeapExtension::ReleaseLanes(EFork moment)
 {
+    if (moment == EFork::InCopy) // the thread has another id there, but its blocks are still those of its lane
+        SetLane(Platform::AskThreadId(), GetHome(GetLane(Thread::GetId())));
     for (CHeapLane& lane : m_lanes) {
         if (moment == EFork::InCopy)
             lane.lock.ForgetThreads();
@@ -185,43 +188,51 @@ bool CHeapExtension::ForgetVisits(CHeapLane const& lane)
 
 // ---- Lanes ----
 
-// A thread whose lane another one has goes to a vacant one. When there is none, the two take turns for a while; if they
-// do so too often, it tries a lane whose owner may have nothing to do. Two that have the same place cannot part.
+// A thread gets the first vacant lane: so it goes on with the free blocks and the chunks of one that has ended. If
+// another one has its lane, it goes to a vacant one as well. When there is none, the two take turns for a while; if
+// they do so too often, it tries a lane whose owner may have nothing to do. Two that have the same place cannot part.
 auto CHeapExtension::EnterLane(u32 threadId) -> SEntered
 {
-    auto const isApart = [=](u32 other) { return Impl::GetThreadPlace(other) != Impl::GetThreadPlace(threadId); };
+    u32 const place = Impl::GetThreadPlace(threadId);
+    auto const isApart = [=](u32 other) { return Impl::GetThreadPlace(other) != place; };
+    auto const moveToVacant = [=, this] {
+        return MoveToLane(threadId, 0, 1, [=](CHeapLane& lane) { return lane.lock.IsVacantFor(threadId); });
+    };
     for (;;) {
         CHeapLane& lane = GetLane(threadId);
+        if (GetHome(lane) == NoLane) {
+            if (!moveToVacant())
+                SetLane(threadId, place % LaneCount);
+            continue;
+        }
         if (lane.lock.TryAcquireAsOwner(threadId))
             return {lane, EBiasedHold::Owner};
         EBiasedHold hold = EBiasedHold::Guest;
         if (u32 const owner = lane.lock.AcquireUnlessOwned(threadId); owner != CBiasedLock::NoThread) {
-            auto const isVacant = [=](CHeapLane& other) { return other.lock.IsVacantFor(threadId); };
-            if (isApart(owner) && MoveToLane(lane, threadId, isVacant))
+            if (isApart(owner) && moveToVacant())
                 continue;
             hold = lane.lock.Acquire(threadId);
         }
-        if (hold == EBiasedHold::Guest)
-            if (u32 const rival = lane.lock.GetRival(); rival != CBiasedLock::NoThread && isApart(rival))
-                if (MoveToLane(lane, threadId, [](CHeapLane& other) { return other.lock.HasOwner(); }))
-                    lane.lock.RestoreOwners();
+        if (u32 const rival = hold == EBiasedHold::Guest ? lane.lock.GetRival() : CBiasedLock::NoThread;
+            rival != CBiasedLock::NoThread && isApart(rival)) {
+            u32 const stride = place | 1; // odd: all lanes, in another order for other threads
+            if (MoveToLane(threadId, GetHome(lane) + stride, stride,
+                           [&](CHeapLane& other) { return &other != &lane && other.lock.HasOwner(); }))
+                lane.lock.RestoreOwners();
+        }
         return {lane, hold};
     }
 }
 
-// The thread goes to another lane from its next visit on, if there is one that suits it.
+// The thread has the first lane that suits it from its next visit on; false when none does.
 template <class Suits>
-bool CHeapExtension::MoveToLane(CHeapLane const& from, u32 threadId, Suits&& suits)
+bool CHeapExtension::MoveToLane(u32 threadId, u32 first, u32 stride, Suits&& suits)
 {
-    u32 const stride = Impl::GetThreadPlace(threadId) | 1; // odd: all lanes, in another order for other threads
-    u32 number = GetHome(from);
-    for (u32 step = 1; step < LaneCount; ++step) {
-        number = (number + stride) % LaneCount;
-        if (suits(m_lanes[number])) {
+    for (u32 step = 0; step < LaneCount; ++step)
+        if (u32 const number = (first + step * stride) % LaneCount; suits(m_lanes[number])) {
             SetLane(threadId, number);
             return true;
         }
-    }
     return false;
 }
 
@@ -284,9 +295,7 @@ void CHeapExtension::ReturnCredits(CGlobalHeap& heap, CHeapLane& lane)
 
 void CHeapExtension::GiveBackCredit()
 {
-    CHeapLane& lane = GetLane(Thread::GetId());
-    CBiasedGuard const guard(lane.lock, lane.lock.AcquireAsGuest());
-    ++lane.credits;
+    UseLane([](CHeapLane& lane) { ++lane.credits; });
 }
 
 // With the lane's lock held, which it keeps on success: a block, and a credit for it. The lock is let go whenever other

@@ -529,6 +529,7 @@ private:
     static constexpr u32 CreditsAtOnce = 64;
     static constexpr u32 MostCredits = 2 * CreditsAtOnce; // in a lane, but for those of blocks
     static constexpr u64 SlabSize = 16384;
+    static constexpr u32 NoLane = LaneCount; // the number of that of the threads that have none yet
 
     struct SSlab {
         SSlab* next;
@@ -536,7 +537,7 @@ private:
 
     CHeapExtension();
 
-    // A thread that finds its lane taken gets another one, and those with it that have the same place.
+    // Of the threads with the same place: the empty one until one of them has asked for a lane.
     [[nodiscard]] CHeapLane& GetLane(u32 threadId)
     {
         return m_lanes[m_places[Impl::GetThreadPlace(threadId)].load(std::memory_order_relaxed)];
@@ -546,7 +547,7 @@ private:
         m_places[Impl::GetThreadPlace(threadId)].store(static_cast<u8>(number), std::memory_order_relaxed);
     }
     template <class Suits>
-    [[nodiscard]] bool MoveToLane(CHeapLane const& from, u32 threadId, Suits&& suits);
+    [[nodiscard]] bool MoveToLane(u32 threadId, u32 first, u32 stride, Suits&& suits);
 
     /// The calling thread's lane, with its lock held.
     struct SEntered {
@@ -604,7 +605,7 @@ private:
     [[nodiscard]] static bool MakeSlots(CGlobalHeap& heap, CHeapLane& lane, SBlockShape const& shape);
     [[nodiscard]] void* AllocateRecords(SMemoryHooks const& hooks, u32 blockBits, u64 byteCount);
 
-    CHeapLane m_lanes[LaneCount]; // first, for the same reason
+    CHeapLane m_lanes[LaneCount + 1]; // first, for the same reason; the last one stays empty
     CRecordTable m_table;
     void* m_memory = nullptr; // of this object, as the hook gave it
     SSlab* m_slabs = nullptr;

@@ -1,6 +1,7 @@
 // Copies of the process: what of the library goes on in a child that was forked while other threads were at work in it.
 #include "../TestHeap.h"
 #include "../support/Folders.h"
+#include "Core_MemoryModule.h"
 
 #include <vlmcore/vlmcore.h>
 
@@ -156,6 +157,22 @@ TEST(Fork, TheChildHasAWholeHeapWhateverOtherThreadsDidInIt)
         thread.join();
     EXPECT_EQ(well, 25);
     EXPECT_TRUE(UseHeap());
+}
+
+// It has another id there; its blocks are those of the lane that it had.
+TEST(Fork, TheChildsThreadKeepsItsLane)
+{
+    for (u32 count = 0; count < 5000; ++count) // a heap that is used a lot has lanes
+        Memory::Free(Memory::Malloc(64, EHeap::Pool));
+    auto const findLane = [] {
+        CHeapLane* found = nullptr;
+        g_heapModule.heap->GetExtension()->UseLane([&](CHeapLane& lane) { found = &lane; });
+        return found;
+    };
+    ASSERT_NE(g_heapModule.heap->GetExtension(), nullptr);
+    CHeapLane* const lane = findLane();
+    EXPECT_TRUE(RunInChild([&] { return findLane() == lane; }));
+    EXPECT_TRUE(RunInChild([&] { return RunInChild([&] { return findLane() == lane; }); }));
 }
 
 TEST(Fork, TheChildsThreadHasAnIdOfItsOwn)
