@@ -243,6 +243,19 @@ TEST(HeapLane, AllowsFewVisits)
     EXPECT_EQ(countVisits(), 4u);
 }
 
+// A thread of a model tries to free the block, of 64 bytes; true when it is the one that does.
+template <class Owns, class IsShared>
+bool TakeInModel(CModelChecker& checker, TModelAtomic<u16>& record, CModelNote& takers, Owns&& owns,
+                 IsShared&& isShared)
+{
+    CBlockRecord::Value taken = 0;
+    if (!Impl::TryTakeRecord(record, taken, owns, isShared))
+        return false;
+    checker.Require(CBlockRecord::GetSize(taken) == 64, "the record is another one");
+    checker.Require(takers.Add(1) == 1, "the block is freed twice");
+    return true;
+}
+
 struct SFreedAtOnce {
     bool visitorTakes = true; // or came for another block
     bool visitorWaits = true; // until the owner is outside
@@ -265,12 +278,7 @@ CModelChecker::SResult CheckFreedAtOnce(SFreedAtOnce const& rules)
     TModelAtomic<u32> isLaneShared{0};
     CModelNote takers;
     auto const take = [&](auto&& owns, auto&& isShared) {
-        CBlockRecord::Value taken = 0;
-        if (!Impl::TryTakeRecord(record, taken, owns, isShared))
-            return false;
-        checker.Require(CBlockRecord::GetSize(taken) == 64, "the record is another one");
-        checker.Require(takers.Add(1) == 1, "the block is freed twice");
-        return true;
+        return TakeInModel(checker, record, takers, owns, isShared);
     };
     auto const isShared = [&](CBlockRecord::Value seen) { return seen != 0 && isLaneShared.load() != 0; };
     checker.AddThread({[&] {
@@ -359,12 +367,7 @@ CModelChecker::SResult CheckEndOfSharing(SEndOfSharing const& rules)
     TModelAtomic<u32> isLaneShared{1};
     CModelNote takers;
     auto const take = [&](auto&& owns, auto&& isShared) {
-        CBlockRecord::Value taken = 0;
-        if (!Impl::TryTakeRecord(record, taken, owns, isShared))
-            return false;
-        checker.Require(CBlockRecord::GetSize(taken) == 64, "the record is another one");
-        checker.Require(takers.Add(1) == 1, "the block is freed twice");
-        return true;
+        return TakeInModel(checker, record, takers, owns, isShared);
     };
     auto const never = [](CBlockRecord::Value) { return false; };
     auto const acquire = [&](TModelAtomic<u32>& lock) {
