@@ -50,7 +50,7 @@ bool CBiasedLock::IsVacantFor(u32 threadId)
     return isVacant;
 }
 
-// By a guest.
+// By a guest; whether the owner that it displaced has ended, which is no sign of threads that take turns.
 void CBiasedLock::ChangeOwner(u32 threadId, bool isFormerGone)
 {
     m_rival = NoThread;

@@ -615,7 +615,7 @@ private:
     CChunkMap m_map;
     CFreeChunks m_freeChunks[CHeapLane::ClassCount];
     std::atomic<u64> m_sharedMarks{0}; // bits of lanes that are shared
-    CSpinLock m_collecting;            // one thread at a time has lanes' credits in its hands, or ends their sharing
+    CSpinLock m_collecting;            // one thread at a time has lanes' credits in its hands
     alignas(64) std::atomic<u8> m_places[1u << Impl::ThreadPlaceBits]; // the numbers of threads' lanes
 };
 
